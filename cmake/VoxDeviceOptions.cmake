@@ -1,0 +1,22 @@
+# What every target of this project is compiled with.
+add_library(voxdevice_options INTERFACE)
+target_compile_features(voxdevice_options INTERFACE cxx_std_20)
+set_target_properties(voxdevice_options PROPERTIES INTERFACE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+option(VOXDEVICE_WERROR "Treat warnings as errors" OFF)
+set(VOXDEVICE_SANITIZE "" CACHE STRING "Sanitizers, as in -fsanitize=")
+
+if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+  target_compile_options(voxdevice_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+  if(VOXDEVICE_WERROR)
+    target_compile_options(voxdevice_options INTERFACE -Werror)
+  endif()
+endif()
+
+# Sanitizers concern every object that is linked, also those of a subdirectory that forgets our options.
+if(VOXDEVICE_SANITIZE)
+  add_compile_options(-fsanitize=${VOXDEVICE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VOXDEVICE_SANITIZE})
+endif()

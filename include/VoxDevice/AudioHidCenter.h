@@ -1,0 +1,303 @@
+// CAudioHidCenter: every current model, over USB or Bluetooth LE, through one object.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VoxDevice/KzCheckDoubleClick.h"
+#include "VoxDevice/Shared.h"
+#include "VoxDevice/types.h"
+
+class CDeviceReader;
+class CLock;
+class CWorkerThread;
+struct CHidData;
+struct HidConnection;
+struct HidDeviceEntry;
+
+// One accepted vendor/product pair, spelled as in a HID interface path.
+struct LegalHidId {
+  std::string vid;
+  std::string pid;
+  MouseType type;
+};
+
+// What a HID interface path tells about its device.
+struct HidPathIdentity {
+  std::string vid;
+  std::string pid;
+  std::string instance;
+};
+
+// Construct one, register callbacks, call OpenDevice; at the end CloseDevice and Release.
+//
+// A device number is the hub's handle for one attached device: positive, and larger for a device opened later. As the
+// argument of a command, -1 addresses every live device. A device is live from its first answer until it sleeps or
+// goes away. Commands skip, silently, devices that are not live or whose firmware is being updated.
+//
+// Threads: any operation may be called from any thread, a callback included, unless it says otherwise. Callbacks run on
+// the device's own read thread unless said otherwise, so those of two devices may run at the same time; the library
+// holds no lock meanwhile. A callback should return soon: its device is not read until it does.
+class CAudioHidCenter {
+ public:
+  // data: signed 16-bit little-endian mono PCM, 16 kHz, valid during the call only; byteCount bytes of it.
+  // (null, 0) marks the end of a recording.
+  using AudioCallback = void (*)(const unsigned char* data, int byteCount, void* context);
+  // state: 1 or 2 as the device sent it, 0 for anything else.
+  using MouseConnectCallback = void (*)(int device, int state, void* context);
+  // operation: 3 the device has opened its voice channel, 2 it refused, 0 the channel is closed.
+  using VoiceOperateCallback = void (*)(int device, int operation, void* context);
+  // dpi: dots per inch; ok: the device has applied it.
+  using DpiSetCallback = void (*)(int device, int dpi, bool ok, void* context);
+  // stateWord1 carries the DPI and stateByte the power level of the models known so far.
+  using MouseStateCallback = void (*)(int device, MouseType model, DataChannel link, int stateWord0, int stateWord1,
+                                      int stateByte, void* context);
+  using DongleStateCallback = void (*)(int device, MouseType model, DataChannel link, int dongleWord, bool dongleFlag,
+                                       void* context);
+  // level: 0 to 255 as the device sent it.
+  using PowerReportCallback = void (*)(int device, int level, void* context);
+  using DownloadUrlCallback = void (*)(int device, bool ok, void* context);
+  using FwOtaResultCallbackFn = void (*)(int device, DataChannel link, FwUpdateState state, void* context);
+
+  // Takes the double-click preferences, once.
+  CAudioHidCenter();
+  // Neither stops threads nor sends anything: Release does. A thread that is still there is ended.
+  virtual ~CAudioHidCenter();
+  // Copies share the readers of the original.
+  CAudioHidCenter(const CAudioHidCenter& other);
+  CAudioHidCenter& operator=(const CAudioHidCenter& other);
+
+  // The instance constructed last; null before there is one.
+  static CAudioHidCenter* Instance() noexcept { return s_pHidDeviceCenter; }
+
+  // ---- Lifecycle: one client thread ----
+  // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null.
+  void OpenDevice(void* audioCallback, void* audioContext);
+  // Stops discovery and reading. No callback runs any more when it returns, unless it was called from one, or one did
+  // not return within 0.3 s and was ended by force.
+  void CloseDevice();
+  // Sends AppExit to every live device, ends every thread, closes every handle and forgets every device. On a reader's
+  // own thread (in a callback) it leaves that one thread to end after the callback; what it uses goes with the hub.
+  void Release();
+  // Deliberately the shipped rule: true when discovery has ended and some reader thread still runs.
+  bool ThreadIsClosed();
+
+  // ---- Queries ----
+  bool IsConnect() const { return anyDeviceConnected; }
+  // The live device opened last, -1 when there is none.
+  int GetEffectiveDevice();
+  // 0 when no live device has exactly this number (-1 matches nothing); also below.
+  MouseType GetHidMouseType(int device);
+  DataChannel GetDeviceConnectMode(int device);
+  // The M key's function as the device last reported it; 0 also unless `which` is 1.
+  MouseMKeyType GetMKeyType_Key1(int device, int which);
+  MouseMKeyType GetMKeyType_Key2(int device, int which);
+  // Live devices and their names, in the order in which they were first seen.
+  void GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names);
+  static std::wstring GetHidName(MouseType model);
+  // Whether a sound-recording device, by its display name, belongs to a live device; makes that the work device (or
+  // none). Deliberately there is no test for a Heron Plus: its name finds a Heron.
+  bool RecordDeviceIsHidDevice(std::wstring recordingDeviceName);
+  // Whether the work device is a Wren. Forgets an unread short press of the right key unless it is a Tern.
+  bool WorkHidIsWren();
+
+  // ---- The work device: the one that records ----
+  void ChooseWorkHidDevice(int device) { workDevice = device; }
+
+  // ---- Commands ----
+  // Answered through MouseState.
+  void GetMouseState(int device);
+  // Answered through DongleState.
+  void GetDongleState(int device);
+  // dpi in dots per inch; answered through DpiSet.
+  void SetDpi(int device, short dpi);
+  // url: `length` characters, replaced in place by the codes that are sent (a to z, A to Z, 0 to 9, - = . /; any other
+  // character, the colon too, ends the operation with nothing sent). Answered through DownloadUrl.
+  void SetDownloadURL(int device, unsigned char* url, int length);
+  // Answered through VoxMessageSink::MKeyTypeSet.
+  void getMKeyTypeList_Key1(int device);
+  // No model has a list for key 2: sends nothing.
+  void getMKeyTypeList_Key2(int device);
+  // Blocks up to 2.5 s for each addressed device. The status of the last one; 1 when none was addressed.
+  SetMKeyTypeStatus setMKeyType_Key1(int device, MouseMKeyType type);
+  // Deliberately sends nothing: 5 when a live device was addressed, else 1.
+  SetMKeyTypeStatus setMKeyType_Key2(int device, MouseMKeyType type);
+  // Opens the work device's voice channel: true when it confirms within a second. Blocks meanwhile; in a callback of
+  // that same device it can only time out.
+  bool OpenHidRecord();
+  // Closes the work device's voice channel (every live device's when there is no work device), delivers the rest of
+  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second.
+  bool CloseHidRecord();
+  // Firmware update: not built yet, does nothing.
+  void StartOTA(int device, FwUpdateType type, std::string firstPath, std::string secondPath);
+
+  // ---- Keys: polled by the client; each getter makes the device that last pressed its button the work device ----
+  VoxButtonState GetButtonState_Left();
+  VoxButtonState GetButtonState_Right();
+  VoxButtonState GetButtonState_Key1();
+  VoxButtonState GetButtonState_Key2();
+  // True once for each completed press of the left key. One polling thread.
+  bool LeftKeyDown_Up();
+  // True once after a Tern reported a short press of its right key.
+  bool Tern_IsShortPress_R();
+  VoxClickMode GetClickMode_L() const { return DoubleClick.GetClickMode(); }
+
+  // ---- Callbacks: a function of the type of that name above, or null, and the context it gets as last argument.
+  // At any time, from any thread. ----
+  void SetCallback_MouseConnect(void* function, void* context);
+  void SetCallback_VoiceOperate(void* function, void* context);
+  void SetCallback_DpiSet(void* function, void* context);
+  void SetCallback_MouseState(void* function, void* context);
+  void SetCallback_DongleState(void* function, void* context);
+  void SetCallback_PowerReport(void* function, void* context);
+  void SetCallback_DownloadUrl(void* function, void* context);
+  // Must be registered before StartOTA.
+  void SetCallback_FwOtaResult(void* function, void* context);
+
+  // ---- HID interface paths, also used for older devices ----
+  // The present HID interfaces, in the system's order.
+  static void EnumerateHidInterfaces(std::vector<std::wstring>& paths);
+  // Path of the form ...hid#vid_0d8c&pid_0137...#instance#...; false, with `identity` untouched, for any other.
+  static bool ParseUsbHidPath(const std::string& path, HidPathIdentity& identity);
+  // Path of the form ...hid#{...}_dev_vid&02248a_pid&8266_...#instance#...
+  static bool ParseBluetoothHidPath(const std::string& path, HidPathIdentity& identity);
+
+  // What the readers hold: each casts its last argument to the hub and calls the member On... .
+  static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                      int reportLength, void* hub);
+  static void HidDeviceDisconnect(int device, void* hub);
+  static void FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub);
+
+ private:
+  struct Detection;
+
+  // Lifecycle.
+  static unsigned ThreadDeviceDetectionProc(void* detection);
+  void OnThreadDeviceDetectionProc(CWorkerThread& thread);
+  template <class Visit>
+  void ForEachRow(Visit visit);
+  // Every live row that a command with this number addresses.
+  template <class Visit>
+  void ForEachAddressed(int device, Visit visit);
+  CDeviceReader* FindLive(int device);
+  int GetEffectiveDevice(MouseType model);
+  bool CheckDeviceConnect();
+  void ClearTable();
+  void CopyFrom(const CAudioHidCenter& other);
+  void AppendRow(std::unique_ptr<HidDeviceEntry> row);
+
+  // Commands.
+  void SendToReady(int device, std::uint8_t command);
+  void AppOpen(int device);
+  void AppExit(int device);
+
+  // Models and discovery.
+  void InitLegalPid_Vid();
+  MouseType FindLegalId(const HidPathIdentity& identity) const;
+  void OpenHidDevice(const std::vector<std::wstring>& paths);
+  void OpenHidInterface(const std::wstring& path);
+  void ConnectReader(MouseType model, const std::string& path, HidConnection& connection);
+  bool PathIsKnown(const std::string& path);
+  void UpdateConnected();
+  void AddBadDevice(std::string path);
+  void OnHidDeviceDisconnect(int device);
+  void OnFwOtaResultCallback(int device, DataChannel link, FwUpdateState state);
+
+  // Replies.
+  void OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                 int reportLength);
+  void OnProcDeviceConnectReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcVoiceOpenReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcVoiceStopReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDpiReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcMouseStateReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDongleStateReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcMouseSNReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDevicePowerReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDownloadUrlReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcMouseKeyReply(int device, MouseType model, CHidData& reply);
+
+  // Keys.
+  struct KeyRule;
+  void OnKeyReply_Tern(int device, CHidData& reply);
+  void OnKeyReply_Wren(int device, CHidData& reply);
+  void OnKeyReply_Finch(int device, CHidData& reply);
+  void OnKeyReply_Robin(int device, CHidData& reply);
+  void OnKeyReply_Heron(int device, CHidData& reply);
+  void OnKeyReply_Egret(int device, CHidData& reply);
+  void OnKeyReply_Heron_Plus(int device, CHidData& reply);
+  // Deliberately reachable from nowhere: a Swift's key replies are ignored.
+  void OnKeyReply_Swift(int device, CHidData& reply);
+  void OnKeyReply(int device, const CHidData& reply, const KeyRule* rules, std::size_t count);
+  bool AllKeyUp() const;
+  void InitButtonState();
+  void LeftPress(int device);
+  void LeftRelease(int device);
+  void RightPress(int device);
+  void RightRelease(int device);
+  void Key1Release(int device);
+  void SwiftKey1Press(int device);
+  void OpenNavigationKey(int device);
+  void ScreenshotKey(int device);
+  void TernDoubleClick(int device);
+  void TernShortPressRight(int device);
+  void TernI(int device);
+  void TernZ(int device);
+  void TernReleaseAll(int device);
+
+  // Audio.
+  struct AudioChunk;
+  void OnProcAudioData_Tern(int device, CHidData& reply);
+  void OnProcAudioData_Wren(int device, CHidData& reply);
+  void ResetHidAudio();
+  void AppendAudio(const unsigned char* data, int byteCount, AudioChunk& full);
+  void TakeAudio(AudioChunk& chunk);
+  void FlushHidAudio();
+  void UnloadAscDecoder();
+
+  Shared<bool> anyDeviceConnected{false};
+  // The discovery thread started last, null before; earlier ones may still be ending.
+  std::atomic<CWorkerThread*> detectionThread{nullptr};
+  std::list<Detection> detections;
+  Shared<bool> passRunning{false};
+  Shared<bool> stopDetection{false};
+  int lastDeviceNumber = 0;  // the discovery thread's
+  // The device table: rows are appended by the discovery thread and never unlinked while a thread runs.
+  std::atomic<HidDeviceEntry*> devices{nullptr};
+  std::vector<std::shared_ptr<CDeviceReader>> retired;  // released on one of their own threads
+  std::vector<LegalHidId> legalIds;
+  // audioLock guards the staging buffer and the process-wide decoders; never held while a callback runs.
+  std::unique_ptr<CLock> audioLock;
+  int audioBytes = 0;
+  std::array<unsigned char, 5096> audioBuffer{};
+  KzCheckDoubleClick DoubleClick;
+  Shared<VoxButtonState> ButtonState_Left{ButtonUp};
+  Shared<VoxButtonState> LastState_Left{ButtonUp};
+  Shared<VoxButtonState> ButtonState_Right{ButtonUp};
+  Shared<bool> ShortPress_R{false};
+  Shared<VoxButtonState> ButtonState_Key1{ButtonUp};
+  Shared<VoxButtonState> ButtonState_Key2{ButtonUp};
+  // The device that last pressed the button; kept when it is released.
+  Shared<int> ButtonHid_Left{-1};
+  Shared<int> ButtonHid_Right{-1};
+  Shared<int> ButtonHid_Key1{-1};
+  Shared<int> ButtonHid_Key2{-1};
+  Shared<int> workDevice{-1};
+  CallbackSlot<AudioCallback> audioCallback;
+  CallbackSlot<MouseConnectCallback> mouseConnectCallback;
+  CallbackSlot<VoiceOperateCallback> voiceOperateCallback;
+  CallbackSlot<DpiSetCallback> dpiSetCallback;
+  CallbackSlot<MouseStateCallback> mouseStateCallback;
+  CallbackSlot<DongleStateCallback> dongleStateCallback;
+  CallbackSlot<PowerReportCallback> powerReportCallback;
+  CallbackSlot<DownloadUrlCallback> downloadUrlCallback;
+  CallbackSlot<FwOtaResultCallbackFn> fwOtaResultCallback;
+
+  static inline std::atomic<CAudioHidCenter*> s_pHidDeviceCenter{nullptr};
+};

@@ -1,0 +1,8 @@
+// Everything a client includes.
+#pragma once
+
+#include "VoxDevice/AudioHidCenter.h"
+#include "VoxDevice/KzCheckDoubleClick.h"
+#include "VoxDevice/VoxCommon.h"
+#include "VoxDevice/VoxNet.h"
+#include "VoxDevice/types.h"

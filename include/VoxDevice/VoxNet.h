@@ -1,0 +1,23 @@
+// The registry of the device's identity, which the library fills and the client reads.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+// Every operation may be called from any thread.
+class CVoxDeviceInfo {
+ public:
+  static CVoxDeviceInfo* Instance();
+
+  bool BluetoothIdIsEmpty() const;
+  std::wstring GetBluetoothID() const;
+  std::wstring GetBluetoothName() const;
+  void SetBluetoothID(const wchar_t* id);
+  void SetBluetoothName(const wchar_t* name);
+  void ClearBluetooth();
+
+ private:
+  mutable std::mutex mutex_;
+  std::wstring bluetoothId_;
+  std::wstring bluetoothName_;
+};

@@ -1,0 +1,64 @@
+#include "sim/Device.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "sim/Machine.h"
+
+namespace sim {
+namespace {
+
+constexpr std::size_t kReportsKept = 32;
+constexpr const char* kHidInterfaceClass = "{4d1e55b2-f16f-11cf-88cb-001111000030}";
+
+std::wstring widen(const std::string& text) { return {text.begin(), text.end()}; }
+
+}  // namespace
+
+HidDevice::HidDevice(std::wstring path, std::uint16_t vendorId, std::uint16_t productId, std::uint16_t input,
+                     std::uint16_t output)
+    : inputLength(input), outputLength(output), vendor(vendorId), product(productId), path_(std::move(path)) {}
+
+void HidDevice::sendInput(std::span<const std::uint8_t> report) {
+  if (!machine_) return;
+  Bytes padded(report.begin(), report.end());
+  padded.resize(inputLength);
+  for (HidOpen* handle : handles_) {
+    if (handle->reports.size() == kReportsKept) handle->reports.pop_front();
+    handle->reports.push_back(padded);
+    machine_->kernel().changed(*handle);
+  }
+}
+
+void HidDevice::after(Time delay, std::function<void()> action) {
+  if (!machine_) return;
+  machine_->kernel().after(delay, [weak = weak_from_this(), plug = plugCount_, action = std::move(action)] {
+    const auto self = weak.lock();
+    if (self && self->machine_ && self->plugCount_ == plug) action();
+  });
+}
+
+HidOpen::HidOpen(std::shared_ptr<HidDevice> opened) : device(std::move(opened)) { device->handles_.push_back(this); }
+
+HidOpen::~HidOpen() { std::erase(device->handles_, this); }
+
+void HidOpen::handleClosed(Kernel& kernel) {
+  std::erase(device->handles_, this);
+  gone = true;
+  reports.clear();
+  kernel.changed(*this);
+}
+
+std::wstring usbHidPath(const std::string& vendor, const std::string& product, const std::string& instance,
+                        int interfaceNumber) {
+  std::string path = "\\\\?\\hid#vid_" + vendor + "&pid_" + product;
+  if (interfaceNumber >= 0) path += "&mi_0" + std::to_string(interfaceNumber);
+  return widen(path + "#" + instance + "#" + kHidInterfaceClass);
+}
+
+std::wstring bleHidPath(const std::string& vendor, const std::string& product, const std::string& instance) {
+  return widen("\\\\?\\hid#{00001812-0000-1000-8000-00805f9b34fb}_dev_vid&" + vendor + "_pid&" + product +
+               "_rev&0001_aabbccddeeff#" + instance + "#" + kHidInterfaceClass);
+}
+
+}  // namespace sim

@@ -1,0 +1,106 @@
+// Virtual hardware: one HID interface as the operating system sees it. Its firmware is a derived class.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "sim/Kernel.h"
+
+namespace sim {
+
+class HidBus;
+class HidOpen;
+class Machine;
+
+using Bytes = std::vector<std::uint8_t>;
+
+// What can go wrong with an interface below its firmware.
+struct HidFaults {
+  // Asked at every CreateFileW with the number of opens so far (from 0); true refuses it.
+  std::function<bool(int)> refuseOpen;
+  bool noAttributes = false;    // HidD_GetAttributes fails
+  bool noPreparsedData = false;  // HidD_GetPreparsedData fails
+  bool noCaps = false;          // HidP_GetCaps fails
+  bool failWrites = false;
+  bool hangWrites = false;      // a write never comes back
+  Time writeTime{0};            // how long a write takes
+  std::size_t shortRead = 0;    // a read brings at most so many bytes (0: whole reports)
+};
+
+class HidDevice : public std::enable_shared_from_this<HidDevice> {
+ public:
+  // path: the interface path as Windows spells it. Report lengths in bytes, with the report id.
+  HidDevice(std::wstring path, std::uint16_t vendor, std::uint16_t product, std::uint16_t inputLength = 64,
+            std::uint16_t outputLength = 64);
+  virtual ~HidDevice() = default;
+  HidDevice(const HidDevice&) = delete;
+  HidDevice& operator=(const HidDevice&) = delete;
+
+  const std::wstring& path() const { return path_; }
+  bool plugged() const { return machine_ != nullptr; }
+
+  HidFaults faults;
+  std::uint16_t inputLength;
+  std::uint16_t outputLength;
+  const std::uint16_t vendor;
+  const std::uint16_t product;
+
+ protected:
+  // With the machine's lock held. The host has written an output report.
+  virtual void onOutput(std::span<const std::uint8_t> report) = 0;
+  virtual void onPlugged() {}
+  virtual void onUnplugged() {}
+
+  // With the machine's lock held. Sends one input report to every open handle, padded with zeros.
+  void sendInput(std::span<const std::uint8_t> report);
+  // Runs `action` when `delay` has passed, unless the device has been pulled out by then.
+  void after(Time delay, std::function<void()> action);
+  Machine& machine() { return *machine_; }
+
+ private:
+  friend class HidBus;
+  friend class HidOpen;
+  const std::wstring path_;
+  Machine* machine_ = nullptr;  // while plugged in
+  unsigned plugCount_ = 0;
+  int opens_ = 0;
+  std::vector<HidOpen*> handles_;
+};
+
+// An open handle to a HID interface. The class driver keeps the last 32 input reports for each.
+class HidOpen final : public Object {
+ public:
+  explicit HidOpen(std::shared_ptr<HidDevice> device);
+  ~HidOpen() override;
+  bool signalled(const Thread&) const override { return gone || !reports.empty(); }
+  void handleClosed(Kernel& kernel) override;
+  const char* kind() const override { return "HID report"; }
+
+  const std::shared_ptr<HidDevice> device;
+  std::deque<Bytes> reports;
+  bool gone = false;  // pulled out, or closed while somebody reads
+};
+
+// An interface that is on the bus and does nothing: somebody else's keyboard, or a collection without our protocol.
+class SilentHidDevice : public HidDevice {
+ public:
+  using HidDevice::HidDevice;
+
+ protected:
+  void onOutput(std::span<const std::uint8_t>) override {}
+};
+
+// Interface paths as Windows spells them (the last segment is the HID interface class).
+// vendor and product in lower-case hexadecimal digits; instance must be unique on the machine.
+std::wstring usbHidPath(const std::string& vendor, const std::string& product, const std::string& instance,
+                        int interfaceNumber = -1);
+// vendor with its two-digit source in front, as "02248a".
+std::wstring bleHidPath(const std::string& vendor, const std::string& product, const std::string& instance);
+
+}  // namespace sim

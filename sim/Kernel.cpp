@@ -1,0 +1,387 @@
+#include "sim/Kernel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace sim {
+namespace {
+
+std::atomic<std::uint64_t> kernels{0};
+
+// The simulated thread that an operating-system thread stands for, in the machine of that generation.
+struct Standing {
+  std::uint64_t generation = 0;
+  Thread* thread = nullptr;
+};
+thread_local Standing standing;
+
+// A run that has simulated this long has lost its way.
+constexpr Time kLongestRun = std::chrono::hours(24 * 60);
+
+}  // namespace
+
+void Event::set(Kernel& kernel) {
+  set_ = true;
+  kernel.changed(*this);
+}
+
+Mutex::~Mutex() {
+  if (owner_) std::erase(owner_->owned, this);
+}
+
+void Mutex::acquired(Thread& by) {
+  owner_ = &by;
+  if (depth_++ == 0) by.owned.push_back(this);
+}
+
+bool Mutex::release(Kernel& kernel, const Thread& by) {
+  if (owner_ != &by) return false;
+  if (--depth_ == 0) {
+    std::erase(owner_->owned, this);
+    owner_ = nullptr;
+    kernel.changed(*this);
+  }
+  return true;
+}
+
+Kernel::Kernel(Clock clock, std::uint64_t seed, DWORD firstTick)
+    : clock_(clock),
+      shuffled_(seed != 0 && clock == Clock::virtualTime),
+      firstTick_(firstTick),
+      generation_(++kernels),
+      random_(seed) {
+  main_ = std::make_shared<Thread>();
+  main_->id = nextThreadId_;
+  main_->foreign = true;
+  main_->state = Thread::State::running;
+  threads_.push_back(main_);
+  standing = {generation_, main_.get()};
+  current_ = main_.get();
+  if (virtualTime()) {
+    main_->fiber = std::make_unique<Fiber>();
+  } else {
+    timeline_ = std::thread([this] { runTimeline(); });
+  }
+}
+
+Kernel::~Kernel() { switchOff(); }
+
+void Kernel::switchOff() {
+  {
+    Lock lock(mutex_);
+    for (const auto& thread : std::list(threads_)) {
+      if (!thread->foreign && thread->state != Thread::State::ended) terminate(lock, *thread);
+    }
+    timelineStops_ = true;
+    timelineWake_.notify_all();
+  }
+  if (timeline_.joinable()) timeline_.join();
+  for (const auto& thread : threads_) {
+    if (thread->osThread.joinable()) thread->osThread.join();
+  }
+}
+
+Time Kernel::now() const {
+  if (virtualTime()) return virtualNow_;
+  return std::chrono::duration_cast<Time>(std::chrono::steady_clock::now() - started_);
+}
+
+Kernel::Lock Kernel::enter() {
+  Lock lock(mutex_);
+  Thread& me = self();
+  if (me.killed) endSelf(me);
+  if (shuffled_ && random_() % 4 == 0 && !ready_.empty()) {
+    ready(me);
+    switchAway(me);
+  }
+  return lock;
+}
+
+Thread& Kernel::self() {
+  if (virtualTime()) return *current_;
+  if (standing.generation != generation_) {
+    auto thread = std::make_shared<Thread>();
+    thread->id = nextThreadId_ += 4;
+    thread->foreign = true;
+    thread->state = Thread::State::running;
+    threads_.push_back(thread);
+    standing = {generation_, thread.get()};
+  }
+  return *standing.thread;
+}
+
+std::shared_ptr<Thread> Kernel::createThread(std::function<void()> entry, bool suspended) {
+  reap();
+  auto thread = std::make_shared<Thread>();
+  thread->id = nextThreadId_ += 4;
+  thread->entry = std::move(entry);
+  threads_.push_back(thread);
+  if (!suspended) resume(*thread);
+  return thread;
+}
+
+void Kernel::resume(Thread& thread) {
+  if (thread.state != Thread::State::suspended) return;
+  ready(thread);
+  if (!virtualTime()) thread.osThread = std::thread([this, &thread] { osThreadMain(thread); });
+}
+
+void Kernel::terminate(Lock& lock, Thread& thread) {
+  (void)lock;
+  if (thread.state == Thread::State::ended) return;
+  if (&thread == &self()) endSelf(thread);
+  if (virtualTime() || thread.state == Thread::State::suspended) {
+    cancelWait(thread);
+    std::erase(ready_, &thread);
+    finish(thread);
+    return;
+  }
+  thread.killed = true;
+  if (thread.state == Thread::State::waiting) wakeUp(thread, -1);
+}
+
+int Kernel::waitAny(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit) {
+  ++waits_;
+  Thread& me = self();
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    if (objects[i]->signalled(me)) {
+      objects[i]->acquired(me);
+      return static_cast<int>(i);
+    }
+  }
+  if (limit && limit->count() <= 0 && !(objects.empty() && virtualTime())) return -1;
+  me.waitsFor.assign(objects.begin(), objects.end());
+  for (Object* object : objects) object->waiters_.push_back(&me);
+  suspendSelf(lock, me, limit ? std::optional(now() + *limit) : std::nullopt);
+  if (me.killed) endSelf(me);
+  return me.wokenBy;
+}
+
+void Kernel::suspendSelf(Lock& lock, Thread& me, std::optional<Time> until) {
+  me.state = Thread::State::waiting;
+  if (virtualTime()) {
+    if (until) me.timer = addTimer(*until, {.thread = &me, .action = {}});
+    switchAway(me);
+    return;
+  }
+  const auto awake = [&me] { return me.state != Thread::State::waiting; };
+  if (!until) {
+    me.wake.wait(lock, awake);
+  } else if (!me.wake.wait_until(lock, started_ + *until, awake)) {
+    cancelWait(me);
+    me.wokenBy = -1;
+  }
+  me.state = Thread::State::running;
+}
+
+void Kernel::changed(Object& object) {
+  for (bool again = true; again;) {
+    again = false;
+    for (Thread* waiter : object.waiters_) {
+      if (!object.signalled(*waiter)) continue;
+      object.acquired(*waiter);
+      const auto which = std::find(waiter->waitsFor.begin(), waiter->waitsFor.end(), &object);
+      wakeUp(*waiter, static_cast<int>(which - waiter->waitsFor.begin()));
+      again = true;  // the list of waiters has changed
+      break;
+    }
+  }
+}
+
+void Kernel::wakeUp(Thread& thread, int by) {
+  cancelWait(thread);
+  thread.wokenBy = by;
+  ready(thread);
+}
+
+void Kernel::cancelWait(Thread& thread) {
+  for (Object* object : thread.waitsFor) std::erase(object->waiters_, &thread);
+  thread.waitsFor.clear();
+  if (thread.timer) timers_.erase(*std::exchange(thread.timer, std::nullopt));
+}
+
+void Kernel::ready(Thread& thread) {
+  thread.state = Thread::State::ready;
+  if (virtualTime()) {
+    ready_.push_back(&thread);
+  } else {
+    thread.wake.notify_all();
+  }
+}
+
+Kernel::TimerKey Kernel::addTimer(Time at, Timer timer) {
+  // Equal times keep the order in which they were asked for, unless the schedule is shuffled.
+  const std::uint64_t order = ++sequence_ | (shuffled_ ? (random_() << 40) : 0);
+  const TimerKey key{at, order};
+  timers_.emplace(key, std::move(timer));
+  return key;
+}
+
+void Kernel::after(Time delay, Action action) {
+  addTimer(now() + std::max(delay, Time{0}), {.thread = nullptr, .action = std::move(action)});
+  if (!virtualTime()) timelineWake_.notify_all();
+}
+
+Thread& Kernel::nextThread() {
+  for (;;) {
+    if (!ready_.empty()) {
+      const std::size_t pick = shuffled_ ? random_() % ready_.size() : 0;
+      Thread* next = ready_[pick];
+      ready_.erase(ready_.begin() + static_cast<std::ptrdiff_t>(pick));
+      return *next;
+    }
+    if (timers_.empty()) stuck("every thread waits without a limit");
+    auto first = timers_.extract(timers_.begin());
+    virtualNow_ = std::max(virtualNow_, first.key().first);
+    if (virtualNow_ > kLongestRun) stuck("the simulated time has no end");
+    if (Thread* thread = first.mapped().thread) {
+      thread->timer.reset();
+      wakeUp(*thread, -1);
+    } else {
+      first.mapped().action();
+    }
+  }
+}
+
+// The caller has put itself on a list, or has ended; the lock goes along to the next thread and comes back with it.
+void Kernel::switchAway(Thread& me) {
+  Thread& next = nextThread();
+  next.state = Thread::State::running;
+  if (&next == &me) return;
+  current_ = &next;
+  if (!next.fiber) {
+    auto* start = new std::pair<Kernel*, Thread*>(this, &next);
+    next.fiber = std::make_unique<Fiber>(
+        [](void* argument) {
+          auto* pair = static_cast<std::pair<Kernel*, Thread*>*>(argument);
+          const auto [kernel, thread] = *pair;
+          delete pair;
+          kernel->fiberMain(*thread);
+        },
+        start);
+  }
+  Fiber* mine = me.fiber.get();
+  const bool ends = me.state == Thread::State::ended;
+  if (ends) ended_.push_back(std::move(me.fiber));
+  Fiber::switchTo(*mine, *next.fiber, ends);
+  ended_.clear();
+}
+
+void Kernel::fiberMain(Thread& me) {
+  ended_.clear();
+  mutex_.unlock();
+  me.entry();
+  mutex_.lock();
+  endSelf(me);
+}
+
+void Kernel::osThreadMain(Thread& me) {
+  standing = {generation_, &me};
+  {
+    Lock lock(mutex_);
+    me.state = Thread::State::running;
+  }
+  // A forced end jumps back here from inside a call of the seam, with the mutex held; the frames in between are
+  // abandoned, as on the real system.
+  if (setjmp(me.end) == 0) {
+    {
+      Lock lock = enter();
+    }
+    me.entry();
+    mutex_.lock();
+  }
+  finish(me);
+  mutex_.unlock();
+}
+
+void Kernel::endSelf(Thread& me) {
+  if (me.foreign) std::abort();  // a program cannot be ended from inside the machine
+  if (!virtualTime()) std::longjmp(me.end, 1);
+  finish(me);
+  switchAway(me);
+  std::abort();
+}
+
+void Kernel::finish(Thread& thread) {
+  thread.state = Thread::State::ended;
+  thread.used.reset();
+  for (Mutex* mutex : std::exchange(thread.owned, {})) {
+    mutex->owner_ = nullptr;
+    mutex->depth_ = 0;
+    mutex->abandoned_ = true;
+    changed(*mutex);
+  }
+  changed(thread);
+  if (virtualTime() && &thread != current_) thread.fiber.reset();
+}
+
+void Kernel::runTimeline() {
+  Lock lock(mutex_);
+  while (!timelineStops_) {
+    if (timers_.empty()) {
+      timelineWake_.wait(lock);
+    } else if (const Time at = timers_.begin()->first.first; at > now()) {
+      timelineWake_.wait_until(lock, started_ + at);
+    } else {
+      auto first = timers_.extract(timers_.begin());
+      first.mapped().action();
+    }
+  }
+}
+
+void Kernel::reap() {
+  for (auto it = threads_.begin(); it != threads_.end();) {
+    Thread& thread = **it;
+    if (thread.state != Thread::State::ended || it->use_count() > 1 || &thread == current_) {
+      ++it;
+      continue;
+    }
+    if (thread.osThread.joinable()) thread.osThread.join();  // it needs no lock any more, only to return
+    it = threads_.erase(it);
+  }
+}
+
+HANDLE Kernel::open(std::shared_ptr<Object> object) {
+  const std::uintptr_t value = nextHandle_ += 4;
+  handles_.emplace(value, std::move(object));
+  return reinterpret_cast<HANDLE>(value);
+}
+
+bool Kernel::close(HANDLE handle) {
+  const auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
+  if (it == handles_.end()) {
+    misused();
+    return false;
+  }
+  const auto object = it->second;
+  handles_.erase(it);
+  object->handleClosed(*this);
+  return true;
+}
+
+std::shared_ptr<Object> Kernel::find(HANDLE handle) const {
+  const auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
+  return it == handles_.end() ? nullptr : it->second;
+}
+
+std::size_t Kernel::runningThreads() const {
+  return static_cast<std::size_t>(std::count_if(threads_.begin(), threads_.end(), [](const auto& thread) {
+    return !thread->foreign && thread->state != Thread::State::ended;
+  }));
+}
+
+void Kernel::stuck(const char* why) {
+  std::fprintf(stderr, "sim: the machine is stuck at %lld ms: %s\n", static_cast<long long>(now().count() / 1000), why);
+  for (const auto& thread : threads_) {
+    if (thread->state != Thread::State::waiting) continue;
+    std::fprintf(stderr, "  thread %u waits for", thread->id);
+    for (const Object* object : thread->waitsFor) std::fprintf(stderr, " %s", object->kind());
+    std::fprintf(stderr, thread->waitsFor.empty() ? " time\n" : "\n");
+  }
+  std::abort();
+}
+
+}  // namespace sim

@@ -1,0 +1,233 @@
+// The heart of the simulated machine: its clock, its threads and what they wait for.
+//
+// With the virtual clock every simulated thread is a fiber on one operating-system thread: exactly one runs at a time,
+// it runs until it waits, and when all of them wait, time jumps to the next deadline. With the real clock every
+// simulated thread is an operating-system thread and they run freely.
+//
+// One mutex guards everything here and everything that hangs on it (handles, buses, devices). It is held by whoever is
+// inside the machine, never while code above the seam runs.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <csetjmp>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <span>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/types.h"
+#include "sim/Fiber.h"
+
+namespace sim {
+
+using Time = std::chrono::microseconds;  // since the machine was switched on
+
+enum class Clock { virtualTime, realTime };
+
+class Kernel;
+class Mutex;
+class Thread;
+
+// Something a thread can wait for.
+class Object {
+ public:
+  Object() = default;
+  virtual ~Object() = default;
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+
+  virtual bool signalled(const Thread& by) const = 0;
+  virtual void acquired(Thread&) {}  // `by` has been let through
+  virtual void handleClosed(Kernel&) {}
+  virtual const char* kind() const = 0;
+
+ private:
+  friend class Kernel;
+  std::vector<Thread*> waiters_;  // first come, first served
+};
+
+class Event final : public Object {
+ public:
+  Event(bool manualReset, bool set) : set_(set), manualReset_(manualReset) {}
+  bool signalled(const Thread&) const override { return set_; }
+  void acquired(Thread&) override { set_ = set_ && manualReset_; }
+  const char* kind() const override { return "event"; }
+  void set(Kernel& kernel);
+
+ private:
+  bool set_;
+  const bool manualReset_;
+};
+
+class Mutex final : public Object {
+ public:
+  Mutex() = default;
+  ~Mutex() override;
+  bool signalled(const Thread& by) const override { return owner_ == nullptr || owner_ == &by; }
+  void acquired(Thread& by) override;
+  const char* kind() const override { return "mutex"; }
+  bool release(Kernel& kernel, const Thread& by);
+  // True once for the taker that found the mutex without its owner.
+  bool takeAbandoned() { return std::exchange(abandoned_, false); }
+
+ private:
+  friend class Kernel;
+  Thread* owner_ = nullptr;
+  int depth_ = 0;
+  bool abandoned_ = false;
+};
+
+class Thread final : public Object {
+ public:
+  enum class State { suspended, ready, running, waiting, ended };
+  bool signalled(const Thread&) const override { return state == State::ended; }
+  const char* kind() const override { return "thread"; }
+
+  DWORD id = 0;
+  std::function<void()> entry;
+  State state = State::suspended;
+
+ private:
+  friend class Kernel;
+  friend class Mutex;
+  bool killed = false;
+  bool foreign = false;  // not started by the machine: the test's or the program's own
+  int wokenBy = 0;       // index of the object that woke it, -1 for the time-out
+  std::vector<Object*> waitsFor;
+  std::optional<std::pair<Time, std::uint64_t>> timer;
+  std::vector<Mutex*> owned;
+  std::shared_ptr<Object> used;  // see Kernel::use
+  std::unique_ptr<Fiber> fiber;                // virtual clock
+  std::thread osThread;                        // real clock
+  std::condition_variable wake;
+  std::jmp_buf end;
+};
+
+class Kernel {
+ public:
+  using Lock = std::unique_lock<std::mutex>;
+  using Action = std::function<void()>;
+
+  // seed 0: threads take turns in the order in which they became ready; any other seed shuffles them and lets a thread
+  // be overtaken at every call of the seam.
+  Kernel(Clock clock, std::uint64_t seed, DWORD firstTick);
+  ~Kernel();
+  Kernel(const Kernel&) = delete;
+  Kernel& operator=(const Kernel&) = delete;
+
+  // Enters the machine from a thread above the seam: a forced end takes effect here, and here another thread may go
+  // first.
+  Lock enter();
+  // Enters from outside the simulated threads' rules (a test that looks at a count).
+  Lock enterQuietly() { return Lock(mutex_); }
+
+  Time now() const;
+  DWORD tick() const { return firstTick_ + static_cast<DWORD>(now().count() / 1000); }
+
+  // ---- With the lock held ----
+  Thread& self();
+  std::shared_ptr<Thread> createThread(std::function<void()> entry, bool suspended);
+  void resume(Thread& thread);
+  // Ends a thread at the call in which it waits, or at its next one. Ends the caller at once.
+  void terminate(Lock& lock, Thread& thread);
+
+  // Waits for the first of `objects` that is signalled, at most `limit` (none: for ever). Returns its index, or -1.
+  int waitAny(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit);
+  void sleep(Lock& lock, Time time) { waitAny(lock, {}, time); }
+  // Lets through the waiters that `object` can satisfy now.
+  void changed(Object& object);
+  // Runs `action`, with the lock held, when `delay` has passed.
+  void after(Time delay, Action action);
+  // A number from the machine's own sequence.
+  std::uint64_t random() { return random_(); }
+
+  HANDLE open(std::shared_ptr<Object> object);
+  bool close(HANDLE handle);
+  std::shared_ptr<Object> find(HANDLE handle) const;
+  template <class T>
+  std::shared_ptr<T> find(HANDLE handle) const {
+    return std::dynamic_pointer_cast<T>(find(handle));
+  }
+
+  // What a call that may wait works on. The thread, not the call, keeps it alive: a thread that is ended by force loses
+  // the frames of its call without unwinding them.
+  template <class T>
+  T* use(HANDLE handle) {
+    self().used = find(handle);
+    return dynamic_cast<T*>(self().used.get());
+  }
+
+  std::size_t openHandles() const { return handles_.size(); }
+  std::size_t runningThreads() const;  // those that the machine started
+  std::uint64_t waits() const { return waits_; }
+  std::uint64_t misuses() const { return misuses_; }  // calls on handles that are closed or of another kind
+  void misused() { ++misuses_; }
+
+  // Ends every simulated thread by force (the machine is being switched off).
+  void switchOff();
+
+ private:
+  using TimerKey = std::pair<Time, std::uint64_t>;
+  struct Timer {
+    Thread* thread = nullptr;
+    Action action;
+  };
+
+  TimerKey addTimer(Time at, Timer timer);
+  void ready(Thread& thread);
+  void wakeUp(Thread& thread, int by);
+  void cancelWait(Thread& thread);
+  void suspendSelf(Lock& lock, Thread& me, std::optional<Time> until);
+  void switchAway(Thread& me);
+  Thread& nextThread();
+  void finish(Thread& thread);
+  [[noreturn]] void endSelf(Thread& me);
+  [[noreturn]] void stuck(const char* why);
+  void fiberMain(Thread& me);
+  void osThreadMain(Thread& me);
+  void runTimeline();
+  void reap();
+  bool virtualTime() const { return clock_ == Clock::virtualTime; }
+
+  const Clock clock_;
+  const bool shuffled_;
+  const DWORD firstTick_;
+  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+  const std::uint64_t generation_;
+  mutable std::mutex mutex_;
+  std::mt19937_64 random_;
+  std::uint64_t sequence_ = 0;
+  std::uint64_t waits_ = 0;
+  std::uint64_t misuses_ = 0;
+  std::map<TimerKey, Timer> timers_;
+  std::list<std::shared_ptr<Thread>> threads_;
+  std::shared_ptr<Thread> main_;
+  DWORD nextThreadId_ = 4;
+  std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> handles_;
+  std::uintptr_t nextHandle_ = 0x100;
+
+  // Virtual clock.
+  Time virtualNow_{0};
+  Thread* current_ = nullptr;
+  std::deque<Thread*> ready_;
+  std::vector<std::unique_ptr<Fiber>> ended_;  // stacks of ended threads, freed by whoever runs next
+
+  // Real clock.
+  std::thread timeline_;
+  std::condition_variable timelineWake_;
+  bool timelineStops_ = false;
+};
+
+}  // namespace sim

@@ -1,0 +1,140 @@
+#include "sim/Machine.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace sim {
+namespace {
+
+Machine* instance = nullptr;
+
+}  // namespace
+
+Machine::Machine(MachineOptions options) : hid_(*this), kernel_(options.clock, options.seed, options.firstTick) {
+  if (instance) {
+    std::fputs("sim: a second machine while the first is on\n", stderr);
+    std::abort();
+  }
+  instance = this;
+}
+
+Machine::~Machine() {
+  kernel_.switchOff();
+  instance = nullptr;
+}
+
+Machine& Machine::current() {
+  if (!instance) {
+    std::fputs("sim: a call of the operating system, but no sim::Machine is switched on\n", stderr);
+    std::abort();
+  }
+  return *instance;
+}
+
+void Machine::plug(const std::shared_ptr<HidDevice>& device) {
+  locked([&] {
+    hid_.plug(device);
+    noteLocked("plug " + std::string(device->path().begin(), device->path().end()));
+  });
+}
+
+void Machine::unplug(const std::shared_ptr<HidDevice>& device) {
+  locked([&] {
+    noteLocked("unplug " + std::string(device->path().begin(), device->path().end()));
+    hid_.unplug(device);
+  });
+}
+
+void Machine::install(const std::wstring& fileName, Library library) {
+  locked([&] { libraries_[fileName] = std::move(library); });
+}
+
+void Machine::sleep(Time time) {
+  Kernel::Lock lock = kernel_.enter();
+  kernel_.sleep(lock, time);
+}
+
+Time Machine::now() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return kernel_.now();
+}
+
+bool Machine::waitFor(const std::function<bool()>& condition, Time limit) {
+  const Time end = now() + limit;
+  while (!condition()) {
+    if (now() >= end) return false;
+    sleep(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+Machine::Spawned Machine::spawn(std::function<void()> body) {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  Spawned spawned;
+  spawned.machine_ = this;
+  spawned.thread_ = kernel_.createThread(std::move(body), false);
+  return spawned;
+}
+
+void Machine::Spawned::join() {
+  Kernel::Lock lock = machine_->kernel_.enter();
+  const std::array<Object*, 1> ended{thread_.get()};
+  machine_->kernel_.waitAny(lock, ended, std::nullopt);
+}
+
+void Machine::after(Time delay, std::function<void()> action) {
+  locked([&] { kernel_.after(delay, std::move(action)); });
+}
+
+void Machine::locked(const std::function<void()>& action) {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  action();
+}
+
+Balance Machine::balance() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return {.handles = kernel_.openHandles(),
+          .threads = kernel_.runningThreads(),
+          .deviceLists = deviceLists,
+          .preparsedData = preparsedData};
+}
+
+std::uint64_t Machine::waits() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return kernel_.waits();
+}
+
+std::uint64_t Machine::misuses() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return kernel_.misuses();
+}
+
+void Machine::record(bool on) {
+  locked([&] { recording_ = on; });
+}
+
+void Machine::note(const std::string& line) {
+  locked([&] { noteLocked(line); });
+}
+
+void Machine::noteLocked(const std::string& line) {
+  if (!recording_) return;
+  std::array<char, 32> time{};
+  const long long now = kernel_.now().count();
+  std::snprintf(time.data(), time.size(), "%lld.%03lld ", now / 1000, now % 1000);
+  log_ += time.data() + line + "\n";
+}
+
+std::string Machine::log() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return log_;
+}
+
+const Library* Machine::library(const std::wstring& fileName) const {
+  const auto it = libraries_.find(fileName);
+  return it == libraries_.end() ? nullptr : &it->second;
+}
+
+}  // namespace sim

@@ -1,0 +1,96 @@
+// The simulated machine: a small computer behind the seam (platform/os.h), into which tests and voxdesk plug virtual
+// hardware. One machine exists at a time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/HidBus.h"
+#include "sim/Kernel.h"
+
+namespace sim {
+
+struct MachineOptions {
+  Clock clock = Clock::virtualTime;
+  std::uint64_t seed = 0;       // shuffles the schedule (virtual clock); 0 leaves it in order
+  DWORD firstTick = 1'000'000;  // GetTickCount when the machine is switched on, milliseconds
+};
+
+// What is still open. All zero after a clean stop.
+struct Balance {
+  std::size_t handles = 0;
+  std::size_t threads = 0;
+  std::size_t deviceLists = 0;
+  std::size_t preparsedData = 0;
+  bool operator==(const Balance&) const = default;
+};
+
+// A loadable library: its entry points by name.
+using Library = std::map<std::string, FARPROC>;
+
+class Machine {
+ public:
+  explicit Machine(MachineOptions options = {});
+  ~Machine();
+  Machine(const Machine&) = delete;
+  Machine& operator=(const Machine&) = delete;
+
+  static Machine& current();
+
+  // ---- For tests and programs, from above the seam ----
+  void plug(const std::shared_ptr<HidDevice>& device);
+  void unplug(const std::shared_ptr<HidDevice>& device);
+  // Makes a library loadable under this file name.
+  void install(const std::wstring& fileName, Library library);
+  void sleep(Time time);
+  Time now();
+  // Sleeps in small steps until `condition` holds; false when it does not within `limit`.
+  bool waitFor(const std::function<bool()>& condition, Time limit);
+  // A client thread of its own.
+  class Spawned {
+   public:
+    void join();
+
+   private:
+    friend class Machine;
+    Machine* machine_ = nullptr;
+    std::shared_ptr<Thread> thread_;
+  };
+  Spawned spawn(std::function<void()> body);
+
+  // Runs `action` on the machine, with its lock held, when `delay` has passed.
+  void after(Time delay, std::function<void()> action);
+  // Runs `action` with the machine's lock held.
+  void locked(const std::function<void()>& action);
+
+  Balance balance();
+  std::uint64_t waits();
+  std::uint64_t misuses();
+
+  // The log: what happened, with its time, when recording is on. Tests add their own lines.
+  void record(bool on);
+  void note(const std::string& line);
+  std::string log();
+
+  // ---- With the lock held: for the machine's own parts ----
+  Kernel& kernel() { return kernel_; }
+  HidBus& hid() { return hid_; }
+  bool recording() const { return recording_; }
+  void noteLocked(const std::string& line);
+  const Library* library(const std::wstring& fileName) const;
+  std::size_t deviceLists = 0;
+  std::size_t preparsedData = 0;
+
+ private:
+  bool recording_ = false;
+  std::string log_;
+  std::map<std::wstring, Library> libraries_;
+  HidBus hid_;
+  Kernel kernel_;  // destroyed first: its threads use everything above
+};
+
+}  // namespace sim

@@ -1,0 +1,325 @@
+// The seam on the simulated machine.
+#include "platform/os.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/Machine.h"
+
+// Windows declares this structure for its parsed report descriptor; ours needs only the two lengths.
+struct HIDP_PREPARSED_DATA {
+  std::uint16_t inputLength;
+  std::uint16_t outputLength;
+  bool noCaps;
+};
+
+namespace {
+
+using sim::Kernel;
+using sim::Machine;
+
+// The HID interface class, {4d1e55b2-f16f-11cf-88cb-001111000030}.
+constexpr GUID kHidGuid{0x4d1e55b2, 0xf16f, 0x11cf, {0x88, 0xcb, 0x00, 0x11, 0x11, 0x00, 0x00, 0x30}};
+// The simulated machine was switched on at this moment, 2024-01-01 00:00:00 UTC.
+constexpr std::int64_t kPowerOnTime = 1'704'067'200;
+
+std::optional<sim::Time> limitOf(DWORD milliseconds) {
+  if (milliseconds == INFINITE) return std::nullopt;
+  return std::chrono::milliseconds(milliseconds);
+}
+
+std::string hex(const std::uint8_t* bytes, std::size_t count) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+bool sameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// A device information set: the interface paths at the moment of the call.
+struct DeviceList {
+  std::vector<std::wstring> paths;
+};
+
+}  // namespace
+
+namespace os {
+
+std::uintptr_t _beginthreadex(void*, unsigned, unsigned (*start)(void*), void* argument, unsigned flags,
+                              unsigned* threadId) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto thread =
+      machine.kernel().createThread([start, argument] { start(argument); }, (flags & CREATE_SUSPENDED) != 0);
+  if (threadId) *threadId = thread->id;
+  if (machine.recording()) machine.noteLocked("thread " + std::to_string(thread->id) + " created");
+  return reinterpret_cast<std::uintptr_t>(machine.kernel().open(thread));
+}
+
+DWORD ResumeThread(HANDLE thread) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::Thread>(thread);
+  if (!object) {
+    machine.kernel().misused();
+    return ~DWORD{0};
+  }
+  const bool suspended = object->state == sim::Thread::State::suspended;
+  machine.kernel().resume(*object);
+  return suspended ? 1 : 0;
+}
+
+BOOL TerminateThread(HANDLE thread, DWORD) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::Thread>(thread);
+  if (!object) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  if (machine.recording()) machine.noteLocked("thread " + std::to_string(object->id) + " ended by force");
+  machine.kernel().terminate(lock, *object);
+  return TRUE;
+}
+
+DWORD GetCurrentThreadId() {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enterQuietly();
+  return machine.kernel().self().id;
+}
+
+HANDLE CreateEventW(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const WCHAR*) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  return machine.kernel().open(std::make_shared<sim::Event>(manualReset != FALSE, initialState != FALSE));
+}
+
+BOOL SetEvent(HANDLE event) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::Event>(event);
+  if (!object) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  object->set(machine.kernel());
+  return TRUE;
+}
+
+HANDLE CreateMutexW(SECURITY_ATTRIBUTES*, BOOL initialOwner, const WCHAR*) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto mutex = std::make_shared<sim::Mutex>();
+  if (initialOwner) mutex->acquired(machine.kernel().self());
+  return machine.kernel().open(mutex);
+}
+
+BOOL ReleaseMutex(HANDLE mutex) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::Mutex>(mutex);
+  if (!object || !object->release(machine.kernel(), machine.kernel().self())) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  return TRUE;
+}
+
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  auto* object = machine.kernel().use<sim::Object>(handle);
+  if (!object) {
+    machine.kernel().misused();
+    return WAIT_FAILED;
+  }
+  const std::array<sim::Object*, 1> objects{object};
+  if (machine.kernel().waitAny(lock, objects, limitOf(milliseconds)) < 0) return WAIT_TIMEOUT;
+  if (auto* mutex = dynamic_cast<sim::Mutex*>(object); mutex && mutex->takeAbandoned()) return WAIT_ABANDONED;
+  return WAIT_OBJECT_0;
+}
+
+void Sleep(DWORD milliseconds) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  machine.kernel().waitAny(lock, {}, limitOf(milliseconds));
+}
+
+BOOL CloseHandle(HANDLE handle) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  return machine.kernel().close(handle) ? TRUE : FALSE;
+}
+
+DWORD GetTickCount() {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enterQuietly();
+  return machine.kernel().tick();
+}
+
+std::int64_t _time64(std::int64_t* result) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enterQuietly();
+  const std::int64_t now = kPowerOnTime + machine.kernel().now().count() / 1'000'000;
+  if (result) *result = now;
+  return now;
+}
+
+HANDLE CreateFileW(const WCHAR* path, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const std::wstring text(path);
+  auto file = machine.hid().open(text);
+  if (machine.recording()) {
+    machine.noteLocked((file ? "open " : "open refused ") + std::string(text.begin(), text.end()));
+  }
+  return file ? machine.kernel().open(std::move(file)) : INVALID_HANDLE_VALUE;
+}
+
+BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OVERLAPPED*) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  *bytesRead = 0;
+  auto* open = machine.kernel().use<sim::HidOpen>(file);
+  if (!open) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  if (bytesToRead < open->device->inputLength) return FALSE;
+  const std::array<sim::Object*, 1> objects{open};
+  machine.kernel().waitAny(lock, objects, std::nullopt);
+  if (open->gone || open->reports.empty()) return FALSE;
+  const sim::Bytes report = std::move(open->reports.front());
+  open->reports.pop_front();
+  std::size_t count = std::min<std::size_t>(report.size(), bytesToRead);
+  if (open->device->faults.shortRead != 0) count = std::min(count, open->device->faults.shortRead);
+  std::memcpy(buffer, report.data(), count);
+  *bytesRead = static_cast<DWORD>(count);
+  if (machine.recording()) machine.noteLocked("read " + hex(report.data(), count));
+  return TRUE;
+}
+
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytesWritten, OVERLAPPED*) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  *bytesWritten = 0;
+  auto* open = machine.kernel().use<sim::HidOpen>(file);
+  if (!open) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  const sim::HidFaults& faults = open->device->faults;
+  if (faults.hangWrites) machine.kernel().waitAny(lock, {}, std::nullopt);
+  if (faults.writeTime.count() > 0) machine.kernel().sleep(lock, faults.writeTime);
+  if (open->gone || faults.failWrites || bytesToWrite != open->device->outputLength) return FALSE;
+  const std::span report(static_cast<const std::uint8_t*>(buffer), bytesToWrite);
+  if (machine.recording()) machine.noteLocked("write " + hex(report.data(), report.size()));
+  sim::HidBus::deliver(*open->device, report);
+  *bytesWritten = bytesToWrite;
+  return TRUE;
+}
+
+HDEVINFO SetupDiGetClassDevsW(const GUID* classGuid, const WCHAR*, HWND, DWORD flags) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  auto* list = new DeviceList;
+  if (sameGuid(*classGuid, kHidGuid) && flags == (DIGCF_PRESENT | DIGCF_DEVICEINTERFACE)) {
+    list->paths = machine.hid().paths();
+  }
+  ++machine.deviceLists;
+  return list;
+}
+
+BOOL SetupDiEnumDeviceInterfaces(HDEVINFO list, SP_DEVINFO_DATA*, const GUID* interfaceClass, DWORD index,
+                                 SP_DEVICE_INTERFACE_DATA* result) {
+  const auto& paths = static_cast<DeviceList*>(list)->paths;
+  if (result->cbSize != sizeof(SP_DEVICE_INTERFACE_DATA) || index >= paths.size()) return FALSE;
+  result->InterfaceClassGuid = *interfaceClass;
+  result->Flags = 1;  // active
+  result->Reserved = index;
+  return TRUE;
+}
+
+BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* deviceInterface,
+                                      SP_DEVICE_INTERFACE_DETAIL_DATA_W* detail, DWORD detailSize, DWORD* requiredSize,
+                                      SP_DEVINFO_DATA*) {
+  const std::wstring& path = static_cast<DeviceList*>(list)->paths.at(deviceInterface->Reserved);
+  const auto needed = static_cast<DWORD>(offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) +
+                                         (path.size() + 1) * sizeof(WCHAR));
+  if (requiredSize) *requiredSize = needed;
+  if (!detail || detailSize < needed || detail->cbSize != sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)) return FALSE;
+  std::memcpy(reinterpret_cast<char*>(detail) + offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath), path.c_str(),
+              (path.size() + 1) * sizeof(WCHAR));
+  return TRUE;
+}
+
+BOOL SetupDiDestroyDeviceInfoList(HDEVINFO list) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  delete static_cast<DeviceList*>(list);
+  --machine.deviceLists;
+  return TRUE;
+}
+
+void HidD_GetHidGuid(GUID* result) { *result = kHidGuid; }
+
+BOOLEAN HidD_GetAttributes(HANDLE device, HIDD_ATTRIBUTES* attributes) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto open = machine.kernel().find<sim::HidOpen>(device);
+  if (!open || open->device->faults.noAttributes || attributes->Size != sizeof(HIDD_ATTRIBUTES)) return FALSE;
+  attributes->VendorID = open->device->vendor;
+  attributes->ProductID = open->device->product;
+  attributes->VersionNumber = 0x0100;
+  return TRUE;
+}
+
+BOOLEAN HidD_GetPreparsedData(HANDLE device, PHIDP_PREPARSED_DATA* preparsed) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto open = machine.kernel().find<sim::HidOpen>(device);
+  if (!open || open->device->faults.noPreparsedData) return FALSE;
+  *preparsed =
+      new HIDP_PREPARSED_DATA{open->device->inputLength, open->device->outputLength, open->device->faults.noCaps};
+  ++machine.preparsedData;
+  return TRUE;
+}
+
+BOOLEAN HidD_FreePreparsedData(PHIDP_PREPARSED_DATA preparsed) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  delete preparsed;
+  --machine.preparsedData;
+  return TRUE;
+}
+
+NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps) {
+  if (preparsed->noCaps) return static_cast<NTSTATUS>(0xC0110001);  // invalid preparsed data
+  *caps = {};
+  caps->InputReportByteLength = preparsed->inputLength;
+  caps->OutputReportByteLength = preparsed->outputLength;
+  return HIDP_STATUS_SUCCESS;
+}
+
+HMODULE LoadLibraryW(const WCHAR* fileName) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  return const_cast<sim::Library*>(machine.library(fileName));
+}
+
+FARPROC GetProcAddress(HMODULE library, const char* name) {
+  const auto& names = *static_cast<const sim::Library*>(library);
+  const auto it = names.find(name);
+  return it == names.end() ? nullptr : it->second;
+}
+
+}  // namespace os

@@ -1,0 +1,137 @@
+// Dispatch of every reply, on the read thread of the reader that received it.
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include "VoxDevice/VoxNet.h"
+#include "hub/HidDeviceEntry.h"
+
+namespace {
+
+int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
+
+// As signed values: a byte of 0x80 or above is no character of a serial number on any compiler.
+bool IsSerialCharacter(std::uint8_t byte) {
+  const auto c = static_cast<signed char>(byte);
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+}  // namespace
+
+void CAudioHidCenter::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                              int reportLength, void* hub) {
+  static_cast<CAudioHidCenter*>(hub)->OnHidDeviceReaderCallback(device, model, link, report, reportLength);
+}
+
+void CAudioHidCenter::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                                int reportLength) {
+  CHidData reply;
+  if (reportLength <= 0 || !ParseReport({report, static_cast<std::size_t>(reportLength)}, link, reply)) return;
+  switch (reply.code) {
+    case DeviceConnectReply:
+      return OnProcDeviceConnectReply(device, model, link, reply);
+    case VoiceOpenReply:
+      return OnProcVoiceOpenReply(device, model, link, reply);
+    case VoiceStopReply:
+      return OnProcVoiceStopReply(device, model, link, reply);
+    case DevicePowerReply:
+      return OnProcDevicePowerReply(device, model, link, reply);
+    case DpiReply:
+      return OnProcDpiReply(device, model, link, reply);
+    case MouseStateReply:
+      return OnProcMouseStateReply(device, model, link, reply);
+    case DongleStateReply:
+      return OnProcDongleStateReply(device, model, link, reply);
+    case DownloadUrlReply:
+      return OnProcDownloadUrlReply(device, model, link, reply);
+    case MouseKeyReply:
+      return OnProcMouseKeyReply(device, model, reply);
+    case MouseSNReply:
+      return OnProcMouseSNReply(device, model, link, reply);
+    case AudioDataTern:
+      return OnProcAudioData_Tern(device, reply);
+    case AudioDataWren:
+      return OnProcAudioData_Wren(device, reply);
+    default:
+      return;  // the reader's own, or unknown
+  }
+}
+
+void CAudioHidCenter::OnProcDeviceConnectReply(int device, MouseType, DataChannel, CHidData& reply) {
+  if (!reply.Has(1)) return;
+  const int state = reply.data[0];
+  mouseConnectCallback(device, state == 1 || state == 2 ? state : 0);
+}
+
+void CAudioHidCenter::OnProcVoiceOpenReply(int device, MouseType, DataChannel, CHidData& reply) {
+  if (!reply.Has(1)) return;
+  voiceOperateCallback(device, reply.data[0] == 0 ? 3 : 2);
+}
+
+void CAudioHidCenter::OnProcVoiceStopReply(int device, MouseType, DataChannel, CHidData&) {
+  voiceOperateCallback(device, 0);
+}
+
+void CAudioHidCenter::OnProcDevicePowerReply(int device, MouseType, DataChannel, CHidData& reply) {
+  if (!reply.Has(1)) return;
+  powerReportCallback(device, static_cast<int>(reply.data[0]));
+}
+
+void CAudioHidCenter::OnProcDpiReply(int device, MouseType, DataChannel, CHidData& reply) {
+  if (!reply.Has(3)) return;
+  dpiSetCallback(device, BigEndian16(reply.data), reply.data[2] == 0);
+}
+
+void CAudioHidCenter::OnProcMouseStateReply(int device, MouseType model, DataChannel link, CHidData& reply) {
+  if (!reply.Has(11)) return;
+  const std::uint8_t* p = reply.data;
+  CVoxDeviceInfo* info = CVoxDeviceInfo::Instance();
+  if (info->BluetoothIdIsEmpty()) {
+    std::wstring address = std::to_wstring(p[5]);
+    for (int i = 6; i < 11; ++i) address += L"-" + std::to_wstring(p[i]);
+    info->SetBluetoothID(address.c_str());
+    info->SetBluetoothName(GetHidName(model).c_str());
+  }
+  mouseStateCallback(device, model, link, BigEndian16(p), BigEndian16(p + 2), static_cast<int>(p[4]));
+}
+
+void CAudioHidCenter::OnProcDongleStateReply(int device, MouseType model, DataChannel link, CHidData& reply) {
+  if (!reply.Has(3) && !reply.Has(9)) return;
+  dongleStateCallback(device, model, link, BigEndian16(reply.data), reply.data[2] == 1);
+}
+
+void CAudioHidCenter::OnProcDownloadUrlReply(int device, MouseType, DataChannel, CHidData& reply) {
+  if (!reply.Has(1)) return;
+  downloadUrlCallback(device, reply.data[0] == 0);
+}
+
+void CAudioHidCenter::OnProcMouseSNReply(int, MouseType model, DataChannel, CHidData& reply) {
+  constexpr int kSerialLength = 18;
+  if (!reply.Has(kSerialLength) || !std::all_of(reply.data, reply.data + kSerialLength, IsSerialCharacter)) return;
+  // Unlike the address in a state reply, a serial number replaces an identity that is there.
+  const std::wstring serial(reply.data, reply.data + kSerialLength);
+  CVoxDeviceInfo* info = CVoxDeviceInfo::Instance();
+  info->SetBluetoothID(serial.c_str());
+  info->SetBluetoothName(GetHidName(model).c_str());
+}
+
+void CAudioHidCenter::OnProcMouseKeyReply(int device, MouseType model, CHidData& reply) {
+  switch (model) {
+    case MouseType_Tern:
+      return OnKeyReply_Tern(device, reply);
+    case MouseType_Wren:
+      return OnKeyReply_Wren(device, reply);
+    case MouseType_Finch:
+      return OnKeyReply_Finch(device, reply);
+    case MouseType_Robin:
+      return OnKeyReply_Robin(device, reply);
+    case MouseType_Heron:
+      return OnKeyReply_Heron(device, reply);
+    case MouseType_Egret:
+      return OnKeyReply_Egret(device, reply);
+    case MouseType_HeronPlus:
+      return OnKeyReply_Heron_Plus(device, reply);
+    default:
+      return;  // deliberately also a Swift
+  }
+}

@@ -1,0 +1,66 @@
+// The seam: every operating-system call that the library makes, under its Win32 name, with its Win32 arguments and
+// results. platform/windows forwards each to the real API, sim implements each on the simulated machine; the linker
+// chooses. A function enters this header when the library calls it, not before.
+//
+// The simulated machine ends a thread (TerminateThread) at the call of this header in which it waits, or at its next
+// one. So code above this seam holds nothing across a call that it could not lose, or parks first (see WorkerThread.h).
+#pragma once
+
+#include <cstdint>
+
+#include "platform/types.h"
+
+namespace os {
+
+// ---- Threads and waiting --------------------------------------------------------------------------------------------
+
+// The C runtime's thread start. The result is a HANDLE as an integer, 0 on failure; the caller closes it.
+std::uintptr_t _beginthreadex(void* security, unsigned stackSize, unsigned (*start)(void*), void* argument,
+                              unsigned flags, unsigned* threadId);
+DWORD ResumeThread(HANDLE thread);
+BOOL TerminateThread(HANDLE thread, DWORD exitCode);
+DWORD GetCurrentThreadId();
+
+HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState, const WCHAR* name);
+BOOL SetEvent(HANDLE event);
+// A mutex may be taken again by its owner; one whose owner has ended goes to the next taker (WAIT_ABANDONED).
+HANDLE CreateMutexW(SECURITY_ATTRIBUTES* attributes, BOOL initialOwner, const WCHAR* name);
+BOOL ReleaseMutex(HANDLE mutex);
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+void Sleep(DWORD milliseconds);
+BOOL CloseHandle(HANDLE handle);
+
+// ---- Time -----------------------------------------------------------------------------------------------------------
+
+DWORD GetTickCount();                      // milliseconds since start-up; wraps after 2^32
+std::int64_t _time64(std::int64_t* result);  // seconds since 1970
+
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD shareMode, SECURITY_ATTRIBUTES* attributes,
+                   DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE templateFile);
+BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OVERLAPPED* overlapped);
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytesWritten, OVERLAPPED* overlapped);
+
+// ---- Device setup and HID -------------------------------------------------------------------------------------------
+
+HDEVINFO SetupDiGetClassDevsW(const GUID* classGuid, const WCHAR* enumerator, HWND parent, DWORD flags);
+BOOL SetupDiEnumDeviceInterfaces(HDEVINFO list, SP_DEVINFO_DATA* device, const GUID* interfaceClass, DWORD index,
+                                 SP_DEVICE_INTERFACE_DATA* result);
+BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* deviceInterface,
+                                      SP_DEVICE_INTERFACE_DETAIL_DATA_W* detail, DWORD detailSize, DWORD* requiredSize,
+                                      SP_DEVINFO_DATA* device);
+BOOL SetupDiDestroyDeviceInfoList(HDEVINFO list);
+
+void HidD_GetHidGuid(GUID* result);
+BOOLEAN HidD_GetAttributes(HANDLE device, HIDD_ATTRIBUTES* attributes);
+BOOLEAN HidD_GetPreparsedData(HANDLE device, PHIDP_PREPARSED_DATA* preparsed);
+BOOLEAN HidD_FreePreparsedData(PHIDP_PREPARSED_DATA preparsed);
+NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps);
+
+// ---- Libraries ------------------------------------------------------------------------------------------------------
+
+HMODULE LoadLibraryW(const WCHAR* fileName);
+FARPROC GetProcAddress(HMODULE library, const char* name);
+
+}  // namespace os

@@ -1,0 +1,33 @@
+// A lock that survives the forced end of its holder.
+#pragma once
+
+#include "platform/os.h"
+
+// Recursive. When a thread is ended by force while it holds the lock, the next taker gets it. That is why it is a
+// kernel mutex, which knows its owner, and not something cheaper.
+class CLock {
+ public:
+  CLock() noexcept;
+  ~CLock();
+  CLock(const CLock&) = delete;
+  CLock& operator=(const CLock&) = delete;
+
+  // False when the lock could not be had within `milliseconds`.
+  bool Lock(DWORD milliseconds = INFINITE) noexcept;
+  void Unlock() noexcept;
+
+ private:
+  const HANDLE mutex_;
+};
+
+// Holds a CLock for a scope.
+class CAutoLock {
+ public:
+  explicit CAutoLock(CLock& lock) noexcept : lock_(lock) { lock_.Lock(); }
+  ~CAutoLock() { lock_.Unlock(); }
+  CAutoLock(const CAutoLock&) = delete;
+  CAutoLock& operator=(const CAutoLock&) = delete;
+
+ private:
+  CLock& lock_;
+};

@@ -1,0 +1,50 @@
+#include "VoxDevice/VoxCommon.h"
+
+#include <atomic>
+
+namespace {
+
+std::atomic<VoxMessageSink*> registeredSink{nullptr};
+std::atomic<bool> netReachable{true};
+
+template <class Call>
+void Tell(Call call) noexcept {
+  if (VoxMessageSink* sink = registeredSink) call(*sink);
+}
+
+}  // namespace
+
+void VoxMessage::SetSink(VoxMessageSink* sink) noexcept { registeredSink = sink; }
+
+void VoxMessage::Log(const wchar_t* text, LogType type) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.Log(text, type); });
+}
+
+void VoxMessage::HidConnect(int device) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.HidConnect(device); });
+}
+
+void VoxMessage::HidDisconnect(int device) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.HidDisconnect(device); });
+}
+
+void VoxMessage::MKeyTypeSet(int device, int key, const unsigned char* types, int length) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.MKeyTypeSet(device, key, types, length); });
+}
+
+void VoxMessage::MainMenu(MainMenuType menu) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.MainMenu(menu); });
+}
+
+void VoxMessage::PostMainMenu(MainMenuType menu) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.PostMainMenu(menu); });
+}
+
+CPreferences* CPreferences::Instance() noexcept {
+  static CPreferences instance;
+  return &instance;
+}
+
+bool CEnvironmentMonitor::CheckNet(bool) noexcept { return netReachable; }
+
+void CEnvironmentMonitor::SetNet(bool reachable) noexcept { netReachable = reachable; }

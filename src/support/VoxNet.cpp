@@ -1,0 +1,37 @@
+#include "VoxDevice/VoxNet.h"
+
+CVoxDeviceInfo* CVoxDeviceInfo::Instance() {
+  static CVoxDeviceInfo instance;
+  return &instance;
+}
+
+bool CVoxDeviceInfo::BluetoothIdIsEmpty() const {
+  const std::lock_guard lock(mutex_);
+  return bluetoothId_.empty();
+}
+
+std::wstring CVoxDeviceInfo::GetBluetoothID() const {
+  const std::lock_guard lock(mutex_);
+  return bluetoothId_;
+}
+
+std::wstring CVoxDeviceInfo::GetBluetoothName() const {
+  const std::lock_guard lock(mutex_);
+  return bluetoothName_;
+}
+
+void CVoxDeviceInfo::SetBluetoothID(const wchar_t* id) {
+  const std::lock_guard lock(mutex_);
+  bluetoothId_ = id;
+}
+
+void CVoxDeviceInfo::SetBluetoothName(const wchar_t* name) {
+  const std::lock_guard lock(mutex_);
+  bluetoothName_ = name;
+}
+
+void CVoxDeviceInfo::ClearBluetooth() {
+  const std::lock_guard lock(mutex_);
+  bluetoothId_.clear();
+  bluetoothName_.clear();
+}

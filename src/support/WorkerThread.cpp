@@ -1,0 +1,52 @@
+#include "support/WorkerThread.h"
+
+#include "support/CUtil.h"
+
+void CUtil::VoxTerminateThread(HANDLE& thread, DWORD exitCode) noexcept {
+  os::TerminateThread(thread, exitCode);
+  os::WaitForSingleObject(thread, INFINITE);
+  os::CloseHandle(thread);
+  thread = nullptr;
+}
+
+bool CWorkerThread::Start(unsigned (*entry)(void*), void* argument) noexcept {
+  if (HANDLE ended = thread_.exchange(nullptr)) os::CloseHandle(ended);
+  endRequested_ = false;
+  state_ = State::parked;
+  unsigned id = 0;
+  const auto thread =
+      reinterpret_cast<HANDLE>(os::_beginthreadex(nullptr, 0, entry, argument, CREATE_SUSPENDED, &id));
+  if (!thread) return false;
+  threadId_ = id;
+  thread_ = thread;
+  set_ = true;
+  os::ResumeThread(thread);
+  return true;
+}
+
+bool CWorkerThread::IsIdle() const noexcept {
+  const HANDLE thread = thread_;
+  return !set_ && (!thread || os::WaitForSingleObject(thread, 0) == WAIT_OBJECT_0);
+}
+
+void CWorkerThread::Terminate(DWORD patience) noexcept {
+  if (!thread_) return;
+  endRequested_ = true;
+  if (IsCurrent()) {
+    set_ = false;
+    return;
+  }
+  HANDLE thread = thread_.exchange(nullptr);
+  if (!thread) return;
+  for (DWORD waited = 0; thread; ++waited) {
+    State parked = State::parked;
+    if (state_.compare_exchange_strong(parked, State::taken) || waited == patience) {
+      CUtil::VoxTerminateThread(thread, 0);
+    } else if (os::WaitForSingleObject(thread, 1) == WAIT_OBJECT_0) {
+      os::CloseHandle(thread);
+      thread = nullptr;
+    }
+  }
+  threadId_ = 0;
+  set_ = false;
+}
