@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -50,11 +51,11 @@ class CSbcDecoder {
   void SynthesizeFour();
   void SynthesizeEight();
   template <int N>
-  void PushHistory(int channel, const std::array<std::uint32_t, 2 * N>& newest);
+  void PushRing(std::size_t channel, const std::uint32_t* newest);
   template <int N>
-  void Window(int channel, std::int32_t* out) const;
+  void WindowRing(std::size_t channel, std::int32_t* out) const;
+  void LeaveList(std::size_t channel);
   void PackOutput();
-  std::uint32_t ReadBits(int position, int count) const;
   const unsigned char* Output() const { return reinterpret_cast<const unsigned char*>(samples_[0].data()); }
 
   std::int8_t blocks_ = 0;
@@ -76,5 +77,18 @@ class CSbcDecoder {
   // 2 * subbands rows of the synthesis matrix the position of its newest value. Rows keep 10 places apart.
   std::array<std::array<std::int32_t, 170>, kMaxChannels> V_{};
   std::array<std::array<std::int32_t, 16>, kMaxChannels> offset_{};
+  // What a channel uses instead while it has only seen 8 subbands: the 16 row values of each of the last blocks, the
+  // newest first.
+  struct BlockList {
+    static constexpr std::size_t kRemembered = 20;  // as far back as the ring and its tail reach
+    static constexpr std::size_t kLength = 84;
+    std::int32_t* Push();
+
+    bool used = true;
+    std::size_t newest = kLength - kRemembered;
+    std::int64_t blocks = 0;  // since Reset
+    std::array<std::int32_t, kLength * 16> rows{};
+  };
+  std::array<BlockList, kMaxChannels> list_{};
   std::array<std::uint8_t, kFrameBytes> input_{};
 };
