@@ -1,0 +1,160 @@
+#include "tests/Desk.h"
+
+#include <cstring>
+#include <sstream>
+
+namespace {
+
+template <class... Values>
+std::string line(const char* name, Values... values) {
+  std::ostringstream text;
+  text << name;
+  ((text << ' ' << values), ...);
+  return text.str();
+}
+
+}  // namespace
+
+std::string narrow(const std::wstring& text) {
+  std::string result;
+  for (const wchar_t wide : text) {
+    const auto c = static_cast<std::uint32_t>(wide);
+    if (c < 0x80) {
+      result += static_cast<char>(c);
+    } else if (c < 0x800) {
+      result += static_cast<char>(0xC0 | c >> 6);
+      result += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      result += static_cast<char>(0xE0 | c >> 12);
+      result += static_cast<char>(0x80 | (c >> 6 & 0x3F));
+      result += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return result;
+}
+
+std::string hex(const std::vector<std::uint8_t>& bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    text += digits[byte >> 4];
+    text += digits[byte & 15];
+  }
+  return text;
+}
+
+void Record::add(const std::string& text) {
+  {
+    const std::lock_guard lock(mutex_);
+    lines_.push_back(text);
+  }
+  sim::Machine::current().note("client " + text);
+}
+
+std::vector<std::string> Record::lines() {
+  const std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::vector<std::string> Record::lines(const std::string& beginning) {
+  std::vector<std::string> result = lines();
+  std::erase_if(result, [&](const std::string& text) { return text.rfind(beginning, 0) != 0; });
+  return result;
+}
+
+void Record::clear() {
+  const std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+void Record::Log(const wchar_t* text, LogType type) { add(line("Log", static_cast<int>(type), narrow(text))); }
+void Record::HidConnect(int device) { add(line("HidConnect", device)); }
+void Record::HidDisconnect(int device) { add(line("HidDisconnect", device)); }
+void Record::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {
+  add(line("MKeyTypeSet", device, key, hex({types, types + length})));
+}
+void Record::MainMenu(MainMenuType menu) { add(line("MainMenu", static_cast<int>(menu))); }
+void Record::PostMainMenu(MainMenuType menu) { add(line("PostMainMenu", static_cast<int>(menu))); }
+
+Desk::Desk(sim::MachineOptions options) : machine(options) {
+  CPreferences::Instance()->SetVoiceClickTimes(1);
+  CPreferences::Instance()->SetDoubleClickTimeInterval_ms(400);
+  CPreferences::Instance()->SetVoxButtonLongDown(0);
+  CEnvironmentMonitor::SetNet(true);
+  CVoxDeviceInfo::Instance()->ClearBluetooth();
+  VoxMessage::SetSink(&record);
+  machine.install(L"asc_lib.dll", sim::ascLibrary());
+  hub = std::make_unique<CAudioHidCenter>();
+  void* context = &record;
+  const auto slot = [](auto* function) { return reinterpret_cast<void*>(function); };
+  hub->SetCallback_MouseConnect(slot(+[](int device, int state, void* to) {
+                                  static_cast<Record*>(to)->add(line("MouseConnect", device, state));
+                                }),
+                                context);
+  hub->SetCallback_VoiceOperate(slot(+[](int device, int operation, void* to) {
+                                  static_cast<Record*>(to)->add(line("VoiceOperate", device, operation));
+                                }),
+                                context);
+  hub->SetCallback_DpiSet(
+      slot(+[](int device, int dpi, bool ok, void* to) { static_cast<Record*>(to)->add(line("DpiSet", device, dpi, ok)); }),
+      context);
+  hub->SetCallback_MouseState(
+      slot(+[](int device, MouseType model, DataChannel link, int word0, int word1, int byte, void* to) {
+        static_cast<Record*>(to)->add(line("MouseState", device, int{model}, int{link}, word0, word1, byte));
+      }),
+      context);
+  hub->SetCallback_DongleState(slot(+[](int device, MouseType model, DataChannel link, int word, bool flag, void* to) {
+                                 static_cast<Record*>(to)->add(
+                                     line("DongleState", device, int{model}, int{link}, word, flag));
+                               }),
+                               context);
+  hub->SetCallback_PowerReport(slot(+[](int device, int level, void* to) {
+                                 static_cast<Record*>(to)->add(line("PowerReport", device, level));
+                               }),
+                               context);
+  hub->SetCallback_DownloadUrl(slot(+[](int device, bool ok, void* to) {
+                                 static_cast<Record*>(to)->add(line("DownloadUrl", device, ok));
+                               }),
+                               context);
+}
+
+Desk::~Desk() {
+  close();
+  VoxMessage::SetSink(nullptr);
+  EXPECT_EQ(machine.balance(), sim::Balance{});
+  EXPECT_EQ(machine.misuses(), 0U);
+}
+
+void Desk::close() {
+  if (!hub) return;
+  hub->CloseDevice();
+  hub->Release();
+  hub.reset();
+}
+
+std::shared_ptr<sim::VirtualMouse> Desk::make(const std::string& model, sim::Link link) {
+  return sim::makeMouse(model, link, "7&1a2b3c" + std::to_string(10 + instances_++) + "&0&0000");
+}
+
+std::shared_ptr<sim::VirtualMouse> Desk::connect(const std::string& model, sim::Link link) {
+  auto device = make(model, link);
+  machine.plug(device);
+  const auto announced = record.lines("HidConnect").size();
+  EXPECT_TRUE(machine.waitFor([&] { return record.lines("HidConnect").size() > announced; }, 5s));
+  run(400ms);
+  return device;
+}
+
+std::vector<std::int16_t> Desk::pcm() {
+  const std::lock_guard lock(audioMutex);
+  std::vector<std::int16_t> samples(audio.size() / 2);
+  std::memcpy(samples.data(), audio.data(), samples.size() * 2);
+  return samples;
+}
+
+void Desk::onAudio(const unsigned char* data, int byteCount, void* desk) {
+  auto* self = static_cast<Desk*>(desk);
+  const std::lock_guard lock(self->audioMutex);
+  self->deliveries.push_back(byteCount);
+  if (data) self->audio.insert(self->audio.end(), data, data + byteCount);
+}

@@ -1,0 +1,70 @@
+// A desk for tests: a simulated machine, the hub, and a record of everything that reaches the client.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "VoxDevice/VoxDevice.h"
+#include "sim/Machine.h"
+#include "sim/devices/Mice.h"
+
+using namespace std::chrono_literals;
+
+// What the client has been told, a line each: "MouseState 1 2 2 1 1600 80", "Log 43 ...", "HidConnect 1", ...
+class Record : public VoxMessageSink {
+ public:
+  void add(const std::string& line);
+  std::vector<std::string> lines();
+  // Those that begin with `beginning`.
+  std::vector<std::string> lines(const std::string& beginning);
+  void clear();
+
+  void Log(const wchar_t* text, LogType type) override;
+  void HidConnect(int device) override;
+  void HidDisconnect(int device) override;
+  void MKeyTypeSet(int device, int key, const unsigned char* types, int length) override;
+  void MainMenu(MainMenuType menu) override;
+  void PostMainMenu(MainMenuType menu) override;
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+std::string narrow(const std::wstring& text);  // UTF-8
+std::string hex(const std::vector<std::uint8_t>& bytes);
+
+// Owns the machine, the hub and the record; checks at its end that nothing is left open and no handle was misused.
+class Desk {
+ public:
+  explicit Desk(sim::MachineOptions options = {});
+  ~Desk();
+  Desk(const Desk&) = delete;
+  Desk& operator=(const Desk&) = delete;
+
+  // Plugs a device in and waits until it is announced and has been asked for its state.
+  std::shared_ptr<sim::VirtualMouse> connect(const std::string& model, sim::Link link = sim::Link::usb);
+  std::shared_ptr<sim::VirtualMouse> make(const std::string& model, sim::Link link = sim::Link::usb);
+  void open() { hub->OpenDevice(reinterpret_cast<void*>(&Desk::onAudio), this); }
+  void run(sim::Time time) { machine.sleep(time); }
+  // CloseDevice and Release, and no hub any more.
+  void close();
+  std::vector<std::int16_t> pcm();
+  std::int64_t milliseconds() { return machine.now().count() / 1000; }
+
+  sim::Machine machine;
+  Record record;
+  std::unique_ptr<CAudioHidCenter> hub;
+  std::mutex audioMutex;
+  std::vector<int> deliveries;  // byte counts of the audio callback; 0 is the end mark
+  std::vector<unsigned char> audio;
+
+ private:
+  static void onAudio(const unsigned char* data, int byteCount, void* desk);
+  int instances_ = 0;
+};
