@@ -238,6 +238,21 @@ TEST(Connection, ReaderServesTheModelItHasSettledOn) {
   EXPECT_EQ(desk.hub->GetHidMouseType(4), MouseType_Finch);
 }
 
+TEST(Connection, ASwiftThatComesBackDeliberatelyGetsANewReader) {
+  // Its identifiers say Heron Plus, its idle reader says Swift.
+  Desk desk;
+  desk.open();
+  auto swift = desk.connect("Swift");
+  const auto before = desk.machine.balance().handles;
+  desk.machine.unplug(swift);
+  desk.run(2s);
+  desk.machine.plug(swift);
+  desk.run(3s);
+  EXPECT_EQ(desk.hub->GetHidMouseType(2), MouseType_Swift);
+  EXPECT_GT(desk.machine.balance().handles, before) << "the idle reader keeps its lock and events";
+  EXPECT_EQ(swift->received(0x14).size(), 2U);
+}
+
 TEST(Discovery, OpensWhatIsUsableAndSkipsTheRest) {
   Desk desk;
   const auto id = [](int n) { return "7&" + std::to_string(n) + "&0&0000"; };

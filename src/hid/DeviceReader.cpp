@@ -14,7 +14,7 @@ namespace {
 constexpr DWORD kHeartbeatPeriod = 1000;    // ms
 constexpr DWORD kConnectStepPause = 100;    // ms
 constexpr int kHeartbeatsBeforeSleep = 3;   // unanswered ones; the next attempt declares the device asleep
-constexpr DWORD kWriteLockPatience = 100;   // ms; a writer that takes longer is stuck in a device that has gone
+constexpr DWORD kLastWritePatience = 100;   // ms; a writer that takes longer is stuck in a device that has gone
 
 int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
 
@@ -40,9 +40,9 @@ CDeviceReader::~CDeviceReader() {
 bool CDeviceReader::Attach(const HidConnection& connection) noexcept {
   if (heartbeatThread.IsSet()) Log(L"强制关闭hid设备心跳包线程", LogType_DeviceRemoved);
   heartbeatThread.Terminate();
-  if (!CloseHandles(kWriteLockPatience)) return false;
+  if (!CloseHandles(kLastWritePatience)) return false;
   ClearDeviceValues();
-  if (!writeLock.Lock(kWriteLockPatience)) return false;
+  if (!writeLock.Lock(kLastWritePatience)) return false;
   outputReport_.assign(static_cast<std::size_t>(connection.outputReportLength), 0);
   outputReportLength = connection.outputReportLength;
   writeHandle = connection.writeHandle;
@@ -65,10 +65,14 @@ void CDeviceReader::Stop() noexcept {
   stopFlag = true;
 }
 
-void CDeviceReader::ShutDown() noexcept {
+void CDeviceReader::EndThreads() noexcept {
   stopFlag = true;
   heartbeatThread.Terminate();
   readThread.Terminate();
+}
+
+void CDeviceReader::ShutDown() noexcept {
+  EndThreads();
   if (IsOwnThread()) return;  // the owner keeps the reader until this thread is gone
   CloseHandles(INFINITE);
   writeHandle = nullptr;
@@ -109,7 +113,7 @@ void CDeviceReader::ReadLoop() noexcept {
     readerCallback(number, GetMouseType(), channel, buffer.data(), length, callbackContext);
   }
 
-  CloseHandles(kWriteLockPatience);
+  CloseHandles(kLastWritePatience);
   stopFlag = true;
   readThread.Clear();
   disconnectCallback(number, callbackContext);

@@ -71,7 +71,9 @@ class CDeviceReader {
   // ---- For the hub's owner ----
   // Ends the read thread by force and tells the heartbeat thread to end. The handles stay open.
   void Stop() noexcept;
-  // Ends both threads and closes the handles.
+  // Ends both threads.
+  void EndThreads() noexcept;
+  // Ends both threads and closes the handles; on one of those threads itself, only lets it end.
   void ShutDown() noexcept;
   // True on one of this reader's own threads (a client callback).
   bool IsOwnThread() const noexcept { return readThread.IsCurrent() || heartbeatThread.IsCurrent(); }
@@ -83,6 +85,7 @@ class CDeviceReader {
   bool IsReady() const noexcept { return IsLive() && otaStage == 0; }
 
   // Writes min(length, outputReportLength) bytes. The result tells whether the device took them; no sender looks at it.
+  // Waits for the device as long as its driver does, and for another writer a second at most.
   bool WriteReport(const unsigned char* report, int length) noexcept;
   // Writes a command without payload, whatever the reader's readiness.
   void SendCommand(std::uint8_t command, DataChannel link) noexcept;
@@ -159,7 +162,8 @@ class CDeviceReader {
   bool SleepParked(DWORD milliseconds) noexcept;
   void OnMKeyTypeReply(const CHidData& reply) noexcept;
   void ClearDeviceValues() noexcept;
-  bool WriteLocked(const unsigned char* report, int length) noexcept;
+  // Takes writeLock for one write. False when the report cannot be written.
+  bool LockForWriting() noexcept;
   // Closes both handles, the write handle under its lock. False when the lock could not be had in time.
   bool CloseHandles(DWORD patience) noexcept;
   template <std::size_t Size>

@@ -9,38 +9,39 @@ constexpr DWORD kVoicePollPeriod = 10;  // ms
 constexpr int kVoicePolls = 100;
 constexpr DWORD kMKeyPollPeriod = 50;  // ms
 constexpr int kMKeyPolls = 50;
+constexpr DWORD kWritePatience = 1000;  // ms
 
 }  // namespace
 
-bool CDeviceReader::WriteReport(const unsigned char* report, int length) noexcept {
-  if (!report || length <= 0) return false;
-  writeLock.Lock();
+bool CDeviceReader::LockForWriting() noexcept {
+  // A writer that holds the lock for longer is stuck in its device; this report is dropped rather than wait for ever.
+  if (!writeLock.Lock(kWritePatience)) return false;
   // Deliberate: without a write handle the lock stays with this thread. Only ShutDown clears the handle, and a reader
   // that has been shut down must not be written to again; the thread gives the lock up when it ends.
-  if (!writeHandle) return false;
-  const bool written = WriteLocked(report, length);
-  writeLock.Unlock();
-  return written;
+  return writeHandle != nullptr;
 }
 
-bool CDeviceReader::WriteLocked(const unsigned char* report, int length) noexcept {
+bool CDeviceReader::WriteReport(const unsigned char* report, int length) noexcept {
+  if (!report || length <= 0 || !LockForWriting()) return false;
   const HANDLE file = writeHandle;
-  if (file == INVALID_HANDLE_VALUE) return false;
-  DWORD written = 0;
-  const auto count = static_cast<DWORD>(std::min(length, static_cast<int>(outputReportLength)));
-  return os::WriteFile(file, report, count, &written, nullptr) != FALSE;
+  BOOL written = FALSE;
+  if (file != INVALID_HANDLE_VALUE) {
+    DWORD count = 0;
+    written = os::WriteFile(file, report, static_cast<DWORD>(std::min<int>(length, outputReportLength)), &count, nullptr);
+  }
+  writeLock.Unlock();
+  return written != FALSE;
 }
 
 void CDeviceReader::SendFrame(std::uint8_t command, const std::uint8_t* payload, int length,
                               DataChannel link) noexcept {
   std::array<std::uint8_t, kMaxFrame> frame;
   const std::size_t size = BuildFrame(command, payload, length, link, frame);
-  writeLock.Lock();
-  if (!writeHandle) return;  // as in WriteReport
+  if (size == 0 || !LockForWriting()) return;
   // The report belongs to the reader, not to this thread, which may be ended by force while it writes.
-  if (size > 0 && size <= outputReport_.size()) {
+  if (size <= outputReport_.size()) {
     std::fill(std::copy_n(frame.begin(), size, outputReport_.begin()), outputReport_.end(), std::uint8_t{0});
-    WriteLocked(outputReport_.data(), static_cast<int>(outputReport_.size()));
+    WriteReport(outputReport_.data(), static_cast<int>(outputReport_.size()));
   }
   writeLock.Unlock();
 }

@@ -133,11 +133,16 @@ void CAudioHidCenter::CloseDevice() {
 }
 
 void CAudioHidCenter::Release() {
+  stopDetection = true;  // a pass that runs now ends with the interface it is at
+  detectionThread = nullptr;
   for (Detection& detection : detections) detection.thread.Terminate(kPassPatience);
   detections.clear();
-  detectionThread = nullptr;
   passRunning = false;
   AppExit(-1);
+  // All threads first: a callback on one reader's thread may be sending to the device of another.
+  ForEachRow([](HidDeviceEntry& row) {
+    if (row.reader) row.reader->EndThreads();
+  });
   ForEachRow([this](HidDeviceEntry& row) {
     if (!row.reader) return;
     row.reader->ShutDown();

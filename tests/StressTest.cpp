@@ -1,0 +1,135 @@
+// Many devices, many schedules, stops at any moment: nothing is left behind.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/Desk.h"
+
+namespace {
+
+const std::pair<const char*, sim::Link> kKinds[] = {
+    {"Tern", sim::Link::usb},         {"Tern", sim::Link::bluetooth},       {"Wren", sim::Link::usb},
+    {"Wren", sim::Link::bluetooth},   {"Finch", sim::Link::bluetooth},      {"Robin", sim::Link::bluetooth},
+    {"Heron", sim::Link::bluetooth},  {"Egret", sim::Link::bluetooth},      {"Heron Plus", sim::Link::usb},
+    {"Heron Plus", sim::Link::bluetooth},
+};
+
+TEST(Stress, AHundredDevicesForAnHour) {
+  Desk desk;
+  std::mt19937 random(1);
+  std::vector<std::shared_ptr<sim::VirtualMouse>> devices;
+  for (std::size_t i = 0; i < 100; ++i) devices.push_back(desk.make(kKinds[i % 10].first, kKinds[i % 10].second));
+  desk.open();
+  std::size_t mostHandles = 0;
+  for (int second = 0; second < 3600; ++second) {
+    const auto& device = devices[random() % devices.size()];
+    if (device->plugged()) {
+      desk.machine.unplug(device);
+    } else {
+      desk.machine.plug(device);
+    }
+    if (second % 60 == 0) desk.hub->GetMouseState(-1);
+    if (second == 600) mostHandles = desk.machine.balance().handles;
+    desk.run(1s);
+    if (second % 100 == 0) desk.record.clear();
+  }
+  // A reader keeps three events and its lock, a connected one two handles of the device and two threads.
+  EXPECT_LE(desk.machine.balance().handles, 100U * 8 + 2);
+  EXPECT_GT(mostHandles, 100U);
+  for (const auto& device : devices) {
+    if (device->plugged()) desk.machine.unplug(device);
+  }
+  desk.run(2s);
+  EXPECT_FALSE(desk.hub->IsConnect());
+  std::vector<int> numbers;
+  std::vector<std::wstring> names;
+  desk.hub->GetValidHidList(numbers, names);
+  EXPECT_TRUE(numbers.empty());
+  EXPECT_EQ(desk.machine.balance().threads, 1U) << "discovery alone";
+}
+
+// Devices at work, and a stop at a moment and in a schedule that the seed chooses. The desk checks the balance.
+void stopAtAnyMoment(std::uint64_t seed) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  Desk desk({.seed = seed});
+  std::mt19937_64 random(seed);
+  const auto within = [&](std::uint64_t bound) { return std::chrono::microseconds(random() % bound * 1000); };
+  desk.open();
+  auto wren = desk.make("Wren");
+  auto tern = desk.make("Tern");
+  auto plus = desk.make("Heron Plus", sim::Link::bluetooth);
+  for (const auto& device : {wren, tern, plus}) {
+    device->faults.writeTime = within(30);
+    desk.machine.plug(device);
+  }
+  desk.run(within(4000));
+  desk.hub->ChooseWorkHidDevice(static_cast<int>(random() % 4));
+  desk.hub->OpenHidRecord();
+  desk.run(within(1500));
+  if (random() % 3 == 0) {
+    desk.machine.unplug(wren);
+    if (random() % 2 == 0) desk.machine.plug(wren);
+    desk.run(within(3));
+  }
+  if (random() % 3 == 0) desk.machine.after(within(3), [&] { desk.machine.hid().unplug(tern); });
+  if (random() % 4 == 0) wren->faults.writeTime = 2s;  // longer than the patience of other writers
+  if (random() % 2 == 0) desk.run(within(1200));
+  switch (random() % 4) {
+    case 0:
+      desk.hub->CloseDevice();
+      desk.hub->Release();
+      break;
+    case 1:
+      desk.hub->Release();
+      break;
+    case 2:
+      desk.hub->CloseHidRecord();
+      desk.hub->CloseDevice();
+      desk.run(within(1500));
+      desk.hub->Release();
+      break;
+    default:
+      desk.hub.reset();  // a client that forgets both
+      break;
+  }
+  desk.machine.unplug(plus);
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+TEST(Stress, StopsCleanlyAtAThousandMoments) {
+  for (std::uint64_t seed = 1; seed <= 1000 && !HasFailure(); ++seed) stopAtAnyMoment(seed);
+}
+
+// Pulled out and put back faster than anything can settle, in shuffled schedules.
+TEST(Stress, QuickReplugsAlwaysEndWithOneLiveDevice) {
+  for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Desk desk({.seed = seed});
+    std::mt19937_64 random(seed);
+    desk.open();
+    auto tern = desk.make("Tern");
+    desk.machine.plug(tern);
+    for (int i = 0; i < 6; ++i) {
+      desk.run(std::chrono::milliseconds(900 + random() % 250));
+      desk.machine.unplug(tern);
+      if (random() % 2 == 0) desk.run(std::chrono::microseconds(random() % 2000));
+      desk.machine.plug(tern);
+    }
+    desk.run(5s);
+    std::vector<int> numbers;
+    std::vector<std::wstring> names;
+    desk.hub->GetValidHidList(numbers, names);
+    ASSERT_EQ(numbers.size(), 1U);
+    desk.record.clear();
+    tern->reportPower(5);
+    desk.hub->SetDpi(numbers[0], 800);
+    desk.run(100ms);
+    EXPECT_EQ(desk.record.lines("PowerReport").size(), 1U);
+    EXPECT_EQ(desk.record.lines("DpiSet").size(), 1U);
+  }
+}
+
+}  // namespace
