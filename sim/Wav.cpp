@@ -23,7 +23,9 @@ void put(std::vector<std::uint8_t>& bytes, std::uint32_t value, int count) {
   for (int i = 0; i < count; ++i) bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
 }
 
-void put(std::vector<std::uint8_t>& bytes, const char* tag) { bytes.insert(bytes.end(), tag, tag + 4); }
+void put(std::vector<std::uint8_t>& bytes, const char* tag) {
+  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<std::uint8_t>(tag[i]));
+}
 
 bool is(std::span<const std::uint8_t> bytes, std::size_t at, const char* tag) {
   return std::memcmp(bytes.data() + at, tag, 4) == 0;

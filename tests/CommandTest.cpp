@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/Text.h"
 #include "tests/Desk.h"
 
 namespace {
@@ -140,7 +141,7 @@ TEST_F(Commands, SerialNumbersAreCheckedCharacterByCharacter) {
   const auto send = [&](const std::string& serial) {
     wren->reply(0xB1, sim::Bytes(serial.begin(), serial.end()));
     desk.run(1ms);
-    return narrow(info.GetBluetoothID());
+    return sim::utf8(info.GetBluetoothID());
   };
   const std::string kept = "09azAZ012345678901";
   EXPECT_EQ(send(kept), kept);
@@ -191,8 +192,8 @@ TEST_F(Commands, RecordingDevicesAreMatchedByName) {
       {L"VoxMouse Finch", false, false},        {L"", false, false},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(hub.RecordDeviceIsHidDevice(c.name), c.found) << narrow(c.name);
-    EXPECT_EQ(hub.WorkHidIsWren(), c.wren) << narrow(c.name);
+    EXPECT_EQ(hub.RecordDeviceIsHidDevice(c.name), c.found) << sim::utf8(c.name);
+    EXPECT_EQ(hub.WorkHidIsWren(), c.wren) << sim::utf8(c.name);
   }
   EXPECT_EQ(hub.GetHidName(static_cast<MouseType>(9)), L"VoxMouseB(未知类型)");
   EXPECT_EQ(hub.GetHidName(static_cast<MouseType>(-1)), L"VoxMouseB(未知类型)");

@@ -3,6 +3,8 @@
 #include <cstring>
 #include <sstream>
 
+#include "sim/Text.h"
+
 namespace {
 
 template <class... Values>
@@ -14,24 +16,6 @@ std::string line(const char* name, Values... values) {
 }
 
 }  // namespace
-
-std::string narrow(const std::wstring& text) {
-  std::string result;
-  for (const wchar_t wide : text) {
-    const auto c = static_cast<std::uint32_t>(wide);
-    if (c < 0x80) {
-      result += static_cast<char>(c);
-    } else if (c < 0x800) {
-      result += static_cast<char>(0xC0 | c >> 6);
-      result += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-      result += static_cast<char>(0xE0 | c >> 12);
-      result += static_cast<char>(0x80 | (c >> 6 & 0x3F));
-      result += static_cast<char>(0x80 | (c & 0x3F));
-    }
-  }
-  return result;
-}
 
 std::string hex(const std::vector<std::uint8_t>& bytes) {
   std::string text;
@@ -67,7 +51,7 @@ void Record::clear() {
   lines_.clear();
 }
 
-void Record::Log(const wchar_t* text, LogType type) { add(line("Log", static_cast<int>(type), narrow(text))); }
+void Record::Log(const wchar_t* text, LogType type) { add(line("Log", static_cast<int>(type), sim::utf8(text))); }
 void Record::HidConnect(int device) { add(line("HidConnect", device)); }
 void Record::HidDisconnect(int device) { add(line("HidDisconnect", device)); }
 void Record::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {

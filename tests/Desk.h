@@ -36,7 +36,6 @@ class Record : public VoxMessageSink {
   std::vector<std::string> lines_;
 };
 
-std::string narrow(const std::wstring& text);  // UTF-8
 std::string hex(const std::vector<std::uint8_t>& bytes);
 
 // Owns the machine, the hub and the record; checks at its end that nothing is left open and no handle was misused.

@@ -1,0 +1,116 @@
+#!/bin/sh
+# The client as its users run it: outputs, exit codes, messages. Usage: voxdesk_test.sh VOXDESK SAMPLES
+set -eu
+voxdesk=$1
+sample=$2/sentence.wav
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+cd "$dir"
+
+fail() {
+  echo "voxdesk_test: $1" >&2
+  sed 's/^/  out: /' out >&2
+  sed 's/^/  err: /' err >&2
+  exit 1
+}
+# expect CODE ARGUMENTS...: runs voxdesk and checks its exit code.
+expect() {
+  code=$1
+  shift
+  got=0
+  "$voxdesk" "$@" >out 2>err || got=$?
+  [ "$got" -eq "$code" ] || fail "exit code $got instead of $code: voxdesk $*"
+}
+out() { grep -qF -- "$1" out || fail "not on standard output: $1"; }
+err() { grep -qF -- "$1" err || fail "not on standard error: $1"; }
+
+# The main job.
+expect 0 --virtual-time
+out "VoxMouse Wren, USB, battery 80 %, DPI 1600, identity WR0123456789ABCDEF"
+out "VoxMouse Heron Plus, Bluetooth LE, battery 64 %, DPI 1200"
+out "VoxMouse Tern, USB, battery 93 %, DPI 800"
+out "wrote voxdesk-recording.wav: 5."
+out "Stopped: nothing is left open."
+[ "$(wc -c <voxdesk-recording.wav)" -gt 170000 ] || fail "the recording is too short"
+[ ! -s err ] || fail "something on standard error"
+
+expect 0 --virtual-time devices --json
+[ "$(grep -c '"event":"device"' out)" -eq 3 ] || fail "three devices"
+out '"device":3,"model":"VoxMouse Tern","link":"USB","battery":93,"dpi":800'
+
+expect 0 --virtual-time monitor --seconds 12
+out "9.010 s  left button down"
+out "log 33: 语音键双击：0  100  200  310"
+out "#4  VoxMouse Tern connected over USB"
+
+expect 0 --virtual-time record --device 3 --speech "$sample" --out tern.wav --seconds 2 --json
+out '"event":"recorded","file":"tern.wav"'
+[ "$(wc -c <tern.wav)" -ge 64044 ] || fail "two seconds are at least 64000 bytes"
+
+# What goes wrong is explained.
+expect 1 --virtual-time record --device 9 --speech "$sample" --out x.wav
+err "no device has the number 9; there are: 1 (VoxMouse Wren) 2 (VoxMouse Heron Plus) 3 (VoxMouse Tern)"
+expect 1 record --speech "$voxdesk" --out x.wav
+err "not a WAV file"
+expect 1 record --speech "$sample" --out nowhere/x.wav
+err "nowhere/x.wav: No such file or directory"
+expect 2 record --out x.wav
+err "--speech is required"
+expect 2 monitor --virtual-time
+err "needs --seconds"
+expect 2 bogus
+expect 0 --help
+out "docs/desk-file.md"
+
+# Desk files: what they can do, and how a mistake is reported.
+cat >desk.json <<'JSON'
+{"devices": [
+  {"model": "Finch", "battery": 7, "dpi": 400},
+  {"model": "Wren", "link": "bluetooth", "faults": [{"command": "voice-open", "answer": "refuse"}]},
+  {"model": "Tern", "faults": [{"command": "all", "answer": "silent"}]},
+  {"model": "Swift", "faults": [{"open": "refused"}],
+   "timeline": [{"at": 1, "key": "0"}, {"at": 2, "unplug": true}]}
+]}
+JSON
+expect 0 --virtual-time --desk desk.json devices
+[ "$(grep -c VoxMouse out)" -eq 2 ] || fail "two devices answer"
+out "VoxMouse Finch        Bluetooth LE      7 %   400  192-168-1-2-3-255"
+expect 1 --virtual-time --desk desk.json record --device 2 --speech "$sample" --out x.wav
+err "the device refused to open its voice channel"
+
+mistake() {
+  printf '%s' "$1" >bad.json
+  expect 1 --virtual-time --desk bad.json devices
+  err "$2"
+}
+mistake '{"devices": [}' 'bad.json: parse error at line 1, column 14'
+mistake '{}' 'bad.json: "devices" is missing'
+mistake '[]' 'bad.json: expected an object, found []'
+mistake '{"devices": {}}' 'bad.json.devices: expected a list, found {}'
+mistake '{"devices": [{"link": "usb"}]}' 'bad.json.devices[0]: "model" is missing'
+mistake '{"devices": [{"model": "Gull"}]}' 'bad.json.devices[0].model: expected one of: Tern, Wren, Finch'
+mistake '{"devices": [{"model": "Finch", "link": "usb"}]}' 'expected "bluetooth" for a Finch, found "usb"'
+mistake '{"devices": [{"model": "Wren", "batery": 3}]}' 'no entry is called "batery"; there are: model, link, battery'
+mistake '{"devices": [{"model": "Wren", "battery": 256}]}' 'expected a whole number from 0 to 255, found 256'
+mistake '{"devices": [{"model": "Wren", "battery": 1e99}]}' 'expected a whole number from 0 to 255'
+mistake '{"devices": [{"model": "Wren", "speech": "none.wav"}]}' 'none.wav: No such file or directory'
+mistake '{"devices": [{"model": "Wren", "timeline": [{"at": 1}]}]}' 'timeline[0]: expected "at" and one of key, power'
+expect 1 --desk none.json devices
+err "none.json: No such file or directory"
+
+# A device that is pulled out in the middle: what it had sent is kept.
+cat >pulled.json <<'JSON'
+{"devices": [{"model": "Wren", "timeline": [{"at": 4, "unplug": true}]}]}
+JSON
+expect 1 --virtual-time --desk pulled.json record --device 1 --speech "$sample" --out kept.wav
+err "the device went away during the recording; kept.wav holds what it had sent"
+[ "$(wc -c <kept.wav)" -gt 50000 ] || fail "two seconds had come"
+
+# Ctrl-C stops cleanly, and keeps the recording so far.
+"$voxdesk" record --speech "$sample" --out stopped.wav >out 2>err &
+pid=$!
+sleep 3
+kill -INT "$pid"
+wait "$pid" || fail "exit code $? after Ctrl-C"
+out "wrote stopped.wav"
+echo "voxdesk_test: all passed"

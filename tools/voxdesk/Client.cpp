@@ -1,0 +1,228 @@
+#include "Client.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "sim/Text.h"
+
+namespace {
+
+std::string modelName(MouseType model) { return sim::utf8(CAudioHidCenter::GetHidName(model)); }
+
+const char* linkName(DataChannel link) {
+  switch (link) {
+    case DataChannel_BluetoothLE:
+      return "Bluetooth LE";
+    case DataChannel_Usb:
+      return "USB";
+    case DataChannel_Receiver:
+      return "receiver";
+    default:
+      return "unknown link";
+  }
+}
+
+std::string hash(int device) { return "#" + std::to_string(device) + "  "; }
+
+}  // namespace
+
+std::string percent(int battery) { return battery < 0 ? "?" : std::to_string(battery) + " %"; }
+
+Client::Client(std::function<double()> seconds)
+    : seconds_(std::move(seconds)), hub_(std::make_unique<CAudioHidCenter>()), buttons_(4, ButtonUp) {
+  VoxMessage::SetSink(this);
+  registerCallbacks();
+}
+
+Client::~Client() {
+  stop();
+  hub_.reset();
+  VoxMessage::SetSink(nullptr);
+}
+
+void Client::start() {
+  const CAudioHidCenter::AudioCallback callback = [](const unsigned char* data, int byteCount, void* self) {
+    static_cast<Client*>(self)->onAudio(data, byteCount);
+  };
+  hub_->OpenDevice(reinterpret_cast<void*>(callback), this);
+}
+
+void Client::stop() {
+  hub_->CloseDevice();
+  hub_->Release();
+}
+
+void Client::registerCallbacks() {
+  const CAudioHidCenter::MouseConnectCallback mouseConnect = [](int device, int state, void* self) {
+    static_cast<Client*>(self)->add("mouse-connect", {{"device", device}, {"state", state}},
+                                    hash(device) + "connection report, state " + std::to_string(state));
+  };
+  hub_->SetCallback_MouseConnect(reinterpret_cast<void*>(mouseConnect), this);
+
+  const CAudioHidCenter::VoiceOperateCallback voice = [](int device, int operation, void* self) {
+    const char* what = operation == 3 ? "voice channel open" : operation == 2 ? "voice channel refused" : "voice channel closed";
+    static_cast<Client*>(self)->add("voice", {{"device", device}, {"operation", operation}}, hash(device) + what);
+  };
+  hub_->SetCallback_VoiceOperate(reinterpret_cast<void*>(voice), this);
+
+  const CAudioHidCenter::DpiSetCallback dpiSet = [](int device, int dpi, bool ok, void* self) {
+    auto* client = static_cast<Client*>(self);
+    if (ok) client->change(device, [=](DeviceView& view) { view.dpi = dpi; });
+    client->add("dpi", {{"device", device}, {"dpi", dpi}, {"ok", ok}},
+                hash(device) + "DPI " + std::to_string(dpi) + (ok ? " set" : " refused"));
+  };
+  hub_->SetCallback_DpiSet(reinterpret_cast<void*>(dpiSet), this);
+
+  const CAudioHidCenter::MouseStateCallback state = [](int device, MouseType model, DataChannel link, int word0,
+                                                       int word1, int byte, void* self) {
+    static_cast<Client*>(self)->onState(device, model, link, word0, word1, byte);
+  };
+  hub_->SetCallback_MouseState(reinterpret_cast<void*>(state), this);
+
+  const CAudioHidCenter::DongleStateCallback dongle = [](int device, MouseType, DataChannel, int word, bool flag,
+                                                         void* self) {
+    static_cast<Client*>(self)->add("dongle-state", {{"device", device}, {"word", word}, {"flag", flag}},
+                                    hash(device) + "receiver state " + std::to_string(word) + (flag ? ", flag set" : ""));
+  };
+  hub_->SetCallback_DongleState(reinterpret_cast<void*>(dongle), this);
+
+  const CAudioHidCenter::PowerReportCallback power = [](int device, int level, void* self) {
+    auto* client = static_cast<Client*>(self);
+    client->change(device, [=](DeviceView& view) { view.battery = level; });
+    client->add("power", {{"device", device}, {"level", level}}, hash(device) + "battery " + percent(level));
+  };
+  hub_->SetCallback_PowerReport(reinterpret_cast<void*>(power), this);
+
+  const CAudioHidCenter::DownloadUrlCallback url = [](int device, bool ok, void* self) {
+    static_cast<Client*>(self)->add("url", {{"device", device}, {"ok", ok}},
+                                    hash(device) + (ok ? "download URL accepted" : "download URL refused"));
+  };
+  hub_->SetCallback_DownloadUrl(reinterpret_cast<void*>(url), this);
+}
+
+std::vector<ClientEvent> Client::takeEvents() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(events_, {});
+}
+
+std::vector<std::int16_t> Client::takeAudio() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(audio_, {});
+}
+
+std::vector<DeviceView> Client::devices() {
+  const std::lock_guard lock(mutex_);
+  return devices_;
+}
+
+void Client::pollButtons() {
+  const std::pair<const char*, VoxButtonState (CAudioHidCenter::*)()> getters[] = {
+      {"left", &CAudioHidCenter::GetButtonState_Left},
+      {"right", &CAudioHidCenter::GetButtonState_Right},
+      {"M key 1", &CAudioHidCenter::GetButtonState_Key1},
+      {"M key 2", &CAudioHidCenter::GetButtonState_Key2},
+  };
+  for (std::size_t i = 0; i < buttons_.size(); ++i) {
+    const VoxButtonState state = ((*hub_).*getters[i].second)();
+    if (std::exchange(buttons_[i], state) == state) continue;
+    const std::string what = state == ButtonDown ? "down" : "up";
+    add("button", {{"button", getters[i].first}, {"state", what}}, std::string(getters[i].first) + " button " + what);
+  }
+  if (hub_->Tern_IsShortPress_R()) add("short-press", Json::object(), "short press of the Tern's right key");
+}
+
+void Client::Log(const wchar_t* text, LogType type) {
+  add("log", {{"category", static_cast<int>(type)}, {"text", sim::utf8(text)}},
+      "log " + std::to_string(type) + ": " + sim::utf8(text));
+}
+
+void Client::HidConnect(int device) {
+  DeviceView view;
+  view.number = device;
+  view.model = modelName(hub_->GetHidMouseType(device));
+  view.link = linkName(hub_->GetDeviceConnectMode(device));
+  {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(devices_, [=](const DeviceView& known) { return known.number == device; });
+    devices_.insert(std::upper_bound(devices_.begin(), devices_.end(), view,
+                                     [](const DeviceView& a, const DeviceView& b) { return a.number < b.number; }),
+                    view);
+  }
+  add("connect", {{"device", device}, {"model", view.model}, {"link", view.link}},
+      hash(device) + view.model + " connected over " + view.link);
+}
+
+void Client::HidDisconnect(int device) {
+  {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(devices_, [=](const DeviceView& known) { return known.number == device; });
+  }
+  add("disconnect", {{"device", device}}, hash(device) + "gone");
+}
+
+void Client::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {
+  Json supported = Json::array();
+  std::string text;
+  for (int i = 1; i < length; ++i) {
+    supported.push_back(types[i]);
+    text += " " + std::to_string(types[i]);
+  }
+  add("mkey-list", {{"device", device}, {"key", key}, {"current", types[0]}, {"supported", supported}},
+      hash(device) + "M key " + std::to_string(key) + " has function " + std::to_string(types[0]) + " of" + text);
+}
+
+void Client::MainMenu(MainMenuType menu) {
+  add("main-menu", {{"menu", static_cast<int>(menu)}, {"posted", false}},
+      std::string("main window: ") + (menu == Screenshot ? "screenshot" : "open navigation"));
+}
+
+void Client::PostMainMenu(MainMenuType menu) {
+  add("main-menu", {{"menu", static_cast<int>(menu)}, {"posted", true}},
+      std::string("main window (posted): ") + (menu == Screenshot ? "screenshot" : "open navigation"));
+}
+
+void Client::onState(int device, MouseType model, DataChannel link, int word, int dpi, int battery) {
+  const CVoxDeviceInfo& info = *CVoxDeviceInfo::Instance();
+  const std::string identity =
+      sim::utf8(info.GetBluetoothName()) == modelName(model) ? sim::utf8(info.GetBluetoothID()) : std::string();
+  change(device, [&](DeviceView& view) {
+    view.model = modelName(model);
+    view.battery = battery;
+    view.dpi = dpi;
+    view.identity = identity;
+  });
+  add("state",
+      {{"device", device},
+       {"model", modelName(model)},
+       {"link", linkName(link)},
+       {"word", word},
+       {"dpi", dpi},
+       {"battery", battery},
+       {"identity", identity}},
+      hash(device) + modelName(model) + ", " + linkName(link) + ", battery " + percent(battery) + ", DPI " +
+          std::to_string(dpi) + (identity.empty() ? "" : ", identity " + identity));
+}
+
+void Client::onAudio(const unsigned char* data, int byteCount) {
+  std::vector<std::int16_t> pcm(static_cast<std::size_t>(byteCount) / 2);
+  if (data) std::memcpy(pcm.data(), data, pcm.size() * 2);
+  {
+    const std::lock_guard lock(mutex_);
+    audio_.insert(audio_.end(), pcm.begin(), pcm.end());
+  }
+  add("audio", {{"bytes", byteCount}}, byteCount == 0 ? "end of the recording" : "audio, " + std::to_string(byteCount) + " bytes");
+}
+
+void Client::change(int device, const std::function<void(DeviceView&)>& edit) {
+  const std::lock_guard lock(mutex_);
+  for (DeviceView& view : devices_) {
+    if (view.number == device) edit(view);
+  }
+}
+
+void Client::add(const std::string& name, Json fields, const std::string& text) {
+  const double now = seconds_();
+  const std::lock_guard lock(mutex_);
+  events_.push_back({now, name, std::move(fields), text});
+}

@@ -1,0 +1,245 @@
+#include "DeskFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "sim/Wav.h"
+
+namespace {
+
+using nlohmann::json;
+
+const std::map<std::string, std::uint8_t> kCommands = {
+    {"all", 0x00},          {"app-open", 0x01},  {"app-exit", 0x02},     {"voice-open", 0x03}, {"voice-stop", 0x04},
+    {"heartbeat", 0x05},    {"set-dpi", 0x06},   {"mouse-state", 0x0C},  {"dongle-state", 0x0D}, {"set-url", 0x0E},
+    {"identify", 0x0F},     {"mkey-list", 0x14}, {"mkey-set", 0x15},
+};
+
+template <class Names>
+std::string listOf(const Names& names) {
+  std::string text;
+  for (const auto& name : names) text += (text.empty() ? "" : ", ") + std::string(name);
+  return text;
+}
+
+// A value in the file, and where it stands.
+class Place {
+ public:
+  Place(const json& value, std::string path) : value_(value), path_(std::move(path)) {}
+
+  [[noreturn]] void expected(const std::string& what) const {
+    std::string found = value_.dump(-1, ' ', false, json::error_handler_t::replace);
+    if (found.size() > 60) found = found.substr(0, 57) + "...";
+    throw DeskFileError(path_ + ": expected " + what + ", found " + found);
+  }
+  // An object that has no entries but these.
+  void object(std::initializer_list<const char*> names) const {
+    if (!value_.is_object()) expected("an object");
+    for (const auto& [name, value] : value_.items()) {
+      if (std::find(names.begin(), names.end(), name) == names.end()) {
+        throw DeskFileError(path_ + ": no entry is called \"" + name + "\"; there are: " + listOf(names));
+      }
+    }
+  }
+  bool has(const char* name) const { return value_.contains(name); }
+  Place operator[](const char* name) const {
+    if (!has(name)) throw DeskFileError(path_ + ": \"" + name + "\" is missing");
+    return {value_.at(name), path_ + "." + name};
+  }
+  template <class Visit>
+  void each(const char* name, Visit visit) const {
+    if (!has(name)) return;
+    const Place list = (*this)[name];
+    if (!list.value_.is_array()) list.expected("a list");
+    for (std::size_t i = 0; i < list.value_.size(); ++i) {
+      visit(Place(list.value_[i], list.path_ + "[" + std::to_string(i) + "]"));
+    }
+  }
+  template <class Integer>
+  Integer integer(int least, int most) const {
+    if (!value_.is_number_integer() || value_ < least || value_ > most) {
+      expected("a whole number from " + std::to_string(least) + " to " + std::to_string(most));
+    }
+    return static_cast<Integer>(value_.get<int>());
+  }
+  double seconds() const {
+    if (!value_.is_number() || value_.get<double>() < 0 || value_.get<double>() > 1e6) expected("seconds, 0 or more");
+    return value_.get<double>();
+  }
+  bool flag() const {
+    if (!value_.is_boolean()) expected("true or false");
+    return value_.get<bool>();
+  }
+  std::string text(const std::string& what) const {
+    if (!value_.is_string()) expected(what);
+    return value_.get<std::string>();
+  }
+
+ private:
+  const json& value_;
+  std::string path_;
+};
+
+DeskAction readAction(const Place& place) {
+  place.object({"at", "key", "power", "sleep", "unplug", "plug"});
+  DeskAction action;
+  action.at = place["at"].seconds();
+  int actions = 0;
+  if (place.has("key")) {
+    const std::string key = place["key"].text("a key character");
+    if (key.size() != 1) place["key"].expected("one key character");
+    action.kind = DeskAction::Kind::key;
+    action.key = key[0];
+    ++actions;
+  }
+  if (place.has("power")) {
+    action.kind = DeskAction::Kind::power;
+    action.power = place["power"].integer<std::uint8_t>(0, 255);
+    ++actions;
+  }
+  if (place.has("sleep")) {
+    action.kind = place["sleep"].flag() ? DeskAction::Kind::sleep : DeskAction::Kind::wake;
+    ++actions;
+  }
+  for (const auto& [name, kind] : {std::pair("unplug", DeskAction::Kind::unplug), {"plug", DeskAction::Kind::plug}}) {
+    if (!place.has(name)) continue;
+    if (!place[name].flag()) place[name].expected("true");
+    action.kind = kind;
+    ++actions;
+  }
+  if (actions != 1) place.expected("\"at\" and one of key, power, sleep, unplug, plug");
+  return action;
+}
+
+void readFault(const Place& place, DeskDevice& device) {
+  place.object({"command", "answer", "delay_ms", "open", "writes"});
+  if (place.has("open")) {
+    if (place["open"].text("\"refused\"") != "refused") place["open"].expected("\"refused\"");
+    device.refuseOpen = true;
+  }
+  if (place.has("writes")) {
+    if (place["writes"].text("\"fail\"") != "fail") place["writes"].expected("\"fail\"");
+    device.failWrites = true;
+  }
+  if (!place.has("command")) {
+    if (!device.refuseOpen && !device.failWrites) place.expected("\"command\", \"open\" or \"writes\"");
+    return;
+  }
+  std::vector<std::string> names;
+  for (const auto& [name, code] : kCommands) names.push_back(name);
+  const auto command = kCommands.find(place["command"].text("a command's name"));
+  if (command == kCommands.end()) place["command"].expected("one of: " + listOf(names));
+  sim::Answering answering;
+  const std::string answer = place["answer"].text("an answer");
+  if (answer == "silent") {
+    answering.silent = true;
+  } else if (answer == "refuse") {
+    answering.refuse = true;
+  } else if (answer == "garbled") {
+    answering.garbled = true;
+  } else if (answer == "twice") {
+    answering.times = 2;
+  } else if (answer == "late") {
+    answering.delay = std::chrono::milliseconds(place["delay_ms"].integer<int>(0, 60'000));
+  } else {
+    place["answer"].expected("one of: silent, refuse, garbled, twice, late");
+  }
+  device.answers.emplace_back(command->second, answering);
+}
+
+void readModel(const Place& place, DeskDevice& device) {
+  std::vector<std::string> names;
+  for (const sim::ModelSheet& sheet : sim::modelSheets()) names.emplace_back(sheet.name);
+  device.model = place["model"].text("a model's name");
+  const sim::ModelSheet* sheet = sim::findModel(device.model);
+  if (!sheet) place["model"].expected("one of: " + listOf(names));
+  const std::string links = !sheet->usb ? "\"bluetooth\"" : "\"usb\" or \"bluetooth\"";
+  if (!place.has("link")) {
+    device.link = sheet->usb ? sim::Link::usb : sim::Link::bluetooth;
+    return;
+  }
+  const std::string link = place["link"].text(links);
+  if (link != "bluetooth" && (link != "usb" || !sheet->usb)) place["link"].expected(links + " for a " + device.model);
+  device.link = link == "usb" ? sim::Link::usb : sim::Link::bluetooth;
+}
+
+DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
+  place.object({"model", "link", "battery", "dpi", "serial", "address", "speech", "faults", "timeline"});
+  DeskDevice device;
+  readModel(place, device);
+  if (place.has("battery")) device.battery = place["battery"].integer<std::uint8_t>(0, 255);
+  if (place.has("dpi")) device.dpi = place["dpi"].integer<std::uint16_t>(0, 65535);
+  if (place.has("serial")) {
+    device.serial = place["serial"].text("a serial number");
+    if (device.serial.size() != 18) place["serial"].expected("18 letters and digits");
+  }
+  if (place.has("address")) {
+    std::array<std::uint8_t, 6> address{};
+    std::size_t count = 0;
+    place.each("address", [&](const Place& byte) {
+      if (count == address.size()) place["address"].expected("six bytes");
+      address[count++] = byte.integer<std::uint8_t>(0, 255);
+    });
+    if (count != address.size()) place["address"].expected("six bytes");
+    device.address = address;
+  }
+  if (place.has("speech")) {
+    // Beside the desk file, unless it says where.
+    const std::filesystem::path file = folder / place["speech"].text("the name of a WAV file");
+    std::string error;
+    device.speech = sim::readSpeech(file.string(), error);
+    if (!error.empty()) throw DeskFileError(error);
+  }
+  place.each("faults", [&](const Place& fault) { readFault(fault, device); });
+  place.each("timeline", [&](const Place& action) { device.timeline.push_back(readAction(action)); });
+  return device;
+}
+
+}  // namespace
+
+DeskDescription readDeskFile(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) throw DeskFileError(path + ": " + std::strerror(errno));
+  json root;
+  try {
+    root = json::parse(file);
+  } catch (const json::parse_error& error) {
+    const std::string what = error.what();  // begins with the library's own mark in brackets
+    throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));
+  }
+  const Place place(root, path);
+  place.object({"devices"});
+  DeskDescription desk;
+  if (!place.has("devices")) (void)place["devices"];
+  place.each("devices", [&](const Place& device) {
+    desk.devices.push_back(readDevice(device, std::filesystem::path(path).parent_path()));
+  });
+  return desk;
+}
+
+DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) {
+  using Kind = DeskAction::Kind;
+  DeskDevice wren{.model = "Wren", .link = sim::Link::usb, .battery = std::uint8_t{80}, .dpi = std::uint16_t{1600}};
+  wren.serial = "WR0123456789ABCDEF";
+  wren.speech = speech;
+  DeskDevice heronPlus{.model = "Heron Plus", .link = sim::Link::bluetooth, .battery = std::uint8_t{64}, .dpi = std::uint16_t{1200}};
+  heronPlus.address = {0x24, 0x8A, 0x10, 0x20, 0x30, 0x40};
+  DeskDevice tern{.model = "Tern", .link = sim::Link::usb, .battery = std::uint8_t{93}, .dpi = std::uint16_t{800}};
+  tern.address = {0x0D, 0x8C, 0x01, 0x02, 0x03, 0x04};
+  tern.speech = speech;
+  if (busy) {
+    for (const double second : {3.0, 3.2, 9.0}) {  // a double click, later a single one
+      wren.timeline.push_back({.at = second, .key = '0'});
+      wren.timeline.push_back({.at = second + 0.1, .key = '9'});
+    }
+    heronPlus.timeline = {{.at = 4.5, .key = '1'}, {.at = 5.0, .key = '@'}, {.at = 5.5, .key = '2'}};
+    heronPlus.timeline.push_back({.at = 6.0, .kind = Kind::power, .power = 63});
+    tern.timeline = {{.at = 7.0, .key = '3'}, {.at = 8.0, .kind = Kind::unplug}, {.at = 10.0, .kind = Kind::plug}};
+  }
+  return {{wren, heronPlus, tern}};
+}

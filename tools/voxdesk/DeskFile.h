@@ -1,0 +1,49 @@
+// The description of a desk: which devices are on it, and what happens to them.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sim/devices/Mice.h"
+
+// A moment of the user's hands.
+struct DeskAction {
+  enum class Kind { key, power, sleep, wake, unplug, plug };
+  double at = 0;  // seconds since the desk was set up
+  Kind kind = Kind::key;
+  char key = '0';
+  std::uint8_t power = 0;
+};
+
+struct DeskDevice {
+  std::string model;
+  sim::Link link = sim::Link::usb;
+  std::optional<std::uint8_t> battery;
+  std::optional<std::uint16_t> dpi;
+  std::string serial{};
+  std::optional<std::array<std::uint8_t, 6>> address{};
+  std::vector<std::int16_t> speech{};
+  std::vector<std::pair<std::uint8_t, sim::Answering>> answers{};  // by command code
+  bool refuseOpen = false;
+  bool failWrites = false;
+  std::vector<DeskAction> timeline{};
+};
+
+struct DeskDescription {
+  std::vector<DeskDevice> devices;
+};
+
+// What is wrong with a desk file, and where.
+class DeskFileError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+DeskDescription readDeskFile(const std::string& path);
+// A Wren on USB, a Heron Plus on Bluetooth LE, a Tern on USB. The Wren and the Tern hear `speech`.
+// busy: somebody uses them, so that there is something to watch.
+DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy);

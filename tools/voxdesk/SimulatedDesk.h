@@ -1,0 +1,39 @@
+// A desk of virtual hardware on the simulated machine.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "DeskFile.h"
+#include "sim/Machine.h"
+
+class SimulatedDesk {
+ public:
+  SimulatedDesk(DeskDescription description, bool virtualTime);
+
+  // Plugs every device in; their timelines begin.
+  void setUp();
+  std::size_t size() const { return devices_.size(); }
+  sim::VirtualMouse& device(std::size_t index) { return *devices_[index]; }
+  // The first device of a model; null when there is none.
+  sim::VirtualMouse* find(const std::string& model);
+
+  double seconds();  // since the machine was switched on
+  // Lets the desk go on for a while, and does what its timelines ask for.
+  void run(std::chrono::milliseconds time);
+  // What is still open on the machine, as a text; empty when nothing is.
+  std::string leftOpen();
+
+ private:
+  struct Due {
+    double at;
+    std::size_t device;
+    DeskAction action;
+  };
+  void act(const Due& due);
+
+  DeskDescription description_;
+  sim::Machine machine_;
+  std::vector<std::shared_ptr<sim::VirtualMouse>> devices_;
+  std::vector<Due> due_;  // in the order of time
+};
