@@ -24,3 +24,8 @@ if(VOXDEVICE_SANITIZE)
   add_compile_options(-fsanitize=${VOXDEVICE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VOXDEVICE_SANITIZE})
 endif()
+
+# Fuzzers need to see every branch of what they drive.
+if(VOXDEVICE_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

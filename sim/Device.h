@@ -24,13 +24,13 @@ using Bytes = std::vector<std::uint8_t>;
 struct HidFaults {
   // Asked at every CreateFileW with the number of opens so far (from 0); true refuses it.
   std::function<bool(int)> refuseOpen;
-  bool noAttributes = false;    // HidD_GetAttributes fails
+  bool noAttributes = false;     // HidD_GetAttributes fails
   bool noPreparsedData = false;  // HidD_GetPreparsedData fails
-  bool noCaps = false;          // HidP_GetCaps fails
+  bool noCaps = false;           // HidP_GetCaps fails
   bool failWrites = false;
-  bool hangWrites = false;      // a write never comes back
-  Time writeTime{0};            // how long a write takes
-  std::size_t shortRead = 0;    // a read brings at most so many bytes (0: whole reports)
+  bool hangWrites = false;    // a write never comes back
+  Time writeTime{0};          // how long a write takes
+  std::size_t shortRead = 0;  // a read brings at most so many bytes (0: whole reports)
 };
 
 class HidDevice : public std::enable_shared_from_this<HidDevice> {

@@ -287,9 +287,7 @@ void Kernel::osThreadMain(Thread& me) {
   // A forced end jumps back here from inside a call of the seam, with the mutex held; the frames in between are
   // abandoned, as on the real system.
   if (setjmp(me.end) == 0) {
-    {
-      Lock lock = enter();
-    }
+    { Lock lock = enter(); }
     me.entry();
     mutex_.lock();
   }

@@ -109,8 +109,8 @@ class Thread final : public Object {
   std::optional<std::pair<Time, std::uint64_t>> timer;
   std::vector<Mutex*> owned;
   std::shared_ptr<Object> used;  // see Kernel::use
-  std::unique_ptr<Fiber> fiber;                // virtual clock
-  std::thread osThread;                        // real clock
+  std::unique_ptr<Fiber> fiber;  // virtual clock
+  std::thread osThread;          // real clock
   std::condition_variable wake;
   std::jmp_buf end;
 };

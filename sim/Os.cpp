@@ -253,8 +253,8 @@ BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* d
                                       SP_DEVICE_INTERFACE_DETAIL_DATA_W* detail, DWORD detailSize, DWORD* requiredSize,
                                       SP_DEVINFO_DATA*) {
   const std::wstring& path = static_cast<DeviceList*>(list)->paths.at(deviceInterface->Reserved);
-  const auto needed = static_cast<DWORD>(offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) +
-                                         (path.size() + 1) * sizeof(WCHAR));
+  const auto needed =
+      static_cast<DWORD>(offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) + (path.size() + 1) * sizeof(WCHAR));
   if (requiredSize) *requiredSize = needed;
   if (!detail || detailSize < needed || detail->cbSize != sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)) return FALSE;
   std::memcpy(reinterpret_cast<char*>(detail) + offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath), path.c_str(),

@@ -85,7 +85,8 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
   std::vector<double> ideal;
   for (std::size_t at = 0; at + 80 <= spoken.size() + 80; at += 80) {
     std::array<std::int16_t, 80> block{};
-    std::copy_n(spoken.begin() + static_cast<std::ptrdiff_t>(at), std::min<std::size_t>(80, spoken.size() - at), block.begin());
+    std::copy_n(spoken.begin() + static_cast<std::ptrdiff_t>(at), std::min<std::size_t>(80, spoken.size() - at),
+                block.begin());
     const auto chunk = encoder.encode(block);
     std::array<std::uint8_t, 23> frame{0xAD, 0x31, 0x0C};
     std::copy(chunk.begin(), chunk.end(), frame.begin() + 3);

@@ -71,7 +71,8 @@ TEST_F(Commands, RefusalsAndPowerReachTheClient) {
   wren->reply(0x69, {2});
   wren->reply(0x69, {9});
   desk.run(20ms);
-  EXPECT_EQ(desk.record.lines(), (Lines{"PowerReport 1 33", "MouseConnect 1 2", "MouseConnect 1 0", "DpiSet 1 3200 0"}));
+  EXPECT_EQ(desk.record.lines(),
+            (Lines{"PowerReport 1 33", "MouseConnect 1 2", "MouseConnect 1 0", "DpiSet 1 3200 0"}));
 }
 
 TEST_F(Commands, UrlIsTranslatedInPlace) {
@@ -159,8 +160,7 @@ TEST_F(Commands, RepliesOfAnotherLengthAreIgnored) {
   const struct {
     std::uint8_t code;
     std::vector<std::size_t> lengths;  // that are taken
-  } cases[] = {{0x69, {1}}, {0x6A, {1}},    {0x6F, {1}}, {0x96, {3}},
-               {0x9C, {11}}, {0x9D, {3, 9}}, {0x9E, {1}}};
+  } cases[] = {{0x69, {1}}, {0x6A, {1}}, {0x6F, {1}}, {0x96, {3}}, {0x9C, {11}}, {0x9D, {3, 9}}, {0x9E, {1}}};
   for (const auto& c : cases) {
     for (std::size_t length = 0; length <= 13; ++length) {
       desk.record.clear();
@@ -186,10 +186,10 @@ TEST_F(Commands, RecordingDevicesAreMatchedByName) {
     bool found;
     bool wren;
   } cases[] = {
-      {L"麦克风 (VoxMouse Wren)", true, true},  {L"VoxMouse Kite", true, false},
-      {L"Wren and Tern", true, false},          {L"VoxMouse Heron Plus", false, false},
-      {L"VoxMouse Swift", true, false},         {L"wren", false, false},
-      {L"VoxMouse Finch", false, false},        {L"", false, false},
+      {L"麦克风 (VoxMouse Wren)", true, true}, {L"VoxMouse Kite", true, false},
+      {L"Wren and Tern", true, false},         {L"VoxMouse Heron Plus", false, false},
+      {L"VoxMouse Swift", true, false},        {L"wren", false, false},
+      {L"VoxMouse Finch", false, false},       {L"", false, false},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(hub.RecordDeviceIsHidDevice(c.name), c.found) << sim::utf8(c.name);

@@ -32,15 +32,15 @@ TEST(Connection, RunsThroughTheWholeSequence) {
   EXPECT_FALSE(desk.hub->IsConnect());
   desk.run(2500ms);
 
-  // The pass at 950 ms starts the reader, whose heartbeats go out every second; the tick after the first answer announces.
+  // The pass at 950 ms starts the reader, whose heartbeats go out every second; the tick after the first answer
+  // announces.
   EXPECT_EQ(frames(wren->received()), "f1:05 f1:0f(32) f1:11 f1:01 f1:0c f0:0d f1:05");
   std::vector<std::int64_t> times;
   for (const auto& frame : wren->received()) times.push_back(frame.at.count() / 1000);
   EXPECT_EQ(times, (std::vector<std::int64_t>{950, 952, 954, 1950, 2050, 2150, 2250}));
   EXPECT_EQ(wren->malformed(), 0U);
-  EXPECT_EQ(desk.record.lines(),
-            (Lines{"Log 43 VoxMouse Wren（编号：1）连接成功，发送到设备界面", "HidConnect 1", "MouseConnect 1 1",
-                   "MouseState 1 2 2 1 1600 80", "DongleState 1 2 2 4660 1"}));
+  EXPECT_EQ(desk.record.lines(), (Lines{"Log 43 VoxMouse Wren（编号：1）连接成功，发送到设备界面", "HidConnect 1",
+                                        "MouseConnect 1 1", "MouseState 1 2 2 1 1600 80", "DongleState 1 2 2 4660 1"}));
   EXPECT_TRUE(desk.hub->IsConnect());
   // The serial number replaces whatever identity there is; here it comes before the state's address.
   EXPECT_EQ(CVoxDeviceInfo::Instance()->GetBluetoothID(), L"SN0123456789abcdEF");
@@ -75,12 +75,18 @@ TEST(Connection, SettlesEachModel) {
     sim::Link link;
     MouseType model;
   } cases[] = {
-      {"Tern", sim::Link::usb, MouseType_Tern},          {"Tern", sim::Link::bluetooth, MouseType_Tern},
-      {"Wren", sim::Link::usb, MouseType_Wren},          {"Wren", sim::Link::bluetooth, MouseType_Wren},
-      {"Finch", sim::Link::bluetooth, MouseType_Finch},  {"Robin", sim::Link::bluetooth, MouseType_Robin},
-      {"Heron", sim::Link::bluetooth, MouseType_Heron},  {"Egret", sim::Link::bluetooth, MouseType_Egret},
-      {"Heron Plus", sim::Link::usb, MouseType_HeronPlus}, {"Heron Plus", sim::Link::bluetooth, MouseType_HeronPlus},
-      {"Swift", sim::Link::usb, MouseType_Swift},        {"Swift", sim::Link::bluetooth, MouseType_Swift},
+      {"Tern", sim::Link::usb, MouseType_Tern},
+      {"Tern", sim::Link::bluetooth, MouseType_Tern},
+      {"Wren", sim::Link::usb, MouseType_Wren},
+      {"Wren", sim::Link::bluetooth, MouseType_Wren},
+      {"Finch", sim::Link::bluetooth, MouseType_Finch},
+      {"Robin", sim::Link::bluetooth, MouseType_Robin},
+      {"Heron", sim::Link::bluetooth, MouseType_Heron},
+      {"Egret", sim::Link::bluetooth, MouseType_Egret},
+      {"Heron Plus", sim::Link::usb, MouseType_HeronPlus},
+      {"Heron Plus", sim::Link::bluetooth, MouseType_HeronPlus},
+      {"Swift", sim::Link::usb, MouseType_Swift},
+      {"Swift", sim::Link::bluetooth, MouseType_Swift},
   };
   Desk desk;
   desk.open();
@@ -148,9 +154,8 @@ TEST(Connection, SleepIsNoticedAfterFourSecondsAndWakingAnnouncesAgain) {
   wren->forget();
   wren->sleep(false);
   desk.run(2500ms);
-  EXPECT_EQ(desk.record.lines(),
-            (Lines{"Log 43 VoxMouse Wren（编号：1）连接成功，发送到设备界面", "HidConnect 1", "MouseConnect 1 1",
-                   "MouseState 1 2 2 1 1600 80", "DongleState 1 2 2 4660 1"}));
+  EXPECT_EQ(desk.record.lines(), (Lines{"Log 43 VoxMouse Wren（编号：1）连接成功，发送到设备界面", "HidConnect 1",
+                                        "MouseConnect 1 1", "MouseState 1 2 2 1 1600 80", "DongleState 1 2 2 4660 1"}));
   EXPECT_EQ(wren->received(0x0F).size(), 1U);
 }
 

@@ -79,27 +79,26 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
                                   static_cast<Record*>(to)->add(line("VoiceOperate", device, operation));
                                 }),
                                 context);
-  hub->SetCallback_DpiSet(
-      slot(+[](int device, int dpi, bool ok, void* to) { static_cast<Record*>(to)->add(line("DpiSet", device, dpi, ok)); }),
-      context);
+  hub->SetCallback_DpiSet(slot(+[](int device, int dpi, bool ok, void* to) {
+                            static_cast<Record*>(to)->add(line("DpiSet", device, dpi, ok));
+                          }),
+                          context);
   hub->SetCallback_MouseState(
       slot(+[](int device, MouseType model, DataChannel link, int word0, int word1, int byte, void* to) {
         static_cast<Record*>(to)->add(line("MouseState", device, int{model}, int{link}, word0, word1, byte));
       }),
       context);
-  hub->SetCallback_DongleState(slot(+[](int device, MouseType model, DataChannel link, int word, bool flag, void* to) {
-                                 static_cast<Record*>(to)->add(
-                                     line("DongleState", device, int{model}, int{link}, word, flag));
-                               }),
-                               context);
-  hub->SetCallback_PowerReport(slot(+[](int device, int level, void* to) {
-                                 static_cast<Record*>(to)->add(line("PowerReport", device, level));
-                               }),
-                               context);
-  hub->SetCallback_DownloadUrl(slot(+[](int device, bool ok, void* to) {
-                                 static_cast<Record*>(to)->add(line("DownloadUrl", device, ok));
-                               }),
-                               context);
+  hub->SetCallback_DongleState(
+      slot(+[](int device, MouseType model, DataChannel link, int word, bool flag, void* to) {
+        static_cast<Record*>(to)->add(line("DongleState", device, int{model}, int{link}, word, flag));
+      }),
+      context);
+  hub->SetCallback_PowerReport(
+      slot(+[](int device, int level, void* to) { static_cast<Record*>(to)->add(line("PowerReport", device, level)); }),
+      context);
+  hub->SetCallback_DownloadUrl(
+      slot(+[](int device, bool ok, void* to) { static_cast<Record*>(to)->add(line("DownloadUrl", device, ok)); }),
+      context);
 }
 
 Desk::~Desk() {

@@ -25,10 +25,9 @@ TEST(Frame, IsBuiltForEachChannel) {
     int length, channel;
     const char* expected;
   } cases[] = {
-      {nullptr, 0, 0, "05fec00100ef"},         {nullptr, 0, 1, "05fff1fec00100ef"},
-      {nullptr, 0, 2, "05fff1fec00100ef"},     {nullptr, 0, 3, "05fff0fec00100ef"},
-      {nullptr, 0, 4, "05fec00100ef"},         {nullptr, 5, 1, "05fff1fec00100ef"},
-      {&dpi, 2, 2, "05fff1fec001020640ef"},    {&dpi, 0, 2, "05fff1fec00100ef"},
+      {nullptr, 0, 0, "05fec00100ef"},      {nullptr, 0, 1, "05fff1fec00100ef"}, {nullptr, 0, 2, "05fff1fec00100ef"},
+      {nullptr, 0, 3, "05fff0fec00100ef"},  {nullptr, 0, 4, "05fec00100ef"},     {nullptr, 5, 1, "05fff1fec00100ef"},
+      {&dpi, 2, 2, "05fff1fec001020640ef"}, {&dpi, 0, 2, "05fff1fec00100ef"},
   };
   for (const auto& c : cases) EXPECT_EQ(hex(build(1, c.payload, c.length, c.channel)), c.expected);
 }
@@ -46,8 +45,8 @@ TEST(Report, IsParsedOrRejected) {
   const struct {
     const char* name;
     Bytes report;
-    int link;      // of the reader
-    int channel;   // expected; 0: rejected
+    int link;     // of the reader
+    int channel;  // expected; 0: rejected
     int code;
     Bytes payload;
   } cases[] = {

@@ -139,8 +139,8 @@ TEST(HostileDevice, AHeartbeatThreadEndedInsideAWriteGivesTheLockBack) {
   desk.machine.plug(tern);
   desk.record.clear();
   desk.run(4s);
-  EXPECT_EQ(desk.record.lines("Log 44"), (Lines{"Log 44 VoxMouse Tern（编号：1）拔出，把该设备从界面上移除",
-                                                "Log 44 强制关闭hid设备心跳包线程"}));
+  EXPECT_EQ(desk.record.lines("Log 44"),
+            (Lines{"Log 44 VoxMouse Tern（编号：1）拔出，把该设备从界面上移除", "Log 44 强制关闭hid设备心跳包线程"}));
   EXPECT_EQ(desk.record.lines("MouseState"), Lines{"MouseState 2 1 2 1 1600 80"}) << "written through the same lock";
 }
 

@@ -40,22 +40,26 @@ TEST(Keys, EveryCellOfEveryLayout) {
     std::map<std::string, std::string> cells;
   } models[] = {
       {"Wren", sim::Link::usb, {{"0", "L"}, {"09", ""}, {"1", ""}, {"@", ""}, {"2", ""}, {"3", ""}, {"4", ""}}},
-      {"Finch", sim::Link::bluetooth,
+      {"Finch",
+       sim::Link::bluetooth,
        {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "PostMainMenu 8"}, {"3", "MainMenu 16"}, {"4", ""}}},
       {"Robin", sim::Link::bluetooth, {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", ""}, {"3", ""}}},
-      {"Heron", sim::Link::bluetooth,
+      {"Heron",
+       sim::Link::bluetooth,
        {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "MainMenu 16"}, {"3", "PostMainMenu 8"}}},
-      {"Egret", sim::Link::bluetooth,
+      {"Egret",
+       sim::Link::bluetooth,
        {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "MainMenu 16"}, {"3", "PostMainMenu 8"}}},
-      {"Heron Plus", sim::Link::bluetooth,
+      {"Heron Plus",
+       sim::Link::bluetooth,
        {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "MainMenu 16"}, {"3", ""}, {"4", ""}, {"C", ""}}},
       // A Swift's keys are deliberately ignored.
       {"Swift", sim::Link::bluetooth, {{"0", ""}, {"1", ""}, {"4", ""}, {"2", ""}}},
-      {"Tern", sim::Link::usb,
-       {{"1", "L"},   {"10", ""},    {"19", ""},  {"4", "R"},  {"45", ""},  {"4@", ""},  {"2", ""},   {"12", ""},
-        {"42", "R"},  {"3", "s"},    {"43", "s"}, {"13", "L"}, {"I", "L"},  {"4I", ""},  {"1I", "L"}, {"Z", "R"},
-        {"1Z", "L"},  {"4Z", "R"},   {"1]", ""},  {"4]", ""},  {"]", ""},   {"A", ""},   {"^", ""},   {"14", "L"},
-        {"41", "R"},  {"0", ""},     {"5", ""},   {"6", ""}}},
+      {"Tern", sim::Link::usb, {{"1", "L"},  {"10", ""}, {"19", ""},  {"4", "R"}, {"45", ""},  {"4@", ""},
+                                {"2", ""},   {"12", ""}, {"42", "R"}, {"3", "s"}, {"43", "s"}, {"13", "L"},
+                                {"I", "L"},  {"4I", ""}, {"1I", "L"}, {"Z", "R"}, {"1Z", "L"}, {"4Z", "R"},
+                                {"1]", ""},  {"4]", ""}, {"]", ""},   {"A", ""},  {"^", ""},   {"14", "L"},
+                                {"41", "R"}, {"0", ""},  {"5", ""},   {"6", ""}}},
   };
   for (const auto& model : models) {
     for (const auto& [keys, expected] : model.cells) {
@@ -100,8 +104,8 @@ TEST(Keys, OneButtonIsDownAtATimeAndItsOwnerReleasesIt) {
 TEST(Keys, PollingChoosesTheWorkDevice) {
   Desk desk;
   desk.open();
-  auto wren = desk.connect("Wren");                              // 1
-  auto robin = desk.connect("Robin", sim::Link::bluetooth);      // 2
+  auto wren = desk.connect("Wren");                          // 1
+  auto robin = desk.connect("Robin", sim::Link::bluetooth);  // 2
   EXPECT_FALSE(desk.hub->OpenHidRecord()) << "no work device yet";
   press(desk, *wren, "09");
   press(desk, *robin, "1");
@@ -175,7 +179,8 @@ TEST(DoubleClick, FollowsTheStateMachineAlsoAcrossTheWrapOfTheTicks) {
       {"double click", {{1000, 1100, 1200, 1300}, logged("0  100  200  300"), ClickDouble}},
       {"just in time", {{1000, 1100, 1200, 1399}, logged("0  100  200  399"), ClickDouble}},
       {"too late", {{1000, 1100, 1200, 1400}, {}, ClickNone}},
-      {"the second click becomes the first", {{1000, 1100, 1200, 1400, 1450, 1550}, logged("0  200  250  350"), ClickDouble}},
+      {"the second click becomes the first",
+       {{1000, 1100, 1200, 1400, 1450, 1550}, logged("0  200  250  350"), ClickDouble}},
       {"the second click was too long", {{1000, 1100, 1200, 1600, 1650, 1700}, {}, ClickNone}},
       {"first press held", {{1000, 1400, 1450, 1500}, {}, ClickNone}},
       {"first click expired at the second press", {{1000, 1100, 1400, 1450}, {}, ClickNone}},

@@ -22,7 +22,8 @@ Frame randomFrame(std::mt19937_64& random) {
   if (random() % 4 != 0) frame[2] = static_cast<std::uint8_t>(frame[2] % 16);
   if (random() % 64 == 0) frame[1] = frame[2] = 0;
   // Scale factors at both ends: sums that wrap, and subbands without bits.
-  if (random() % 4 == 0) std::fill(frame.begin() + 4, frame.begin() + 12, static_cast<std::uint8_t>(random() % 2 == 0 ? 0xFF : 0));
+  if (random() % 4 == 0)
+    std::fill(frame.begin() + 4, frame.begin() + 12, static_cast<std::uint8_t>(random() % 2 == 0 ? 0xFF : 0));
   return frame;
 }
 
@@ -83,12 +84,9 @@ TEST(SbcDecoder, RejectsWhatItCannotDecode) {
     std::uint8_t bytes[3];
     int result;
   } cases[] = {
-      {{0x9D, 0x31, 0x0C}, -126},
-      {{0xAD, 0x00, 0x00}, -123},  // bitpool 26: 41 bytes
-      {{0xAD, 0x31, 0x0C}, 23},
-      {{0xAD, 0x31, 0x0D}, -123},  // 25 bytes
-      {{0x9C, 0x00, 0x41}, -123},
-      {{0x9C, 0x00, 0x40}, -123},
+      {{0x9D, 0x31, 0x0C}, -126}, {{0xAD, 0x00, 0x00}, -123},  // bitpool 26: 41 bytes
+      {{0xAD, 0x31, 0x0C}, 23},   {{0xAD, 0x31, 0x0D}, -123},  // 25 bytes
+      {{0x9C, 0x00, 0x41}, -123}, {{0x9C, 0x00, 0x40}, -123},
   };
   for (const auto& c : cases) {
     CSbcDecoder decoder;

@@ -91,8 +91,7 @@ TEST(Machine, ThreadsBeginWhenResumedAndEndWhereTheyWait) {
     for (;; ++steps) os::Sleep(10);
   };
   unsigned id = 0;
-  const auto thread =
-      reinterpret_cast<HANDLE>(os::_beginthreadex(nullptr, 0, work, nullptr, CREATE_SUSPENDED, &id));
+  const auto thread = reinterpret_cast<HANDLE>(os::_beginthreadex(nullptr, 0, work, nullptr, CREATE_SUSPENDED, &id));
   machine.sleep(100ms);
   EXPECT_EQ(steps, 0);
   EXPECT_EQ(os::ResumeThread(thread), 1U);
@@ -147,8 +146,10 @@ TEST(Wav, IsReadWrittenAndExplained) {
   EXPECT_EQ(sim::readSpeech(path, error), samples);
   ASSERT_TRUE(sim::writeWav(path, samples, 44100, error));
   EXPECT_TRUE(sim::readSpeech(path, error).empty());
-  EXPECT_EQ(error, path + ": expected 16000 Hz, 1 channel, 16-bit PCM; found 44100 Hz, 1 channel, 16-bit PCM. "
-                          "Convert it with: sox " + path + " -r 16000 -c 1 -b 16 -e signed-integer speech16k.wav");
+  EXPECT_EQ(error, path +
+                       ": expected 16000 Hz, 1 channel, 16-bit PCM; found 44100 Hz, 1 channel, 16-bit PCM. "
+                       "Convert it with: sox " +
+                       path + " -r 16000 -c 1 -b 16 -e signed-integer speech16k.wav");
   error.clear();
   EXPECT_TRUE(sim::readSpeech("/nowhere.wav", error).empty());
   EXPECT_EQ(error, "/nowhere.wav: No such file or directory");

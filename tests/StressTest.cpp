@@ -11,10 +11,11 @@
 namespace {
 
 const std::pair<const char*, sim::Link> kKinds[] = {
-    {"Tern", sim::Link::usb},         {"Tern", sim::Link::bluetooth},       {"Wren", sim::Link::usb},
-    {"Wren", sim::Link::bluetooth},   {"Finch", sim::Link::bluetooth},      {"Robin", sim::Link::bluetooth},
-    {"Heron", sim::Link::bluetooth},  {"Egret", sim::Link::bluetooth},      {"Heron Plus", sim::Link::usb},
-    {"Heron Plus", sim::Link::bluetooth},
+    {"Tern", sim::Link::usb},        {"Tern", sim::Link::bluetooth},
+    {"Wren", sim::Link::usb},        {"Wren", sim::Link::bluetooth},
+    {"Finch", sim::Link::bluetooth}, {"Robin", sim::Link::bluetooth},
+    {"Heron", sim::Link::bluetooth}, {"Egret", sim::Link::bluetooth},
+    {"Heron Plus", sim::Link::usb},  {"Heron Plus", sim::Link::bluetooth},
 };
 
 TEST(Stress, AHundredDevicesForAnHour) {

@@ -10,7 +10,10 @@ class Shared {
  public:
   constexpr Shared(T value = T{}) noexcept : value_(value) {}
   Shared(const Shared& other) noexcept : value_(other.value_.load()) {}
-  Shared& operator=(const Shared& other) noexcept { return *this = other.value_.load(); }
+  Shared& operator=(const Shared& other) noexcept {
+    value_.store(other.value_.load());
+    return *this;
+  }
   Shared& operator=(T value) noexcept {
     value_.store(value);
     return *this;

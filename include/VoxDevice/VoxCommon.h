@@ -57,7 +57,7 @@ class CPreferences {
   void SetVoxButtonLongDown(int option) noexcept { voxButtonLongDown_ = option; }
 
  private:
-  Shared<int> voiceClickTimes_{1};      // 2: a double click of the voice key opens the navigation
+  Shared<int> voiceClickTimes_{1};        // 2: a double click of the voice key opens the navigation
   Shared<int> doubleClickInterval_{400};  // milliseconds
   Shared<int> voxButtonLongDown_{0};
 };

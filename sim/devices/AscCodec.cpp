@@ -39,7 +39,7 @@ std::int16_t ascDecoder(const unsigned char* packet, short* out, unsigned short 
   library.calls.lastConstant = constant;
   CvsdStep& decoder = library.decoders[id];
   for (std::size_t i = 0; i < AscEncoder::kSamples; ++i) out[i] = decoder.next((packet[i / 8] >> (7 - i % 8) & 1) != 0);
-  return static_cast<std::int16_t>(library.reportedSamples != 0 ? library.reportedSamples : AscEncoder::kSamples);
+  return static_cast<std::int16_t>(library.reportedSamples != 0 ? library.reportedSamples : int{AscEncoder::kSamples});
 }
 
 int ascSetVadParameter(void* block) {

@@ -23,8 +23,8 @@ enum class SpeechCodec { asc, sbc };
 
 struct ModelSheet {
   const char* name;
-  int number;                        // the model number in an identify reply (Tern: never asked)
-  std::optional<LinkSheet> usb;      // cable or receiver
+  int number;                    // the model number in an identify reply (Tern: never asked)
+  std::optional<LinkSheet> usb;  // cable or receiver
   std::optional<LinkSheet> bluetooth;
   bool identifies;
   SpeechCodec codec;

@@ -11,16 +11,15 @@ constexpr int kBitpool = 12;
 constexpr std::uint8_t kParameterBytes[] = {0x31, 0x0C};  // 16 kHz, mono, loudness, 8 subbands; bitpool
 constexpr int kLoudnessOffset[] = {-2, 0, 0, 0, 0, 0, 0, 1};
 
-// The codec's prototype filter for 8 subbands, first half and middle. The second half mirrors it, with the other sign at
-// every sixteenth place.
+// The codec's prototype filter for 8 subbands, first half and middle. The second half mirrors it, with the other sign
+// at every sixteenth place.
 constexpr double kPrototype[41] = {
-    0.00000000E+00,  1.56575398E-04,  3.43256425E-04,  5.54620202E-04,  8.23919506E-04,  1.13992507E-03,
-    1.47640169E-03,  1.78371725E-03,  2.01182542E-03,  2.10371989E-03,  1.99454554E-03,  1.61656283E-03,
-    9.02154502E-04,  -1.78805361E-04, -1.64973098E-03, -3.49717454E-03, 5.65949473E-03,  8.02941163E-03,
-    1.04584443E-02,  1.27472335E-02,  1.46525263E-02,  1.59045603E-02,  1.62208471E-02,  1.53184106E-02,
-    1.29371806E-02,  8.85757540E-03,  2.92408442E-03,  -4.91578024E-03, -1.46404076E-02, -2.61098752E-02,
-    -3.90751381E-02, -5.31873032E-02, 6.79989431E-02,  8.29847578E-02,  9.75753918E-02,  1.11196689E-01,
-    1.23264548E-01,  1.33264415E-01,  1.40753505E-01,  1.45389847E-01,  1.46955068E-01};
+    0.00000000E+00,  1.56575398E-04,  3.43256425E-04,  5.54620202E-04,  8.23919506E-04, 1.13992507E-03, 1.47640169E-03,
+    1.78371725E-03,  2.01182542E-03,  2.10371989E-03,  1.99454554E-03,  1.61656283E-03, 9.02154502E-04, -1.78805361E-04,
+    -1.64973098E-03, -3.49717454E-03, 5.65949473E-03,  8.02941163E-03,  1.04584443E-02, 1.27472335E-02, 1.46525263E-02,
+    1.59045603E-02,  1.62208471E-02,  1.53184106E-02,  1.29371806E-02,  8.85757540E-03, 2.92408442E-03, -4.91578024E-03,
+    -1.46404076E-02, -2.61098752E-02, -3.90751381E-02, -5.31873032E-02, 6.79989431E-02, 8.29847578E-02, 9.75753918E-02,
+    1.11196689E-01,  1.23264548E-01,  1.33264415E-01,  1.40753505E-01,  1.45389847E-01, 1.46955068E-01};
 
 double prototype(std::size_t n) {
   if (n <= 40) return kPrototype[n];
@@ -104,8 +103,8 @@ SbcEncoder::Subbands SbcEncoder::analyse(std::span<const std::int16_t, kSubbands
   Subbands result{};
   for (std::size_t sb = 0; sb < kSubbands; ++sb) {
     for (std::size_t i = 0; i < 16; ++i) {
-      result[sb] += folded[i] * std::cos((static_cast<double>(sb) + 0.5) * (static_cast<double>(i) - 4) *
-                                         std::numbers::pi / 8);
+      result[sb] +=
+          folded[i] * std::cos((static_cast<double>(sb) + 0.5) * (static_cast<double>(i) - 4) * std::numbers::pi / 8);
     }
   }
   return result;

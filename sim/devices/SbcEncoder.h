@@ -1,4 +1,5 @@
-// The speech encoder in the firmware of a Wren: SBC, 16 kHz mono, loudness allocation, 8 subbands, 10 blocks, bitpool 12.
+// The speech encoder in the firmware of a Wren: SBC, 16 kHz mono, loudness allocation, 8 subbands, 10 blocks,
+// bitpool 12.
 #pragma once
 
 #include <array>

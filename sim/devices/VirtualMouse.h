@@ -23,7 +23,7 @@ enum class Link { usb, bluetooth };
 struct Answering {
   bool silent = false;
   bool refuse = false;
-  Time delay{0};        // on top of the device's latency
+  Time delay{0};  // on top of the device's latency
   int times = 1;
   bool garbled = false;  // the end marker is damaged
 };
@@ -52,7 +52,7 @@ class VirtualMouse : public HidDevice {
   std::uint16_t dpi = 1600;
   std::uint8_t power = 80;  // percent
   std::array<std::uint8_t, 6> address{0xC0, 0xA8, 0x01, 0x02, 0x03, 0xFF};
-  std::string serial;  // 18 characters, sent after AppOpen; none when empty
+  std::string serial;                   // 18 characters, sent after AppOpen; none when empty
   Bytes dongleState{0x12, 0x34, 0x01};  // 3 or 9 bytes; over Bluetooth LE there is no receiver to answer
   std::uint8_t mKeyType = 2;
   Bytes mKeyTypes{1, 2, 3, 4};

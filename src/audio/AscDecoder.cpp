@@ -5,8 +5,7 @@
 namespace {
 
 // The library's parameter block: 13 consecutive 16-bit integers, whose meaning is its own.
-constexpr std::array<std::int16_t, 13> kVadParameters = {0,     30, 20000, 5,   6226, 160, 400,
-                                                         16000, 0,  0,     164, 3200, 1024};
+constexpr std::array<std::int16_t, 13> kVadParameters = {0, 30, 20000, 5, 6226, 160, 400, 16000, 0, 0, 164, 3200, 1024};
 static_assert(sizeof kVadParameters == 26 && alignof(decltype(kVadParameters)) == 2);
 
 // The library writes here, one packet at a time; the decoder exists once per process.

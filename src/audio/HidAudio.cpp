@@ -68,7 +68,8 @@ void CAudioHidCenter::OnProcAudioData_Wren(int, CHidData& reply) {
     CSbcDecoder& decoder = SbcDecoder();
     for (int offset = 0; offset < kWrenPayload; offset += kWrenChunk) {
       auto& input = decoder.Input();
-      std::copy_n(reply.data + offset, kWrenChunk, std::copy(std::begin(kWrenFrameHeader), std::end(kWrenFrameHeader), input.begin()));
+      std::copy_n(reply.data + offset, kWrenChunk,
+                  std::copy(std::begin(kWrenFrameHeader), std::end(kWrenFrameHeader), input.begin()));
       if (decoder.DecodeFrame() < 0) continue;
       const auto pcm = decoder.Pcm();
       AppendAudio(pcm.data(), static_cast<int>(pcm.size()), full);

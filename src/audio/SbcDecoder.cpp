@@ -360,8 +360,9 @@ void CSbcDecoder::UndoJointStereo() {
 // ---- The synthesis history ------------------------------------------------------------------------------------------
 //
 // The history is defined as a ring of 20 values per subband with a tail, and a position in it for each row; when frames
-// of 4 and of 8 subbands follow each other, their rows overlap in it and every cell counts. As long as a channel has only
-// seen 8 subbands, nobody can tell that ring from a plain list of the last blocks, which the processor likes better.
+// of 4 and of 8 subbands follow each other, their rows overlap in it and every cell counts. As long as a channel has
+// only seen 8 subbands, nobody can tell that ring from a plain list of the last blocks, which the processor likes
+// better.
 
 // Puts the newest value of each row into the ring, one row after the other: where rows overlap, the order counts.
 template <int N>
@@ -407,9 +408,9 @@ void CSbcDecoder::LeaveList(std::size_t channel) {
   if (!list.used) return;
   list.used = false;
   const auto value = [&list](int row, std::int64_t age) {
-    return age < static_cast<std::int64_t>(BlockList::kRemembered) ? list.rows[(list.newest + static_cast<std::size_t>(age)) * 16 +
-                                                    static_cast<std::size_t>(row)]
-                                        : 0;
+    return age < static_cast<std::int64_t>(BlockList::kRemembered)
+               ? list.rows[(list.newest + static_cast<std::size_t>(age)) * 16 + static_cast<std::size_t>(row)]
+               : 0;
   };
   const std::int64_t n = list.blocks;
   auto& v = V_[channel];
@@ -418,14 +419,15 @@ void CSbcDecoder::LeaveList(std::size_t channel) {
     const auto at = (kTaps * (i + 1) - n) % 160;
     offset_[channel][static_cast<std::size_t>(i)] = static_cast<std::int32_t>(at < 0 ? at + 160 : at);
   }
-  // Row i wrote cell 10 (i + 1) - m at block m, counted round the ring: the last to write a cell did so at most 9 blocks
-  // ago.
+  // Row i wrote cell 10 (i + 1) - m at block m, counted round the ring: the last to write a cell did so at most 9
+  // blocks ago.
   for (int cell = 0; cell < 160; ++cell) {
     const std::int64_t age = (cell + n) % kTaps;
     const std::int64_t row = (((cell + n - age) / kTaps - 1) % 16 + 16) % 16;
     v[static_cast<std::size_t>(cell)] = value(static_cast<int>(row), age);
   }
-  // The tail is the beginning of the ring as it stood when a row last passed it, which one row does in every ten blocks.
+  // The tail is the beginning of the ring as it stood when a row last passed it, which one row does in every ten
+  // blocks.
   const std::int64_t sincePassed = (n - 1) % kTaps;
   const std::int64_t passed = n - sincePassed;  // the block at which it did
   const std::int64_t row = (((passed - 1) / kTaps - 1) % 16 + 16) % 16;

@@ -11,10 +11,10 @@
 
 namespace {
 
-constexpr DWORD kHeartbeatPeriod = 1000;    // ms
-constexpr DWORD kConnectStepPause = 100;    // ms
-constexpr int kHeartbeatsBeforeSleep = 3;   // unanswered ones; the next attempt declares the device asleep
-constexpr DWORD kLastWritePatience = 100;   // ms; a writer that takes longer is stuck in a device that has gone
+constexpr DWORD kHeartbeatPeriod = 1000;   // ms
+constexpr DWORD kConnectStepPause = 100;   // ms
+constexpr int kHeartbeatsBeforeSleep = 3;  // unanswered ones; the next attempt declares the device asleep
+constexpr DWORD kLastWritePatience = 100;  // ms; a writer that takes longer is stuck in a device that has gone
 
 int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
 
@@ -104,8 +104,8 @@ void CDeviceReader::ReadLoop() noexcept {
     const int length = std::min(static_cast<int>(inputReportLength), kMaxInputReportLength);
     DWORD count = 0;
     BOOL read = FALSE;
-    const bool mine = readThread.Park(
-        [&] { read = os::ReadFile(file, buffer.data(), static_cast<DWORD>(length), &count, nullptr); });
+    const bool mine =
+        readThread.Park([&] { read = os::ReadFile(file, buffer.data(), static_cast<DWORD>(length), &count, nullptr); });
     if (!mine) return;
     if (!read) break;
     std::fill(buffer.begin() + std::min<DWORD>(count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});

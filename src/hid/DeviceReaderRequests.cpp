@@ -27,7 +27,8 @@ bool CDeviceReader::WriteReport(const unsigned char* report, int length) noexcep
   BOOL written = FALSE;
   if (file != INVALID_HANDLE_VALUE) {
     DWORD count = 0;
-    written = os::WriteFile(file, report, static_cast<DWORD>(std::min<int>(length, outputReportLength)), &count, nullptr);
+    written =
+        os::WriteFile(file, report, static_cast<DWORD>(std::min<int>(length, outputReportLength)), &count, nullptr);
   }
   writeLock.Unlock();
   return written != FALSE;

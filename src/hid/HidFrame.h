@@ -1,4 +1,5 @@
-// The frames of the command/reply protocol, and the input reports that carry audio. docs/protocol.md describes the wire.
+// The frames of the command/reply protocol, and the input reports that carry audio. docs/protocol.md describes the
+// wire.
 #pragma once
 
 #include <array>
@@ -76,9 +77,9 @@ struct CHidData {
 
   std::uint8_t reportId = 0;
   DataChannel channel = DataChannel_Unknown;
-  std::uint8_t code = 0;                // a HidReply
-  const std::uint8_t* data = nullptr;   // the payload; null when it is empty
-  int length = 0;                       // of the payload, bytes
+  std::uint8_t code = 0;               // a HidReply
+  const std::uint8_t* data = nullptr;  // the payload; null when it is empty
+  int length = 0;                      // of the payload, bytes
 
   // True when there is a payload of exactly `bytes` bytes.
   bool Has(int bytes) const noexcept { return data && length == bytes; }

@@ -27,7 +27,8 @@ class InterfaceList {
     if (list_ == INVALID_HANDLE_VALUE) return;
     SP_DEVICE_INTERFACE_DATA entry{};
     entry.cbSize = sizeof entry;
-    for (DWORD i = 0; os::SetupDiEnumDeviceInterfaces(list_, nullptr, &class_, i, &entry); ++i) AppendPath(entry, paths);
+    for (DWORD i = 0; os::SetupDiEnumDeviceInterfaces(list_, nullptr, &class_, i, &entry); ++i)
+      AppendPath(entry, paths);
   }
 
  private:

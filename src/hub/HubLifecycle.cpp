@@ -7,9 +7,9 @@
 
 namespace {
 
-constexpr DWORD kDetectionTick = 50;     // ms
-constexpr int kDetectionPeriod = 1000;   // ms
-constexpr DWORD kPassPatience = 1000;    // ms that a discovery pass is given to end
+constexpr DWORD kDetectionTick = 50;    // ms
+constexpr int kDetectionPeriod = 1000;  // ms
+constexpr DWORD kPassPatience = 1000;   // ms that a discovery pass is given to end
 
 template <class Function>
 void Register(CallbackSlot<Function>& slot, void* function, void* context) {

@@ -8,7 +8,7 @@
 namespace {
 
 constexpr const wchar_t* kModelNames[] = {
-    L"VoxMouseB(未知类型)", L"VoxMouse Tern",  L"VoxMouse Wren",  L"VoxMouse Finch",      L"VoxMouse Robin",
+    L"VoxMouseB(未知类型)", L"VoxMouse Tern",  L"VoxMouse Wren",       L"VoxMouse Finch", L"VoxMouse Robin",
     L"VoxMouse Heron",      L"VoxMouse Egret", L"VoxMouse Heron Plus", L"VoxMouse Swift",
 };
 
@@ -64,10 +64,10 @@ void CAudioHidCenter::InitLegalPid_Vid() {
   // Bluetooth LE paths spell the vendor with its two-digit source, 02, in front. The Swift has no row: it presents
   // itself as a Heron Plus and is told apart by its reader.
   static const LegalHidId ids[] = {
-      {"0d8c", "0137", MouseType_Tern},   {"020d8d", "0138", MouseType_Tern},
-      {"6d8c", "6137", MouseType_Wren},   {"026d8d", "6138", MouseType_Wren},
-      {"023d8d", "3138", MouseType_Finch}, {"022d8d", "2138", MouseType_Robin},
-      {"021d8d", "1138", MouseType_Heron}, {"024d8d", "6138", MouseType_Egret},
+      {"0d8c", "0137", MouseType_Tern},      {"020d8d", "0138", MouseType_Tern},
+      {"6d8c", "6137", MouseType_Wren},      {"026d8d", "6138", MouseType_Wren},
+      {"023d8d", "3138", MouseType_Finch},   {"022d8d", "2138", MouseType_Robin},
+      {"021d8d", "1138", MouseType_Heron},   {"024d8d", "6138", MouseType_Egret},
       {"248a", "8100", MouseType_HeronPlus}, {"02248a", "8266", MouseType_HeronPlus},
   };
   legalIds.insert(legalIds.end(), std::begin(ids), std::end(ids));

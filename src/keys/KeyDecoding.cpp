@@ -19,11 +19,11 @@ void CAudioHidCenter::OnKeyReply(int device, const CHidData& reply, const KeyRul
 
 void CAudioHidCenter::OnKeyReply_Tern(int device, CHidData& reply) {
   static constexpr KeyRule rules[] = {
-      {'0', &CAudioHidCenter::LeftRelease},         {'1', &CAudioHidCenter::LeftPress},
-      {'2', &CAudioHidCenter::TernDoubleClick},     {'3', &CAudioHidCenter::TernShortPressRight},
-      {'4', &CAudioHidCenter::RightPress},          {'5', &CAudioHidCenter::RightRelease},
-      {'9', &CAudioHidCenter::LeftRelease},         {'@', &CAudioHidCenter::RightRelease},
-      {'I', &CAudioHidCenter::TernI},               {'Z', &CAudioHidCenter::TernZ},
+      {'0', &CAudioHidCenter::LeftRelease},     {'1', &CAudioHidCenter::LeftPress},
+      {'2', &CAudioHidCenter::TernDoubleClick}, {'3', &CAudioHidCenter::TernShortPressRight},
+      {'4', &CAudioHidCenter::RightPress},      {'5', &CAudioHidCenter::RightRelease},
+      {'9', &CAudioHidCenter::LeftRelease},     {'@', &CAudioHidCenter::RightRelease},
+      {'I', &CAudioHidCenter::TernI},           {'Z', &CAudioHidCenter::TernZ},
       {']', &CAudioHidCenter::TernReleaseAll},
   };
   OnKeyReply(device, reply, rules, std::size(rules));
@@ -86,7 +86,8 @@ void CAudioHidCenter::OnKeyReply_Swift(int device, CHidData& reply) {
   OnKeyReply(device, reply, rules, std::size(rules));
 }
 
-// ---- The buttons. At most one is down at a time, across all devices; only the device that pressed it releases it. ----
+// ---- The buttons. At most one is down at a time, across all devices; only the device that pressed it releases it.
+// ----
 
 bool CAudioHidCenter::AllKeyUp() const {
   return ButtonState_Left == ButtonUp && ButtonState_Right == ButtonUp && ButtonState_Key1 == ButtonUp &&

@@ -32,7 +32,7 @@ BOOL CloseHandle(HANDLE handle);
 
 // ---- Time -----------------------------------------------------------------------------------------------------------
 
-DWORD GetTickCount();                      // milliseconds since start-up; wraps after 2^32
+DWORD GetTickCount();                        // milliseconds since start-up; wraps after 2^32
 std::int64_t _time64(std::int64_t* result);  // seconds since 1970
 
 // ---- Files ----------------------------------------------------------------------------------------------------------

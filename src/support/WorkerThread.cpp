@@ -14,8 +14,7 @@ bool CWorkerThread::Start(unsigned (*entry)(void*), void* argument) noexcept {
   endRequested_ = false;
   state_ = State::parked;
   unsigned id = 0;
-  const auto thread =
-      reinterpret_cast<HANDLE>(os::_beginthreadex(nullptr, 0, entry, argument, CREATE_SUSPENDED, &id));
+  const auto thread = reinterpret_cast<HANDLE>(os::_beginthreadex(nullptr, 0, entry, argument, CREATE_SUSPENDED, &id));
   if (!thread) return false;
   threadId_ = id;
   thread_ = thread;

@@ -5,7 +5,8 @@
 
 #include "platform/os.h"
 
-// Library threads are ended by force, while they wait for a device that may never answer. CWorkerThread makes that safe:
+// Library threads are ended by force, while they wait for a device that may never answer. CWorkerThread makes that
+// safe:
 //
 // - A thread says when it may be ended: it parks around each of its waits. Whoever ends it takes it while it is parked.
 //   A thread that is busy (it handles a report, it is in a client's callback, it writes) is given time to park or to

@@ -61,7 +61,9 @@ void Client::registerCallbacks() {
   hub_->SetCallback_MouseConnect(reinterpret_cast<void*>(mouseConnect), this);
 
   const CAudioHidCenter::VoiceOperateCallback voice = [](int device, int operation, void* self) {
-    const char* what = operation == 3 ? "voice channel open" : operation == 2 ? "voice channel refused" : "voice channel closed";
+    const char* what = operation == 3   ? "voice channel open"
+                       : operation == 2 ? "voice channel refused"
+                                        : "voice channel closed";
     static_cast<Client*>(self)->add("voice", {{"device", device}, {"operation", operation}}, hash(device) + what);
   };
   hub_->SetCallback_VoiceOperate(reinterpret_cast<void*>(voice), this);
@@ -82,8 +84,9 @@ void Client::registerCallbacks() {
 
   const CAudioHidCenter::DongleStateCallback dongle = [](int device, MouseType, DataChannel, int word, bool flag,
                                                          void* self) {
-    static_cast<Client*>(self)->add("dongle-state", {{"device", device}, {"word", word}, {"flag", flag}},
-                                    hash(device) + "receiver state " + std::to_string(word) + (flag ? ", flag set" : ""));
+    static_cast<Client*>(self)->add(
+        "dongle-state", {{"device", device}, {"word", word}, {"flag", flag}},
+        hash(device) + "receiver state " + std::to_string(word) + (flag ? ", flag set" : ""));
   };
   hub_->SetCallback_DongleState(reinterpret_cast<void*>(dongle), this);
 
@@ -211,7 +214,8 @@ void Client::onAudio(const unsigned char* data, int byteCount) {
     const std::lock_guard lock(mutex_);
     audio_.insert(audio_.end(), pcm.begin(), pcm.end());
   }
-  add("audio", {{"bytes", byteCount}}, byteCount == 0 ? "end of the recording" : "audio, " + std::to_string(byteCount) + " bytes");
+  add("audio", {{"bytes", byteCount}},
+      byteCount == 0 ? "end of the recording" : "audio, " + std::to_string(byteCount) + " bytes");
 }
 
 void Client::change(int device, const std::function<void(DeviceView&)>& edit) {

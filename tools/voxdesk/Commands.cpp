@@ -48,7 +48,8 @@ double level(const std::vector<std::int16_t>& pcm) {
 std::string meter(double dB) {
   constexpr int kColumns = 30;
   const int lit = std::clamp(static_cast<int>((dB + 60) / 60 * kColumns), 0, kColumns);
-  return "[" + std::string(static_cast<std::size_t>(lit), '#') + std::string(static_cast<std::size_t>(kColumns - lit), ' ') + "]";
+  return "[" + std::string(static_cast<std::size_t>(lit), '#') +
+         std::string(static_cast<std::size_t>(kColumns - lit), ' ') + "]";
 }
 
 // A desk, a client at it, and a terminal.
@@ -63,8 +64,8 @@ class Session {
     client->start();
   }
 
-  // Goes on until `done` holds (true), the time is over or somebody interrupts (false). Shows the events named in `show`
-  // (empty: all of them).
+  // Goes on until `done` holds (true), the time is over or somebody interrupts (false). Shows the events named in
+  // `show` (empty: all of them).
   bool runUntil(double seconds, const std::vector<std::string>& show, const std::function<bool()>& done) {
     const double end = desk.seconds() + seconds;
     for (;;) {
@@ -135,9 +136,11 @@ void recordWorkDevice(Session& session, double seconds, const std::string& out) 
     pcm.insert(pcm.end(), more.begin(), more.end());
     const double dB = level(more);
     if (terminal.json()) {
-      terminal.event(session.desk.seconds(), "level", {{"seconds", received()}, {"dbfs", std::round(dB * 10) / 10}}, "");
+      terminal.event(session.desk.seconds(), "level", {{"seconds", received()}, {"dbfs", std::round(dB * 10) / 10}},
+                     "");
     } else {
-      terminal.progress(session.desk.seconds(), "recording " + fixed("%5.1f s  ", received()) + meter(dB) + fixed(" %6.1f dBFS", dB));
+      terminal.progress(session.desk.seconds(),
+                        "recording " + fixed("%5.1f s  ", received()) + meter(dB) + fixed(" %6.1f dBFS", dB));
     }
   };
   session.runUntil(seconds + 1, show, [&] {
@@ -155,9 +158,11 @@ void recordWorkDevice(Session& session, double seconds, const std::string& out) 
   for (const int sample : pcm) peak = std::max(peak, std::abs(sample));
   terminal.event(session.desk.seconds(), "recorded",
                  {{"file", out}, {"seconds", received()}, {"peak_dbfs", std::round(decibels(peak) * 10) / 10}},
-                 "wrote " + out + fixed(": %.2f s of speech, 16 kHz mono", received()) + fixed(", peak %.1f dBFS", decibels(peak)));
+                 "wrote " + out + fixed(": %.2f s of speech, 16 kHz mono", received()) +
+                     fixed(", peak %.1f dBFS", decibels(peak)));
   if (lost) throw Failure("the device went away during the recording; " + out + " holds what it had sent");
-  if (!closed) throw Failure("the device did not confirm within 1 s that its voice channel is closed; " + out + " is complete");
+  if (!closed)
+    throw Failure("the device did not confirm within 1 s that its voice channel is closed; " + out + " is complete");
 }
 
 double durationOf(const std::vector<std::int16_t>& speech) {
@@ -204,7 +209,8 @@ void listDevices(const Options& options) {
   for (const DeviceView& view : devices) {
     char line[160];
     std::snprintf(line, sizeof line, "%4d  %-20s  %-12s  %7s  %4s  %s", view.number, view.model.c_str(),
-                  view.link.c_str(), percent(view.battery).c_str(), view.dpi < 0 ? "?" : std::to_string(view.dpi).c_str(),
+                  view.link.c_str(), percent(view.battery).c_str(),
+                  view.dpi < 0 ? "?" : std::to_string(view.dpi).c_str(),
                   view.identity.empty() ? "-" : view.identity.c_str());
     session.terminal.say(line);
     if (!session.terminal.json()) continue;
@@ -242,7 +248,8 @@ void record(const Options& options) {
   if (chosen == devices.end()) {
     std::string known;
     for (const DeviceView& view : devices) known += " " + std::to_string(view.number) + " (" + view.model + ")";
-    throw Failure((options.device == 0 ? std::string("no device") : "no device has the number " + std::to_string(options.device)) +
+    throw Failure((options.device == 0 ? std::string("no device")
+                                       : "no device has the number " + std::to_string(options.device)) +
                   (known.empty() ? "; none has answered" : "; there are:" + known));
   }
   session.client->hub().ChooseWorkHidDevice(chosen->number);

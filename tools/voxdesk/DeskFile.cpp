@@ -15,9 +15,9 @@ namespace {
 using nlohmann::json;
 
 const std::map<std::string, std::uint8_t> kCommands = {
-    {"all", 0x00},          {"app-open", 0x01},  {"app-exit", 0x02},     {"voice-open", 0x03}, {"voice-stop", 0x04},
-    {"heartbeat", 0x05},    {"set-dpi", 0x06},   {"mouse-state", 0x0C},  {"dongle-state", 0x0D}, {"set-url", 0x0E},
-    {"identify", 0x0F},     {"mkey-list", 0x14}, {"mkey-set", 0x15},
+    {"all", 0x00},       {"app-open", 0x01},  {"app-exit", 0x02},    {"voice-open", 0x03},   {"voice-stop", 0x04},
+    {"heartbeat", 0x05}, {"set-dpi", 0x06},   {"mouse-state", 0x0C}, {"dongle-state", 0x0D}, {"set-url", 0x0E},
+    {"identify", 0x0F},  {"mkey-list", 0x14}, {"mkey-set", 0x15},
 };
 
 template <class Names>
@@ -131,6 +131,7 @@ void readFault(const Place& place, DeskDevice& device) {
     return;
   }
   std::vector<std::string> names;
+  names.reserve(kCommands.size());
   for (const auto& [name, code] : kCommands) names.push_back(name);
   const auto command = kCommands.find(place["command"].text("a command's name"));
   if (command == kCommands.end()) place["command"].expected("one of: " + listOf(names));
@@ -227,7 +228,8 @@ DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) 
   DeskDevice wren{.model = "Wren", .link = sim::Link::usb, .battery = std::uint8_t{80}, .dpi = std::uint16_t{1600}};
   wren.serial = "WR0123456789ABCDEF";
   wren.speech = speech;
-  DeskDevice heronPlus{.model = "Heron Plus", .link = sim::Link::bluetooth, .battery = std::uint8_t{64}, .dpi = std::uint16_t{1200}};
+  DeskDevice heronPlus{
+      .model = "Heron Plus", .link = sim::Link::bluetooth, .battery = std::uint8_t{64}, .dpi = std::uint16_t{1200}};
   heronPlus.address = {0x24, 0x8A, 0x10, 0x20, 0x30, 0x40};
   DeskDevice tern{.model = "Tern", .link = sim::Link::usb, .battery = std::uint8_t{93}, .dpi = std::uint16_t{800}};
   tern.address = {0x0D, 0x8C, 0x01, 0x02, 0x03, 0x04};

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 
@@ -28,7 +29,7 @@ void Terminal::event(double seconds, const std::string& name, const Json& fields
     if (!text.empty()) print(stamp(seconds) + text);
     return;
   }
-  Json object{{"time", static_cast<double>(static_cast<long long>(seconds * 1000 + 0.5)) / 1000}, {"event", name}};
+  Json object{{"time", std::round(seconds * 1000) / 1000}, {"event", name}};
   object.update(fields);
   print(object.dump(-1, ' ', false, Json::error_handler_t::replace));
 }

@@ -1,0 +1,155 @@
+// What the library and the simulated machine cost. docs/performance.md records figures.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "VoxDevice/VoxDevice.h"
+#include "audio/SbcDecoder.h"
+#include "hid/ReaderVariants.h"
+#include "platform/os.h"
+#include "sim/Machine.h"
+#include "sim/devices/Mice.h"
+
+namespace {
+
+std::atomic<std::int64_t> allocations{0};
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+using namespace std::chrono_literals;
+
+using Frame = std::array<std::uint8_t, CSbcDecoder::kFrameBytes>;
+
+// A second of a voice-like sound in the frames of a Wren.
+std::vector<Frame> wrenFrames() {
+  sim::SbcEncoder encoder;
+  std::vector<Frame> frames;
+  for (int n = 0; n < 200; ++n) {
+    std::array<std::int16_t, sim::SbcEncoder::kSamples> pcm;
+    for (std::size_t i = 0; i < pcm.size(); ++i) {
+      const double t = (n * 80.0 + static_cast<double>(i)) / 16000;
+      pcm[i] = static_cast<std::int16_t>(6000 * std::sin(2 * 3.14159265 * 180 * t) * (1 + std::sin(40 * t)) +
+                                         1500 * std::sin(2 * 3.14159265 * 2300 * t));
+    }
+    const auto chunk = encoder.encode(pcm);
+    Frame frame{0xAD, 0x31, 0x0C};
+    std::copy(chunk.begin(), chunk.end(), frame.begin() + 3);
+    frames.push_back(frame);
+  }
+  return frames;
+}
+
+void SbcDecoding(benchmark::State& state) {
+  const auto frames = wrenFrames();
+  CSbcDecoder decoder;
+  for ([[maybe_unused]] auto _ : state) {
+    for (const Frame& frame : frames) {
+      decoder.Input() = frame;
+      benchmark::DoNotOptimize(decoder.DecodeFrame());
+      benchmark::DoNotOptimize(decoder.Pcm().data());
+    }
+  }
+  state.counters["per sample"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * static_cast<double>(frames.size()) * 80,
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(SbcDecoding)->Unit(benchmark::kMicrosecond);
+
+// One input report through the reader's own handling and the hub's dispatch, as the read thread does it.
+void Report(benchmark::State& state, std::vector<std::uint8_t> report) {
+  sim::Machine machine;
+  CAudioHidCenter hub;
+  CVoxHidDeviceReader reader(MouseType_Wren);
+  report.resize(64);
+  const auto handle = [&] {
+    reader.OnReport(report);
+    CAudioHidCenter::HidDeviceReaderCallback(1, MouseType_Wren, DataChannel_Usb, report.data(), 64, &hub);
+  };
+  handle();
+  const std::int64_t before = allocations;
+  for ([[maybe_unused]] auto _ : state) handle();
+  state.counters["allocations"] =
+      benchmark::Counter(static_cast<double>(allocations - before), benchmark::Counter::kAvgIterations);
+}
+BENCHMARK_CAPTURE(Report, key, {0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x9F, 1, '9', 0xEF});
+BENCHMARK_CAPTURE(Report, heartbeat, {0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x68, 0, 0xEF});
+BENCHMARK_CAPTURE(Report, state, {0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x9C, 11, 0, 1, 6, 64, 80, 1, 2, 3, 4, 5, 6, 0xEF});
+BENCHMARK_CAPTURE(Report, speech, {0x05, 0xAD, 0x21, 0x34, 0x56, 0x78});
+
+// A simulated second with one discovery pass over foreign interfaces and its twenty ticks.
+void DiscoveryPass(benchmark::State& state) {
+  sim::Machine machine;
+  for (int i = 0; i < state.range(0); ++i) {
+    machine.plug(
+        std::make_shared<sim::SilentHidDevice>(sim::usbHidPath("046d", "c077", "7&" + std::to_string(i) + "&0&0000"),
+                                               std::uint16_t{0x046D}, std::uint16_t{0xC077}));
+  }
+  CAudioHidCenter hub;
+  hub.OpenDevice(nullptr, nullptr);
+  for ([[maybe_unused]] auto _ : state) machine.sleep(1s);
+  hub.CloseDevice();
+  hub.Release();
+}
+BENCHMARK(DiscoveryPass)->Arg(0)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
+// Waits that the virtual clock carries: two threads wake each other in turn, and a third sleeps.
+void VirtualWaits(benchmark::State& state) {
+  sim::Machine machine;
+  static HANDLE ping, pong;
+  ping = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  pong = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  machine.spawn([] {
+    for (;;) {
+      os::WaitForSingleObject(ping, INFINITE);
+      os::SetEvent(pong);
+    }
+  });
+  machine.spawn([] {
+    for (;;) os::Sleep(1);
+  });
+  const std::uint64_t before = machine.waits();
+  for ([[maybe_unused]] auto _ : state) {
+    os::SetEvent(ping);
+    os::WaitForSingleObject(pong, 1000);
+    os::Sleep(1);
+  }
+  state.counters["waits/s"] =
+      benchmark::Counter(static_cast<double>(machine.waits() - before), benchmark::Counter::kIsRate);
+}
+BENCHMARK(VirtualWaits);
+
+// A simulated second of speech, from the virtual microphone to the client's callback.
+void SpeechSecond(benchmark::State& state) {
+  sim::Machine machine;
+  CAudioHidCenter hub;
+  auto wren = sim::makeMouse("Wren", sim::Link::usb, "7&1&0&0000");
+  wren->hear(std::vector<std::int16_t>(16000 * 3600, 1000));
+  machine.plug(wren);
+  const CAudioHidCenter::AudioCallback callback = [](const unsigned char*, int, void*) {};
+  hub.OpenDevice(reinterpret_cast<void*>(callback), nullptr);
+  machine.sleep(3s);
+  hub.ChooseWorkHidDevice(1);
+  if (!hub.OpenHidRecord()) state.SkipWithError("the voice channel did not open");
+  for ([[maybe_unused]] auto _ : state) machine.sleep(1s);
+  hub.CloseHidRecord();
+  hub.CloseDevice();
+  hub.Release();
+}
+BENCHMARK(SpeechSecond)->Unit(benchmark::kMillisecond);
+
+}  // namespace
