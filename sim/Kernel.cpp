@@ -305,7 +305,7 @@ void Kernel::endSelf(Thread& me) {
 
 void Kernel::finish(Thread& thread) {
   thread.state = Thread::State::ended;
-  thread.used.reset();
+  thread.used.clear();
   for (Mutex* mutex : std::exchange(thread.owned, {})) {
     mutex->owner_ = nullptr;
     mutex->depth_ = 0;
@@ -363,6 +363,17 @@ bool Kernel::close(HANDLE handle) {
 std::shared_ptr<Object> Kernel::find(HANDLE handle) const {
   const auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
   return it == handles_.end() ? nullptr : it->second;
+}
+
+bool Kernel::use(std::span<const HANDLE> handles, std::span<Object*> objects) {
+  auto& used = self().used;
+  used.clear();
+  for (std::size_t i = 0; i < handles.size(); ++i) {
+    used.push_back(find(handles[i]));
+    objects[i] = used.back().get();
+    if (!objects[i]) return false;
+  }
+  return true;
 }
 
 std::size_t Kernel::runningThreads() const {

@@ -108,7 +108,7 @@ class Thread final : public Object {
   std::vector<Object*> waitsFor;
   std::optional<std::pair<Time, std::uint64_t>> timer;
   std::vector<Mutex*> owned;
-  std::shared_ptr<Object> used;  // see Kernel::use
+  std::vector<std::shared_ptr<Object>> used;  // see Kernel::use
   std::unique_ptr<Fiber> fiber;  // virtual clock
   std::thread osThread;          // real clock
   std::condition_variable wake;
@@ -165,9 +165,12 @@ class Kernel {
   // the frames of its call without unwinding them.
   template <class T>
   T* use(HANDLE handle) {
-    self().used = find(handle);
-    return dynamic_cast<T*>(self().used.get());
+    auto& used = self().used;
+    used.assign(1, find(handle));
+    return dynamic_cast<T*>(used.front().get());
   }
+  // The same for several, into `objects`; false when a handle is closed.
+  bool use(std::span<const HANDLE> handles, std::span<Object*> objects);
 
   std::size_t openHandles() const { return handles_.size(); }
   std::size_t runningThreads() const;  // those that the machine started

@@ -148,6 +148,20 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
   return WAIT_OBJECT_0;
 }
 
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  std::array<sim::Object*, MAXIMUM_WAIT_OBJECTS> objects;
+  if (waitAll || count > objects.size() || !machine.kernel().use({handles, count}, objects)) {
+    machine.kernel().misused();
+    return WAIT_FAILED;
+  }
+  const int index = machine.kernel().waitAny(lock, {objects.data(), count}, limitOf(milliseconds));
+  if (index < 0) return WAIT_TIMEOUT;
+  auto* mutex = dynamic_cast<sim::Mutex*>(objects[static_cast<std::size_t>(index)]);
+  return (mutex && mutex->takeAbandoned() ? WAIT_ABANDONED : WAIT_OBJECT_0) + static_cast<DWORD>(index);
+}
+
 void Sleep(DWORD milliseconds) {
   Machine& machine = Machine::current();
   Kernel::Lock lock = machine.kernel().enter();
@@ -194,7 +208,7 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OV
     machine.kernel().misused();
     return FALSE;
   }
-  if (bytesToRead < open->device->inputLength) return FALSE;
+  if (bytesToRead < open->device->inputLength || open->device->faults.failReads) return FALSE;
   const std::array<sim::Object*, 1> objects{open};
   machine.kernel().waitAny(lock, objects, std::nullopt);
   if (open->gone || open->reports.empty()) return FALSE;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "hub/HidDeviceEntry.h"
+#include "platform/os.h"
 #include "tests/Desk.h"
 
 namespace {
@@ -220,6 +220,27 @@ TEST(Connection, OldHeartbeatThreadIsEndedBeforeTheReaderServesAgain) {
   EXPECT_EQ(desk.record.lines("HidConnect"), Lines{"HidConnect 2"});
   EXPECT_EQ(desk.hub->GetHidMouseType(2), MouseType_Tern);
   EXPECT_EQ(tern->received(0x05).size(), 3U) << "one heartbeat thread";
+}
+
+TEST(Connection, ReaderThatIsStillSayingGoodbyeDoesNotServeAgain) {
+  Desk desk;
+  class SlowClient : public VoxMessageSink {
+    void HidDisconnect(int) override { os::Sleep(4000); }
+  } slow;
+  desk.open();
+  auto tern = desk.connect("Tern");
+  VoxMessage::SetSink(&slow);
+  desk.machine.unplug(tern);
+  desk.machine.plug(tern);
+  desk.run(3s);
+  EXPECT_EQ(desk.hub->GetHidMouseType(2), MouseType_Tern);
+  EXPECT_EQ(desk.machine.balance().threads, 4U) << "discovery, the old read thread, and the two of a new reader";
+  desk.run(4s);
+  VoxMessage::SetSink(&desk.record);
+  EXPECT_EQ(desk.machine.balance().threads, 3U);
+  tern->reportPower(9);
+  desk.run(1ms);
+  EXPECT_EQ(desk.record.lines("PowerReport"), Lines{"PowerReport 2 9"});
 }
 
 TEST(Connection, ReaderServesTheModelItHasSettledOn) {

@@ -101,6 +101,27 @@ TEST(Keys, OneButtonIsDownAtATimeAndItsOwnerReleasesIt) {
   EXPECT_EQ(press(desk, *b, "9"), "");
 }
 
+TEST(Keys, ADeviceThatGoesReleasesWhatItHeldAndNothingElse) {
+  Desk desk;
+  desk.open();
+  auto a = desk.connect("Robin", sim::Link::bluetooth);
+  auto b = desk.connect("Heron Plus", sim::Link::bluetooth);
+  for (const std::string key : {"0", "1"}) {
+    const std::string down = key == "0" ? "L" : "R";
+    EXPECT_EQ(press(desk, *b, key), down);
+    desk.machine.unplug(a);
+    desk.run(2s);
+    EXPECT_EQ(look(desk), down) << "another device's";
+    desk.machine.plug(a);
+    desk.run(3s);
+    desk.machine.unplug(b);
+    desk.run(1ms);
+    EXPECT_EQ(look(desk), "");
+    desk.machine.plug(b);
+    desk.run(3s);
+  }
+}
+
 TEST(Keys, PollingChoosesTheWorkDevice) {
   Desk desk;
   desk.open();

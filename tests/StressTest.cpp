@@ -104,6 +104,39 @@ TEST(Stress, StopsCleanlyAtAThousandMoments) {
   for (std::uint64_t seed = 1; seed <= 1000 && !HasFailure(); ++seed) stopAtAnyMoment(seed);
 }
 
+// The read thread has ended before its start has returned.
+TEST(Stress, ReadsThatFailAtOnceLeaveNothingRunning) {
+  for (std::uint64_t seed = 1; seed <= 100 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Desk desk({.seed = seed});
+    auto tern = desk.make("Tern");
+    tern->faults.failReads = true;
+    desk.machine.plug(tern);
+    desk.open();
+    desk.run(6s);
+    EXPECT_GE(desk.record.lines("HidDisconnect").size(), 5U);
+    tern->faults.failReads = false;
+    desk.run(3s);
+    EXPECT_EQ(desk.record.lines("HidConnect").size(), 1U);
+    EXPECT_EQ(desk.machine.balance().threads, 3U) << "discovery, and the two of one reader";
+  }
+}
+
+TEST(Stress, NothingIsReadAfterCloseDevice) {
+  for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Desk desk({.seed = seed});
+    desk.machine.plug(desk.make("Tern"));
+    desk.machine.plug(desk.make("Wren"));
+    desk.open();
+    desk.run(950ms);  // the first pass begins at this moment, too
+    desk.hub->CloseDevice();
+    desk.run(3s);
+    EXPECT_TRUE(desk.record.lines().empty());
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+  }
+}
+
 // Pulled out and put back faster than anything can settle, in shuffled schedules.
 TEST(Stress, QuickReplugsAlwaysEndWithOneLiveDevice) {
   for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {

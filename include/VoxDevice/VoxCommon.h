@@ -27,6 +27,8 @@ class VoxMessageSink {
   virtual void HidDisconnect(int /*device*/) {}
   // types: the device's answer, `length` bytes: the current function of the M key, then those it supports.
   virtual void MKeyTypeSet(int /*device*/, int /*key*/, const unsigned char* /*types*/, int /*length*/) {}
+  // A firmware update has come so far: bytes of `total`, or 100 of 100 when an image is done.
+  virtual void OtaProgress(int /*done*/, int /*total*/) {}
   virtual void MainMenu(MainMenuType /*menu*/) {}
   virtual void PostMainMenu(MainMenuType /*menu*/) {}
 };
@@ -40,6 +42,7 @@ class VoxMessage {
   static void HidConnect(int device) noexcept;
   static void HidDisconnect(int device) noexcept;
   static void MKeyTypeSet(int device, int key, const unsigned char* types, int length) noexcept;
+  static void OtaProgress(int done, int total) noexcept;
   static void MainMenu(MainMenuType menu) noexcept;
   static void PostMainMenu(MainMenuType menu) noexcept;
 };

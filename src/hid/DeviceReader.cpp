@@ -32,7 +32,7 @@ CDeviceReader::CDeviceReader()
 
 CDeviceReader::~CDeviceReader() {
   ShutDown();
-  os::SetEvent(otaStopEvent);
+  DeleteOtaWaiters();
   for (LogEntry* entry = logBuffers; entry;) delete std::exchange(entry, entry->next);
   for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent}) os::CloseHandle(event);
 }
@@ -69,6 +69,11 @@ void CDeviceReader::EndThreads() noexcept {
   stopFlag = true;
   heartbeatThread.Terminate();
   readThread.Terminate();
+  EndOtaWaiters();
+}
+
+bool CDeviceReader::IsOwnThread() const noexcept {
+  return readThread.IsCurrent() || heartbeatThread.IsCurrent() || IsOtaWaiter();
 }
 
 void CDeviceReader::ShutDown() noexcept {
@@ -260,6 +265,11 @@ void CDeviceReader::ClearDeviceValues() noexcept {
   otaPlan = 0;
   otaStage = 0;
   otaActive = false;
+  image1Size = 0;
+  image2Size = 0;
+  const CAutoLock lock(otaLock_);
+  image1.reset();
+  image2.reset();
 }
 
 void CDeviceReader::ResetState() noexcept {

@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -25,6 +26,19 @@ struct HidConnection {
   DataChannel channel = DataChannel_Unknown;
 };
 
+// How far the image that is being sent has come. The numbers are also the results of a step without an answer.
+enum OtaStage : int {
+  OtaStage_Idle = 0,
+  OtaStage_Prepare = 1,
+  OtaStage_Open = 3,
+  OtaStage_Data = 5,
+  OtaStage_Complete = 7,
+  OtaStage_Abort = 9,
+};
+
+// The bytes of one firmware file; null when there is none.
+using OtaImage = std::shared_ptr<const std::vector<std::uint8_t>>;
+
 // One reader runs two threads. The read thread waits for input reports, reacts to those that concern the reader's own
 // state and hands every report on. The heartbeat thread writes a heartbeat every second, announces the device when it
 // answers, and declares it asleep when it stops answering.
@@ -33,6 +47,8 @@ struct HidConnection {
 // of the same model that is plugged in later: Attach, Start, and the threads end by themselves when the device goes.
 class CDeviceReader {
  public:
+  struct OtaWaiter;
+
   using ReaderCallback = void (*)(int device, MouseType model, DataChannel link, unsigned char* report, int length,
                                   void* context);
   using DisconnectCallback = void (*)(int device, void* context);
@@ -71,12 +87,12 @@ class CDeviceReader {
   // ---- For the hub's owner ----
   // Ends the read thread by force and tells the heartbeat thread to end. The handles stay open.
   void Stop() noexcept;
-  // Ends both threads.
+  // Ends every thread.
   void EndThreads() noexcept;
-  // Ends both threads and closes the handles; on one of those threads itself, only lets it end.
+  // Ends every thread and closes the handles; on one of those threads itself, only lets it end.
   void ShutDown() noexcept;
   // True on one of this reader's own threads (a client callback).
-  bool IsOwnThread() const noexcept { return readThread.IsCurrent() || heartbeatThread.IsCurrent(); }
+  bool IsOwnThread() const noexcept;
 
   // ---- Any thread ----
   // The device is connected and its read thread runs.
@@ -108,6 +124,39 @@ class CDeviceReader {
   // Clears what is known of the device, its number and the report lengths.
   void ResetState() noexcept;
 
+  // ---- Firmware update ----
+  // Loads the files, starts a wait thread and the first image. Results go to `callback`: on the read thread for answers,
+  // on the wait thread for time-outs, on this thread when there is nothing to send.
+  void StartOta(int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
+                void* context) noexcept;
+  // type: an FwUpdateType; any other loads nothing. A file that cannot be read leaves its image empty.
+  void LoadOtaImages(int type, const std::string& firstPath, const std::string& secondPath) noexcept;
+  // False, with nothing changed, when there is no such file, or it is empty or longer than an int can say. Otherwise
+  // `image` gets what could be read of it, `size` its length in bytes.
+  static bool LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept;
+
+  // What the flows of the variants are made of.
+  // Turns to the next image of the plan: false when there is none.
+  bool SelectOtaImage() noexcept;
+  // Ends the update: stops the wait thread, releases the images, reports the end.
+  void EndOta() noexcept;
+  void ReportOta(int state) noexcept;
+  // Enters `stage`, sends the frame for the current target, and lets its time-out run.
+  void SendOta(OtaStage stage, std::uint8_t command, std::span<const std::uint8_t> payload = {}) noexcept;
+  // Enters `stage` and lets its time-out run, with nothing sent.
+  void AwaitOtaAnswer(OtaStage stage) noexcept;
+  // The device has refused: reports `state` and sends OtaAbort.
+  void AbortOta(FwUpdateState state) noexcept;
+  void SignalOtaAnswered() noexcept { os::SetEvent(otaAnsweredEvent); }
+  // The image for the current target, and its size as the client knows it, which that of an earlier file may be.
+  struct OtaSource {
+    OtaImage image;
+    int size = 0;
+    // The bytes from `offset` on, at most `count` of them, as far as they are there.
+    std::span<const std::uint8_t> Bytes(std::int64_t offset, std::int64_t count) const noexcept;
+  };
+  OtaSource CurrentOtaImage() noexcept;
+
   CWorkerThread readThread;
   Shared<bool> stopFlag{false};
   CWorkerThread heartbeatThread;
@@ -136,19 +185,25 @@ class CDeviceReader {
   Shared<int> mKeyType{0};
   std::array<Shared<std::uint32_t>, 8> mKeyTypes{};  // a set of bytes: bit n of word n / 32
   std::array<std::uint8_t, 100> mKeyList{};          // the last list answer, as far as it fits
-  // Firmware update: not built yet. The fields keep the reader's state complete; nothing but ResetState writes them.
-  HANDLE otaSentEvent = nullptr;
-  HANDLE otaAnsweredEvent = nullptr;
-  HANDLE otaStopEvent = nullptr;
-  CWorkerThread otaThread;
-  Shared<bool> otaActive{false};
-  Shared<DataChannel> otaTarget{DataChannel_Unknown};
-  Shared<int> otaPlan{0};
-  Shared<int> otaStage{0};  // 0: no update runs
-  std::vector<std::uint8_t> image1;
-  std::vector<std::uint8_t> image2;
-  OtaCallback otaCallback = nullptr;
-  void* otaContext = nullptr;
+  // ---- Firmware update (FirmwareUpdate.cpp) ----
+  const HANDLE otaSentEvent;      // auto-reset, as the two below: a request went out, its time-out runs
+  const HANDLE otaAnsweredEvent;  // an answer came
+  const HANDLE otaStopEvent;      // the update is over
+  // The wait thread started last. A second update that is started while one runs has a second one.
+  std::atomic<OtaWaiter*> otaThread{nullptr};
+  Shared<bool> otaActive{false};                       // an image is being sent
+  Shared<DataChannel> otaTarget{DataChannel_Unknown};  // the channel it is framed for
+  Shared<int> otaPlan{0};                              // images still to send: none, or an FwUpdateType
+  Shared<int> otaStage{OtaStage_Idle};                 // an OtaStage
+  // The files, under otaLock; taken by value, because another update may replace them while a step reads.
+  OtaImage image1;
+  OtaImage image2;
+  Shared<int> image1Size{0};  // bytes; kept when an update ends
+  Shared<int> image2Size{0};
+  // The device that the update is for. Results name it even when it has gone and the reader has no number any more.
+  Shared<int> otaDevice{-1};
+  Shared<OtaCallback> otaCallback{nullptr};
+  Shared<void*> otaContext{nullptr};
 
  private:
   struct LogEntry;
@@ -169,7 +224,15 @@ class CDeviceReader {
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
   void Log(std::wstring text, int type) noexcept;
+  static unsigned OtaThreadProc(void* waiter);
+  void OtaWaitLoop(CWorkerThread& thread) noexcept;
+  void StartOtaWaiter() noexcept;
+  void EndOtaWaiters() noexcept;
+  void DeleteOtaWaiters() noexcept;
+  bool IsOtaWaiter() const noexcept;  // on a wait thread
 
+  CLock otaLock_;
+  std::atomic<OtaWaiter*> otaWaiters_{nullptr};  // all that were ever started; idle ones serve again
   std::vector<std::uint8_t> outputReport_;  // under writeLock; as long as the device's output report
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   std::atomic<LogEntry*> logBuffers{nullptr};

@@ -20,8 +20,38 @@ class CModelIdentification {
   Shared<bool> awaited_{false};
 };
 
-// In every family the operations of a firmware update do nothing yet: no update can be started, so no device has reason
-// to send these replies, and one that sends them all the same is ignored.
+// The firmware update of a standard or Zh reader: the device names the 16-byte block that it wants next, and index 0 when it
+// has everything. The two differ in how much of the image opens the transfer and how blocks are framed.
+class CBlockUpdate {
+ public:
+  static constexpr int kBlock = 16;            // bytes of an image
+  static constexpr std::size_t kLongest = 40;  // payload of an OtaData
+  // Fills the payload of the OtaData that answers a request for block `index` with the image's bytes from there on.
+  // Returns its length.
+  using Framing = std::size_t (*)(std::span<const std::uint8_t> bytes, int index,
+                                  std::span<std::uint8_t, kLongest> payload);
+
+  // open: bytes of the image that OtaOpen carries. perMessage: bytes of the image that an OtaData carries at most.
+  constexpr CBlockUpdate(int open, int perMessage, Framing framing)
+      : open_(open), perMessage_(perMessage), framing_(framing) {}
+
+  void NextImage(CDeviceReader& reader) const noexcept;
+  void OnOpenReply(CDeviceReader& reader, const CHidData& reply) const noexcept;
+  void OnDataReply(CDeviceReader& reader, const CHidData& reply) const noexcept;
+  static void OnEndReply(CDeviceReader& reader, const CHidData& reply) noexcept;
+  static void OnCompleteReply(CDeviceReader& reader, const CHidData& reply) noexcept;
+
+ private:
+  void SendOtaBlock(CDeviceReader& reader, int index) const noexcept;
+  static void Finish(CDeviceReader& reader) noexcept;
+
+  const int open_;
+  const int perMessage_;
+  const Framing framing_;
+};
+
+extern const CBlockUpdate kStandardUpdate;
+extern const CBlockUpdate kZhUpdate;
 
 // Models 2 to 6: Wren, Finch, Robin, Heron, Egret.
 class CVoxHidDeviceReader : public CDeviceReader {
@@ -34,12 +64,12 @@ class CVoxHidDeviceReader : public CDeviceReader {
   void OnIdentifyReply(int index, const CHidData& reply) override {
     identification_.OnReply(*this, index, reply, MouseType_Wren, MouseType_Egret);
   }
-  void OtaNextImage() override {}
+  void OtaNextImage() override { kStandardUpdate.NextImage(*this); }
   void OnOtaPrepareReply(const CHidData&) override {}
-  void OnOtaOpenReply(const CHidData&) override {}
-  void OnOtaDataReply(const CHidData&) override {}
-  void OnOtaEndReply(const CHidData&) override {}
-  void OnOtaCompleteReply(const CHidData&) override {}
+  void OnOtaOpenReply(const CHidData& reply) override { kStandardUpdate.OnOpenReply(*this, reply); }
+  void OnOtaDataReply(const CHidData& reply) override { kStandardUpdate.OnDataReply(*this, reply); }
+  void OnOtaEndReply(const CHidData& reply) override { CBlockUpdate::OnEndReply(*this, reply); }
+  void OnOtaCompleteReply(const CHidData& reply) override { CBlockUpdate::OnCompleteReply(*this, reply); }
 
  private:
   CModelIdentification identification_;
@@ -56,12 +86,12 @@ class CZhHidDeviceReader : public CDeviceReader {
   void OnIdentifyReply(int index, const CHidData& reply) override {
     identification_.OnReply(*this, index, reply, MouseType_HeronPlus, MouseType_Swift);
   }
-  void OtaNextImage() override {}
+  void OtaNextImage() override { kZhUpdate.NextImage(*this); }
   void OnOtaPrepareReply(const CHidData&) override {}
-  void OnOtaOpenReply(const CHidData&) override {}
-  void OnOtaDataReply(const CHidData&) override {}
-  void OnOtaEndReply(const CHidData&) override {}
-  void OnOtaCompleteReply(const CHidData&) override {}
+  void OnOtaOpenReply(const CHidData& reply) override { kZhUpdate.OnOpenReply(*this, reply); }
+  void OnOtaDataReply(const CHidData& reply) override { kZhUpdate.OnDataReply(*this, reply); }
+  void OnOtaEndReply(const CHidData& reply) override { CBlockUpdate::OnEndReply(*this, reply); }
+  void OnOtaCompleteReply(const CHidData& reply) override { CBlockUpdate::OnCompleteReply(*this, reply); }
 
  private:
   CModelIdentification identification_;
@@ -75,10 +105,18 @@ class CHidDeviceReader_Tern : public CDeviceReader {
   MouseType GetMouseType() const override { return MouseType_Tern; }
   void StartIdentify() override {}
   void OnIdentifyReply(int, const CHidData&) override {}
-  void OtaNextImage() override {}
-  void OnOtaPrepareReply(const CHidData&) override {}
-  void OnOtaOpenReply(const CHidData&) override {}
-  void OnOtaDataReply(const CHidData&) override {}
-  void OnOtaEndReply(const CHidData&) override {}
-  void OnOtaCompleteReply(const CHidData&) override {}
+  // The firmware update of a Tern: the device asks for any bytes of the image by offset and count, and only answers from the
+  // channel that the image is sent to count.
+  void OtaNextImage() override;
+  void OnOtaPrepareReply(const CHidData& reply) override;
+  void OnOtaOpenReply(const CHidData& reply) override;
+  void OnOtaDataReply(const CHidData& reply) override;
+  void OnOtaEndReply(const CHidData& reply) override;
+  void OnOtaCompleteReply(const CHidData& reply) override;
+
+ private:
+  bool Expects(const CHidData& reply, int length) const noexcept;
+  // An answer that asks for the next bytes, or refuses with `refused`.
+  void OnRequest(const CHidData& reply, FwUpdateState refused) noexcept;
+  void SendOtaChunk(std::int64_t offset, int count) noexcept;
 };

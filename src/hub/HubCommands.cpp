@@ -127,8 +127,11 @@ bool CAudioHidCenter::CloseHidRecord() {
   return closed;
 }
 
-void CAudioHidCenter::StartOTA(int, FwUpdateType, std::string, std::string) {
-  // Firmware updates are not built yet.
+void CAudioHidCenter::StartOTA(int device, FwUpdateType type, std::string firstPath, std::string secondPath) {
+  // Deliberately without a look at otaStage: a second call during an update begins anew.
+  if (CDeviceReader* reader = FindLive(device)) {
+    reader->StartOta(type, firstPath, secondPath, &CAudioHidCenter::FwOtaResultCallback, this);
+  }
 }
 
 void CAudioHidCenter::FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub) {

@@ -27,6 +27,8 @@ BOOL SetEvent(HANDLE event);
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES* attributes, BOOL initialOwner, const WCHAR* name);
 BOOL ReleaseMutex(HANDLE mutex);
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+// waitAll must be FALSE: no caller needs more, and the simulated machine offers no more.
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
 void Sleep(DWORD milliseconds);
 BOOL CloseHandle(HANDLE handle);
 

@@ -41,6 +41,7 @@ constexpr BOOL TRUE = 1;
 inline const HANDLE INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(~std::uintptr_t{0});
 
 constexpr DWORD INFINITE = 0xFFFFFFFFU;
+constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
 constexpr DWORD WAIT_OBJECT_0 = 0;
 constexpr DWORD WAIT_ABANDONED = 0x80;
 constexpr DWORD WAIT_TIMEOUT = 0x102;

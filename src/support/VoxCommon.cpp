@@ -32,6 +32,10 @@ void VoxMessage::MKeyTypeSet(int device, int key, const unsigned char* types, in
   Tell([=](VoxMessageSink& sink) { sink.MKeyTypeSet(device, key, types, length); });
 }
 
+void VoxMessage::OtaProgress(int done, int total) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.OtaProgress(done, total); });
+}
+
 void VoxMessage::MainMenu(MainMenuType menu) noexcept {
   Tell([=](VoxMessageSink& sink) { sink.MainMenu(menu); });
 }
