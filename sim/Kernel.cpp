@@ -93,11 +93,17 @@ Kernel::Lock Kernel::enter() {
   Lock lock(mutex_);
   Thread& me = self();
   if (me.killed) endSelf(me);
-  if (shuffled_ && random_() % 4 == 0 && !ready_.empty()) {
-    ready(me);
-    switchAway(me);
-  }
+  mayBeOvertaken();
   return lock;
+}
+
+void Kernel::mayBeOvertaken() {
+  if (!shuffled_) return;
+  fireDue();
+  if (ready_.empty() || random_() % 4 != 0) return;
+  Thread& me = self();
+  ready(me);
+  switchAway(me);
 }
 
 Thread& Kernel::self() {
@@ -225,8 +231,22 @@ void Kernel::after(Time delay, Action action) {
   if (!virtualTime()) timelineWake_.notify_all();
 }
 
+// Everything that is due happens now: equal times are one moment, in which any thread may go first.
+void Kernel::fireDue() {
+  while (!timers_.empty() && timers_.begin()->first.first <= virtualNow_) {
+    auto due = timers_.extract(timers_.begin());
+    if (Thread* thread = due.mapped().thread) {
+      thread->timer.reset();
+      wakeUp(*thread, -1);
+    } else {
+      due.mapped().action();
+    }
+  }
+}
+
 Thread& Kernel::nextThread() {
   for (;;) {
+    fireDue();
     if (!ready_.empty()) {
       const std::size_t pick = shuffled_ ? random_() % ready_.size() : 0;
       Thread* next = ready_[pick];
@@ -234,15 +254,8 @@ Thread& Kernel::nextThread() {
       return *next;
     }
     if (timers_.empty()) stuck("every thread waits without a limit");
-    auto first = timers_.extract(timers_.begin());
-    virtualNow_ = std::max(virtualNow_, first.key().first);
+    virtualNow_ = timers_.begin()->first.first;
     if (virtualNow_ > kLongestRun) stuck("the simulated time has no end");
-    if (Thread* thread = first.mapped().thread) {
-      thread->timer.reset();
-      wakeUp(*thread, -1);
-    } else {
-      first.mapped().action();
-    }
   }
 }
 

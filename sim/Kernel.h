@@ -130,6 +130,8 @@ class Kernel {
   // Enters the machine from a thread above the seam: a forced end takes effect here, and here another thread may go
   // first.
   Lock enter();
+  // A call has let other threads run on: here, too, one of them may go first.
+  void mayBeOvertaken();
   // Enters from outside the simulated threads' rules (a test that looks at a count).
   Lock enterQuietly() { return Lock(mutex_); }
 
@@ -194,6 +196,7 @@ class Kernel {
   void cancelWait(Thread& thread);
   void suspendSelf(Lock& lock, Thread& me, std::optional<Time> until);
   void switchAway(Thread& me);
+  void fireDue();
   Thread& nextThread();
   void finish(Thread& thread);
   [[noreturn]] void endSelf(Thread& me);

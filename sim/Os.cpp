@@ -75,6 +75,7 @@ DWORD ResumeThread(HANDLE thread) {
   }
   const bool suspended = object->state == sim::Thread::State::suspended;
   machine.kernel().resume(*object);
+  machine.kernel().mayBeOvertaken();
   return suspended ? 1 : 0;
 }
 
@@ -112,6 +113,7 @@ BOOL SetEvent(HANDLE event) {
     return FALSE;
   }
   object->set(machine.kernel());
+  machine.kernel().mayBeOvertaken();
   return TRUE;
 }
 
@@ -131,6 +133,7 @@ BOOL ReleaseMutex(HANDLE mutex) {
     machine.kernel().misused();
     return FALSE;
   }
+  machine.kernel().mayBeOvertaken();
   return TRUE;
 }
 

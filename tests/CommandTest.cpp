@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/os.h"
 #include "sim/Text.h"
 #include "tests/Desk.h"
 
@@ -248,6 +249,32 @@ TEST(Lifecycle, ThreadIsClosedKeepsItsInvertedRule) {
   EXPECT_TRUE(desk.hub->ThreadIsClosed()) << "discovery has ended, the heartbeat thread has not";
   desk.run(1100ms);
   EXPECT_FALSE(desk.hub->ThreadIsClosed());
+}
+
+TEST(Lifecycle, CloseDeviceLetsACallbackFinish) {
+  Desk desk;
+  static bool finished;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  for (const DWORD milliseconds : {200U, 1000U}) {  // CloseDevice waits 0.3 s for it
+    finished = false;
+    static DWORD time;
+    time = milliseconds;
+    desk.hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) {
+                                        os::Sleep(time);
+                                        finished = true;
+                                      }),
+                                      nullptr);
+    wren->reportPower(1);
+    desk.run(10ms);
+    desk.hub->CloseDevice();
+    EXPECT_EQ(finished, milliseconds < 300);
+    desk.hub->Release();
+    desk.open();
+    desk.run(3s);
+  }
+  desk.run(2s);
+  EXPECT_FALSE(finished) << "ended where it was";
 }
 
 TEST(Lifecycle, SecondOpenDeviceAndCopiesAreHarmless) {

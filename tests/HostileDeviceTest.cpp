@@ -162,6 +162,24 @@ TEST(HostileDevice, AWriteThatNeverReturnsHoldsUpNobodyForLong) {
   }
 }
 
+TEST(HostileDevice, ACallbackThatHangsInAnotherDevicesWriteDoesNotHoldUpRelease) {
+  Desk desk;
+  static CAudioHidCenter* hub;
+  hub = desk.hub.get();
+  desk.open();
+  auto wren = desk.connect("Wren");  // 1
+  auto tern = desk.connect("Tern");  // 2
+  hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) { hub->SetDpi(1, 800); }), nullptr);
+  ASSERT_TRUE(desk.machine.waitFor([&] { return desk.milliseconds() % 1000 == 500; }, 2s));  // between two heartbeats
+  wren->faults.hangWrites = true;
+  tern->reportPower(1);
+  desk.run(1ms);  // the Tern's read thread hangs in a write to the Wren, and holds its lock
+  const auto begin = desk.milliseconds();
+  hub->Release();
+  EXPECT_LE(desk.milliseconds() - begin, 3000);
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
 TEST(HostileDevice, FailedWritesAreIgnored) {
   Desk desk;
   desk.open();

@@ -11,15 +11,19 @@ constexpr LinkSheet kHeronPlusBluetooth{"02248a", "8266", 0x248A, 0x8266};
 
 constexpr ModelSheet kModels[] = {
     {"Tern", 1, LinkSheet{"0d8c", "0137", 0x0D8C, 0x0137}, LinkSheet{"020d8d", "0138", 0x0D8D, 0x0138}, false,
-     SpeechCodec::asc, '1', '0'},
+     SpeechCodec::asc, UpdateFlow::bytes, '1', '0'},
     {"Wren", 2, LinkSheet{"6d8c", "6137", 0x6D8C, 0x6137}, LinkSheet{"026d8d", "6138", 0x6D8D, 0x6138}, true,
-     SpeechCodec::sbc, '0', '9'},
-    {"Finch", 3, std::nullopt, LinkSheet{"023d8d", "3138", 0x3D8D, 0x3138}, true, SpeechCodec::sbc, '0', '9'},
-    {"Robin", 4, std::nullopt, LinkSheet{"022d8d", "2138", 0x2D8D, 0x2138}, true, SpeechCodec::sbc, '0', '9'},
-    {"Heron", 5, std::nullopt, LinkSheet{"021d8d", "1138", 0x1D8D, 0x1138}, true, SpeechCodec::sbc, '0', '9'},
-    {"Egret", 6, std::nullopt, LinkSheet{"024d8d", "6138", 0x4D8D, 0x6138}, true, SpeechCodec::sbc, '0', '9'},
-    {"Heron Plus", 7, kHeronPlusUsb, kHeronPlusBluetooth, true, SpeechCodec::sbc, '0', '9'},
-    {"Swift", 8, kHeronPlusUsb, kHeronPlusBluetooth, true, SpeechCodec::sbc, '0', '9'},
+     SpeechCodec::sbc, UpdateFlow::blocks, '0', '9'},
+    {"Finch", 3, std::nullopt, LinkSheet{"023d8d", "3138", 0x3D8D, 0x3138}, true, SpeechCodec::sbc, UpdateFlow::blocks,
+     '0', '9'},
+    {"Robin", 4, std::nullopt, LinkSheet{"022d8d", "2138", 0x2D8D, 0x2138}, true, SpeechCodec::sbc, UpdateFlow::blocks,
+     '0', '9'},
+    {"Heron", 5, std::nullopt, LinkSheet{"021d8d", "1138", 0x1D8D, 0x1138}, true, SpeechCodec::sbc, UpdateFlow::blocks,
+     '0', '9'},
+    {"Egret", 6, std::nullopt, LinkSheet{"024d8d", "6138", 0x4D8D, 0x6138}, true, SpeechCodec::sbc, UpdateFlow::blocks,
+     '0', '9'},
+    {"Heron Plus", 7, kHeronPlusUsb, kHeronPlusBluetooth, true, SpeechCodec::sbc, UpdateFlow::checkedBlocks, '0', '9'},
+    {"Swift", 8, kHeronPlusUsb, kHeronPlusBluetooth, true, SpeechCodec::sbc, UpdateFlow::checkedBlocks, '0', '9'},
 };
 
 }  // namespace

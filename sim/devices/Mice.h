@@ -28,6 +28,7 @@ struct ModelSheet {
   std::optional<LinkSheet> bluetooth;
   bool identifies;
   SpeechCodec codec;
+  UpdateFlow update;
   char voiceKeyDown;
   char voiceKeyUp;
 };

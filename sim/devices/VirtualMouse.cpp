@@ -24,6 +24,8 @@ enum Command : std::uint8_t {
   voiceStop = 0x04,
   heartbeat = 0x05,
   setDpi = 0x06,
+  otaFirst = 0x07,
+  otaLast = 0x0B,
   getMouseState = 0x0C,
   getDongleState = 0x0D,
   setDownloadUrl = 0x0E,
@@ -77,7 +79,11 @@ std::wstring pathOf(const LinkSheet& sheet, Link link, const std::string& instan
 }  // namespace
 
 VirtualMouse::VirtualMouse(const ModelSheet& sheet, const LinkSheet& presented, Link link, const std::string& instance)
-    : HidDevice(pathOf(presented, link, instance), presented.vendor, presented.product), sheet_(sheet), link_(link) {}
+    : HidDevice(pathOf(presented, link, instance), presented.vendor, presented.product),
+      sheet_(sheet),
+      link_(link),
+      firmware_(sheet.update),
+      receiverFirmware_(sheet.update) {}
 
 void VirtualMouse::key(char code) {
   Machine::current().locked([&] {
@@ -114,6 +120,19 @@ void VirtualMouse::send(Bytes report) {
 
 void VirtualMouse::reply(std::uint8_t code, Bytes payload) {
   Machine::current().locked([&] { sendInput(frameFor(code, payload, kPrefixDevice)); });
+}
+
+void VirtualMouse::update(Updated which, UpdateScript script) {
+  Machine::current().locked([&] {
+    thinking_[which == Updated::mouse ? 0 : 1] = script.thinking;
+    (which == Updated::mouse ? firmware_ : receiverFirmware_).follow(std::move(script));
+  });
+}
+
+FirmwareTarget VirtualMouse::firmware(Updated which) {
+  std::optional<FirmwareTarget> copy;
+  Machine::current().locked([&] { copy.emplace(which == Updated::mouse ? firmware_ : receiverFirmware_); });
+  return *copy;
 }
 
 std::vector<HostFrame> VirtualMouse::received() {
@@ -227,8 +246,27 @@ void VirtualMouse::obey(const HostFrame& frame, bool refuse) {
       break;
     }
     default:  // appExit, identifyAck: nothing to say
+      if (frame.code >= otaFirst && frame.code <= otaLast) obeyUpdate(frame);
       break;
   }
+}
+
+void VirtualMouse::obeyUpdate(const HostFrame& frame) {
+  const bool receiver = frame.prefix == kPrefixReceiver;
+  if (receiver && link_ != Link::usb) return;
+  const auto outcome = (receiver ? receiverFirmware_ : firmware_).take(frame.code, frame.payload);
+  if (outcome.unplug) {
+    // When the write has returned.
+    machine().kernel().after(Time{0}, [this, self = shared_from_this()] { unplugSelf(); });
+  }
+  if (!outcome.answer) return;
+  const Bytes report =
+      frameFor(outcome.answer->code, outcome.answer->payload, receiver ? kPrefixReceiver : kPrefixDevice);
+  after(latency + thinking_[receiver ? 1 : 0], [this, report] { sendInput(report); });
+}
+
+void VirtualMouse::unplugSelf() {
+  if (plugged()) machine().hid().unplug(shared_from_this());
 }
 
 void VirtualMouse::respond(const HostFrame& frame, std::uint8_t code, Bytes payload) {

@@ -10,6 +10,7 @@
 
 #include "sim/Device.h"
 #include "sim/devices/AscCodec.h"
+#include "sim/devices/FirmwareTarget.h"
 #include "sim/devices/SbcEncoder.h"
 
 namespace sim {
@@ -77,6 +78,13 @@ class VirtualMouse : public HidDevice {
   // Sends a reply in the framing of its link.
   void reply(std::uint8_t code, Bytes payload);
 
+  // ---- Firmware updates ----
+  // How the device (or its receiver) takes the next update.
+  enum class Updated { mouse, receiver };
+  void update(Updated which, UpdateScript script);
+  // A copy of what it has got so far.
+  FirmwareTarget firmware(Updated which);
+
   // ---- What it has seen ----
   std::vector<HostFrame> received();
   // Those with this code.
@@ -93,6 +101,8 @@ class VirtualMouse : public HidDevice {
 
  private:
   void obey(const HostFrame& frame, bool refuse);
+  void obeyUpdate(const HostFrame& frame);
+  void unplugSelf();
   void respond(const HostFrame& frame, std::uint8_t code, Bytes payload);
   Bytes frameFor(std::uint8_t code, std::span<const std::uint8_t> payload, std::uint8_t prefix) const;
   void openVoice();
@@ -109,6 +119,9 @@ class VirtualMouse : public HidDevice {
   std::size_t spoken_ = 0;
   bool streaming_ = false;
   unsigned stream_ = 0;
+  FirmwareTarget firmware_;
+  FirmwareTarget receiverFirmware_;
+  Time thinking_[2]{};  // of the two, before each answer in an update
   SbcEncoder sbc_;
   AscEncoder asc_;
 };
