@@ -46,6 +46,11 @@ std::vector<std::string> Record::lines(const std::string& beginning) {
   return result;
 }
 
+std::string Record::last() {
+  const std::lock_guard lock(mutex_);
+  return lines_.empty() ? std::string() : lines_.back();
+}
+
 void Record::clear() {
   const std::lock_guard lock(mutex_);
   lines_.clear();
@@ -57,6 +62,7 @@ void Record::HidDisconnect(int device) { add(line("HidDisconnect", device)); }
 void Record::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {
   add(line("MKeyTypeSet", device, key, hex({types, types + length})));
 }
+void Record::OtaProgress(int done, int total) { add(line("OtaProgress", done, total)); }
 void Record::MainMenu(MainMenuType menu) { add(line("MainMenu", static_cast<int>(menu))); }
 void Record::PostMainMenu(MainMenuType menu) { add(line("PostMainMenu", static_cast<int>(menu))); }
 
@@ -96,6 +102,10 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
   hub->SetCallback_PowerReport(
       slot(+[](int device, int level, void* to) { static_cast<Record*>(to)->add(line("PowerReport", device, level)); }),
       context);
+  hub->SetCallback_FwOtaResult(slot(+[](int device, DataChannel link, FwUpdateState state, void* to) {
+                                 static_cast<Record*>(to)->add(line("FwOtaResult", device, int{link}, int{state}));
+                               }),
+                               context);
   hub->SetCallback_DownloadUrl(
       slot(+[](int device, bool ok, void* to) { static_cast<Record*>(to)->add(line("DownloadUrl", device, ok)); }),
       context);

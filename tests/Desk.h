@@ -22,12 +22,14 @@ class Record : public VoxMessageSink {
   std::vector<std::string> lines();
   // Those that begin with `beginning`.
   std::vector<std::string> lines(const std::string& beginning);
+  std::string last();
   void clear();
 
   void Log(const wchar_t* text, LogType type) override;
   void HidConnect(int device) override;
   void HidDisconnect(int device) override;
   void MKeyTypeSet(int device, int key, const unsigned char* types, int length) override;
+  void OtaProgress(int done, int total) override;
   void MainMenu(MainMenuType menu) override;
   void PostMainMenu(MainMenuType menu) override;
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -125,8 +126,8 @@ class CDeviceReader {
   void ResetState() noexcept;
 
   // ---- Firmware update ----
-  // Loads the files, starts a wait thread and the first image. Results go to `callback`: on the read thread for answers,
-  // on the wait thread for time-outs, on this thread when there is nothing to send.
+  // Loads the files, starts a wait thread and the first image. Results go to `callback`: on the read thread for
+  // answers, on the wait thread for time-outs, on this thread when there is nothing to send.
   void StartOta(int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
                 void* context) noexcept;
   // type: an FwUpdateType; any other loads nothing. A file that cannot be read leaves its image empty.
@@ -135,18 +136,25 @@ class CDeviceReader {
   // `image` gets what could be read of it, `size` its length in bytes.
   static bool LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept;
 
-  // What the flows of the variants are made of.
-  // Turns to the next image of the plan: false when there is none.
-  bool SelectOtaImage() noexcept;
+  // What the flows of the variants are made of. A step of an update is taken by one answer or by one time-out,
+  // whichever comes first; what the other still wants to do then is dropped.
+  using OtaStep = unsigned;
+  // Turns to the next image of the plan. Nothing when there is none.
+  std::optional<OtaStep> SelectOtaImage() noexcept;
+  // Takes the step that waits for an answer, for an answer of `length` bytes. Nothing when this is none.
+  std::optional<OtaStep> TakeOtaAnswer(const CHidData& reply, int length) noexcept;
+  // Goes on to the next image, unless another update has begun.
+  void LeaveOtaImage(OtaStep step) noexcept;
   // Ends the update: stops the wait thread, releases the images, reports the end.
   void EndOta() noexcept;
-  void ReportOta(int state) noexcept;
+  void ReportOta(int state, DataChannel target) noexcept;
+  void ReportOta(int state) noexcept { ReportOta(state, otaTarget); }
   // Enters `stage`, sends the frame for the current target, and lets its time-out run.
-  void SendOta(OtaStage stage, std::uint8_t command, std::span<const std::uint8_t> payload = {}) noexcept;
+  void SendOta(OtaStep step, OtaStage stage, std::uint8_t command, std::span<const std::uint8_t> payload = {}) noexcept;
   // Enters `stage` and lets its time-out run, with nothing sent.
-  void AwaitOtaAnswer(OtaStage stage) noexcept;
+  void AwaitOtaAnswer(OtaStep step, OtaStage stage) noexcept;
   // The device has refused: reports `state` and sends OtaAbort.
-  void AbortOta(FwUpdateState state) noexcept;
+  void AbortOta(OtaStep step, FwUpdateState state) noexcept;
   void SignalOtaAnswered() noexcept { os::SetEvent(otaAnsweredEvent); }
   // The image for the current target, and its size as the client knows it, which that of an earlier file may be.
   struct OtaSource {
@@ -226,14 +234,20 @@ class CDeviceReader {
   void Log(std::wstring text, int type) noexcept;
   static unsigned OtaThreadProc(void* waiter);
   void OtaWaitLoop(CWorkerThread& thread) noexcept;
+  void OnOtaTimeOut(OtaStep step) noexcept;
+  void NextOtaStep() noexcept;
+  bool EnterOtaStage(OtaStep step, OtaStage stage) noexcept;
   void StartOtaWaiter() noexcept;
   void EndOtaWaiters() noexcept;
   void DeleteOtaWaiters() noexcept;
   bool IsOtaWaiter() const noexcept;  // on a wait thread
 
   CLock otaLock_;
+  // Written under otaLock_.
+  Shared<OtaStep> otaStep_{0};
+  bool otaAwaits_ = false;                       // a request of this step is out
   std::atomic<OtaWaiter*> otaWaiters_{nullptr};  // all that were ever started; idle ones serve again
-  std::vector<std::uint8_t> outputReport_;  // under writeLock; as long as the device's output report
+  std::vector<std::uint8_t> outputReport_;       // under writeLock; as long as the device's output report
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   std::atomic<LogEntry*> logBuffers{nullptr};
 };

@@ -1,5 +1,5 @@
-// What each family of firmware is sent in which step of an update. Progress totals are deliberately those of the first image
-// in the block flows, also while the second is sent.
+// What each family of firmware is sent in which step of an update. Progress totals are deliberately those of the first
+// image in the block flows, also while the second is sent.
 #include <algorithm>
 #include <array>
 
@@ -57,89 +57,94 @@ constinit const CBlockUpdate kZhUpdate(32, 2 * CBlockUpdate::kBlock, &FrameZh);
 // ---- Blocks: the standard and the Zh reader ----
 
 void CBlockUpdate::NextImage(CDeviceReader& reader) const noexcept {
-  if (!reader.SelectOtaImage()) {
+  const auto step = reader.SelectOtaImage();
+  if (!step) {
     reader.EndOta();
   } else if (reader.readThread.IsSet()) {
     const auto source = reader.CurrentOtaImage();
-    reader.SendOta(OtaStage_Open, OtaOpen, source.Bytes(0, open_));
+    reader.SendOta(*step, OtaStage_Open, OtaOpen, source.Bytes(0, open_));
   } else {
-    reader.AwaitOtaAnswer(OtaStage_Open);
+    reader.AwaitOtaAnswer(*step, OtaStage_Open);
   }
 }
 
-void CBlockUpdate::SendOtaBlock(CDeviceReader& reader, int index) const noexcept {
+void CBlockUpdate::SendOtaBlock(CDeviceReader& reader, CDeviceReader::OtaStep step, int index) const noexcept {
   const auto source = reader.CurrentOtaImage();
   const int remaining = source.size - kBlock * index;
-  if (remaining < 1) return reader.SendOta(OtaStage_Complete, OtaComplete);
+  if (remaining < 1) return reader.SendOta(step, OtaStage_Complete, OtaComplete);
   const int count = std::min(remaining, perMessage_);
   const auto bytes = source.Bytes(std::int64_t{kBlock} * index, count);
   // An image that is shorter than its size (that of an earlier file): nothing is sent, and the step times out.
-  if (static_cast<int>(bytes.size()) < count) return reader.AwaitOtaAnswer(OtaStage_Data);
+  if (static_cast<int>(bytes.size()) < count) return reader.AwaitOtaAnswer(step, OtaStage_Data);
   std::array<std::uint8_t, kLongest> payload;
   const std::size_t length = framing_(bytes, index, payload);
-  reader.SendOta(OtaStage_Data, OtaData, std::span(payload).first(length));
+  reader.SendOta(step, OtaStage_Data, OtaData, std::span(payload).first(length));
 }
 
 void CBlockUpdate::OnOpenReply(CDeviceReader& reader, const CHidData& reply) const noexcept {
-  if (!reader.otaActive || !reply.Has(1)) return;
-  if (reply.data[0] != 0) return reader.AbortOta(FwUpdate_OpenRefused);
+  const auto step = reader.TakeOtaAnswer(reply, 1);
+  if (!step) return;
+  if (reply.data[0] != 0) return reader.AbortOta(*step, FwUpdate_OpenRefused);
   VoxMessage::OtaProgress(0, reader.image1Size);
   reader.SignalOtaAnswered();
-  SendOtaBlock(reader, 0);
+  SendOtaBlock(reader, *step, 0);
 }
 
 void CBlockUpdate::OnDataReply(CDeviceReader& reader, const CHidData& reply) const noexcept {
-  if (!reader.otaActive || !reply.Has(3)) return;
-  if (reply.data[0] != 0) return reader.AbortOta(FwUpdate_DataRefused);
+  const auto step = reader.TakeOtaAnswer(reply, 3);
+  if (!step) return;
+  if (reply.data[0] != 0) return reader.AbortOta(*step, FwUpdate_DataRefused);
   const int index = reply.data[1] + reply.data[2] * 256;
   if (index == 0) {
     VoxMessage::OtaProgress(100, 100);
-    return Finish(reader);
+    return Finish(reader, *step);
   }
   VoxMessage::OtaProgress(index * kBlock, reader.image1Size);
   reader.SignalOtaAnswered();
-  SendOtaBlock(reader, index);
+  SendOtaBlock(reader, *step, index);
 }
 
 void CBlockUpdate::OnEndReply(CDeviceReader& reader, const CHidData& reply) noexcept {
-  if (reader.otaActive && reply.Has(1)) reader.OtaNextImage();
+  if (const auto step = reader.TakeOtaAnswer(reply, 1)) reader.LeaveOtaImage(*step);
 }
 
 void CBlockUpdate::OnCompleteReply(CDeviceReader& reader, const CHidData& reply) noexcept {
-  if (!reader.otaActive || !reply.Has(1)) return;
-  if (reply.data[0] != 0) return reader.AbortOta(FwUpdate_ImageFinished);
+  const auto step = reader.TakeOtaAnswer(reply, 1);
+  if (!step) return;
+  if (reply.data[0] != 0) return reader.AbortOta(*step, FwUpdate_ImageFinished);
   VoxMessage::OtaProgress(100, 100);
-  Finish(reader);
+  Finish(reader, *step);
 }
 
-void CBlockUpdate::Finish(CDeviceReader& reader) noexcept {
+void CBlockUpdate::Finish(CDeviceReader& reader, CDeviceReader::OtaStep step) noexcept {
   reader.ReportOta(FwUpdate_ImageFinished);
   // Deliberately framed for the reader's own channel, whatever the image's.
   reader.SendCommand(OtaComplete, reader.channel);
   reader.SignalOtaAnswered();
-  reader.OtaNextImage();
+  reader.LeaveOtaImage(step);
 }
 
 // ---- Bytes by offset: the Tern ----
 
-bool CHidDeviceReader_Tern::Expects(const CHidData& reply, int length) const noexcept {
-  return otaActive && reply.Has(length) && reply.channel == otaTarget;
+std::optional<CDeviceReader::OtaStep> CHidDeviceReader_Tern::TakeAnswer(const CHidData& reply, int length) noexcept {
+  return reply.channel == otaTarget ? TakeOtaAnswer(reply, length) : std::nullopt;
 }
 
 void CHidDeviceReader_Tern::OtaNextImage() {
-  if (SelectOtaImage()) {
-    SendOta(OtaStage_Prepare, OtaPrepare);
+  if (const auto step = SelectOtaImage()) {
+    SendOta(*step, OtaStage_Prepare, OtaPrepare);
   } else {
     EndOta();
   }
 }
 
 void CHidDeviceReader_Tern::OnOtaPrepareReply(const CHidData& reply) {
-  if (!Expects(reply, 1)) return;
-  if (reply.data[0] != 0) return AbortOta(FwUpdate_PrepareRefused);
+  const auto step = TakeAnswer(reply, 1);
+  if (!step) return;
+  if (reply.data[0] != 0) return AbortOta(*step, FwUpdate_PrepareRefused);
   SignalOtaAnswered();
   const OtaSource source = CurrentOtaImage();
-  SendOta(OtaStage_Open, OtaOpen, source.Bytes(0, kTernOpenBytes));
+  SendOta(*step, OtaStage_Open, OtaOpen, source.Bytes(0, kTernOpenBytes));
 }
 
 void CHidDeviceReader_Tern::OnOtaOpenReply(const CHidData& reply) { OnRequest(reply, FwUpdate_OpenRefused); }
@@ -147,15 +152,16 @@ void CHidDeviceReader_Tern::OnOtaOpenReply(const CHidData& reply) { OnRequest(re
 void CHidDeviceReader_Tern::OnOtaDataReply(const CHidData& reply) { OnRequest(reply, FwUpdate_DataRefused); }
 
 void CHidDeviceReader_Tern::OnRequest(const CHidData& reply, FwUpdateState refused) noexcept {
-  if (!Expects(reply, 6)) return;
-  if (reply.data[5] != 0) return AbortOta(refused);
+  const auto step = TakeAnswer(reply, 6);
+  if (!step) return;
+  if (reply.data[5] != 0) return AbortOta(*step, refused);
   std::uint32_t offset = 0;
   for (int i = 0; i < 4; ++i) offset = offset << 8 | reply.data[i];
   SignalOtaAnswered();
-  SendOtaChunk(static_cast<std::int32_t>(offset), reply.data[4]);
+  SendOtaChunk(*step, static_cast<std::int32_t>(offset), reply.data[4]);
 }
 
-void CHidDeviceReader_Tern::SendOtaChunk(std::int64_t offset, int count) noexcept {
+void CHidDeviceReader_Tern::SendOtaChunk(OtaStep step, std::int64_t offset, int count) noexcept {
   const OtaSource source = CurrentOtaImage();
   const int total = image1Size + image2Size;
   const bool first = otaTarget != DataChannel_Receiver;
@@ -163,23 +169,24 @@ void CHidDeviceReader_Tern::SendOtaChunk(std::int64_t offset, int count) noexcep
   const std::int64_t wanted = std::min<std::int64_t>(source.size - offset, count);
   if (wanted == 0) {
     VoxMessage::OtaProgress(first ? source.size : total, total);
-    return SendOta(OtaStage_Complete, OtaComplete);
+    return SendOta(step, OtaStage_Complete, OtaComplete);
   }
   VoxMessage::OtaProgress(before + static_cast<int>(offset), total);
   // A request that leads out of the image gets nothing, and the step times out.
   const auto bytes = source.Bytes(offset, wanted);
-  if (static_cast<std::int64_t>(bytes.size()) != wanted) return AwaitOtaAnswer(OtaStage_Data);
-  SendOta(OtaStage_Data, OtaData, bytes);
+  if (static_cast<std::int64_t>(bytes.size()) != wanted) return AwaitOtaAnswer(step, OtaStage_Data);
+  SendOta(step, OtaStage_Data, OtaData, bytes);
 }
 
 void CHidDeviceReader_Tern::OnOtaEndReply(const CHidData& reply) {
-  if (Expects(reply, 1)) OtaNextImage();
+  if (const auto step = TakeAnswer(reply, 1)) LeaveOtaImage(*step);
 }
 
 void CHidDeviceReader_Tern::OnOtaCompleteReply(const CHidData& reply) {
-  if (!Expects(reply, 1)) return;
-  if (reply.data[0] != 0) return AbortOta(FwUpdate_ImageFinished);
+  const auto step = TakeAnswer(reply, 1);
+  if (!step) return;
+  if (reply.data[0] != 0) return AbortOta(*step, FwUpdate_ImageFinished);
   ReportOta(FwUpdate_ImageFinished);
   SignalOtaAnswered();
-  OtaNextImage();
+  LeaveOtaImage(*step);
 }

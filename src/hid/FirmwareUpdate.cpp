@@ -1,5 +1,5 @@
-// The frame of every firmware update: files, the plan of images, the wait thread with its time-outs, results. What is sent
-// in which step is the flow of each variant.
+// The frame of every firmware update: files, the plan of images, the wait thread with its time-outs, results. What is
+// sent in which step is the flow of each variant.
 #include <algorithm>
 #include <array>
 #include <climits>
@@ -16,12 +16,12 @@ constexpr DWORD kWaitPeriod = 100;   // ms
 constexpr int kPeriodsOfAStep = 31;  // without an answer
 
 // What a step without an answer prints: text of the GBK code page, without a line end.
-constexpr const char* kFailure = "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2: \xB7\xA2\xCB\xCD";  // 失败原因: 发送
+constexpr const char* kFailure = "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2: \xB7\xA2\xCB\xCD";         // 失败原因: 发送
 constexpr const char* kNoAnswer = "\xCF\xFB\xCF\xA2\xCF\xEC\xD3\xA6\xB3\xAC\xCA\xB1\xA3\xA1";  // 消息响应超时！
-constexpr const char* kPrepare = "\xD7\xBC\xB1\xB8";                                            // 准备
-constexpr const char* kOpen = "\xB4\xF2\xBF\xAA";                                               // 打开
-constexpr const char* kData = "\xB8\xFC\xD0\xC2\xCA\xFD\xBE\xDD";                               // 更新数据
-constexpr const char* kComplete = "\xCD\xEA\xB3\xC9";                                           // 完成
+constexpr const char* kPrepare = "\xD7\xBC\xB1\xB8";                                           // 准备
+constexpr const char* kOpen = "\xB4\xF2\xBF\xAA";                                              // 打开
+constexpr const char* kData = "\xB8\xFC\xD0\xC2\xCA\xFD\xBE\xDD";                              // 更新数据
+constexpr const char* kComplete = "\xCD\xEA\xB3\xC9";                                          // 完成
 
 void PrintNoAnswer(int stage) {
   const auto print = [](const char* step) { std::printf("%s%s%s", kFailure, step, kNoAnswer); };
@@ -52,7 +52,8 @@ struct CloseFile {
 
 }  // namespace
 
-// A wait thread. Waiters stay in their list until the reader goes; `taken` from before the start to the end of the thread.
+// A wait thread. Waiters stay in their list until the reader goes; `taken` from before the start to the end of the
+// thread.
 struct CDeviceReader::OtaWaiter {
   explicit OtaWaiter(CDeviceReader* owner) : reader(owner) {}
   CDeviceReader* const reader;
@@ -103,9 +104,9 @@ bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int&
   }
 }
 
-bool CDeviceReader::SelectOtaImage() noexcept {
-  // An answer and a time-out may come at the same moment; each then takes an image of the plan.
+std::optional<CDeviceReader::OtaStep> CDeviceReader::SelectOtaImage() noexcept {
   const CAutoLock lock(otaLock_);
+  NextOtaStep();
   otaActive = false;
   otaStage = OtaStage_Idle;
   switch (otaPlan.exchange(0)) {
@@ -126,8 +127,34 @@ bool CDeviceReader::SelectOtaImage() noexcept {
     default:
       break;  // the target stays: none, after an update that has ended
   }
-  if (otaTarget == DataChannel_Unknown) return false;
+  if (otaTarget == DataChannel_Unknown) return std::nullopt;
   otaActive = true;
+  return otaStep_;
+}
+
+std::optional<CDeviceReader::OtaStep> CDeviceReader::TakeOtaAnswer(const CHidData& reply, int length) noexcept {
+  if (!reply.Has(length)) return std::nullopt;
+  const CAutoLock lock(otaLock_);
+  if (!otaActive) return std::nullopt;
+  NextOtaStep();
+  return otaStep_;
+}
+
+// With otaLock_ held.
+void CDeviceReader::NextOtaStep() noexcept {
+  otaStep_ = otaStep_ + 1;
+  otaAwaits_ = false;
+}
+
+void CDeviceReader::LeaveOtaImage(OtaStep step) noexcept {
+  if (otaStep_ == step) OtaNextImage();
+}
+
+bool CDeviceReader::EnterOtaStage(OtaStep step, OtaStage stage) noexcept {
+  const CAutoLock lock(otaLock_);
+  if (otaStep_ != step) return false;
+  otaStage = stage;
+  otaAwaits_ = true;
   return true;
 }
 
@@ -138,31 +165,28 @@ void CDeviceReader::EndOta() noexcept {
     image1.reset();
     image2.reset();
   }
-  if (const OtaCallback callback = otaCallback) {
-    callback(otaDevice, DataChannel_Unknown, FwUpdate_Over, otaContext);
-  }
+  ReportOta(FwUpdate_Over, DataChannel_Unknown);
 }
 
-void CDeviceReader::ReportOta(int state) noexcept {
-  if (const OtaCallback callback = otaCallback) {
-    callback(otaDevice, otaTarget, static_cast<FwUpdateState>(state), otaContext);
-  }
+void CDeviceReader::ReportOta(int state, DataChannel target) noexcept {
+  if (const OtaCallback callback = otaCallback)
+    callback(otaDevice, target, static_cast<FwUpdateState>(state), otaContext);
 }
 
-void CDeviceReader::SendOta(OtaStage stage, std::uint8_t command, std::span<const std::uint8_t> payload) noexcept {
-  otaStage = stage;
+void CDeviceReader::SendOta(OtaStep step, OtaStage stage, std::uint8_t command,
+                            std::span<const std::uint8_t> payload) noexcept {
+  if (!EnterOtaStage(step, stage)) return;
   SendFrame(command, payload.empty() ? nullptr : payload.data(), static_cast<int>(payload.size()), otaTarget);
   os::SetEvent(otaSentEvent);
 }
 
-void CDeviceReader::AwaitOtaAnswer(OtaStage stage) noexcept {
-  otaStage = stage;
-  os::SetEvent(otaSentEvent);
+void CDeviceReader::AwaitOtaAnswer(OtaStep step, OtaStage stage) noexcept {
+  if (EnterOtaStage(step, stage)) os::SetEvent(otaSentEvent);
 }
 
-void CDeviceReader::AbortOta(FwUpdateState state) noexcept {
+void CDeviceReader::AbortOta(OtaStep step, FwUpdateState state) noexcept {
   ReportOta(state);
-  SendOta(OtaStage_Abort, OtaAbort);
+  SendOta(step, OtaStage_Abort, OtaAbort);
 }
 
 CDeviceReader::OtaSource CDeviceReader::CurrentOtaImage() noexcept {
@@ -233,25 +257,44 @@ void CDeviceReader::OtaWaitLoop(CWorkerThread& thread) noexcept {
   const HANDLE events[] = {otaSentEvent, otaAnsweredEvent, otaStopEvent};
   bool armed = false;
   int periods = 0;
+  OtaStep step = 0;
   for (;;) {
     DWORD result = WAIT_FAILED;
     if (!thread.Park([&] { result = os::WaitForMultipleObjects(3, events, FALSE, kWaitPeriod); })) return;
     switch (result) {
       case WAIT_OBJECT_0:
-      case WAIT_OBJECT_0 + 1:
-        armed = result == WAIT_OBJECT_0;
+      case WAIT_OBJECT_0 + 1: {
+        // Not from the event alone: when an answer and the next request have both come meanwhile, the wait names the
+        // request first.
+        const CAutoLock lock(otaLock_);
+        armed = otaAwaits_;
+        step = otaStep_;
         periods = 0;
         break;
+      }
       case WAIT_OBJECT_0 + 2:
         return;
       case WAIT_TIMEOUT:
-        if (!armed || ++periods != kPeriodsOfAStep) break;
-        PrintNoAnswer(otaStage);
-        ReportOta(otaStage);
-        OtaNextImage();
+        if (armed && ++periods == kPeriodsOfAStep) OnOtaTimeOut(step);
         break;
       default:
         return;  // an event is gone: so is the reader
     }
   }
+}
+
+void CDeviceReader::OnOtaTimeOut(OtaStep step) noexcept {
+  int stage = OtaStage_Idle;
+  DataChannel target = DataChannel_Unknown;
+  {
+    const CAutoLock lock(otaLock_);
+    if (otaStep_ != step) return;  // an answer has come after all
+    NextOtaStep();
+    otaActive = false;  // and none counts any more
+    stage = otaStage;
+    target = otaTarget;
+  }
+  PrintNoAnswer(stage);
+  ReportOta(stage, target);
+  OtaNextImage();
 }

@@ -20,8 +20,8 @@ class CModelIdentification {
   Shared<bool> awaited_{false};
 };
 
-// The firmware update of a standard or Zh reader: the device names the 16-byte block that it wants next, and index 0 when it
-// has everything. The two differ in how much of the image opens the transfer and how blocks are framed.
+// The firmware update of a standard or Zh reader: the device names the 16-byte block that it wants next, and index 0
+// when it has everything. The two differ in how much of the image opens the transfer and how blocks are framed.
 class CBlockUpdate {
  public:
   static constexpr int kBlock = 16;            // bytes of an image
@@ -42,8 +42,8 @@ class CBlockUpdate {
   static void OnCompleteReply(CDeviceReader& reader, const CHidData& reply) noexcept;
 
  private:
-  void SendOtaBlock(CDeviceReader& reader, int index) const noexcept;
-  static void Finish(CDeviceReader& reader) noexcept;
+  void SendOtaBlock(CDeviceReader& reader, CDeviceReader::OtaStep step, int index) const noexcept;
+  static void Finish(CDeviceReader& reader, CDeviceReader::OtaStep step) noexcept;
 
   const int open_;
   const int perMessage_;
@@ -105,8 +105,8 @@ class CHidDeviceReader_Tern : public CDeviceReader {
   MouseType GetMouseType() const override { return MouseType_Tern; }
   void StartIdentify() override {}
   void OnIdentifyReply(int, const CHidData&) override {}
-  // The firmware update of a Tern: the device asks for any bytes of the image by offset and count, and only answers from the
-  // channel that the image is sent to count.
+  // The firmware update of a Tern: the device asks for any bytes of the image by offset and count, and only answers
+  // from the channel that the image is sent to count.
   void OtaNextImage() override;
   void OnOtaPrepareReply(const CHidData& reply) override;
   void OnOtaOpenReply(const CHidData& reply) override;
@@ -115,8 +115,8 @@ class CHidDeviceReader_Tern : public CDeviceReader {
   void OnOtaCompleteReply(const CHidData& reply) override;
 
  private:
-  bool Expects(const CHidData& reply, int length) const noexcept;
+  std::optional<OtaStep> TakeAnswer(const CHidData& reply, int length) noexcept;
   // An answer that asks for the next bytes, or refuses with `refused`.
   void OnRequest(const CHidData& reply, FwUpdateState refused) noexcept;
-  void SendOtaChunk(std::int64_t offset, int count) noexcept;
+  void SendOtaChunk(OtaStep step, std::int64_t offset, int count) noexcept;
 };

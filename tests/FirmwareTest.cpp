@@ -1,0 +1,460 @@
+// Firmware updates: what arrives at the device, what the client is told, and how every step can fail.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/os.h"
+#include "tests/Desk.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using sim::Bytes;
+using sim::UpdateStep;
+using Updated = sim::VirtualMouse::Updated;
+
+Bytes pattern(std::size_t size, unsigned seed = 1) {
+  std::mt19937 random(seed);
+  Bytes bytes(size);
+  for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
+  return bytes;
+}
+
+// Files of the test's own, gone with it.
+class Files {
+ public:
+  Files() : folder_(std::filesystem::path(::testing::TempDir()) / ("firmware_" + std::to_string(::getpid()))) {
+    std::filesystem::create_directories(folder_);
+  }
+  ~Files() { std::filesystem::remove_all(folder_); }
+  Files(const Files&) = delete;
+  Files& operator=(const Files&) = delete;
+  std::string path(const std::string& name) const { return (folder_ / name).string(); }
+  std::string with(const Bytes& bytes) {
+    const std::string name = path(std::to_string(++count_) + ".bin");
+    std::ofstream(name, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return name;
+  }
+
+ private:
+  const std::filesystem::path folder_;
+  int count_ = 0;
+};
+
+// A desk with one device at the hub.
+struct UpdateDesk : Desk {
+  explicit UpdateDesk(const std::string& model, sim::Link link = sim::Link::usb, std::uint64_t seed = 0)
+      : Desk({.seed = seed}) {
+    open();
+    device = connect(model, link);
+    fresh();
+  }
+  void fresh() {
+    device->forget();
+    record.clear();
+  }
+  void start(FwUpdateType type, const std::string& first, const std::string& second = "") {
+    hub->StartOTA(hub->GetEffectiveDevice(), type, first, second);
+  }
+  bool over() { return record.last().ends_with(" 0 11"); }
+  // Until the client has been told that the update is over.
+  void finish(sim::Time limit = 600s) {
+    EXPECT_TRUE(machine.waitFor([this] { return over(); }, limit));
+    run(10ms);
+  }
+  std::string frames() {
+    std::string text;
+    for (const sim::HostFrame& frame : device->received()) {
+      text += (text.empty() ? "" : " ") + hex({frame.prefix}) + ":" + hex({frame.code}) + hex(frame.payload);
+    }
+    return text;
+  }
+  Bytes image(Updated which) {
+    const auto target = device->firmware(which);
+    EXPECT_EQ(target.violations(), Lines{});
+    return target.image();
+  }
+
+  std::shared_ptr<sim::VirtualMouse> device;
+  Files files;
+};
+
+Lines results(std::initializer_list<const char*> ends) {
+  Lines lines;
+  for (const char* end : ends) lines.push_back(std::string("FwOtaResult 1 ") + end);
+  return lines;
+}
+
+TEST(Firmware, ImagesOfEverySizeArriveByteForByte) {
+  for (const char* model : {"Wren", "Heron Plus", "Tern"}) {
+    for (const std::size_t size : {1U, 15U, 16U, 17U, 31U, 32U, 33U, 40U, 1000U, 262'144U}) {
+      SCOPED_TRACE(std::string(model) + " " + std::to_string(size));
+      UpdateDesk desk(model);
+      const Bytes first = pattern(size, 1);
+      const Bytes second = pattern(size == 262'144 ? 77 : size, 2);
+      // In an order of the device's own, with parts that it loses; the big one straight on.
+      sim::UpdateScript script{.size = size};
+      if (size < 10'000) {
+        script.order = size;
+        script.loseEvery = 5;
+      }
+      desk.device->update(Updated::mouse, script);
+      desk.device->update(Updated::receiver, {.size = second.size(), .endsWithZero = true});
+      desk.start(FwUpdate_Both, desk.files.with(first), desk.files.with(second));
+      desk.finish();
+      EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "3 8", "0 11"}));
+      EXPECT_TRUE(desk.image(Updated::mouse) == first);
+      EXPECT_TRUE(desk.image(Updated::receiver) == second);
+      EXPECT_EQ(desk.device->malformed(), 0U);
+    }
+  }
+}
+
+TEST(Firmware, OverBluetoothOneImageIsSent) {
+  for (const char* model : {"Finch", "Swift", "Tern"}) {
+    UpdateDesk desk(model, sim::Link::bluetooth);
+    const Bytes first = pattern(100);
+    desk.device->update(Updated::mouse, {.size = 100});
+    desk.start(FwUpdate_Both, desk.files.with(first), desk.files.with(pattern(50)));
+    desk.finish();
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"1 8", "0 11"})) << model;
+    EXPECT_TRUE(desk.image(Updated::mouse) == first);
+    EXPECT_EQ(desk.device->firmware(Updated::receiver).image(), Bytes{});
+  }
+}
+
+TEST(Firmware, EachFlowIsExact) {
+  const auto flow = [](const char* model, std::size_t size) {
+    UpdateDesk desk(model);
+    Bytes image;
+    for (std::size_t i = 0; i < size; ++i) image.push_back(static_cast<std::uint8_t>(i));
+    desk.device->update(Updated::mouse, {.size = size});
+    desk.start(FwUpdate_First, desk.files.with(image));
+    desk.finish();
+    return std::pair(desk.frames(), desk.record.lines());
+  };
+  const std::string first16 = "000102030405060708090a0b0c0d0e0f";
+  auto [frames, lines] = flow("Wren", 40);
+  EXPECT_EQ(frames, "f1:08" + first16 + " f1:090000" + first16 +
+                        " f1:090100101112131415161718191a1b1c1d1e1f f1:0902002021222324252627 f1:0b f1:0b");
+  EXPECT_EQ(lines, (Lines{"OtaProgress 0 40", "OtaProgress 16 40", "OtaProgress 32 40", "OtaProgress 48 40",
+                          "OtaProgress 100 100", "FwOtaResult 1 2 8", "FwOtaResult 1 0 11"}));
+  std::tie(frames, lines) = flow("Heron Plus", 20);
+  EXPECT_EQ(frames, "f1:08" + first16 + "10111213 f1:090000" + first16 +
+                        "7bf3010010111213ffffffffffffffffffffffff8018 f1:0b f1:0b");
+  EXPECT_EQ(lines, (Lines{"OtaProgress 0 20", "OtaProgress 32 20", "OtaProgress 100 100", "FwOtaResult 1 2 8",
+                          "FwOtaResult 1 0 11"}));
+  std::tie(frames, lines) = flow("Heron Plus", 16);
+  EXPECT_EQ(frames, "f1:08" + first16 + " f1:090000" + first16 + "7bf3" + std::string(40, 'f') + " f1:0b f1:0b");
+  std::tie(frames, lines) = flow("Tern", 45);
+  EXPECT_EQ(frames, "f1:07 f1:0800010203040506070809 f1:09" + first16 +
+                        "101112131415161718191a1b1c1d1e1f2021222324252627 f1:0928292a2b2c f1:0b");
+  EXPECT_EQ(lines, (Lines{"OtaProgress 0 45", "OtaProgress 40 45", "OtaProgress 45 45", "FwOtaResult 1 2 8",
+                          "FwOtaResult 1 0 11"}));
+}
+
+TEST(Firmware, EveryStepCanBeRefusedOrStayUnanswered) {
+  const std::pair<UpdateStep, int> steps[] = {
+      {UpdateStep::prepare, 1}, {UpdateStep::open, 3}, {UpdateStep::data, 5}, {UpdateStep::complete, 7}};
+  for (const char* model : {"Wren", "Swift", "Tern"}) {
+    for (const auto& [step, code] : steps) {
+      if (step == UpdateStep::prepare && model != std::string("Tern")) continue;
+      for (const bool second : {false, true}) {
+        for (const int how : {0, 1, 2}) {  // silent; refused; refused, and then silent
+          UpdateDesk desk(model);
+          SCOPED_TRACE(std::string(model) + " " + std::to_string(code) + (second ? " second " : " first ") +
+                       std::to_string(how));
+          sim::UpdateScript bad{.size = 50, .atMessage = 1, .endsAborts = how == 1};
+          (how == 0 ? bad.silentAt : bad.refuseAt) = step;
+          desk.device->update(second ? Updated::receiver : Updated::mouse, bad);
+          desk.device->update(second ? Updated::mouse : Updated::receiver, {.size = 50});
+          const auto begin = desk.milliseconds();
+          desk.start(FwUpdate_Both, desk.files.with(pattern(50)), desk.files.with(pattern(50)));
+          desk.finish();
+          const std::string link = second ? "3 " : "2 ";
+          Lines failing{"FwOtaResult 1 " + link + std::to_string(how == 0 ? code : code + 1)};
+          if (how == 2) failing.push_back("FwOtaResult 1 " + link + "9");
+          Lines expected = second ? results({"2 8"}) : Lines{};
+          expected.insert(expected.end(), failing.begin(), failing.end());
+          if (!second) expected.push_back("FwOtaResult 1 3 8");
+          expected.push_back("FwOtaResult 1 0 11");
+          EXPECT_EQ(desk.record.lines("FwOtaResult"), expected);
+          const auto took = desk.milliseconds() - begin;
+          EXPECT_TRUE(how == 1 ? took < 100 : took > 3100 && took < 3200) << took;
+          EXPECT_EQ(desk.device->received(0x0A).size(), how == 0 ? 0U : 1U);
+        }
+      }
+    }
+  }
+}
+
+TEST(Firmware, ATimeOutTakesThreePointOneSecondsAndPrintsItsText) {
+  const std::string prepare =
+      "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2\x3A\x20\xB7\xA2\xCB\xCD\xD7\xBC\xB1\xB8\xCF\xFB\xCF\xA2\xCF\xEC\xD3\xA6\xB3\xAC"
+      "\xCA\xB1\xA3\xA1";
+  const std::string open =
+      "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2\x3A\x20\xB7\xA2\xCB\xCD\xB4\xF2\xBF\xAA\xCF\xFB\xCF\xA2\xCF\xEC\xD3\xA6\xB3\xAC"
+      "\xCA\xB1\xA3\xA1";
+  const std::string data =
+      "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2\x3A\x20\xB7\xA2\xCB\xCD\xB8\xFC\xD0\xC2\xCA\xFD\xBE\xDD\xCF\xFB\xCF\xA2\xCF\xEC"
+      "\xD3\xA6\xB3\xAC\xCA\xB1\xA3\xA1";
+  const std::string complete =
+      "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2\x3A\x20\xB7\xA2\xCB\xCD\xCD\xEA\xB3\xC9\xCF\xFB\xCF\xA2\xCF\xEC\xD3\xA6\xB3\xAC"
+      "\xCA\xB1\xA3\xA1";
+  const struct {
+    UpdateStep step;
+    bool refuse;
+    std::string printed;
+  } cases[] = {{UpdateStep::prepare, false, prepare},
+               {UpdateStep::open, false, open + data},
+               {UpdateStep::data, false, data},
+               {UpdateStep::complete, false, complete},
+               {UpdateStep::open, true, ""}};
+  for (const auto& c : cases) {
+    UpdateDesk desk("Tern");
+    desk.device->update(Updated::mouse, {.size = 10,
+                                         .refuseAt = c.refuse ? std::optional(c.step) : std::nullopt,
+                                         .silentAt = c.refuse ? std::nullopt : std::optional(c.step),
+                                         .endsAborts = false});
+    desk.machine.record(true);
+    ::testing::internal::CaptureStdout();
+    desk.start(FwUpdate_First, desk.files.with(pattern(10)));
+    desk.finish();
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), c.printed);
+    const auto last = desk.device->received().back().at;
+    EXPECT_NE(
+        desk.machine.log().find(std::to_string((last + 3100ms).count() / 1000) + ".000 client FwOtaResult 1 0 11"),
+        std::string::npos)
+        << desk.machine.log();
+  }
+}
+
+TEST(Firmware, HeartbeatsPauseAndSizesStay) {
+  UpdateDesk desk("Wren");
+  desk.device->update(Updated::mouse, {.size = 100, .thinking = 2s});
+  desk.start(FwUpdate_First, desk.files.with(pattern(100)));
+  EXPECT_EQ(desk.hub->GetEffectiveDevice(), 1) << "still live";
+  desk.hub->SetDpi(1, 800);
+  desk.hub->GetMouseState(1);
+  EXPECT_EQ(desk.hub->setMKeyType_Key1(1, MouseMKeyType_HeldButton), SetMKeyType_NotReady);
+  desk.finish();
+  EXPECT_EQ(
+      desk.device->received(0x05).size() + desk.device->received(0x06).size() + desk.device->received(0x0C).size(), 0U);
+  EXPECT_TRUE(desk.record.lines("HidDisconnect").empty()) << "eighteen seconds, and not asleep";
+  desk.run(1s);
+  EXPECT_EQ(desk.device->received(0x05).size(), 1U);
+
+  // The second image alone: totals are those of the first, from the update before.
+  desk.fresh();
+  const Bytes second = pattern(20, 2);
+  desk.device->update(Updated::receiver, {.size = 20});
+  desk.start(FwUpdate_Second, "", desk.files.with(second));
+  desk.finish();
+  EXPECT_EQ(desk.record.lines("OtaProgress"),
+            (Lines{"OtaProgress 0 100", "OtaProgress 16 100", "OtaProgress 32 100", "OtaProgress 100 100"}));
+  EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"3 8", "0 11"}));
+  EXPECT_TRUE(desk.image(Updated::receiver) == second);
+  EXPECT_EQ(desk.device->received().back().prefix, 0xF1) << "the last OtaComplete is for the reader's own channel";
+
+  // An update of no known kind, and one of nobody.
+  desk.fresh();
+  desk.start(static_cast<FwUpdateType>(7), "x", "y");
+  EXPECT_EQ(desk.record.lines(), results({"0 11"}));
+  desk.hub->StartOTA(9, FwUpdate_First, "x", "");
+  desk.hub->StartOTA(-1, FwUpdate_First, "x", "");
+  EXPECT_EQ(desk.record.lines(), results({"0 11"}));
+}
+
+TEST(Firmware, ATernCountsBothImagesAndListensToTheRightChannel) {
+  UpdateDesk desk("Tern");
+  desk.device->update(Updated::mouse, {.size = 30});
+  desk.device->update(Updated::receiver, {.size = 20, .silentAt = UpdateStep::data});
+  desk.start(FwUpdate_Both, desk.files.with(pattern(30)), desk.files.with(pattern(20)));
+  desk.run(1s);
+  // An answer of the mouse while the receiver is updated.
+  desk.device->reply(0x99, {0, 0, 0, 20, 1, 0});
+  desk.run(1s);
+  EXPECT_EQ(desk.record.lines("OtaProgress"), (Lines{"OtaProgress 0 50", "OtaProgress 30 50", "OtaProgress 30 50"}));
+  desk.device->send({0x05, 0xFF, 0xF0, 0xFE, 0xC0, 0x99, 6, 0, 0, 0, 20, 1, 0, 0xEF});
+  desk.finish();
+  EXPECT_EQ(desk.record.lines("OtaProgress").back(), "OtaProgress 50 50");
+  EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "3 8", "0 11"}));
+}
+
+TEST(Firmware, FilesThatCannotBeReadLeaveTheirImageEmpty) {
+  UpdateDesk desk("Wren");
+  const std::string huge = desk.files.path("huge.bin");
+  std::ofstream(huge).put('x');
+  std::filesystem::resize_file(huge, std::uintmax_t{3} << 30);  // sparse
+  for (const std::string& file :
+       {std::string(), desk.files.path("missing.bin"), desk.files.with({}), desk.files.path("."), huge}) {
+    SCOPED_TRACE(file);
+    desk.fresh();
+    desk.device->update(Updated::mouse, {.refuseAt = UpdateStep::open});
+    desk.start(FwUpdate_First, file);
+    desk.finish();
+    EXPECT_EQ(desk.frames(), "f1:08 f1:0a");
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 4", "0 11"}));
+  }
+}
+
+TEST(Firmware, RequestsThatLeadOutOfTheImageGetNothing) {
+  for (const std::int64_t offset :
+       {std::int64_t{-1}, std::int64_t{-0x80000000LL}, std::int64_t{0x7FFFFFFF}, std::int64_t{51}}) {
+    UpdateDesk desk("Tern");
+    desk.device->update(Updated::mouse, {.size = 50, .strangeRequests = {offset}});
+    desk.start(FwUpdate_First, desk.files.with(pattern(50)));
+    desk.finish();
+    EXPECT_EQ(desk.frames().substr(0, 12), "f1:07 f1:08" + hex(pattern(50)).substr(0, 1)) << offset;
+    EXPECT_TRUE(desk.device->received(0x09).empty()) << offset;
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"})) << offset;
+  }
+  {  // More bytes than the output report has room for.
+    UpdateDesk desk("Tern");
+    desk.device->update(Updated::mouse, {.size = 500, .chunk = 255});
+    desk.start(FwUpdate_First, desk.files.with(pattern(500)));
+    desk.finish();
+    EXPECT_TRUE(desk.device->received(0x09).empty());
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"}));
+  }
+  {  // No bytes at all count as the end.
+    UpdateDesk desk("Tern");
+    desk.device->update(Updated::mouse, {.chunk = 0, .strangeRequests = {10}});
+    desk.start(FwUpdate_First, desk.files.with(pattern(50)));
+    desk.finish();
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "0 11"}));
+  }
+  // The size of an earlier image, without its bytes.
+  for (const char* model : {"Wren", "Heron Plus", "Tern"}) {
+    UpdateDesk desk(model);
+    desk.device->update(Updated::mouse, {.size = 1000});
+    desk.start(FwUpdate_First, desk.files.with(pattern(1000)));
+    desk.finish();
+    desk.fresh();
+    desk.start(FwUpdate_First, desk.files.path("missing.bin"));
+    desk.finish();
+    EXPECT_TRUE(desk.device->received(0x09).empty()) << model;
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"})) << model;
+  }
+  {  // Any index: at most the completion is sent.
+    UpdateDesk desk("Wren");
+    desk.device->update(Updated::mouse, {.size = 33, .strangeRequests = {0xFFFF * 16}});
+    desk.start(FwUpdate_First, desk.files.with(pattern(33)));
+    desk.finish();
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "0 11"}));
+  }
+  {  // A Zh frame of 48 bytes for a report of 40.
+    Desk desk;
+    auto plus = desk.make("Heron Plus");
+    plus->outputLength = 40;
+    desk.machine.plug(plus);
+    desk.open();
+    desk.run(3s);
+    Files files;
+    desk.hub->StartOTA(1, FwUpdate_First, files.with(pattern(100)), "");
+    desk.run(8s);
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"}));
+  }
+}
+
+TEST(Firmware, ADeviceThatIsPulledOutEndsItsUpdateWithResults) {
+  for (const char* model : {"Wren", "Heron Plus", "Tern"}) {
+    for (const UpdateStep step : {UpdateStep::prepare, UpdateStep::open, UpdateStep::data, UpdateStep::complete}) {
+      if (step == UpdateStep::prepare && model != std::string("Tern")) continue;
+      UpdateDesk desk(model);
+      desk.device->update(Updated::mouse, {.size = 50, .unplugAt = step});
+      desk.start(FwUpdate_Both, desk.files.with(pattern(50)), desk.files.with(pattern(50)));
+      desk.finish(10s);
+      EXPECT_EQ(desk.record.lines("HidDisconnect"), Lines{"HidDisconnect 1"});
+      EXPECT_EQ(desk.record.lines("FwOtaResult").back(), "FwOtaResult 1 0 11");
+      EXPECT_EQ(desk.machine.balance().threads, 1U) << "discovery alone";
+      // Back again: as if nothing had been.
+      desk.machine.plug(desk.device);
+      desk.run(3s);
+      desk.fresh();
+      desk.device->update(Updated::mouse, {.size = 50});
+      desk.start(FwUpdate_First, desk.files.with(pattern(50)));
+      desk.finish(10s);
+      EXPECT_EQ(desk.record.lines("FwOtaResult"), (Lines{"FwOtaResult 2 2 8", "FwOtaResult 2 0 11"}));
+    }
+  }
+}
+
+TEST(Firmware, AnswerAndTimeOutMayMeetInAnyOrder) {
+  for (std::uint64_t seed = 1; seed <= 200 && !::testing::Test::HasFailure(); ++seed) {
+    const char* const models[] = {"Wren", "Swift", "Tern"};
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    UpdateDesk desk(models[seed % 3], sim::Link::usb, seed);
+    for (const Updated which : {Updated::mouse, Updated::receiver}) {
+      desk.device->update(which, {.size = 33, .thinking = 3098ms});  // every answer comes with the time-out
+    }
+    desk.start(FwUpdate_Both, desk.files.with(pattern(33)), desk.files.with(pattern(33)));
+    desk.finish(120s);
+    desk.run(10s);
+    for (const Updated which : {Updated::mouse, Updated::receiver}) desk.device->update(which, {.size = 33});
+    desk.fresh();
+    desk.start(FwUpdate_Both, desk.files.with(pattern(33)), desk.files.with(pattern(33)));
+    desk.finish(10s);
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "3 8", "0 11"})) << "the next one is not disturbed";
+    EXPECT_EQ(desk.machine.balance().threads, 3U);
+  }
+}
+
+TEST(Firmware, StopsAndSecondStartsAtAnyMomentAreClean) {
+  for (std::uint64_t seed = 1; seed <= 200 && !::testing::Test::HasFailure(); ++seed) {
+    const char* const models[] = {"Wren", "Swift", "Tern"};
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    UpdateDesk desk(models[seed % 3], sim::Link::usb, seed);
+    std::mt19937_64 random(seed);
+    desk.device->update(Updated::mouse, {.size = 200, .thinking = 20ms});
+    const std::string file = desk.files.with(pattern(200));
+    const std::string other = desk.files.with(pattern(150));
+    desk.start(FwUpdate_Both, file, file);
+    desk.run(std::chrono::milliseconds(random() % 400));
+    if (seed % 2 == 0) {
+      desk.start(FwUpdate_First, other);  // two wait threads, images replaced under the handlers' hands
+      desk.run(std::chrono::milliseconds(random() % 400));
+    }
+    if (seed % 5 == 0) {
+      desk.finish(60s);
+    } else if (seed % 3 == 0) {
+      desk.hub->CloseDevice();
+      desk.run(std::chrono::milliseconds(random() % 4000));
+    }
+    desk.hub->Release();
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+  }
+}
+
+TEST(Firmware, AClientMayStartAgainFromItsCallbackOrHaveNone) {
+  UpdateDesk desk("Wren");
+  static CAudioHidCenter* hub;
+  static std::string file;
+  static int started;
+  hub = desk.hub.get();
+  file = desk.files.with(pattern(33));
+  started = 0;
+  hub->SetCallback_FwOtaResult(reinterpret_cast<void*>(+[](int device, DataChannel, FwUpdateState state, void*) {
+                                 if (state == FwUpdate_Over && ++started < 4)
+                                   hub->StartOTA(device, FwUpdate_First, file, "");
+                               }),
+                               nullptr);
+  desk.device->update(Updated::mouse, {.size = 33});
+  desk.start(FwUpdate_First, file);
+  desk.run(5s);
+  EXPECT_EQ(started, 4);
+  EXPECT_EQ(desk.device->firmware(Updated::mouse).completed(), 4U);
+  EXPECT_EQ(desk.machine.balance().threads, 3U);
+  hub->SetCallback_FwOtaResult(nullptr, nullptr);
+  desk.start(FwUpdate_First, file);
+  desk.run(5s);
+  EXPECT_EQ(desk.device->firmware(Updated::mouse).completed(), 5U);
+}
+
+}  // namespace
