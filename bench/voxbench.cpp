@@ -1,33 +1,20 @@
 // What the library and the simulated machine cost. docs/performance.md records figures.
 #include <benchmark/benchmark.h>
 
-#include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
-#include <new>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "VoxDevice/VoxDevice.h"
 #include "audio/SbcDecoder.h"
+#include "bench/Allocations.h"
 #include "hid/ReaderVariants.h"
 #include "platform/os.h"
 #include "sim/Machine.h"
 #include "sim/devices/Mice.h"
-
-namespace {
-
-std::atomic<std::int64_t> allocations{0};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -81,10 +68,10 @@ void Report(benchmark::State& state, std::vector<std::uint8_t> report) {
     CAudioHidCenter::HidDeviceReaderCallback(1, MouseType_Wren, DataChannel_Usb, report.data(), 64, &hub);
   };
   handle();
-  const std::int64_t before = allocations;
+  const std::int64_t before = allocations();
   for ([[maybe_unused]] auto _ : state) handle();
   state.counters["allocations"] =
-      benchmark::Counter(static_cast<double>(allocations - before), benchmark::Counter::kAvgIterations);
+      benchmark::Counter(static_cast<double>(allocations() - before), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK_CAPTURE(Report, key, {0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x9F, 1, '9', 0xEF});
 BENCHMARK_CAPTURE(Report, heartbeat, {0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x68, 0, 0xEF});
@@ -132,6 +119,44 @@ void VirtualWaits(benchmark::State& state) {
       benchmark::Counter(static_cast<double>(machine.waits() - before), benchmark::Counter::kIsRate);
 }
 BENCHMARK(VirtualWaits);
+
+// A firmware image of 256 KiB, from the file to the last answer, to a device that thinks for no time at all.
+void FirmwareUpdate(benchmark::State& state, const char* model) {
+  sim::Machine machine;
+  CAudioHidCenter hub;
+  auto mouse = sim::makeMouse(model, sim::Link::usb, "7&1&0&0000");
+  mouse->latency = sim::Time{0};
+  machine.plug(mouse);
+  hub.OpenDevice(nullptr, nullptr);
+  machine.sleep(3s);
+  constexpr std::size_t kSize = 256 * 1024;
+  const std::string file = "voxbench-firmware.bin";
+  std::ofstream(file, std::ios::binary) << std::string(kSize, 'f');
+  static bool over;
+  const CAudioHidCenter::FwOtaResultCallbackFn callback = [](int, DataChannel, FwUpdateState result, void*) {
+    over = result == FwUpdate_Over;
+  };
+  hub.SetCallback_FwOtaResult(reinterpret_cast<void*>(callback), nullptr);
+  std::size_t steps = 0;
+  for ([[maybe_unused]] auto _ : state) {
+    state.PauseTiming();
+    mouse->update(sim::VirtualMouse::Updated::mouse, {.size = kSize});
+    mouse->forget();
+    over = false;
+    state.ResumeTiming();
+    hub.StartOTA(1, FwUpdate_First, file, "");
+    while (!over) machine.sleep(1s);
+    steps += mouse->received(0x09).size();
+  }
+  std::remove(file.c_str());
+  state.counters["per step"] =
+      benchmark::Counter(static_cast<double>(steps), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  hub.CloseDevice();
+  hub.Release();
+}
+BENCHMARK_CAPTURE(FirmwareUpdate, standard, "Wren")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(FirmwareUpdate, Zh, "Heron Plus")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(FirmwareUpdate, Tern, "Tern")->Unit(benchmark::kMillisecond);
 
 // A simulated second of speech, from the virtual microphone to the client's callback.
 void SpeechSecond(benchmark::State& state) {

@@ -26,6 +26,18 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   CZhHidDeviceReader zh(MouseType_HeronPlus);
   CHidDeviceReader_Tern tern;
   standard.mKeyQuery = 1;
+  // Each in the middle of an update, whose sizes promise more than there is.
+  const auto image = std::make_shared<const std::vector<std::uint8_t>>(100, std::uint8_t{1});
+  for (CDeviceReader* reader :
+       {static_cast<CDeviceReader*>(&standard), static_cast<CDeviceReader*>(&zh), static_cast<CDeviceReader*>(&tern)}) {
+    reader->image1 = image;
+    reader->image1Size = 200;
+    reader->image2Size = 50;
+    reader->otaActive = true;
+    reader->otaTarget = DataChannel_Usb;
+    reader->otaPlan = FwUpdate_Second;
+    reader->otaStage = OtaStage_Data;
+  }
   for (std::size_t at = 0; at < size;) {
     const std::size_t length = std::min<std::size_t>(data[at] % 101, size - at - 1);
     // A copy of its own, so that a step out of it is seen.

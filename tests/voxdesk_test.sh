@@ -63,6 +63,48 @@ expect 2 bogus
 expect 0 --help
 out "docs/desk-file.md"
 
+# Commands to one device.
+expect 0 --virtual-time state --device 3
+out "#3  VoxMouse Tern, USB, battery 93 %, DPI 800"
+out "#3  receiver state 4660"
+expect 0 --virtual-time dpi --device 2 2400
+out "#2  DPI 2400 set"
+expect 2 dpi 0
+expect 0 --virtual-time url example.com/x --json
+out '"event":"url","device":1,"ok":true'
+expect 1 --virtual-time url http://x
+err "leave out the scheme and its colon"
+expect 0 --virtual-time mkey list
+out "M key 1 has function 2 of 1 2 3 4"
+expect 0 --virtual-time mkey set 3
+out "M key 1 has function 3"
+expect 1 --virtual-time mkey set 9
+err "does not support function 9; it has [1,2,3,4]"
+expect 2 mkey
+
+# Firmware.
+head -c 20000 "$sample" >a.bin
+head -c 3000 "$sample" >b.bin
+: >empty.bin
+expect 0 --virtual-time update --device 3 --first a.bin --second b.bin
+out "first image [====="
+out "kB/s"
+out "the first image (a.bin, 20000 bytes): done"
+out "the second image (b.bin, 3000 bytes): done"
+expect 0 --virtual-time update --first a.bin --json
+out '"event":"update-progress","done":16,"total":20000'
+out '"event":"image","image":"first","file":"a.bin","bytes":20000,"state":8,"result":"done"'
+expect 1 --virtual-time update --device 2 --first a.bin --second b.bin
+err "over Bluetooth LE there is no receiver"
+expect 1 --virtual-time update --first none.bin
+err "none.bin: No such file or directory"
+expect 1 --virtual-time update --first empty.bin
+err "empty.bin: empty; expected a firmware image"
+expect 1 --virtual-time update --first .
+err ".: not a file of bytes"
+expect 2 update
+err "--first or --second is required"
+
 # Desk files: what they can do, and how a mistake is reported.
 cat >desk.json <<'JSON'
 {"devices": [
@@ -78,6 +120,25 @@ expect 0 --virtual-time --desk desk.json devices
 out "VoxMouse Finch        Bluetooth LE      7 %   400  192-168-1-2-3-255"
 expect 1 --virtual-time --desk desk.json record --device 2 --speech "$sample" --out x.wav
 err "the device refused to open its voice channel"
+
+cat >firmware.json <<'JSON'
+{"devices": [
+  {"model": "Wren", "faults": [{"command": "ota-data", "answer": "refuse", "message": 3},
+                               {"command": "ota-open", "answer": "silent", "image": "second"}]},
+  {"model": "Tern", "faults": [{"command": "ota-complete", "answer": "unplug"}]},
+  {"model": "Wren", "link": "bluetooth", "faults": [{"command": "set-dpi", "answer": "silent"}]}
+]}
+JSON
+expect 1 --virtual-time --desk firmware.json update --first a.bin --second b.bin --json
+out '"image":"first","file":"a.bin","bytes":20000,"state":6,"result":"refused by the device at sending data"'
+out '"image":"second","file":"b.bin","bytes":3000,"state":3,"result":"no answer from the device within 3.1 s at opening"'
+err "the update did not succeed"
+# (What the library prints of its own accord stays out of the way.)
+! grep -qv '^{' out || fail "a line that is no object"
+expect 1 --virtual-time --desk firmware.json update --device 2 --first a.bin
+err "the device went away during the update"
+expect 1 --virtual-time --desk firmware.json dpi --device 3 800
+err "device 3 (VoxMouse Wren) did not answer within 1.0 s"
 
 mistake() {
   printf '%s' "$1" >bad.json

@@ -80,7 +80,8 @@ class CAudioHidCenter {
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null.
   void OpenDevice(void* audioCallback, void* audioContext);
   // Stops discovery and reading. No callback runs any more when it returns, unless it was called from one, or one did
-  // not return within 0.3 s and was ended by force.
+  // not return within 0.3 s and was ended by force. A firmware update that runs still reports its end, without an
+  // answer.
   void CloseDevice();
   // Sends AppExit to every live device, ends every thread, closes every handle and forgets every device. On a reader's
   // own thread (in a callback) it leaves that one thread to end after the callback; what it uses goes with the hub.
@@ -134,7 +135,17 @@ class CAudioHidCenter {
   // Closes the work device's voice channel (every live device's when there is no work device), delivers the rest of
   // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second.
   bool CloseHidRecord();
-  // Firmware update: not built yet, does nothing.
+  // Updates the firmware of the live device with exactly this number: the first file goes to the device itself, the
+  // second to its receiver (over Bluetooth LE there is none; FwUpdate_Both then sends the first alone). Nothing
+  // happens, and nothing is reported, when there is no such device. Returns when the files are read and the first
+  // request is sent.
+  //
+  // Progress comes through VoxMessageSink::OtaProgress, results through FwOtaResult: one or more for each image, with
+  // its channel, and FwUpdate_Over with channel 0 once at the end. Both on the device's read thread for answers and on
+  // a wait thread of the update for steps that get no answer within 3.1 s (which are also printed to standard output),
+  // on the calling thread when there is nothing to send. A file that cannot be read leaves its image empty; what then
+  // happens is the device's decision, so check files first. While an update runs, the device takes no other command and
+  // gets no heartbeat. A second call meanwhile begins anew.
   void StartOTA(int device, FwUpdateType type, std::string firstPath, std::string secondPath);
 
   // ---- Keys: polled by the client; each getter makes the device that last pressed its button the work device ----
@@ -157,7 +168,7 @@ class CAudioHidCenter {
   void SetCallback_DongleState(void* function, void* context);
   void SetCallback_PowerReport(void* function, void* context);
   void SetCallback_DownloadUrl(void* function, void* context);
-  // Must be registered before StartOTA.
+  // Register it before StartOTA, or the results are lost.
   void SetCallback_FwOtaResult(void* function, void* context);
 
   // ---- HID interface paths, also used for older devices ----

@@ -100,12 +100,18 @@ SbcEncoder::Subbands SbcEncoder::analyse(std::span<const std::int16_t, kSubbands
   for (std::size_t i = 0; i < kSubbands; ++i) history_[kSubbands - 1 - i] = pcm[i];
   std::array<double, 16> folded{};
   for (std::size_t n = 0; n < 80; ++n) folded[n % 16] += history_[n] * prototype(n);
+  static const auto matrix = [] {
+    std::array<std::array<double, 16>, kSubbands> m{};
+    for (std::size_t sb = 0; sb < kSubbands; ++sb) {
+      for (std::size_t i = 0; i < 16; ++i) {
+        m[sb][i] = std::cos((static_cast<double>(sb) + 0.5) * (static_cast<double>(i) - 4) * std::numbers::pi / 8);
+      }
+    }
+    return m;
+  }();
   Subbands result{};
   for (std::size_t sb = 0; sb < kSubbands; ++sb) {
-    for (std::size_t i = 0; i < 16; ++i) {
-      result[sb] +=
-          folded[i] * std::cos((static_cast<double>(sb) + 0.5) * (static_cast<double>(i) - 4) * std::numbers::pi / 8);
-    }
+    for (std::size_t i = 0; i < 16; ++i) result[sb] += folded[i] * matrix[sb][i];
   }
   return result;
 }

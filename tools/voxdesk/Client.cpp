@@ -76,11 +76,11 @@ void Client::registerCallbacks() {
   };
   hub_->SetCallback_DpiSet(reinterpret_cast<void*>(dpiSet), this);
 
-  const CAudioHidCenter::MouseStateCallback state = [](int device, MouseType model, DataChannel link, int word0,
-                                                       int word1, int byte, void* self) {
+  const CAudioHidCenter::MouseStateCallback mouseState = [](int device, MouseType model, DataChannel link, int word0,
+                                                            int word1, int byte, void* self) {
     static_cast<Client*>(self)->onState(device, model, link, word0, word1, byte);
   };
-  hub_->SetCallback_MouseState(reinterpret_cast<void*>(state), this);
+  hub_->SetCallback_MouseState(reinterpret_cast<void*>(mouseState), this);
 
   const CAudioHidCenter::DongleStateCallback dongle = [](int device, MouseType, DataChannel, int word, bool flag,
                                                          void* self) {
@@ -102,6 +102,15 @@ void Client::registerCallbacks() {
                                     hash(device) + (ok ? "download URL accepted" : "download URL refused"));
   };
   hub_->SetCallback_DownloadUrl(reinterpret_cast<void*>(url), this);
+
+  const CAudioHidCenter::FwOtaResultCallbackFn result = [](int device, DataChannel link, FwUpdateState state,
+                                                           void* self) {
+    static_cast<Client*>(self)->add(
+        "update-result", {{"device", device}, {"link", static_cast<int>(link)}, {"state", static_cast<int>(state)}},
+        hash(device) + "firmware update: result " + std::to_string(state) + " for " +
+            (state == FwUpdate_Over ? "all of it" : linkName(link)));
+  };
+  hub_->SetCallback_FwOtaResult(reinterpret_cast<void*>(result), this);
 }
 
 std::vector<ClientEvent> Client::takeEvents() {
@@ -173,6 +182,11 @@ void Client::MKeyTypeSet(int device, int key, const unsigned char* types, int le
   }
   add("mkey-list", {{"device", device}, {"key", key}, {"current", types[0]}, {"supported", supported}},
       hash(device) + "M key " + std::to_string(key) + " has function " + std::to_string(types[0]) + " of" + text);
+}
+
+void Client::OtaProgress(int done, int total) {
+  add("update-progress", {{"done", done}, {"total", total}},
+      "firmware update: " + std::to_string(done) + " of " + std::to_string(total));
 }
 
 void Client::MainMenu(MainMenuType menu) {

@@ -53,6 +53,7 @@ class Client : public VoxMessageSink {
   void HidConnect(int device) override;
   void HidDisconnect(int device) override;
   void MKeyTypeSet(int device, int key, const unsigned char* types, int length) override;
+  void OtaProgress(int done, int total) override;
   void MainMenu(MainMenuType menu) override;
   void PostMainMenu(MainMenuType menu) override;
 

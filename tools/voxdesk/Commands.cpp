@@ -5,37 +5,16 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <vector>
 
-#include "Client.h"
-#include "SimulatedDesk.h"
-#include "Terminal.h"
+#include "Session.h"
 #include "sim/Wav.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr int kSampleRate = 16000;
-constexpr auto kLook = 10ms;             // how often the client looks at what has happened
-constexpr double kDiscoverySeconds = 4;  // devices answer within about two
 // A codec's filters and the last report on its way.
 constexpr double kAfterSpeechSeconds = 0.1;
-
-std::vector<std::int16_t> readSpeech(const std::string& path) {
-  std::string error;
-  auto speech = sim::readSpeech(path, error);
-  if (!error.empty()) throw Failure(error);
-  return speech;
-}
-
-std::string fixed(const char* format, double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
 
 double decibels(double amplitude) { return amplitude > 0 ? 20 * std::log10(amplitude / 32768) : -99; }
 
@@ -50,60 +29,6 @@ std::string meter(double dB) {
   const int lit = std::clamp(static_cast<int>((dB + 60) / 60 * kColumns), 0, kColumns);
   return "[" + std::string(static_cast<std::size_t>(lit), '#') +
          std::string(static_cast<std::size_t>(kColumns - lit), ' ') + "]";
-}
-
-// A desk, a client at it, and a terminal.
-class Session {
- public:
-  Session(const Options& options, DeskDescription description)
-      : terminal(options.json), desk(std::move(description), options.virtualTime) {
-    // A double click of the voice key opens the navigation.
-    CPreferences::Instance()->SetVoiceClickTimes(2);
-    client = std::make_unique<Client>([this] { return desk.seconds(); });
-    desk.setUp();
-    client->start();
-  }
-
-  // Goes on until `done` holds (true), the time is over or somebody interrupts (false). Shows the events named in
-  // `show` (empty: all of them).
-  bool runUntil(double seconds, const std::vector<std::string>& show, const std::function<bool()>& done) {
-    const double end = desk.seconds() + seconds;
-    for (;;) {
-      for (const ClientEvent& event : client->takeEvents()) {
-        if (show.empty() || std::find(show.begin(), show.end(), event.name) != show.end()) {
-          terminal.event(event.seconds, event.name, event.fields, event.text);
-        }
-      }
-      if (done()) return true;
-      if (interrupted() || desk.seconds() >= end) return false;
-      desk.run(kLook);
-    }
-  }
-
-  // Waits until every device of the desk has been announced and has told its state.
-  void discover(const std::vector<std::string>& show) {
-    runUntil(kDiscoverySeconds, show, [this] {
-      const auto known = client->devices();
-      return known.size() == desk.size() &&
-             std::all_of(known.begin(), known.end(), [](const DeviceView& view) { return view.dpi >= 0; });
-    });
-  }
-
-  // Ends the client and checks that it has left nothing behind.
-  void finish() {
-    client.reset();
-    const std::string open = desk.leftOpen();
-    if (!open.empty()) throw Failure("the library has left open: " + open);
-  }
-
-  Terminal terminal;
-  SimulatedDesk desk;
-  std::unique_ptr<Client> client;
-};
-
-DeskDescription deskOf(const Options& options, bool busy) {
-  if (!options.deskFile.empty()) return readDeskFile(options.deskFile);
-  return defaultDesk(readSpeech(std::string(VOXDEVICE_SAMPLES) + "/sentence.wav"), busy);
 }
 
 // Fails now rather than after the recording.
@@ -174,7 +99,7 @@ double durationOf(const std::vector<std::int16_t>& speech) {
 void showDesk(const Options& options) {
   const std::string out = options.out.empty() ? "voxdesk-recording.wav" : options.out;
   checkWritable(out);
-  DeskDescription description = deskOf(options, false);
+  DeskDescription description = deskOf(options);
   const auto sheet = std::find_if(description.devices.begin(), description.devices.end(),
                                   [](const DeskDevice& device) { return device.model == "Wren"; });
   if (sheet == description.devices.end()) {
@@ -201,10 +126,10 @@ void showDesk(const Options& options) {
 }
 
 void listDevices(const Options& options) {
-  Session session(options, deskOf(options, false));
+  Session session(options, deskOf(options));
   session.discover({"none"});
   const auto devices = session.client->devices();
-  session.terminal.say(devices.empty() ? "No device has answered within " + fixed("%.0f s.", kDiscoverySeconds)
+  session.terminal.say(devices.empty() ? "No device has answered within " + fixed("%.0f s.", Session::kDiscoverySeconds)
                                        : "   #  model                 link          battery   DPI  identity");
   for (const DeviceView& view : devices) {
     char line[160];
@@ -236,23 +161,12 @@ void monitor(const Options& options) {
 void record(const Options& options) {
   const std::vector<std::int16_t> speech = readSpeech(options.speech);
   checkWritable(options.out);
-  DeskDescription description = deskOf(options, false);
+  DeskDescription description = deskOf(options);
   // Whichever the client numbers N: they all hear it, and one is recorded.
   for (DeskDevice& device : description.devices) device.speech = speech;
   Session session(options, std::move(description));
   session.discover({"connect"});
-  const auto devices = session.client->devices();
-  const auto chosen = std::find_if(devices.begin(), devices.end(), [&](const DeviceView& view) {
-    return options.device == 0 || view.number == options.device;
-  });
-  if (chosen == devices.end()) {
-    std::string known;
-    for (const DeviceView& view : devices) known += " " + std::to_string(view.number) + " (" + view.model + ")";
-    throw Failure((options.device == 0 ? std::string("no device")
-                                       : "no device has the number " + std::to_string(options.device)) +
-                  (known.empty() ? "; none has answered" : "; there are:" + known));
-  }
-  session.client->hub().ChooseWorkHidDevice(chosen->number);
+  session.client->hub().ChooseWorkHidDevice(session.choose(options.device).number);
   recordWorkDevice(session, options.seconds > 0 ? options.seconds : durationOf(speech), options.out);
   session.finish();
 }

@@ -1,7 +1,6 @@
-// What voxdesk can do. Each returns when it is done or interrupted, and throws Failure when it cannot be done.
+// What voxdesk can do. Each returns when it is done or interrupted, and throws when it cannot be done.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 
 struct Options {
@@ -12,12 +11,11 @@ struct Options {
   std::string speech;
   std::string out;
   double seconds = 0;  // 0: no limit of its own
-};
-
-// Why something could not be done, for standard error.
-class Failure : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
+  std::string first;   // firmware files; empty: none
+  std::string second;
+  int dpi = 0;
+  std::string url;
+  int function = 0;  // of the M key
 };
 
 // Shows the devices, holds the Wren's voice key and records what it hears.
@@ -25,3 +23,9 @@ void showDesk(const Options& options);
 void listDevices(const Options& options);
 void monitor(const Options& options);
 void record(const Options& options);
+void updateFirmware(const Options& options);
+void setDpi(const Options& options);
+void setUrl(const Options& options);
+void listMKey(const Options& options);
+void setMKey(const Options& options);
+void showState(const Options& options);

@@ -20,6 +20,13 @@ const std::map<std::string, std::uint8_t> kCommands = {
     {"identify", 0x0F},  {"mkey-list", 0x14}, {"mkey-set", 0x15},
 };
 
+const std::map<std::string, sim::UpdateStep> kUpdateSteps = {
+    {"ota-prepare", sim::UpdateStep::prepare},
+    {"ota-open", sim::UpdateStep::open},
+    {"ota-data", sim::UpdateStep::data},
+    {"ota-complete", sim::UpdateStep::complete},
+};
+
 template <class Names>
 std::string listOf(const Names& names) {
   std::string text;
@@ -116,8 +123,28 @@ DeskAction readAction(const Place& place) {
   return action;
 }
 
+void readUpdateFault(const Place& place, sim::UpdateStep step, DeskDevice& device) {
+  std::string image = "first";
+  if (place.has("image")) {
+    image = place["image"].text("\"first\" or \"second\"");
+    if (image != "first" && image != "second") place["image"].expected("\"first\" or \"second\"");
+  }
+  sim::UpdateScript& script = image == "first" ? device.firstUpdate : device.secondUpdate;
+  if (place.has("message")) script.atMessage = place["message"].integer<unsigned>(0, 1'000'000);
+  const std::string answer = place["answer"].text("an answer");
+  if (answer == "silent") {
+    script.silentAt = step;
+  } else if (answer == "refuse") {
+    script.refuseAt = step;
+  } else if (answer == "unplug") {
+    script.unplugAt = step;
+  } else {
+    place["answer"].expected("one of: silent, refuse, unplug");
+  }
+}
+
 void readFault(const Place& place, DeskDevice& device) {
-  place.object({"command", "answer", "delay_ms", "open", "writes"});
+  place.object({"command", "answer", "delay_ms", "open", "writes", "image", "message"});
   if (place.has("open")) {
     if (place["open"].text("\"refused\"") != "refused") place["open"].expected("\"refused\"");
     device.refuseOpen = true;
@@ -130,10 +157,15 @@ void readFault(const Place& place, DeskDevice& device) {
     if (!device.refuseOpen && !device.failWrites) place.expected("\"command\", \"open\" or \"writes\"");
     return;
   }
+  const std::string name = place["command"].text("a command's name");
+  if (const auto step = kUpdateSteps.find(name); step != kUpdateSteps.end()) {
+    return readUpdateFault(place, step->second, device);
+  }
   std::vector<std::string> names;
-  names.reserve(kCommands.size());
-  for (const auto& [name, code] : kCommands) names.push_back(name);
-  const auto command = kCommands.find(place["command"].text("a command's name"));
+  names.reserve(kCommands.size() + kUpdateSteps.size());
+  for (const auto& [known, code] : kCommands) names.push_back(known);
+  for (const auto& [known, step] : kUpdateSteps) names.push_back(known);
+  const auto command = kCommands.find(name);
   if (command == kCommands.end()) place["command"].expected("one of: " + listOf(names));
   sim::Answering answering;
   const std::string answer = place["answer"].text("an answer");

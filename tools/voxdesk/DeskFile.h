@@ -28,6 +28,8 @@ struct DeskDevice {
   std::optional<std::array<std::uint8_t, 6>> address{};
   std::vector<std::int16_t> speech{};
   std::vector<std::pair<std::uint8_t, sim::Answering>> answers{};  // by command code
+  sim::UpdateScript firstUpdate{};  // how the device takes an update, and how its receiver does
+  sim::UpdateScript secondUpdate{};
   bool refuseOpen = false;
   bool failWrites = false;
   std::vector<DeskAction> timeline{};

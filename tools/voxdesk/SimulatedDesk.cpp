@@ -15,6 +15,8 @@ SimulatedDesk::SimulatedDesk(DeskDescription description, bool virtualTime)
     device->serial = sheet.serial;
     device->hear(sheet.speech);
     for (const auto& [code, answering] : sheet.answers) device->answer(code, answering);
+    device->update(sim::VirtualMouse::Updated::mouse, sheet.firstUpdate);
+    device->update(sim::VirtualMouse::Updated::receiver, sheet.secondUpdate);
     if (sheet.refuseOpen) device->faults.refuseOpen = [](int) { return true; };
     device->faults.failWrites = sheet.failWrites;
     devices_.push_back(device);

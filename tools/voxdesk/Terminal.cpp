@@ -18,7 +18,16 @@ std::string stamp(double seconds) {
 
 }  // namespace
 
-Terminal::Terminal(bool json) : json_(json), screen_(isatty(STDOUT_FILENO) != 0) {}
+// The library prints texts of its own to standard output when a step of a firmware update fails, in an encoding of its
+// own and without a line end. They would spoil our lines, which say the same.
+Terminal::Terminal(bool json)
+    : json_(json), screen_(isatty(STDOUT_FILENO) != 0), out_(fdopen(dup(STDOUT_FILENO), "w")) {
+  if (!out_ || !std::freopen("/dev/null", "w", stdout)) std::perror("voxdesk: standard output");
+}
+
+Terminal::~Terminal() {
+  if (out_) std::fclose(out_);
+}
 
 void Terminal::say(const std::string& line) {
   if (!json_) print(line);
@@ -37,8 +46,8 @@ void Terminal::event(double seconds, const std::string& name, const Json& fields
 void Terminal::progress(double seconds, const std::string& line) {
   if (json_) return;
   if (screen_) {
-    std::printf("\r\033[K%s%s", stamp(seconds).c_str(), line.c_str());
-    std::fflush(stdout);
+    std::fprintf(out_, "\r\033[K%s%s", stamp(seconds).c_str(), line.c_str());
+    std::fflush(out_);
     progressShown_ = true;
   } else if (seconds - lastProgress_ >= 1) {
     lastProgress_ = seconds;
@@ -47,10 +56,10 @@ void Terminal::progress(double seconds, const std::string& line) {
 }
 
 void Terminal::print(const std::string& line) {
-  if (progressShown_) std::fputs("\n", stdout);
+  if (progressShown_) std::fputs("\n", out_);
   progressShown_ = false;
-  std::printf("%s\n", line.c_str());
-  std::fflush(stdout);
+  std::fprintf(out_, "%s\n", line.c_str());
+  std::fflush(out_);
 }
 
 void catchInterrupts() {

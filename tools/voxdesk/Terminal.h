@@ -1,6 +1,7 @@
 // What voxdesk prints: lines for people, or one JSON object per event for scripts.
 #pragma once
 
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -9,6 +10,9 @@ using Json = nlohmann::ordered_json;
 class Terminal {
  public:
   explicit Terminal(bool json);
+  ~Terminal();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
 
   bool json() const { return json_; }
   // A line for people; nothing for scripts.
@@ -23,6 +27,7 @@ class Terminal {
 
   const bool json_;
   const bool screen_;
+  std::FILE* const out_;  // standard output, which the library does not get
   bool progressShown_ = false;
   double lastProgress_ = -1;
 };

@@ -1,9 +1,11 @@
 // voxdesk: the command-line client of the device library.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 #include "Commands.h"
-#include "DeskFile.h"
 #include "Terminal.h"
 
 namespace {
@@ -35,27 +37,60 @@ int main(int argc, char** argv) {
   app.fallthrough();
   app.require_subcommand(0, 1);
 
-  auto* devices = app.add_subcommand("devices", "List the devices that answer");
-  auto* watch = app.add_subcommand("monitor", "Show every callback, button, message and log line, until Ctrl-C");
-  watch->add_option("--seconds", options.seconds, "Stop after so long; needed with --virtual-time")
-      ->check(CLI::Range(0.001, 86'400.0))
-      ->type_name("S");
-  auto* take = app.add_subcommand("record", "Record one device");
-  take->add_option("--device", options.device, "The number of the device; default: the first")
-      ->check(CLI::Range(1, 2'147'483'647))
-      ->type_name("N");
+  // Each command, and what it does when it is the one that was given.
+  std::vector<std::pair<CLI::App*, void (*)(const Options&)>> commands;
+  const auto command = [&](CLI::App& parent, const char* name, const char* what, void (*run)(const Options&)) {
+    CLI::App* added = parent.add_subcommand(name, what);
+    if (run) commands.emplace_back(added, run);
+    return added;
+  };
+  const auto needsDevice = [&](CLI::App* to) {
+    to->add_option("--device", options.device, "The number of the device; default: the first")
+        ->check(CLI::Range(1, 2'147'483'647))
+        ->type_name("N");
+    return to;
+  };
+  const auto takesSeconds = [&](CLI::App* to, const char* what) {
+    to->add_option("--seconds", options.seconds, what)->check(CLI::Range(0.001, 86'400.0))->type_name("S");
+  };
+
+  command(app, "devices", "List the devices that answer", &listDevices);
+  auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
+  takesSeconds(watch, "Stop after so long; needed with --virtual-time");
+  auto* take = needsDevice(command(app, "record", "Record one device", &record));
   take->add_option("--speech", options.speech, "What the device hears: 16 kHz, mono, 16-bit")
       ->required()
       ->type_name("IN.wav");
   take->add_option("--out", options.out, "What the client received")->required()->type_name("OUT.wav");
-  take->add_option("--seconds", options.seconds, "How long to record; default: as long as the speech")
-      ->check(CLI::Range(0.001, 86'400.0))
-      ->type_name("S");
+  takesSeconds(take, "How long to record; default: as long as the speech");
+
+  needsDevice(command(app, "state", "Ask a device for its state", &showState));
+  needsDevice(command(app, "dpi", "Set a device's DPI", &setDpi))
+      ->add_option("DPI", options.dpi, "Dots per inch")
+      ->required()
+      ->check(CLI::Range(1, 32'767));
+  needsDevice(command(app, "url", "Send a device its download URL", &setUrl))
+      ->add_option("URL", options.url, "Without the scheme: letters, digits, - = . /")
+      ->required();
+  auto* mkey = command(app, "mkey", "The function of a device's M key", nullptr);
+  mkey->require_subcommand(1);
+  mkey->fallthrough();
+  needsDevice(command(*mkey, "list", "The functions that the device supports", &listMKey));
+  needsDevice(command(*mkey, "set", "Give the key another function", &setMKey))
+      ->add_option("FUNCTION", options.function, "Its number; 2 is a held button, 3 a screenshot")
+      ->required()
+      ->check(CLI::Range(0, 255));
+  auto* update = needsDevice(command(app, "update", "Update a device's firmware", &updateFirmware));
+  update->add_option("--first", options.first, "The device's own image")->type_name("A.bin");
+  update->add_option("--second", options.second, "Its receiver's image")->type_name("B.bin");
 
   try {
     app.parse(argc, argv);
     if (*watch && options.virtualTime && options.seconds <= 0) {
       throw CLI::ValidationError("--virtual-time", "monitor needs --seconds with it, or it would never end");
+    }
+    if (*update && options.first.empty() && options.second.empty()) {
+      throw CLI::RequiredError("--first or --second");
     }
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kWrongUsage;
@@ -63,15 +98,8 @@ int main(int argc, char** argv) {
 
   catchInterrupts();
   try {
-    if (*devices) {
-      listDevices(options);
-    } else if (*watch) {
-      monitor(options);
-    } else if (*take) {
-      record(options);
-    } else {
-      showDesk(options);
-    }
+    const auto given = std::find_if(commands.begin(), commands.end(), [](const auto& c) { return c.first->parsed(); });
+    (given == commands.end() ? &showDesk : given->second)(options);
     return kDone;
   } catch (const std::exception& error) {
     std::fflush(stdout);

@@ -1,0 +1,240 @@
+// Commands to one device: firmware, DPI, download URL, M key, state.
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "Session.h"
+
+namespace {
+
+constexpr double kAnswerSeconds = 1;            // devices answer within some ms
+constexpr double kMKeySeconds = 2.5;            // the library's own bound
+constexpr std::size_t kBlocksEnd = 65536 * 16;  // what a 16-bit index of 16-byte blocks reaches
+
+// A session in which the chosen device has been found.
+struct DeviceSession : Session {
+  explicit DeviceSession(const Options& options) : Session(options, deskOf(options)) {
+    discover({"none"});
+    chosen = choose(options.device);
+  }
+  CAudioHidCenter& hub() { return client->hub(); }
+  // The answer to a command: an event of this name from the chosen device. Shown when it comes.
+  ClientEvent answer(const std::string& name, double seconds = kAnswerSeconds) {
+    const auto event = waitFor(seconds, [&](const ClientEvent& candidate) {
+      return candidate.name == name && candidate.fields["device"] == chosen.number;
+    });
+    if (!event) {
+      throw Failure("device " + std::to_string(chosen.number) + " (" + chosen.model + ") did not answer within " +
+                    fixed("%.1f s", seconds));
+    }
+    terminal.event(event->seconds, event->name, event->fields, event->text);
+    return *event;
+  }
+
+  DeviceView chosen;
+};
+
+// The library takes any file name; what cannot be sent is said here.
+std::size_t checkImage(const std::string& path, const std::string& model) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (status.type() == fs::file_type::not_found) throw Failure(path + ": No such file or directory");
+  if (status.type() != fs::file_type::regular) throw Failure(path + ": not a file of bytes; expected a firmware image");
+  const std::uintmax_t size = fs::file_size(path, error);
+  if (error) throw Failure(path + ": " + error.message());
+  if (size == 0) throw Failure(path + ": empty; expected a firmware image");
+  const std::uintmax_t most = model.find("Tern") != std::string::npos ? 0x7FFFFFFF : kBlocksEnd;
+  if (size > most) {
+    throw Failure(path + ": " + std::to_string(size) + " bytes; a " + model + " can be sent " + std::to_string(most) +
+                  " at most");
+  }
+  if (!std::ifstream(path, std::ios::binary)) throw Failure(path + ": " + std::strerror(errno));
+  return static_cast<std::size_t>(size);
+}
+
+// What a result says of its image, and whether it is a failure.
+std::pair<std::string, bool> sentence(int state) {
+  static const char* const steps[] = {"preparing", "opening", "sending data", "completing", "aborting"};
+  if (state == FwUpdate_ImageFinished) return {"done", false};
+  if (state < FwUpdate_PrepareNoAnswer || state > FwUpdate_AbortNoAnswer) return {"the device has gone", true};
+  const std::string step = steps[(state - 1) / 2];
+  return {(state % 2 == 0 ? "refused by the device at " : "no answer from the device within 3.1 s at ") + step, true};
+}
+
+std::string bar(double fraction) {
+  constexpr int kColumns = 30;
+  const int done = std::clamp(static_cast<int>(fraction * kColumns), 0, kColumns);
+  return "[" + std::string(static_cast<std::size_t>(done), '=') +
+         std::string(static_cast<std::size_t>(kColumns - done), ' ') + "]";
+}
+
+// One image on its way.
+struct Image {
+  const char* name;
+  std::string file;
+  std::size_t size = 0;
+  bool receiver = false;
+  int state = 0;  // its first result
+};
+
+// Follows an update: shows its progress, notes its results.
+class UpdateView {
+ public:
+  UpdateView(DeviceSession& session, std::vector<Image>& images) : session_(session), images_(images) {
+    bytesBefore_ = 0;
+    begin_ = session.desk.seconds();
+  }
+  // True when the update is over.
+  bool take(const ClientEvent& event) {
+    if (event.name == "update-progress") progress(event);
+    if (event.name == "disconnect" && event.fields["device"] == session_.chosen.number) lost_ = true;
+    if (event.name != "update-result" || event.fields["device"] != session_.chosen.number) return false;
+    if (session_.terminal.json()) session_.terminal.event(event.seconds, event.name, event.fields, "");
+    const int state = event.fields["state"];
+    if (state == FwUpdate_Over) return true;
+    const bool receiver = event.fields["link"] == static_cast<int>(DataChannel_Receiver);
+    for (Image& image : images_) {
+      if (image.receiver == receiver && image.state == 0) image.state = state;
+    }
+    return false;
+  }
+  bool lost() const { return lost_; }
+
+ private:
+  void progress(const ClientEvent& event) {
+    if (session_.terminal.json()) return session_.terminal.event(event.seconds, event.name, event.fields, "");
+    // Totals are not always those of the image at hand, so they are counted here.
+    const auto current =
+        std::find_if(images_.begin(), images_.end(), [](const Image& image) { return image.state == 0; });
+    if (current == images_.end() || (event.fields["done"] == 100 && event.fields["total"] == 100)) return;
+    const bool counted = session_.chosen.model.find("Tern") != std::string::npos && current != images_.begin();
+    const double done =
+        std::clamp(event.fields["done"].get<double>() - (counted ? static_cast<double>(images_.front().size) : 0), 0.0,
+                   static_cast<double>(current->size));
+    if (current->name != shown_) {
+      shown_ = current->name;
+      begin_ = event.seconds;
+    }
+    const double rate = event.seconds > begin_ ? done / (event.seconds - begin_) : 0;
+    std::string line = std::string(current->name) + " image " + bar(done / static_cast<double>(current->size)) +
+                       fixed(" %3.0f %%", 100 * done / static_cast<double>(current->size)) +
+                       fixed("  %.1f kB/s", rate / 1000);
+    if (rate > 0) line += fixed("  %.0f s left", std::ceil((static_cast<double>(current->size) - done) / rate));
+    session_.terminal.progress(event.seconds, line);
+  }
+
+  DeviceSession& session_;
+  std::vector<Image>& images_;
+  double bytesBefore_ = 0;
+  double begin_ = 0;
+  const char* shown_ = nullptr;
+  bool lost_ = false;
+};
+
+}  // namespace
+
+void updateFirmware(const Options& options) {
+  DeviceSession session(options);
+  std::vector<Image> images;
+  if (!options.first.empty()) images.push_back({.name = "first", .file = options.first});
+  if (!options.second.empty()) images.push_back({.name = "second", .file = options.second, .receiver = true});
+  for (Image& image : images) image.size = checkImage(image.file, session.chosen.model);
+  if (images.size() == 2 && session.chosen.link == "Bluetooth LE") {
+    throw Failure("over Bluetooth LE there is no receiver: only --first can be sent");
+  }
+  const FwUpdateType type = images.size() == 2 ? FwUpdate_Both : images[0].receiver ? FwUpdate_Second : FwUpdate_First;
+  session.terminal.say("Updating device " + std::to_string(session.chosen.number) + " (" + session.chosen.model +
+                       "). Leave it plugged in.");
+  UpdateView view(session, images);
+  const double begin = session.desk.seconds();
+  session.hub().StartOTA(session.chosen.number, type, options.first, options.second);
+  const bool over = session.waitFor(HUGE_VAL, [&](const ClientEvent& event) { return view.take(event); }).has_value();
+
+  bool failed = false;
+  for (const Image& image : images) {
+    const auto [text, bad] =
+        image.state == 0 ? std::pair(std::string(over ? "not sent" : "interrupted"), true) : sentence(image.state);
+    failed = failed || bad;
+    session.terminal.event(
+        session.desk.seconds(), "image",
+        {{"image", image.name}, {"file", image.file}, {"bytes", image.size}, {"state", image.state}, {"result", text}},
+        std::string("the ") + image.name + " image (" + image.file + ", " + std::to_string(image.size) +
+            " bytes): " + text);
+  }
+  session.terminal.say(fixed("The update took %.1f s.", session.desk.seconds() - begin));
+  session.finish();
+  if (!over) throw Failure("interrupted: the device was left in the middle of its update; update it again");
+  if (view.lost()) throw Failure("the device went away during the update; plug it in and update it again");
+  if (failed) throw Failure("the update did not succeed");
+}
+
+void setDpi(const Options& options) {
+  DeviceSession session(options);
+  session.hub().SetDpi(session.chosen.number, static_cast<short>(options.dpi));
+  const ClientEvent event = session.answer("dpi");
+  session.finish();
+  if (event.fields["ok"] != true) throw Failure("the device refused the DPI " + std::to_string(options.dpi));
+}
+
+void setUrl(const Options& options) {
+  for (const char c : options.url) {
+    if (std::isalnum(static_cast<unsigned char>(c)) != 0 || std::strchr("-=./", c)) continue;
+    throw Failure(std::string("a URL can be sent in letters, digits, - = . and / only, not with '") + c + "'" +
+                  (c == ':' ? "; leave out the scheme and its colon" : ""));
+  }
+  DeviceSession session(options);
+  std::vector<unsigned char> url(options.url.begin(), options.url.end());  // replaced by the codes that are sent
+  session.hub().SetDownloadURL(session.chosen.number, url.data(), static_cast<int>(url.size()));
+  const ClientEvent event = session.answer("url");
+  session.finish();
+  if (event.fields["ok"] != true) throw Failure("the device refused the URL");
+}
+
+void listMKey(const Options& options) {
+  DeviceSession session(options);
+  session.hub().getMKeyTypeList_Key1(session.chosen.number);
+  session.answer("mkey-list");
+  session.finish();
+}
+
+void setMKey(const Options& options) {
+  DeviceSession session(options);
+  // Only a function that the device has listed can be set.
+  session.hub().getMKeyTypeList_Key1(session.chosen.number);
+  const ClientEvent list = session.answer("mkey-list");
+  const auto status =
+      session.hub().setMKeyType_Key1(session.chosen.number, static_cast<MouseMKeyType>(options.function));
+  const std::string function = std::to_string(options.function);
+  const int now = session.hub().GetMKeyType_Key1(session.chosen.number, 1);
+  session.terminal.event(session.desk.seconds(), "mkey",
+                         {{"device", session.chosen.number}, {"status", static_cast<int>(status)}, {"function", now}},
+                         status == SetMKeyType_Confirmed ? "M key 1 has function " + function : "");
+  session.finish();
+  switch (status) {
+    case SetMKeyType_Confirmed:
+      return;
+    case SetMKeyType_NotSupported:
+      throw Failure("the device does not support function " + function + "; it has " + list.fields["supported"].dump());
+    case SetMKeyType_NoAnswer:
+      throw Failure(fixed("the device did not confirm within %.1f s", kMKeySeconds));
+    case SetMKeyType_OtherType:
+      throw Failure("the device kept function " + std::to_string(now));
+    case SetMKeyType_NotReady:
+      throw Failure("the device has gone");
+  }
+}
+
+void showState(const Options& options) {
+  DeviceSession session(options);
+  session.hub().GetMouseState(session.chosen.number);
+  session.answer("state");
+  if (session.chosen.link == "USB") {
+    session.hub().GetDongleState(session.chosen.number);
+    session.answer("dongle-state");
+  }
+  session.finish();
+}
