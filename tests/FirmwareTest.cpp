@@ -315,6 +315,11 @@ TEST(Firmware, RequestsThatLeadOutOfTheImageGetNothing) {
     EXPECT_EQ(desk.frames().substr(0, 12), "f1:07 f1:08" + hex(pattern(50)).substr(0, 1)) << offset;
     EXPECT_TRUE(desk.device->received(0x09).empty()) << offset;
     EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"})) << offset;
+    desk.device->update(Updated::mouse, {.size = 50});
+    desk.device->update(Updated::receiver, {.size = 50, .strangeRequests = {offset}});
+    desk.start(FwUpdate_Both, desk.files.with(pattern(50)), desk.files.with(pattern(50)));
+    desk.run(10s);
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11", "2 8", "3 5", "0 11"})) << offset;
   }
   {  // More bytes than the output report has room for.
     UpdateDesk desk("Tern");

@@ -163,15 +163,19 @@ void CHidDeviceReader_Tern::OnRequest(const CHidData& reply, FwUpdateState refus
 
 void CHidDeviceReader_Tern::SendOtaChunk(OtaStep step, std::int64_t offset, int count) noexcept {
   const OtaSource source = CurrentOtaImage();
-  const int total = image1Size + image2Size;
+  // Sizes and offsets may be any: what the client is told wraps.
+  const auto wrap = [](std::int64_t value) {
+    return static_cast<int>(static_cast<std::uint32_t>(static_cast<std::uint64_t>(value)));
+  };
   const bool first = otaTarget != DataChannel_Receiver;
-  const int before = first ? 0 : static_cast<int>(image1Size);
+  const std::int64_t before = first ? 0 : static_cast<int>(image1Size);
+  const int total = wrap(std::int64_t{image1Size} + image2Size);
   const std::int64_t wanted = std::min<std::int64_t>(source.size - offset, count);
   if (wanted == 0) {
     VoxMessage::OtaProgress(first ? source.size : total, total);
     return SendOta(step, OtaStage_Complete, OtaComplete);
   }
-  VoxMessage::OtaProgress(before + static_cast<int>(offset), total);
+  VoxMessage::OtaProgress(wrap(before + offset), total);
   // A request that leads out of the image gets nothing, and the step times out.
   const auto bytes = source.Bytes(offset, wanted);
   if (static_cast<std::int64_t>(bytes.size()) != wanted) return AwaitOtaAnswer(step, OtaStage_Data);
