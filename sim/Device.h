@@ -27,7 +27,7 @@ struct HidFaults {
   bool noAttributes = false;     // HidD_GetAttributes fails
   bool noPreparsedData = false;  // HidD_GetPreparsedData fails
   bool noCaps = false;           // HidP_GetCaps fails
-  bool failReads = false;  // a read fails at once, as if the device were just being pulled out
+  bool failReads = false;        // a read fails at once, as if the device were just being pulled out
   bool failWrites = false;
   bool hangWrites = false;    // a write never comes back
   Time writeTime{0};          // how long a write takes

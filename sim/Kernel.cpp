@@ -355,6 +355,30 @@ void Kernel::reap() {
   }
 }
 
+void WaitableTimer::set(Kernel& kernel, Time due, Time period) {
+  set_ = false;
+  kernel.after(due, [weak = weak_from_this(), &kernel, period, mine = ++generation_] {
+    const auto self = weak.lock();
+    if (!self || self->generation_ != mine) return;
+    self->set_ = true;
+    kernel.changed(*self);
+    if (period.count() == 0) return;
+    const bool stillSet = self->set_;
+    self->set(kernel, period, period);
+    self->set_ = stillSet;
+  });
+}
+
+bool Kernel::post(DWORD threadId, const MSG& message) {
+  for (const auto& thread : threads_) {
+    if (thread->id != threadId || !thread->messages || thread->state == Thread::State::ended) continue;
+    thread->messages->messages.push_back(message);
+    changed(*thread->messages);
+    return true;
+  }
+  return false;
+}
+
 HANDLE Kernel::open(std::shared_ptr<Object> object) {
   const std::uintptr_t value = nextHandle_ += 4;
   handles_.emplace(value, std::move(object));

@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/audio_types.h"
 #include "platform/types.h"
 #include "sim/Fiber.h"
 
@@ -89,6 +90,29 @@ class Mutex final : public Object {
   bool abandoned_ = false;
 };
 
+class WaitableTimer final : public Object, public std::enable_shared_from_this<WaitableTimer> {
+ public:
+  bool signalled(const Thread&) const override { return set_; }
+  void acquired(Thread&) override { set_ = false; }
+  const char* kind() const override { return "timer"; }
+  void handleClosed(Kernel&) override { cancel(); }
+  // period zero: once.
+  void set(Kernel& kernel, Time due, Time period);
+  void cancel() { ++generation_; }
+
+ private:
+  bool set_ = false;
+  unsigned generation_ = 0;
+};
+
+// The messages of one thread.
+class MessageQueue final : public Object {
+ public:
+  bool signalled(const Thread&) const override { return !messages.empty(); }
+  const char* kind() const override { return "message"; }
+  std::deque<MSG> messages;
+};
+
 class Thread final : public Object {
  public:
   enum class State { suspended, ready, running, waiting, ended };
@@ -98,6 +122,8 @@ class Thread final : public Object {
   DWORD id = 0;
   std::function<void()> entry;
   State state = State::suspended;
+  int priority = 0;
+  std::shared_ptr<MessageQueue> messages;  // from the thread's first look at them on
 
  private:
   friend class Kernel;
@@ -109,8 +135,8 @@ class Thread final : public Object {
   std::optional<std::pair<Time, std::uint64_t>> timer;
   std::vector<Mutex*> owned;
   std::vector<std::shared_ptr<Object>> used;  // see Kernel::use
-  std::unique_ptr<Fiber> fiber;  // virtual clock
-  std::thread osThread;          // real clock
+  std::unique_ptr<Fiber> fiber;               // virtual clock
+  std::thread osThread;                       // real clock
   std::condition_variable wake;
   std::jmp_buf end;
 };
@@ -154,6 +180,9 @@ class Kernel {
   void after(Time delay, Action action);
   // A number from the machine's own sequence.
   std::uint64_t random() { return random_(); }
+
+  // Posts a message to a thread; false, and the message is lost, when that has no queue.
+  bool post(DWORD threadId, const MSG& message);
 
   HANDLE open(std::shared_ptr<Object> object);
   bool close(HANDLE handle);

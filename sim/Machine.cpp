@@ -12,7 +12,8 @@ Machine* instance = nullptr;
 
 }  // namespace
 
-Machine::Machine(MachineOptions options) : hid_(*this), kernel_(options.clock, options.seed, options.firstTick) {
+Machine::Machine(MachineOptions options)
+    : hid_(*this), sound_(*this), kernel_(options.clock, options.seed, options.firstTick) {
   if (instance) {
     std::fputs("sim: a second machine while the first is on\n", stderr);
     std::abort();
@@ -98,7 +99,8 @@ Balance Machine::balance() {
   return {.handles = kernel_.openHandles(),
           .threads = kernel_.runningThreads(),
           .deviceLists = deviceLists,
-          .preparsedData = preparsedData};
+          .preparsedData = preparsedData,
+          .sound = sound_.open};
 }
 
 std::uint64_t Machine::waits() {

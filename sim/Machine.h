@@ -11,6 +11,7 @@
 
 #include "sim/HidBus.h"
 #include "sim/Kernel.h"
+#include "sim/Sound.h"
 
 namespace sim {
 
@@ -26,6 +27,7 @@ struct Balance {
   std::size_t threads = 0;
   std::size_t deviceLists = 0;
   std::size_t preparsedData = 0;
+  SoundSystem::Open sound{};
   bool operator==(const Balance&) const = default;
 };
 
@@ -79,6 +81,7 @@ class Machine {
   // ---- With the lock held: for the machine's own parts ----
   Kernel& kernel() { return kernel_; }
   HidBus& hid() { return hid_; }
+  SoundSystem& sound() { return sound_; }
   bool recording() const { return recording_; }
   void noteLocked(const std::string& line);
   const Library* library(const std::wstring& fileName) const;
@@ -90,6 +93,7 @@ class Machine {
   std::string log_;
   std::map<std::wstring, Library> libraries_;
   HidBus hid_;
+  SoundSystem sound_;
   Kernel kernel_;  // destroyed first: its threads use everything above
 };
 

@@ -98,6 +98,79 @@ DWORD GetCurrentThreadId() {
   return machine.kernel().self().id;
 }
 
+BOOL SetThreadPriority(HANDLE thread, int priority) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::Thread>(thread);
+  if (!object) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  object->priority = priority;
+  if (machine.recording()) {
+    machine.noteLocked("thread " + std::to_string(object->id) + " priority " + std::to_string(priority));
+  }
+  return TRUE;
+}
+
+HANDLE CreateEventExW(SECURITY_ATTRIBUTES*, const WCHAR*, DWORD flags, DWORD access) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  if (machine.sound().fault("CreateEventExW") != 0 || flags != 0 || access != (EVENT_MODIFY_STATE | SYNCHRONIZE))
+    return nullptr;
+  return machine.kernel().open(std::make_shared<sim::Event>(false, false));
+}
+
+HANDLE CreateWaitableTimerW(SECURITY_ATTRIBUTES*, BOOL manualReset, const WCHAR*) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  if (machine.sound().fault("CreateWaitableTimerW") != 0 || manualReset) return nullptr;
+  return machine.kernel().open(std::make_shared<sim::WaitableTimer>());
+}
+
+BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, void*, void*, BOOL) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::WaitableTimer>(timer);
+  if (!object || due->QuadPart > 0 || machine.sound().fault("SetWaitableTimer") != 0) return FALSE;
+  object->set(machine.kernel(), sim::Time(-due->QuadPart / 10), std::chrono::milliseconds(period));
+  return TRUE;
+}
+
+BOOL CancelWaitableTimer(HANDLE timer) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  const auto object = machine.kernel().find<sim::WaitableTimer>(timer);
+  if (!object) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  object->cancel();
+  return TRUE;
+}
+
+BOOL PeekMessageW(MSG* message, HWND, UINT, UINT, UINT) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  auto& queue = machine.kernel().self().messages;
+  if (!queue) queue = std::make_shared<sim::MessageQueue>();
+  if (queue->messages.empty()) return FALSE;
+  *message = queue->messages.front();
+  return TRUE;
+}
+
+BOOL GetMessageW(MSG* message, HWND, UINT, UINT) {
+  Machine& machine = Machine::current();
+  Kernel::Lock lock = machine.kernel().enter();
+  auto& queue = machine.kernel().self().messages;
+  if (!queue) queue = std::make_shared<sim::MessageQueue>();
+  const std::array<sim::Object*, 1> objects{queue.get()};
+  machine.kernel().waitAny(lock, objects, std::nullopt);
+  *message = queue->messages.front();
+  queue->messages.pop_front();
+  return message->message != WM_QUIT ? TRUE : FALSE;
+}
+
 HANDLE CreateEventW(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const WCHAR*) {
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();

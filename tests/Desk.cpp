@@ -57,6 +57,9 @@ void Record::clear() {
 }
 
 void Record::Log(const wchar_t* text, LogType type) { add(line("Log", static_cast<int>(type), sim::utf8(text))); }
+void Record::Tray(const wchar_t* text, VoxTrayParams parameters) {
+  add(line("Tray", static_cast<int>(parameters), sim::utf8(text)));
+}
 void Record::HidConnect(int device) { add(line("HidConnect", device)); }
 void Record::HidDisconnect(int device) { add(line("HidDisconnect", device)); }
 void Record::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {
@@ -71,6 +74,10 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
   CPreferences::Instance()->SetDoubleClickTimeInterval_ms(400);
   CPreferences::Instance()->SetVoxButtonLongDown(0);
   CEnvironmentMonitor::SetNet(true);
+  CEnvironmentMonitor::SetOsVersion(WindowsVersion_Current);
+  CPreferences::Instance()->SetHardWare(HardWare_Mouse);
+  CDeviceData::Instance()->SetHidDeviceKind(HidKind_Mouse);
+  CDeviceData::Instance()->SetRecordByName(false);
   CVoxDeviceInfo::Instance()->ClearBluetooth();
   VoxMessage::SetSink(&record);
   machine.install(L"asc_lib.dll", sim::ascLibrary());
@@ -114,7 +121,7 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
 Desk::~Desk() {
   close();
   VoxMessage::SetSink(nullptr);
-  EXPECT_EQ(machine.balance(), sim::Balance{});
+  EXPECT_EQ(machine.balance(), leftOpen);
   EXPECT_EQ(machine.misuses(), 0U);
 }
 

@@ -26,6 +26,7 @@ class Record : public VoxMessageSink {
   void clear();
 
   void Log(const wchar_t* text, LogType type) override;
+  void Tray(const wchar_t* text, VoxTrayParams parameters) override;
   void HidConnect(int device) override;
   void HidDisconnect(int device) override;
   void MKeyTypeSet(int device, int key, const unsigned char* types, int length) override;
@@ -59,6 +60,7 @@ class Desk {
   std::int64_t milliseconds() { return machine.now().count() / 1000; }
 
   sim::Machine machine;
+  sim::Balance leftOpen;  // what is left at the end by design
   Record record;
   std::unique_ptr<CAudioHidCenter> hub;
   std::mutex audioMutex;

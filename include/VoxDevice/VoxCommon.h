@@ -1,13 +1,29 @@
 // The client's support services as this library uses them: messages, preferences, environment.
 #pragma once
 
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
 #include "VoxDevice/Shared.h"
+#include "VoxDevice/types.h"
+
+class CWorkerPool;
+class CWorkerThread;
 
 // Log categories.
 enum LogType : int {
+  LogType_Information = 0,
+  LogType_Recording = 6,  // errors of the recorders
   LogType_DoubleClick = 33,
   LogType_DeviceConnected = 43,
   LogType_DeviceRemoved = 44,  // removal, sleep and forced thread ends
+};
+
+// How the tray shows a text.
+enum VoxTrayParams : int {
+  VoxTray_Message = 1,
 };
 
 // Functions of the client's main window.
@@ -23,6 +39,7 @@ class VoxMessageSink {
  public:
   virtual ~VoxMessageSink() = default;
   virtual void Log(const wchar_t* /*text*/, LogType /*type*/) {}
+  virtual void Tray(const wchar_t* /*text*/, VoxTrayParams /*parameters*/) {}
   virtual void HidConnect(int /*device*/) {}
   virtual void HidDisconnect(int /*device*/) {}
   // types: the device's answer, `length` bytes: the current function of the M key, then those it supports.
@@ -39,6 +56,7 @@ class VoxMessage {
   static void SetSink(VoxMessageSink* sink) noexcept;
 
   static void Log(const wchar_t* text, LogType type) noexcept;
+  static void Tray(const wchar_t* text, VoxTrayParams parameters) noexcept;
   static void HidConnect(int device) noexcept;
   static void HidDisconnect(int device) noexcept;
   static void MKeyTypeSet(int device, int key, const unsigned char* types, int length) noexcept;
@@ -58,11 +76,78 @@ class CPreferences {
   void SetDoubleClickTimeInterval_ms(int milliseconds) noexcept { doubleClickInterval_ = milliseconds; }
   int GetVoxButtonLongDown() const noexcept { return voxButtonLongDown_; }
   void SetVoxButtonLongDown(int option) noexcept { voxButtonLongDown_ = option; }
+  VoxHardWare GetHardWare() const noexcept { return hardWare_; }
+  void SetHardWare(VoxHardWare hardWare) noexcept { hardWare_ = hardWare; }
 
  private:
   Shared<int> voiceClickTimes_{1};        // 2: a double click of the voice key opens the navigation
   Shared<int> doubleClickInterval_{400};  // milliseconds
   Shared<int> voxButtonLongDown_{0};
+  Shared<VoxHardWare> hardWare_{HardWare_Mouse};
+};
+
+// A record that the client and the library share. Any thread.
+class CDeviceData {
+ public:
+  static CDeviceData* Instance() noexcept;
+
+  // The kind of device that sent the last key of older HID hardware.
+  HidDeviceKind GetHidDeviceKind() const noexcept { return hidDeviceKind_; }
+  void SetHidDeviceKind(HidDeviceKind kind) noexcept { hidDeviceKind_ = kind; }
+  // Whether the microphone is the one whose name the client has set.
+  bool IsRecordByName() const noexcept { return recordByName_; }
+  void SetRecordByName(bool byName) noexcept { recordByName_ = byName; }
+  std::wstring GetRecordName() const;
+  void SetRecordName(const std::wstring& name);
+
+ private:
+  Shared<HidDeviceKind> hidDeviceKind_{HidKind_Mouse};
+  Shared<bool> recordByName_{false};
+  mutable std::mutex mutex_;
+  std::wstring recordName_;
+};
+
+// Base of an object with a thread of its own that receives thread messages.
+class CThread {
+ public:
+  virtual unsigned long ThreadProc() = 0;
+
+  // Starts a thread that runs ThreadProc; another one, when one runs. The thread can receive messages when this
+  // returns.
+  bool StartThread();
+  // The system's number of the thread started last; 0 before.
+  unsigned GetThreadID() const noexcept;
+  bool SetThreadPriority(int priority) noexcept;
+
+  struct Message {
+    unsigned message = 0;
+    std::uintptr_t wParam = 0;
+    std::intptr_t lParam = 0;
+  };
+
+ protected:
+  CThread();
+  // A copy has no thread of its own.
+  CThread(const CThread& other);
+  CThread& operator=(const CThread& other);
+  // EndThreads must have been called: the threads run a member of the object that is going.
+  ~CThread();
+  // On the thread: waits for its next message. False when the thread is to end.
+  bool NextMessage(Message& message);
+  // Ends every thread that was started, those that wait for messages at once.
+  void EndThreads() noexcept;
+
+ private:
+  std::unique_ptr<CWorkerPool> threads_;
+  CWorkerThread* latest_ = nullptr;
+};
+
+// The Windows version as far as it matters here.
+enum WindowsVersion : int {
+  WindowsVersion_MixerVolume = 0,   // input volume through the wave mixer
+  WindowsVersion_TimerCapture = 2,  // the speaker is captured by a timer
+  WindowsVersion_FullVolume = 5,    // input volume is set to 0.99
+  WindowsVersion_Current = 6,       // any other
 };
 
 class CEnvironmentMonitor {
@@ -70,4 +155,7 @@ class CEnvironmentMonitor {
   // Whether the network can be reached. The client keeps the answer up to date.
   static bool CheckNet(bool refresh) noexcept;
   static void SetNet(bool reachable) noexcept;
+  // The version that the client has found.
+  static WindowsVersion OsVersion() noexcept;
+  static void SetOsVersion(WindowsVersion version) noexcept;
 };

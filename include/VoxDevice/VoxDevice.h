@@ -5,4 +5,6 @@
 #include "VoxDevice/KzCheckDoubleClick.h"
 #include "VoxDevice/VoxCommon.h"
 #include "VoxDevice/VoxNet.h"
+#include "VoxDevice/VoxRecord.h"
+#include "VoxDevice/VoxSpeakerRecord.h"
 #include "VoxDevice/types.h"

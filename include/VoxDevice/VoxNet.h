@@ -15,9 +15,13 @@ class CVoxDeviceInfo {
   void SetBluetoothID(const wchar_t* id);
   void SetBluetoothName(const wchar_t* name);
   void ClearBluetooth();
+  // The name of the older device's sound card.
+  std::wstring GetFormerDeviceName() const;
+  void SetFormerDeviceName(const wchar_t* name);
 
  private:
   mutable std::mutex mutex_;
   std::wstring bluetoothId_;
   std::wstring bluetoothName_;
+  std::wstring formerDeviceName_;
 };

@@ -70,3 +70,15 @@ enum VoxClickMode : int {
   ClickDouble = 1,
   ClickDoubleNoNet = 2,  // recognised, but the network was not reachable
 };
+
+// What the user works with.
+enum VoxHardWare : int {
+  HardWare_Mouse = 1,
+  HardWare_LaserPen = 2,
+};
+
+// The kind of an older HID device.
+enum HidDeviceKind : int {
+  HidKind_VoiceKeyboard = 0,
+  HidKind_Mouse = 1,
+};

@@ -23,12 +23,12 @@ enum class UpdateStep { prepare, open, data, complete, abort };
 
 // How the target behaves during an update.
 struct UpdateScript {
-  std::size_t size = 0;                // of the image, as its header would say; 0: found out when the host has no more
+  std::size_t size = 0;  // of the image, as its header would say; 0: found out when the host has no more
   std::optional<std::uint64_t> order{};  // asks for the parts in an order drawn from this seed (needs the size)
-  unsigned loseEvery = 0;              // takes every n-th message for lost and asks for it again
-  std::uint8_t chunk = 40;             // bytes asked for at a time (UpdateFlow::bytes)
-  bool endsWithZero = false;           // says with index 0 that it has everything, instead of asking beyond the end
-  Time thinking{0};                    // before each answer, on top of the device's latency
+  unsigned loseEvery = 0;                // takes every n-th message for lost and asks for it again
+  std::uint8_t chunk = 40;               // bytes asked for at a time (UpdateFlow::bytes)
+  bool endsWithZero = false;             // says with index 0 that it has everything, instead of asking beyond the end
+  Time thinking{0};                      // before each answer, on top of the device's latency
   // What goes wrong, at which step; in the data step at the n-th message (from 0).
   std::optional<UpdateStep> refuseAt{};
   std::optional<UpdateStep> silentAt{};

@@ -32,7 +32,6 @@ CDeviceReader::CDeviceReader()
 
 CDeviceReader::~CDeviceReader() {
   ShutDown();
-  DeleteOtaWaiters();
   for (LogEntry* entry = logBuffers; entry;) delete std::exchange(entry, entry->next);
   for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent}) os::CloseHandle(event);
 }
@@ -69,11 +68,12 @@ void CDeviceReader::EndThreads() noexcept {
   stopFlag = true;
   heartbeatThread.Terminate();
   readThread.Terminate();
-  EndOtaWaiters();
+  os::SetEvent(otaStopEvent);
+  otaThreads_.EndAll();
 }
 
 bool CDeviceReader::IsOwnThread() const noexcept {
-  return readThread.IsCurrent() || heartbeatThread.IsCurrent() || IsOtaWaiter();
+  return readThread.IsCurrent() || heartbeatThread.IsCurrent() || otaThreads_.IsCurrent();
 }
 
 void CDeviceReader::ShutDown() noexcept {

@@ -15,6 +15,7 @@
 #include "hid/HidFrame.h"
 #include "platform/os.h"
 #include "support/CLock.h"
+#include "support/WorkerPool.h"
 #include "support/WorkerThread.h"
 
 // What the hub hands to a reader: a device it has opened and checked.
@@ -48,8 +49,6 @@ using OtaImage = std::shared_ptr<const std::vector<std::uint8_t>>;
 // of the same model that is plugged in later: Attach, Start, and the threads end by themselves when the device goes.
 class CDeviceReader {
  public:
-  struct OtaWaiter;
-
   using ReaderCallback = void (*)(int device, MouseType model, DataChannel link, unsigned char* report, int length,
                                   void* context);
   using DisconnectCallback = void (*)(int device, void* context);
@@ -198,7 +197,7 @@ class CDeviceReader {
   const HANDLE otaAnsweredEvent;  // an answer came
   const HANDLE otaStopEvent;      // the update is over
   // The wait thread started last. A second update that is started while one runs has a second one.
-  std::atomic<OtaWaiter*> otaThread{nullptr};
+  std::atomic<CWorkerThread*> otaThread{nullptr};
   Shared<bool> otaActive{false};                       // an image is being sent
   Shared<DataChannel> otaTarget{DataChannel_Unknown};  // the channel it is framed for
   Shared<int> otaPlan{0};                              // images still to send: none, or an FwUpdateType
@@ -232,22 +231,18 @@ class CDeviceReader {
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
   void Log(std::wstring text, int type) noexcept;
-  static unsigned OtaThreadProc(void* waiter);
   void OtaWaitLoop(CWorkerThread& thread) noexcept;
   void OnOtaTimeOut(OtaStep step) noexcept;
   void NextOtaStep() noexcept;
   bool EnterOtaStage(OtaStep step, OtaStage stage) noexcept;
   void StartOtaWaiter() noexcept;
-  void EndOtaWaiters() noexcept;
-  void DeleteOtaWaiters() noexcept;
-  bool IsOtaWaiter() const noexcept;  // on a wait thread
 
   CLock otaLock_;
   // Written under otaLock_.
   Shared<OtaStep> otaStep_{0};
-  bool otaAwaits_ = false;                       // a request of this step is out
-  std::atomic<OtaWaiter*> otaWaiters_{nullptr};  // all that were ever started; idle ones serve again
-  std::vector<std::uint8_t> outputReport_;       // under writeLock; as long as the device's output report
+  bool otaAwaits_ = false;  // a request of this step is out
+  CWorkerPool otaThreads_;
+  std::vector<std::uint8_t> outputReport_;  // under writeLock; as long as the device's output report
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   std::atomic<LogEntry*> logBuffers{nullptr};
 };

@@ -52,16 +52,6 @@ struct CloseFile {
 
 }  // namespace
 
-// A wait thread. Waiters stay in their list until the reader goes; `taken` from before the start to the end of the
-// thread.
-struct CDeviceReader::OtaWaiter {
-  explicit OtaWaiter(CDeviceReader* owner) : reader(owner) {}
-  CDeviceReader* const reader;
-  CWorkerThread thread;
-  std::atomic<bool> taken{true};
-  OtaWaiter* next = nullptr;
-};
-
 void CDeviceReader::StartOta(int type, const std::string& firstPath, const std::string& secondPath,
                              OtaCallback callback, void* context) noexcept {
   otaDevice = deviceNumber;
@@ -203,54 +193,14 @@ std::span<const std::uint8_t> CDeviceReader::OtaSource::Bytes(std::int64_t offse
 }
 
 void CDeviceReader::StartOtaWaiter() noexcept {
-  bool running = false;
-  OtaWaiter* waiter = nullptr;
-  for (OtaWaiter* known = otaWaiters_; known; known = known->next) {
-    if (known->taken.exchange(true)) {
-      running = true;
-    } else if (!waiter && known->thread.IsIdle()) {
-      waiter = known;
-    } else {
-      running = running || !known->thread.IsIdle();
-      known->taken = false;
-    }
-  }
-  if (!running) {
+  if (!otaThreads_.IsRunning()) {
     // What an update before has left signalled must not end this one.
     for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent}) os::WaitForSingleObject(event, 0);
   }
-  if (!waiter) {
-    waiter = new OtaWaiter(this);
-    waiter->next = otaWaiters_;
-    while (!otaWaiters_.compare_exchange_weak(waiter->next, waiter)) {
-    }
-  }
-  otaThread = waiter;
-  if (!waiter->thread.Start(&CDeviceReader::OtaThreadProc, waiter)) waiter->taken = false;
-}
-
-void CDeviceReader::EndOtaWaiters() noexcept {
-  os::SetEvent(otaStopEvent);
-  for (OtaWaiter* waiter = otaWaiters_; waiter; waiter = waiter->next) waiter->thread.Terminate();
-}
-
-bool CDeviceReader::IsOtaWaiter() const noexcept {
-  for (const OtaWaiter* waiter = otaWaiters_; waiter; waiter = waiter->next) {
-    if (waiter->thread.IsCurrent()) return true;
-  }
-  return false;
-}
-
-void CDeviceReader::DeleteOtaWaiters() noexcept {
-  for (OtaWaiter* waiter = otaWaiters_; waiter;) delete std::exchange(waiter, waiter->next);
-}
-
-unsigned CDeviceReader::OtaThreadProc(void* argument) {
-  auto* waiter = static_cast<OtaWaiter*>(argument);
-  if (waiter->thread.Begin()) waiter->reader->OtaWaitLoop(waiter->thread);
-  waiter->thread.Clear();
-  waiter->taken = false;
-  return 0;
+  otaThread = otaThreads_.Start([this](CWorkerThread& thread) {
+    OtaWaitLoop(thread);
+    return 0U;
+  });
 }
 
 void CDeviceReader::OtaWaitLoop(CWorkerThread& thread) noexcept {

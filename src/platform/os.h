@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "platform/audio_types.h"
 #include "platform/types.h"
 
 namespace os {
@@ -31,6 +32,19 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
 DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
 void Sleep(DWORD milliseconds);
 BOOL CloseHandle(HANDLE handle);
+
+BOOL SetThreadPriority(HANDLE thread, int priority);
+HANDLE CreateEventExW(SECURITY_ATTRIBUTES* attributes, const WCHAR* name, DWORD flags, DWORD access);
+HANDLE CreateWaitableTimerW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, const WCHAR* name);
+// due: negative, relative, in 100 ns; period in milliseconds.
+BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, void* routine, void* argument, BOOL resume);
+BOOL CancelWaitableTimer(HANDLE timer);
+
+// ---- Thread messages ------------------------------------------------------------------------------------------------
+
+// A thread has a message queue from its first call of one of these two on; messages posted before are lost.
+BOOL GetMessageW(MSG* message, HWND window, UINT first, UINT last);
+BOOL PeekMessageW(MSG* message, HWND window, UINT first, UINT last, UINT remove);
 
 // ---- Time -----------------------------------------------------------------------------------------------------------
 
@@ -64,5 +78,37 @@ NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps);
 
 HMODULE LoadLibraryW(const WCHAR* fileName);
 FARPROC GetProcAddress(HMODULE library, const char* name);
+
+// ---- Wave-in and mixers ---------------------------------------------------------------------------------------------
+
+UINT waveInGetNumDevs();
+MMRESULT waveInGetDevCapsW(UINT_PTR device, WAVEINCAPSW* caps, UINT size);
+MMRESULT waveInOpen(HWAVEIN* handle, UINT device, const WAVEFORMATEX* format, DWORD_PTR callback, DWORD_PTR instance,
+                    DWORD flags);
+MMRESULT waveInClose(HWAVEIN handle);
+MMRESULT waveInPrepareHeader(HWAVEIN handle, WAVEHDR* header, UINT size);
+MMRESULT waveInUnprepareHeader(HWAVEIN handle, WAVEHDR* header, UINT size);
+MMRESULT waveInAddBuffer(HWAVEIN handle, WAVEHDR* header, UINT size);
+MMRESULT waveInStart(HWAVEIN handle);
+MMRESULT waveInStop(HWAVEIN handle);
+MMRESULT waveInReset(HWAVEIN handle);
+
+UINT mixerGetNumDevs();
+MMRESULT mixerOpen(HMIXER* handle, UINT mixer, DWORD_PTR callback, DWORD_PTR instance, DWORD flags);
+MMRESULT mixerClose(HMIXER handle);
+MMRESULT mixerGetLineInfoW(HMIXEROBJ mixer, MIXERLINEW* line, DWORD flags);
+MMRESULT mixerGetLineControlsW(HMIXEROBJ mixer, MIXERLINECONTROLSW* controls, DWORD flags);
+MMRESULT mixerGetControlDetailsW(HMIXEROBJ mixer, MIXERCONTROLDETAILS* details, DWORD flags);
+MMRESULT mixerSetControlDetails(HMIXEROBJ mixer, MIXERCONTROLDETAILS* details, DWORD flags);
+
+// ---- COM and Core Audio ---------------------------------------------------------------------------------------------
+
+HRESULT CoInitialize(void* reserved);
+void CoUninitialize();
+HRESULT CoCreateInstance(const GUID& classId, IUnknown* outer, DWORD context, const GUID& iid, void** object);
+void CoTaskMemFree(void* memory);
+HRESULT PropVariantClear(PROPVARIANT* value);
+HANDLE AvSetMmThreadCharacteristicsW(const WCHAR* task, DWORD* taskIndex);
+BOOL AvRevertMmThreadCharacteristics(HANDLE task);
 
 }  // namespace os

@@ -6,6 +6,7 @@ namespace {
 
 std::atomic<VoxMessageSink*> registeredSink{nullptr};
 std::atomic<bool> netReachable{true};
+std::atomic<WindowsVersion> osVersion{WindowsVersion_Current};
 
 template <class Call>
 void Tell(Call call) noexcept {
@@ -18,6 +19,10 @@ void VoxMessage::SetSink(VoxMessageSink* sink) noexcept { registeredSink = sink;
 
 void VoxMessage::Log(const wchar_t* text, LogType type) noexcept {
   Tell([=](VoxMessageSink& sink) { sink.Log(text, type); });
+}
+
+void VoxMessage::Tray(const wchar_t* text, VoxTrayParams parameters) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.Tray(text, parameters); });
 }
 
 void VoxMessage::HidConnect(int device) noexcept {
@@ -52,3 +57,22 @@ CPreferences* CPreferences::Instance() noexcept {
 bool CEnvironmentMonitor::CheckNet(bool) noexcept { return netReachable; }
 
 void CEnvironmentMonitor::SetNet(bool reachable) noexcept { netReachable = reachable; }
+
+WindowsVersion CEnvironmentMonitor::OsVersion() noexcept { return osVersion; }
+
+void CEnvironmentMonitor::SetOsVersion(WindowsVersion version) noexcept { osVersion = version; }
+
+CDeviceData* CDeviceData::Instance() noexcept {
+  static CDeviceData instance;
+  return &instance;
+}
+
+std::wstring CDeviceData::GetRecordName() const {
+  const std::lock_guard lock(mutex_);
+  return recordName_;
+}
+
+void CDeviceData::SetRecordName(const std::wstring& name) {
+  const std::lock_guard lock(mutex_);
+  recordName_ = name;
+}

@@ -35,3 +35,13 @@ void CVoxDeviceInfo::ClearBluetooth() {
   bluetoothId_.clear();
   bluetoothName_.clear();
 }
+
+std::wstring CVoxDeviceInfo::GetFormerDeviceName() const {
+  const std::lock_guard lock(mutex_);
+  return formerDeviceName_;
+}
+
+void CVoxDeviceInfo::SetFormerDeviceName(const wchar_t* name) {
+  const std::lock_guard lock(mutex_);
+  formerDeviceName_ = name;
+}

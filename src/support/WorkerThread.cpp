@@ -28,6 +28,18 @@ bool CWorkerThread::IsIdle() const noexcept {
   return !set_ && (!thread || os::WaitForSingleObject(thread, 0) == WAIT_OBJECT_0);
 }
 
+bool CWorkerThread::Join(DWORD milliseconds) noexcept {
+  const HANDLE thread = thread_;
+  if (thread) {
+    if (os::WaitForSingleObject(thread, milliseconds) != WAIT_OBJECT_0) return false;
+    os::CloseHandle(thread);
+  }
+  thread_ = nullptr;
+  threadId_ = 0;
+  set_ = false;
+  return true;
+}
+
 void CWorkerThread::Terminate(DWORD patience) noexcept {
   if (!thread_) return;
   endRequested_ = true;

@@ -31,7 +31,11 @@ class CWorkerThread {
   bool IsSet() const noexcept { return set_; }
   // True when no thread is left: none was started, or it has ended, its last instruction included.
   bool IsIdle() const noexcept;
+  DWORD Id() const noexcept { return threadId_; }
+  bool SetPriority(int priority) const noexcept { return os::SetThreadPriority(thread_, priority) != FALSE; }
   bool IsCurrent() const noexcept { return threadId_ == os::GetCurrentThreadId(); }
+  // Waits until the thread has ended by itself; false when it has not within so many milliseconds.
+  bool Join(DWORD milliseconds = INFINITE) noexcept;
   // Ends the thread and waits until it is gone. Called on the thread itself, it lets the thread end at its next park.
   void Terminate(DWORD patience = kPatience) noexcept;
 

@@ -1,0 +1,267 @@
+#include "VoxDevice/VoxSpeakerRecord.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+
+#include "VoxDevice/VoxCommon.h"
+#include "audio/ConvertTo16kMono.h"
+#include "audio/CoreAudio.h"
+#include "support/LogLine.h"
+#include "support/WorkerThread.h"
+
+namespace {
+
+constexpr std::size_t kStagingBytes = 8192;
+constexpr std::size_t kDeliveryBytes = 4096;
+constexpr int kSilenceBytes = 320;                       // 10 ms
+constexpr REFERENCE_TIME kEventBufferTime = 10'000'000;  // 1 s, in 100 ns
+constexpr int kLeastRate = 16000;
+// The part of an extensible format behind its WAVEFORMATEX.
+constexpr WORD kExtensionBytes = sizeof(WAVEFORMATEXTENSIBLE) - sizeof(WAVEFORMATEX);
+
+constexpr GUID kFloatFormat{0x00000003, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
+constexpr GUID kPcmFormat{0x00000001, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
+
+// Process-wide, as it always was: bytes in the staging buffer of the one object that records.
+std::atomic<std::size_t> fillCount{0};
+// Successful checks of a format: only the first one is logged.
+std::atomic<int> formatChecks{0};
+
+bool TimerMode() { return CEnvironmentMonitor::OsVersion() == WindowsVersion_TimerCapture; }
+
+template <class... Pieces>
+void Log(LogType type, const Pieces&... pieces) {
+  VoxMessage::Log(LogLine<64>(pieces...).Text(), type);
+}
+
+void MakeIntegers(WAVEFORMATEX& format) {
+  format.wBitsPerSample = 16;
+  format.nBlockAlign = static_cast<WORD>(format.nChannels * 2);
+  format.nAvgBytesPerSec = format.nBlockAlign * format.nSamplesPerSec;
+}
+
+}  // namespace
+
+struct CVoxSpeakerRecord::Recording {
+  ~Recording();
+
+  bool Prepare();
+  bool Run();
+  int AdjustFormatTo16Bits(WAVEFORMATEX* format);
+  void Close();
+  static unsigned ThreadStartRoutine(void* self);
+  void OnThreadStartRoutine();
+  bool TakePacket();
+  void Stage(std::span<const std::int16_t> packet);
+  void Deliver(const char* data, std::size_t byteCount) const {
+    if (const DataCallback callback = m_pfnData) callback(data, static_cast<int>(byteCount), m_pContext);
+  }
+
+  CWorkerThread m_hThread;
+  HANDLE m_hTask = nullptr;
+  HANDLE m_hWake = nullptr;  // event or waitable timer: there may be data
+  ComPtr<IAudioCaptureClient> m_pCaptureClient;
+  ComPtr<IAudioClient> m_pAudioClient;
+  WAVEFORMATEX* m_pFormat = nullptr;  // the mix format, rewritten to 16 bits
+  HANDLE m_hStop = nullptr;           // manual-reset event
+  IMMDevice* m_pDevice = nullptr;     // deliberately never released
+  int m_nSampleRate = 0;
+  int m_nChannels = 0;
+  int m_nBits = 0;
+  Shared<DataCallback> m_pfnData{nullptr};
+  Shared<void*> m_pContext{nullptr};
+  std::array<char, kStagingBytes> m_pBuffer{};
+};
+
+CVoxSpeakerRecord::CVoxSpeakerRecord() : m_pRecording(std::make_shared<Recording>()) {}
+CVoxSpeakerRecord::~CVoxSpeakerRecord() = default;
+CVoxSpeakerRecord& CVoxSpeakerRecord::operator=(const CVoxSpeakerRecord& other) = default;
+
+void CVoxSpeakerRecord::Init(void* dataCallback, void* context) {
+  m_pRecording->m_pfnData = reinterpret_cast<DataCallback>(dataCallback);
+  m_pRecording->m_pContext = context;
+}
+
+int CVoxSpeakerRecord::StartRecord() {
+  Recording& recording = *m_pRecording;
+  if (recording.m_pAudioClient) return 0;
+  const ComApartment com;
+  {
+    ComPtr<IMMDeviceEnumerator> enumerator;
+    if (FAILED(MakeDeviceEnumerator(enumerator)) ||
+        FAILED(enumerator->GetDefaultAudioEndpoint(eRender, eConsole, &recording.m_pDevice))) {
+      return 0;
+    }
+  }
+  recording.m_hStop = os::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (!recording.m_hStop) return 0;
+  if (recording.Prepare() && recording.Run()) return 1;
+  recording.Close();
+  return 0;
+}
+
+CVoxSpeakerRecord::Recording::~Recording() {
+  m_pfnData = nullptr;
+  if (m_hStop) os::SetEvent(m_hStop);
+  if (!m_hThread.Join(CWorkerThread::kPatience)) m_hThread.Terminate();
+  Close();
+}
+
+bool CVoxSpeakerRecord::Recording::Prepare() {
+  if (FAILED(m_pDevice->Activate(kIidAudioClient, CLSCTX_ALL, nullptr, m_pAudioClient.PutVoid()))) return false;
+  REFERENCE_TIME period = 0;
+  REFERENCE_TIME minimum = 0;
+  if (FAILED(m_pAudioClient->GetDevicePeriod(&period, &minimum)) || FAILED(m_pAudioClient->GetMixFormat(&m_pFormat)) ||
+      AdjustFormatTo16Bits(m_pFormat) == 0) {
+    return false;
+  }
+  const bool timer = TimerMode();
+  m_hWake = timer ? os::CreateWaitableTimerW(nullptr, FALSE, nullptr)
+                  : os::CreateEventExW(nullptr, nullptr, 0, EVENT_MODIFY_STATE | SYNCHRONIZE);
+  if (!m_hWake) return false;
+  const DWORD flags = AUDCLNT_STREAMFLAGS_LOOPBACK | (timer ? 0U : AUDCLNT_STREAMFLAGS_EVENTCALLBACK);
+  if (FAILED(m_pAudioClient->Initialize(AUDCLNT_SHAREMODE_SHARED, flags, timer ? 0 : kEventBufferTime, 0, m_pFormat,
+                                        nullptr)) ||
+      FAILED(m_pAudioClient->GetService(kIidAudioCaptureClient, m_pCaptureClient.PutVoid())) ||
+      (!timer && FAILED(m_pAudioClient->SetEventHandle(m_hWake)))) {
+    return false;
+  }
+  // Deliberately on this thread, not on the one that captures.
+  DWORD taskIndex = 0;
+  m_hTask = os::AvSetMmThreadCharacteristicsW(L"Capture", &taskIndex);
+  if (!m_hTask) return false;
+  if (!timer) return true;
+  LARGE_INTEGER due{};
+  due.QuadPart = period / -2;
+  const auto half = static_cast<LONG>(static_cast<std::uint32_t>(period) / 20000);  // ms
+  return os::SetWaitableTimer(m_hWake, &due, half, nullptr, nullptr, FALSE) != FALSE;
+}
+
+bool CVoxSpeakerRecord::Recording::Run() {
+  return SUCCEEDED(m_pAudioClient->Start()) && m_hThread.Start(&Recording::ThreadStartRoutine, this);
+}
+
+// Makes the engine deliver 16-bit integers. 0 when the format cannot be recorded, and deliberately also when it is one
+// of integers already.
+int CVoxSpeakerRecord::Recording::AdjustFormatTo16Bits(WAVEFORMATEX* format) {
+  int changed = 0;
+  if (format->wFormatTag == WAVE_FORMAT_IEEE_FLOAT) {
+    format->wFormatTag = WAVE_FORMAT_PCM;
+    MakeIntegers(*format);
+    changed = 1;
+  } else if (format->wFormatTag == WAVE_FORMAT_EXTENSIBLE && format->cbSize >= kExtensionBytes) {
+    auto* extensible = reinterpret_cast<WAVEFORMATEXTENSIBLE*>(format);
+    if (std::memcmp(&extensible->SubFormat, &kFloatFormat, sizeof kFloatFormat) == 0) {
+      extensible->Samples.wValidBitsPerSample = 16;
+      std::memcpy(&extensible->SubFormat, &kPcmFormat, sizeof kPcmFormat);
+      MakeIntegers(*format);
+      changed = 1;
+    }
+  }
+  m_nSampleRate = static_cast<int>(format->nSamplesPerSec);
+  m_nChannels = format->nChannels;
+  m_nBits = format->wBitsPerSample;
+  if (m_nBits != 16) {
+    Log(LogType_Recording, L"扬声器录音是", m_nBits, L"位，不是16位");
+    return 0;
+  }
+  if (m_nChannels != 1 && m_nChannels != 2) {
+    Log(LogType_Recording, L"扬声器通道数是", m_nChannels, L"，不是1、2");
+    return 0;
+  }
+  if (m_nSampleRate < kLeastRate) {
+    Log(LogType_Recording, L"扬声器采样率是", m_nSampleRate, L"，低于16000");
+    return 0;
+  }
+  if (++formatChecks == 1) Log(LogType_Information, L"扬声器采样率：", m_nSampleRate, L"，通道数：", m_nChannels);
+  return changed;
+}
+
+unsigned CVoxSpeakerRecord::Recording::ThreadStartRoutine(void* self) {
+  auto* recording = static_cast<Recording*>(self);
+  if (!recording->m_hThread.Begin()) return 0;
+  recording->OnThreadStartRoutine();
+  recording->m_hThread.Clear();
+  return 0;
+}
+
+void CVoxSpeakerRecord::Recording::OnThreadStartRoutine() {
+  fillCount = 0;
+  const ComApartment com;
+  const HANDLE events[] = {m_hStop, m_hWake};
+  for (;;) {
+    DWORD signalled = WAIT_FAILED;
+    if (!m_hThread.Park([&] { signalled = os::WaitForMultipleObjects(2, events, FALSE, INFINITE); })) return;
+    if (signalled == WAIT_OBJECT_0) break;
+    if (signalled != WAIT_OBJECT_0 + 1 || !TakePacket()) return;
+  }
+  if (fillCount == 0) {
+    const std::array<char, kSilenceBytes> silence{};
+    Deliver(silence.data(), silence.size());
+  } else {
+    Deliver(m_pBuffer.data(), fillCount);
+  }
+  fillCount = 0;
+}
+
+// One packet for each wake-up. Flags (silence, discontinuity) are deliberately not looked at. False when the engine
+// fails.
+bool CVoxSpeakerRecord::Recording::TakePacket() {
+  UINT32 frames = 0;
+  if (FAILED(m_pCaptureClient->GetNextPacketSize(&frames))) return false;
+  if (frames == 0) return true;
+  BYTE* data = nullptr;
+  DWORD flags = 0;
+  if (FAILED(m_pCaptureClient->GetBuffer(&data, &frames, &flags, nullptr, nullptr))) return false;
+  if (frames > 0 && data) {
+    const std::size_t samples = std::size_t{frames} * static_cast<std::size_t>(m_nChannels);
+    Stage({reinterpret_cast<const std::int16_t*>(data), samples});
+  }
+  m_pCaptureClient->ReleaseBuffer(frames);
+  return true;
+}
+
+// Converts a packet into the staging buffer, and delivers it once it holds enough. A packet that does not fit goes out
+// in pieces.
+void CVoxSpeakerRecord::Recording::Stage(std::span<const std::int16_t> packet) {
+  const To16kMono convert(m_nSampleRate, m_nChannels);
+  const std::size_t total = convert.Count(packet.size());
+  std::array<std::int16_t, kStagingBytes / 2> pcm;
+  for (std::size_t done = 0; done < total;) {
+    const std::size_t fill = fillCount;
+    const std::size_t count = std::min(total - done, (kStagingBytes - fill) / 2);
+    convert.Convert(packet, done, std::span(pcm).first(count));
+    std::memcpy(m_pBuffer.data() + fill, pcm.data(), 2 * count);
+    fillCount = fill + 2 * count;
+    done += count;
+    if (fillCount < kDeliveryBytes) continue;
+    Deliver(m_pBuffer.data(), fillCount);
+    fillCount = 0;
+  }
+}
+
+unsigned int CVoxSpeakerRecord::StopRecord() {
+  Recording& recording = *m_pRecording;
+  if (!recording.m_pAudioClient) return 0;
+  recording.m_pAudioClient->Stop();
+  os::SetEvent(recording.m_hStop);
+  recording.m_hThread.Join();
+  recording.Close();
+  recording.Deliver(nullptr, 0);
+  return 0;
+}
+
+void CVoxSpeakerRecord::Recording::Close() {
+  const auto close = [](HANDLE& handle) {
+    if (handle) os::CloseHandle(std::exchange(handle, nullptr));
+  };
+  close(m_hStop);
+  m_pAudioClient.Reset();
+  if (m_pFormat) os::CoTaskMemFree(std::exchange(m_pFormat, nullptr));
+  if (m_hWake && TimerMode()) os::CancelWaitableTimer(m_hWake);
+  close(m_hWake);
+  if (m_hTask) os::AvRevertMmThreadCharacteristics(std::exchange(m_hTask, nullptr));
+  m_pCaptureClient.Reset();
+}

@@ -1,0 +1,328 @@
+// The Windows types and constants of wave-in, mixers and Core Audio that the seam and the library use. Interfaces are
+// cut to the methods that are called and those before them in the table.
+#pragma once
+
+#include "platform/types.h"
+
+#ifdef _WIN32
+
+#include <mmsystem.h>
+// The Core Audio headers rely on the COM ones.
+#include <audioclient.h>
+#include <audiopolicy.h>
+#include <endpointvolume.h>
+#include <mmdeviceapi.h>
+#include <mmreg.h>
+#include <objbase.h>
+#include <propsys.h>
+
+#else
+
+using UINT = std::uint32_t;
+using UINT32 = std::uint32_t;
+using UINT64 = std::uint64_t;
+using BYTE = std::uint8_t;
+using LONG = std::int32_t;
+using FLOAT = float;
+using HRESULT = std::int32_t;
+using REFERENCE_TIME = std::int64_t;  // 100 ns
+using DWORD_PTR = std::uintptr_t;
+using UINT_PTR = std::uintptr_t;
+using WPARAM = std::uintptr_t;
+using LPARAM = std::intptr_t;
+using MMRESULT = UINT;
+using HWAVEIN = void*;
+using HMIXER = void*;
+using HMIXEROBJ = void*;
+
+// ---- Thread messages ----
+
+struct MSG {
+  HWND hwnd;
+  UINT message;
+  WPARAM wParam;
+  LPARAM lParam;
+};
+constexpr UINT WM_QUIT = 0x0012;
+constexpr UINT MM_WIM_OPEN = 0x3BE;
+constexpr UINT MM_WIM_CLOSE = 0x3BF;
+constexpr UINT MM_WIM_DATA = 0x3C0;
+constexpr UINT PM_NOREMOVE = 0;
+constexpr int THREAD_PRIORITY_ABOVE_NORMAL = 1;
+
+// ---- Waitable timers and events ----
+
+union LARGE_INTEGER {
+  std::int64_t QuadPart;
+};
+constexpr DWORD EVENT_MODIFY_STATE = 0x0002;
+constexpr DWORD SYNCHRONIZE = 0x00100000;
+
+// ---- Wave-in ----
+
+constexpr MMRESULT MMSYSERR_NOERROR = 0;
+constexpr MMRESULT MMSYSERR_BADDEVICEID = 2;
+constexpr MMRESULT MMSYSERR_ALLOCATED = 4;
+constexpr MMRESULT MMSYSERR_INVALHANDLE = 5;
+constexpr MMRESULT MMSYSERR_NODRIVER = 6;
+constexpr MMRESULT MMSYSERR_NOMEM = 7;
+constexpr MMRESULT MMSYSERR_INVALPARAM = 11;
+constexpr MMRESULT WAVERR_BADFORMAT = 32;
+constexpr MMRESULT WAVERR_STILLPLAYING = 33;
+constexpr MMRESULT WAVERR_UNPREPARED = 34;
+constexpr DWORD CALLBACK_THREAD = 0x00020000;
+constexpr DWORD WHDR_DONE = 0x1;
+constexpr DWORD WHDR_PREPARED = 0x2;
+constexpr DWORD WHDR_INQUEUE = 0x10;
+constexpr std::size_t MAXPNAMELEN = 32;
+
+#pragma pack(push, 1)
+struct WAVEFORMATEX {
+  WORD wFormatTag;
+  WORD nChannels;
+  DWORD nSamplesPerSec;
+  DWORD nAvgBytesPerSec;
+  WORD nBlockAlign;
+  WORD wBitsPerSample;
+  WORD cbSize;  // bytes behind this structure
+};
+struct WAVEFORMATEXTENSIBLE {
+  WAVEFORMATEX Format;
+  union {
+    WORD wValidBitsPerSample;
+    WORD wSamplesPerBlock;
+    WORD wReserved;
+  } Samples;
+  DWORD dwChannelMask;
+  GUID SubFormat;
+};
+#pragma pack(pop)
+constexpr WORD WAVE_FORMAT_PCM = 1;
+constexpr WORD WAVE_FORMAT_IEEE_FLOAT = 3;
+constexpr WORD WAVE_FORMAT_EXTENSIBLE = 0xFFFE;
+
+struct WAVEHDR {
+  char* lpData;
+  DWORD dwBufferLength;  // bytes
+  DWORD dwBytesRecorded;
+  DWORD_PTR dwUser;
+  DWORD dwFlags;
+  DWORD dwLoops;
+  WAVEHDR* lpNext;
+  DWORD_PTR reserved;
+};
+
+struct WAVEINCAPSW {
+  WORD wMid;
+  WORD wPid;
+  UINT vDriverVersion;
+  WCHAR szPname[MAXPNAMELEN];
+  DWORD dwFormats;
+  WORD wChannels;
+  WORD wReserved1;
+};
+
+// ---- Mixers ----
+
+constexpr DWORD MIXER_OBJECTF_MIXER = 0;
+constexpr DWORD MIXER_OBJECTF_HMIXER = 0x80000000U;
+constexpr DWORD MIXER_GETLINEINFOF_SOURCE = 1;
+constexpr DWORD MIXER_GETLINEINFOF_COMPONENTTYPE = 3;
+constexpr DWORD MIXER_GETLINECONTROLSF_ONEBYTYPE = 2;
+constexpr DWORD MIXER_GETCONTROLDETAILSF_VALUE = 0;
+constexpr DWORD MIXER_SETCONTROLDETAILSF_VALUE = 0;
+constexpr DWORD MIXERLINE_COMPONENTTYPE_DST_WAVEIN = 7;
+constexpr DWORD MIXERLINE_COMPONENTTYPE_SRC_LINE = 0x1002;
+constexpr DWORD MIXERLINE_COMPONENTTYPE_SRC_MICROPHONE = 0x1003;
+constexpr DWORD MIXERCONTROL_CONTROLTYPE_VOLUME = 0x50030001;
+
+struct MIXERLINEW {
+  DWORD cbStruct;
+  DWORD dwDestination;
+  DWORD dwSource;
+  DWORD dwLineID;
+  DWORD fdwLine;
+  DWORD_PTR dwUser;
+  DWORD dwComponentType;
+  DWORD cChannels;
+  DWORD cConnections;
+  DWORD cControls;
+  WCHAR szShortName[16];
+  WCHAR szName[64];
+  struct {
+    DWORD dwType;
+    DWORD dwDeviceID;
+    WORD wMid;
+    WORD wPid;
+    UINT vDriverVersion;
+    WCHAR szPname[MAXPNAMELEN];
+  } Target;
+};
+
+struct MIXERCONTROLW {
+  DWORD cbStruct;
+  DWORD dwControlID;
+  DWORD dwControlType;
+  DWORD fdwControl;
+  DWORD cMultipleItems;
+  WCHAR szShortName[16];
+  WCHAR szName[64];
+  struct {
+    DWORD dwMinimum;
+    DWORD dwMaximum;
+    DWORD dwReserved[4];
+  } Bounds;
+  DWORD Metrics[6];
+};
+
+struct MIXERLINECONTROLSW {
+  DWORD cbStruct;
+  DWORD dwLineID;
+  union {
+    DWORD dwControlID;
+    DWORD dwControlType;
+  };
+  DWORD cControls;
+  DWORD cbmxctrl;
+  MIXERCONTROLW* pamxctrl;
+};
+
+struct MIXERCONTROLDETAILS {
+  DWORD cbStruct;
+  DWORD dwControlID;
+  DWORD cChannels;
+  union {
+    HWND hwndOwner;
+    DWORD cMultipleItems;
+  };
+  DWORD cbDetails;
+  void* paDetails;
+};
+
+struct MIXERCONTROLDETAILS_UNSIGNED {
+  DWORD dwValue;
+};
+
+// ---- COM ----
+
+constexpr HRESULT S_OK = 0;
+constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002);
+constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
+constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057);
+constexpr DWORD CLSCTX_INPROC_SERVER = 0x1;
+constexpr DWORD CLSCTX_ALL = 0x17;
+constexpr DWORD STGM_READ = 0;
+constexpr WORD VT_EMPTY = 0;
+constexpr WORD VT_LPWSTR = 31;
+constexpr bool SUCCEEDED(HRESULT result) { return result >= 0; }
+constexpr bool FAILED(HRESULT result) { return result < 0; }
+
+struct PROPERTYKEY {
+  GUID fmtid;
+  DWORD pid;
+};
+
+struct PROPVARIANT {
+  WORD vt;
+  WORD wReserved1;
+  WORD wReserved2;
+  WORD wReserved3;
+  union {
+    WCHAR* pwszVal;
+    std::int64_t reserved[2];
+  };
+};
+
+struct IUnknown {
+  virtual HRESULT QueryInterface(const GUID& iid, void** object) = 0;
+  virtual ULONG AddRef() = 0;
+  virtual ULONG Release() = 0;
+
+ protected:
+  ~IUnknown() = default;
+};
+
+// ---- Core Audio ----
+
+enum EDataFlow { eRender, eCapture, eAll };
+enum ERole { eConsole, eMultimedia, eCommunications };
+constexpr DWORD DEVICE_STATE_ACTIVE = 1;
+enum AUDCLNT_SHAREMODE { AUDCLNT_SHAREMODE_SHARED, AUDCLNT_SHAREMODE_EXCLUSIVE };
+constexpr DWORD AUDCLNT_STREAMFLAGS_LOOPBACK = 0x20000;
+constexpr DWORD AUDCLNT_STREAMFLAGS_EVENTCALLBACK = 0x40000;
+constexpr DWORD AUDCLNT_BUFFERFLAGS_DATA_DISCONTINUITY = 1;
+constexpr DWORD AUDCLNT_BUFFERFLAGS_SILENT = 2;
+
+struct IPropertyStore : IUnknown {
+  virtual HRESULT GetCount(DWORD* count) = 0;
+  virtual HRESULT GetAt(DWORD index, PROPERTYKEY* key) = 0;
+  virtual HRESULT GetValue(const PROPERTYKEY& key, PROPVARIANT* value) = 0;
+};
+
+struct IMMDevice : IUnknown {
+  virtual HRESULT Activate(const GUID& iid, DWORD context, PROPVARIANT* parameters, void** object) = 0;
+  virtual HRESULT OpenPropertyStore(DWORD access, IPropertyStore** store) = 0;
+  virtual HRESULT GetId(WCHAR** id) = 0;
+};
+
+struct IMMDeviceCollection : IUnknown {
+  virtual HRESULT GetCount(UINT* count) = 0;
+  virtual HRESULT Item(UINT index, IMMDevice** device) = 0;
+};
+
+struct IMMDeviceEnumerator : IUnknown {
+  virtual HRESULT EnumAudioEndpoints(EDataFlow flow, DWORD states, IMMDeviceCollection** devices) = 0;
+  virtual HRESULT GetDefaultAudioEndpoint(EDataFlow flow, ERole role, IMMDevice** device) = 0;
+  virtual HRESULT GetDevice(const WCHAR* id, IMMDevice** device) = 0;
+};
+
+struct IAudioSessionControl;
+
+struct ISimpleAudioVolume : IUnknown {
+  virtual HRESULT SetMasterVolume(float level, const GUID* context) = 0;
+  virtual HRESULT GetMasterVolume(float* level) = 0;
+  virtual HRESULT SetMute(BOOL mute, const GUID* context) = 0;
+  virtual HRESULT GetMute(BOOL* mute) = 0;
+};
+
+struct IAudioSessionManager : IUnknown {
+  virtual HRESULT GetAudioSessionControl(const GUID* session, DWORD crossProcess, IAudioSessionControl** control) = 0;
+  virtual HRESULT GetSimpleAudioVolume(const GUID* session, DWORD crossProcess, ISimpleAudioVolume** volume) = 0;
+};
+
+struct IAudioEndpointVolumeCallback;
+
+struct IAudioEndpointVolume : IUnknown {
+  virtual HRESULT RegisterControlChangeNotify(IAudioEndpointVolumeCallback* notify) = 0;
+  virtual HRESULT UnregisterControlChangeNotify(IAudioEndpointVolumeCallback* notify) = 0;
+  virtual HRESULT GetChannelCount(UINT* count) = 0;
+  virtual HRESULT SetMasterVolumeLevel(float decibels, const GUID* context) = 0;
+  virtual HRESULT SetMasterVolumeLevelScalar(float level, const GUID* context) = 0;
+  virtual HRESULT GetMasterVolumeLevel(float* decibels) = 0;
+  virtual HRESULT GetMasterVolumeLevelScalar(float* level) = 0;
+};
+
+struct IAudioClient : IUnknown {
+  virtual HRESULT Initialize(AUDCLNT_SHAREMODE mode, DWORD flags, REFERENCE_TIME bufferDuration,
+                             REFERENCE_TIME periodicity, const WAVEFORMATEX* format, const GUID* session) = 0;
+  virtual HRESULT GetBufferSize(UINT32* frames) = 0;
+  virtual HRESULT GetStreamLatency(REFERENCE_TIME* latency) = 0;
+  virtual HRESULT GetCurrentPadding(UINT32* frames) = 0;
+  virtual HRESULT IsFormatSupported(AUDCLNT_SHAREMODE mode, const WAVEFORMATEX* format, WAVEFORMATEX** closest) = 0;
+  virtual HRESULT GetMixFormat(WAVEFORMATEX** format) = 0;
+  virtual HRESULT GetDevicePeriod(REFERENCE_TIME* defaultPeriod, REFERENCE_TIME* minimumPeriod) = 0;
+  virtual HRESULT Start() = 0;
+  virtual HRESULT Stop() = 0;
+  virtual HRESULT Reset() = 0;
+  virtual HRESULT SetEventHandle(HANDLE event) = 0;
+  virtual HRESULT GetService(const GUID& iid, void** service) = 0;
+};
+
+struct IAudioCaptureClient : IUnknown {
+  virtual HRESULT GetBuffer(BYTE** data, UINT32* frames, DWORD* flags, UINT64* devicePosition,
+                            UINT64* performanceCounter) = 0;
+  virtual HRESULT ReleaseBuffer(UINT32 frames) = 0;
+  virtual HRESULT GetNextPacketSize(UINT32* frames) = 0;
+};
+
+#endif

@@ -1,0 +1,348 @@
+// Older microphones: which one is chosen, how loud it is set, what it records, and how its driver can misbehave.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "audio/SoundCard.h"
+#include "platform/os.h"
+#include "tests/Desk.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+std::vector<std::int16_t> ramp(std::size_t samples) {
+  std::vector<std::int16_t> all(samples);
+  for (std::size_t i = 0; i < samples; ++i) all[i] = static_cast<std::int16_t>(i * 7919);
+  return all;
+}
+
+// A desk with microphones, and a recorder.
+struct RecordDesk : Desk {
+  explicit RecordDesk(const std::vector<std::wstring>& names = {L"VoxMouse Tern"}, std::uint64_t seed = 0)
+      : Desk({.seed = seed}), recorder(std::make_unique<CVoxRecord>()) {
+    for (const std::wstring& name : names) sound().microphones.push_back(std::make_shared<sim::Microphone>(name));
+    leftOpen.handles = 1;  // the recorder's event is deliberately never closed
+    recorder->Init(reinterpret_cast<void*>(&onData), this);
+  }
+  ~RecordDesk() { recorder.reset(); }
+  sim::SoundSystem& sound() { return machine.sound(); }
+  sim::Microphone& microphone() { return *sound().microphones.at(0); }
+  static void onData(const char* data, int byteCount, void* self) {
+    auto* desk = static_cast<RecordDesk*>(self);
+    desk->sizes.push_back(data ? byteCount : 0);
+    if (!data) return;
+    const std::size_t at = desk->heard.size();
+    desk->heard.resize(at + static_cast<std::size_t>(byteCount) / 2);
+    std::memcpy(desk->heard.data() + at, data, static_cast<std::size_t>(byteCount));
+  }
+
+  std::unique_ptr<CVoxRecord> recorder;
+  std::vector<int> sizes;  // of the deliveries; 0 is an end mark
+  std::vector<std::int16_t> heard;
+};
+
+TEST(Microphone, RecordsTenMinutesSampleForSample) {
+  RecordDesk desk;
+  desk.microphone().hears = ramp(16000 * 600);
+  for (const int seconds : {1, 199, 250, 149}) {
+    desk.sizes.clear();
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(std::chrono::seconds(seconds) + 50ms);
+    const std::size_t full = desk.sizes.size();
+    EXPECT_EQ(full, static_cast<std::size_t>((seconds * 1000 + 50) / 128));
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    // What the buffer in hand has, seven empty ones, the last one's end mark, and that of StopRecord.
+    std::vector<int> expected(full, 4096);
+    expected.push_back((seconds * 1000 + 50) % 128 * 32);
+    expected.insert(expected.end(), 9, 0);
+    EXPECT_EQ(desk.sizes, expected);
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+  }
+  ASSERT_EQ(desk.heard.size(), desk.microphone().heard);
+  EXPECT_GT(desk.heard.size(), 16000U * 599);
+  EXPECT_TRUE(std::equal(desk.heard.begin(), desk.heard.end(), desk.microphone().hears.begin()));
+  EXPECT_EQ(desk.recorder->StopRecord(), 0U) << "nothing records: nothing happens";
+}
+
+TEST(Microphone, IsChosenByKindAndName) {
+  using Names = std::vector<std::wstring>;
+  const Names all{L"Line In (HD Audio)", L"VoxMouse Pipit",   L"麦克风 (VoxMouse Lark)",
+                  L"VoxMouse Tern",      L"USB Audio Device", L"Meeting"};
+  const struct {
+    const char* name;
+    int hardware;
+    const wchar_t* byName;  // null: not by name
+    HidDeviceKind kind;
+    const wchar_t* penMeet;
+    Names names;
+    int index;              // -1: none
+    const wchar_t* volume;  // the name with which the volume is set
+  } cases[] = {
+      {"mouse", 1, nullptr, HidKind_Mouse, nullptr, all, 3, L"VoxMouse Tern"},
+      {"mouse that is a keyboard's",
+       1,
+       nullptr,
+       HidKind_Mouse,
+       nullptr,
+       {L"VoxMouse Pipit", L"VoxMouse Lark"},
+       1,
+       L"VoxMouse Lark"},
+      {"mouse without the first letter", 1, nullptr, HidKind_Mouse, nullptr, {L"oxMouse"}, 0, L"oxMouse"},
+      {"keyboard", 1, nullptr, HidKind_VoiceKeyboard, nullptr, all, 2, L"麦克风 (VoxMouse Lark)"},
+      {"keyboard, USB",
+       1,
+       nullptr,
+       HidKind_VoiceKeyboard,
+       nullptr,
+       {L"VoxMouse Tern", L"PnP Audio Device"},
+       1,
+       L"PnP Audio Device"},
+      {"by name", 1, L"HD Audio", HidKind_Mouse, nullptr, all, 0, L"HD Audio"},
+      {"by name, missing", 1, L"Tape", HidKind_Mouse, nullptr, all, 4, L"USB Audio Device"},
+      {"by name, empty", 1, L"", HidKind_VoiceKeyboard, nullptr, all, 2, L"麦克风 (VoxMouse Lark)"},
+      {"mouse, none", 1, nullptr, HidKind_Mouse, nullptr, {L"Line In", L"VoxMouse Pipit"}, -1, nullptr},
+      {"pen", 2, nullptr, HidKind_Mouse, nullptr, all, 1, L"VoxMouse Pipit"},
+      {"pen, none", 2, nullptr, HidKind_Mouse, nullptr, {L"VoxMouse Tern"}, -1, nullptr},
+      {"pen in a meeting", 2, nullptr, HidKind_Mouse, L"Meeting", all, 5, L"Meeting"},
+      {"pen in a meeting, part of a name", 2, nullptr, HidKind_Mouse, L"Meet", all, -1, nullptr},
+      {"other hardware is a pen", 7, nullptr, HidKind_Mouse, nullptr, all, 1, L"VoxMouse Pipit"},
+      {"meeting with a mouse", 1, nullptr, HidKind_Mouse, L"Meeting", all, 3, L"VoxMouse Tern"},
+      {"a full name without an end",
+       1,
+       nullptr,
+       HidKind_Mouse,
+       nullptr,
+       {L"0123456789abcdef012345678oxMouse, and more"},
+       0,
+       L"0123456789abcdef012345678oxMouse"},
+      {"no device", 1, nullptr, HidKind_Mouse, nullptr, {}, -1, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    RecordDesk desk(c.names);
+    CPreferences::Instance()->SetHardWare(static_cast<VoxHardWare>(c.hardware));
+    CDeviceData::Instance()->SetRecordByName(c.byName != nullptr);
+    CDeviceData::Instance()->SetRecordName(c.byName ? c.byName : L"");
+    CDeviceData::Instance()->SetHidDeviceKind(c.kind);
+    if (c.penMeet) desk.recorder->SetPen_MeetMode(c.penMeet);
+    // Endpoints of which only one bears the name that counts.
+    if (c.volume) desk.sound().endpoints = {{L"x"}, {std::wstring(L"(") + c.volume + L")"}};
+    for (std::size_t i = 0; i < c.names.size(); ++i)
+      desk.sound().microphones[i]->hears = {static_cast<std::int16_t>(i + 1)};
+    ASSERT_EQ(desk.recorder->StartRecord(), c.index >= 0 ? 1 : 0);
+    desk.run(200ms);
+    desk.recorder->StopRecord();
+    if (c.index >= 0) {
+      EXPECT_EQ(desk.heard.at(0), c.index + 1);
+      EXPECT_FLOAT_EQ(desk.sound().endpoints[1].volume, 0.9F);
+      EXPECT_FLOAT_EQ(desk.sound().endpoints[0].volume, 0.5F);
+      EXPECT_EQ(desk.record.lines(), Lines{});
+    } else {
+      EXPECT_EQ(desk.record.lines(), (Lines{"Log 6 没有找到录音设备", "Tray 1 没有找到录音设备"}));
+      // A meeting without its device is forgotten.
+      if (c.penMeet) {
+        EXPECT_EQ(desk.recorder->StartRecord(), 1);
+      }
+      desk.recorder->StopRecord();
+    }
+  }
+}
+
+TEST(Microphone, FailuresOfEveryStepAreReported) {
+  const struct {
+    const char* call;
+    std::int64_t result;
+    int after;
+    const char* log;
+  } cases[] = {
+      {"waveInOpen", 4, 0, "指定的资源已被分配"},
+      {"waveInOpen", 2, 0, "录音设备的ID越界"},
+      {"waveInOpen", 6, 0, "没有安装驱动程序"},
+      {"waveInOpen", 7, 0, "不能分配或锁定内存"},
+      {"waveInOpen", 32, 0, "录音设备不支持请求的波形格式"},
+      {"waveInOpen", 99, 0, "打开录音设备出现其他错误"},
+      {"waveInPrepareHeader", 7, 3, "开始录音时出现错误"},
+      {"waveInAddBuffer", 5, 7, "开始录音时出现错误"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.log);
+    RecordDesk desk;
+    desk.sound().endpoints = {{L"VoxMouse Tern"}};
+    desk.sound().fail(c.call, c.result, c.after);
+    EXPECT_EQ(desk.recorder->StartRecord(), 0);
+    EXPECT_EQ(desk.record.lines(),
+              (Lines{std::string("Log 6 ") + c.log, "Log 6 打开录音设备失败", "Tray 1 打开录音设备失败"}));
+    EXPECT_EQ(desk.machine.balance().threads, 1U) << "the record thread waits, deliberately";
+    desk.sound().repair();
+    desk.microphone().hears = ramp(10'000);
+    EXPECT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(300ms);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_GE(desk.heard.size(), 4096U);
+    EXPECT_TRUE(std::equal(desk.heard.begin(), desk.heard.begin() + 4096, desk.microphone().hears.begin()));
+  }
+  RecordDesk desk;
+  desk.sound().endpoints = {{L"VoxMouse Tern"}};
+  desk.sound().fail("waveInStart", 1);
+  EXPECT_EQ(desk.recorder->StartRecord(), 0);
+  EXPECT_EQ(desk.record.lines(), (Lines{"Log 6 开始采集声音失败", "Tray 1 开始采集声音失败"}));
+  // The device is open: it can be stopped.
+  EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+}
+
+TEST(Microphone, StopTellsWhatFailed) {
+  const std::pair<const char*, unsigned> cases[] = {{"waveInStop", 7}, {"waveInReset", 11}, {"waveInClose", 7}};
+  for (const auto& [call, result] : cases) {
+    RecordDesk desk;
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(200ms);
+    desk.sound().fail(call, 1);
+    EXPECT_EQ(desk.recorder->StopRecord(), result);
+    EXPECT_EQ(desk.sizes.back(), 0);
+    desk.sound().repair();
+    desk.run(2s);  // whatever its driver still does, it does not touch freed memory
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_EQ(desk.recorder->StartRecord(), 1) << "and it can be used again";
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+  }
+}
+
+TEST(Microphone, DriversMayMisbehave) {
+  const auto recordWith = [](auto habit, std::uint64_t seed) {
+    RecordDesk desk({L"VoxMouse Tern"}, seed);
+    desk.microphone().hears = ramp(100'000);
+    habit(desk.microphone());
+    EXPECT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(2s);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    if (!desk.microphone().overstates) {
+      EXPECT_TRUE(std::equal(desk.heard.begin(), desk.heard.end(), desk.microphone().hears.begin()));
+    }
+    return desk.sizes;
+  };
+  for (std::uint64_t seed = 0; seed < 20; ++seed) {
+    const auto usual = recordWith([](sim::Microphone&) {}, seed);
+    EXPECT_EQ(recordWith([](sim::Microphone& m) { m.overstates = true; }, seed).at(0), 4096);
+    EXPECT_EQ(recordWith([](sim::Microphone& m) { m.returnsTwice = true; }, seed), usual);
+    EXPECT_EQ(recordWith([](sim::Microphone& m) { m.halfFull = true; }, seed).at(0), 2048);
+    const auto gaps = recordWith([](sim::Microphone& m) { m.emptyEvery = 3; }, seed);
+    EXPECT_EQ(std::vector(gaps.begin(), gaps.begin() + 4), (std::vector{4096, 4096, 0, 4096}));
+    recordWith([](sim::Microphone& m) { m.late = 90ms; }, seed);
+  }
+  // A buffer that is refused in mid-recording ends the record thread, without an end mark.
+  RecordDesk desk;
+  ASSERT_EQ(desk.recorder->StartRecord(), 1);
+  desk.sound().fail("waveInAddBuffer", 1);
+  desk.run(1s);
+  EXPECT_EQ(desk.sizes, std::vector<int>{4096});
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+TEST(Microphone, EndsCleanlyAtAnyMoment) {
+  for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+    RecordDesk desk({L"VoxMouse Tern"}, seed);
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    // Also at once: what the driver says before the record thread has begun must not be lost.
+    if (seed % 4 != 0) desk.run(std::chrono::milliseconds(seed * 3));
+    if (seed % 3 == 0) {
+      CVoxRecord copy(*desk.recorder);  // shares the device; the last one closes it
+      desk.recorder.reset();
+      desk.run(200ms);
+    } else if (seed % 3 == 1) {
+      desk.recorder.reset();  // with a recording under way
+    } else {
+      EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    }
+    desk.run(500ms);
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+  }
+}
+
+TEST(SoundCard, IsFoundByItsNameAndRecorded) {
+  const struct {
+    std::vector<std::wstring> names;
+    int index;
+    const wchar_t* recorded;
+  } cases[] = {
+      {{}, -1, L"no soundcard"},
+      {{L"Line In (HD Audio)"}, -1, L"no vox soundcard"},
+      {{L"a", L"b", L"麦克风 (USB Audio Device)"}, 2, L"USB Audio Device"},
+      {{L"()USB Audio Device"}, 0, L"()USB Audio Device"},
+      {{L"PnP Audio Device"}, 0, L"PnP Audio Device"},
+      {{L"x)VoxMouse(y"}, 0, L"y"},
+      {{L"", L"(oxMouse"}, 1, L"oxMouse"},
+  };
+  for (const auto& c : cases) {
+    RecordDesk desk(c.names);
+    EXPECT_EQ(CVoxRecord::VoxCheckSoundCard(), c.index);
+    EXPECT_EQ(CVoxDeviceInfo::Instance()->GetFormerDeviceName(), c.recorded);
+  }
+}
+
+TEST(InputVolume, OfEveryMatchingMixerIsRaised) {
+  RecordDesk desk;
+  auto& mixers = desk.sound().mixers;
+  EXPECT_EQ(SetMixerInputVolume(L"Mic"), 0) << "no mixer";
+  mixers = {{.name = L"Other", .sources = {{}}},
+            {.name = L"USB Mic", .sources = {{0x1001, 5}, {0x1002, 6}, {0x1003, 7}}},
+            {.name = L"Mic without destination", .sources = {{}}, .hasDestination = false},
+            {.name = L"Mic without sources", .bound = 0},
+            {.name = L"Mic of another bound", .sources = {{0x1003, 9}}, .bound = 0xFFFFFFFF}};
+  EXPECT_EQ(SetMixerInputVolume(L"Mic"), 1);
+  EXPECT_TRUE(mixers[0].volumes.empty());
+  EXPECT_EQ(mixers[1].volumes, (std::map<DWORD, DWORD>{{6, 64879}}));
+  EXPECT_EQ(mixers[3].volumes, (std::map<DWORD, DWORD>{{0, 0}})) << "line 0, where there is no source";
+  EXPECT_EQ(mixers[4].volumes, (std::map<DWORD, DWORD>{{9, DWORD{0xFFFFFFFF} * 99U / 100U}})) << "unsigned, wrapping";
+  EXPECT_EQ(SetMixerInputVolume(L"Nobody"), 0);
+  for (const char* call : {"mixerGetLineControlsW", "mixerGetControlDetailsW", "mixerSetControlDetails"}) {
+    desk.sound().fail(call, 1);
+    EXPECT_EQ(SetMixerInputVolume(L"Mic"), -2) << call;
+    desk.sound().repair();
+  }
+  desk.sound().fail("mixerOpen", 1, 1);
+  EXPECT_EQ(SetMixerInputVolume(L"Mic"), 0);
+  // The recorder uses it on old systems, and there alone.
+  desk.sound().repair();
+  CEnvironmentMonitor::SetOsVersion(WindowsVersion_MixerVolume);
+  mixers = {{.name = L"VoxMouse Tern", .sources = {{0x1003, 3}}}};
+  EXPECT_EQ(desk.recorder->StartRecord(), 1);
+  EXPECT_EQ(mixers[0].volumes.at(3), 64879U);
+  desk.recorder->StopRecord();
+}
+
+TEST(InputVolume, OfEveryMatchingEndpointIsRaisedAndUnmuted) {
+  RecordDesk desk;
+  auto& endpoints = desk.sound().endpoints;
+  endpoints = {{L"Mic one", 0.3F, false}, {L"Other", 0.3F, true}, {L"Mic two", 0.9005F, true}, {L"no"}};
+  EXPECT_EQ(SetEndpointInputVolume(L"Mic"), 2);
+  EXPECT_FLOAT_EQ(endpoints[0].volume, 0.9F);
+  EXPECT_TRUE(endpoints[1].muted);
+  EXPECT_FLOAT_EQ(endpoints[2].volume, 0.9005F) << "near enough";
+  EXPECT_FALSE(endpoints[2].muted);
+  CEnvironmentMonitor::SetOsVersion(WindowsVersion_FullVolume);
+  EXPECT_EQ(SetEndpointInputVolume(L"Mic"), 2);
+  EXPECT_FLOAT_EQ(endpoints[2].volume, 0.99F);
+  EXPECT_EQ(desk.record.lines(), Lines{});
+  EXPECT_EQ(SetEndpointInputVolume(L"Nobody"), -1);
+  EXPECT_EQ(desk.record.lines(), Lines{"Log 6 设置音量失败"});
+  for (const char* call :
+       {"CoInitialize", "CoCreateInstance", "IMMDeviceEnumerator::EnumAudioEndpoints", "IMMDeviceCollection::GetCount",
+        "IMMDeviceCollection::Item", "IMMDevice::OpenPropertyStore", "IPropertyStore::GetValue", "IMMDevice::GetId",
+        "IMMDeviceEnumerator::GetDevice", "IMMDevice::Activate", "IAudioSessionManager::GetSimpleAudioVolume",
+        "IAudioEndpointVolume::GetMasterVolumeLevelScalar"}) {
+    desk.record.clear();
+    desk.sound().fail(call, E_FAIL);
+    EXPECT_EQ(SetEndpointInputVolume(L"Mic"), -1) << call;
+    EXPECT_EQ(desk.record.lines(), Lines{"Log 6 设置音量失败"}) << call;
+    desk.sound().repair();
+    EXPECT_EQ(desk.machine.balance().sound, sim::SoundSystem::Open{}) << call;
+  }
+  desk.sound().fail("IMMDevice::Activate", E_FAIL, 2);  // the second endpoint's
+  EXPECT_EQ(SetEndpointInputVolume(L"Mic"), 0) << "the search stops there";
+}
+
+}  // namespace

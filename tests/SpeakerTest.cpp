@@ -1,0 +1,304 @@
+// What the computer plays: formats, conversion to 16 kHz mono, deliveries, and every failure.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include "audio/ConvertTo16kMono.h"
+#include "platform/os.h"
+#include "tests/Desk.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Frames of a 1 kHz tone; the channels differ by their level and have the same mean.
+std::vector<std::int16_t> tone(int rate, int channels, double seconds, double level = 8000) {
+  std::vector<std::int16_t> samples;
+  for (int i = 0; i < static_cast<int>(rate * seconds); ++i) {
+    const double value = level * std::sin(2 * std::numbers::pi * 1000 * i / rate);
+    for (int channel = 0; channel < channels; ++channel) {
+      const double share = channels == 1 ? 1 : channel == 0 ? 1.25 : 0.75;
+      samples.push_back(static_cast<std::int16_t>(std::lround(value * share)));
+    }
+  }
+  return samples;
+}
+
+struct SpeakerDesk : Desk {
+  explicit SpeakerDesk(int rate = 48000, int channels = 2, bool isFloat = true, bool extensible = true)
+      : recorder(std::make_unique<CVoxSpeakerRecord>()) {
+    sound().hasSpeaker = true;
+    sound().speaker.mixFormat = sim::mixFormat(rate, channels, isFloat, extensible);
+    recorder->Init(reinterpret_cast<void*>(&onData), this);
+  }
+  ~SpeakerDesk() { recorder.reset(); }
+  sim::SoundSystem& sound() { return machine.sound(); }
+  // The device of every start is deliberately never released.
+  int start() {
+    const int result = recorder->StartRecord();
+    leftOpen.sound.comReferences = machine.balance().sound.comReferences - (result == 1 ? 2 : 0);
+    return result;
+  }
+  static void onData(const char* data, int byteCount, void* self) {
+    auto* desk = static_cast<SpeakerDesk*>(self);
+    desk->sizes.push_back(data ? byteCount : 0);
+    if (!data) return;
+    const std::size_t at = desk->heard.size();
+    desk->heard.resize(at + static_cast<std::size_t>(byteCount) / 2);
+    std::memcpy(desk->heard.data() + at, data, static_cast<std::size_t>(byteCount));
+  }
+
+  std::unique_ptr<CVoxSpeakerRecord> recorder;
+  std::vector<int> sizes;
+  std::vector<std::int16_t> heard;
+};
+
+// The amplitude of the tone of this frequency in `samples`, and what is left without it, relative to it.
+std::pair<double, double> fit(const std::vector<std::int16_t>& samples, double frequency) {
+  double s = 0, c = 0;
+  const auto phase = [&](std::size_t i) { return 2 * std::numbers::pi * frequency * static_cast<double>(i) / 16000; };
+  for (std::size_t i = 0; i < samples.size(); ++i) {
+    s += samples[i] * std::sin(phase(i));
+    c += samples[i] * std::cos(phase(i));
+  }
+  const double scale = 2 / static_cast<double>(samples.size());
+  s *= scale;
+  c *= scale;
+  double rest = 0;
+  for (std::size_t i = 0; i < samples.size(); ++i) {
+    rest += std::pow(samples[i] - s * std::sin(phase(i)) - c * std::cos(phase(i)), 2);
+  }
+  const double amplitude = std::hypot(s, c);
+  return {amplitude, std::sqrt(rest * scale) / amplitude};
+}
+
+TEST(Speaker, AToneKeepsItsFrequencyAndLevelAtEveryRate) {
+  for (const int channels : {1, 2}) {
+    for (const int rate : {16000, 22050, 32000, 44100, 48000, 88200, 96000, 192000}) {
+      SCOPED_TRACE(std::to_string(rate) + " Hz, " + std::to_string(channels));
+      SpeakerDesk desk(rate, channels, true, rate % 2000 == 0);
+      desk.sound().speaker.plays = tone(rate, channels, 2);
+      ASSERT_EQ(desk.start(), 1);
+      desk.run(2100ms);
+      EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+      // Each period of 10 ms by itself, counted in whole samples.
+      std::size_t expected = 0;
+      for (int n = 1; n <= 200; ++n) {
+        const int frames = rate * n / 100 - rate * (n - 1) / 100;
+        expected += static_cast<std::size_t>(frames * 16000 / rate);
+      }
+      ASSERT_EQ(desk.heard.size(), expected);
+      EXPECT_EQ(desk.sizes.back(), 0);
+      EXPECT_TRUE(
+          std::all_of(desk.sizes.begin(), desk.sizes.end() - 2, [](int n) { return n >= 4096 && n < 4096 + 320; }));
+      // Where a period is no whole number of samples, a part of one is lost in each, and the tone rises as much.
+      const double frequency = rate == 22050 ? 1000 * 32000.0 / static_cast<double>(expected) : 1000;
+      const auto [amplitude, distortion] = fit(desk.heard, frequency);
+      RecordProperty("distortion_percent_" + std::to_string(rate) + "_" + std::to_string(channels),
+                     std::to_string(100 * distortion));
+      EXPECT_NEAR(20 * std::log10(amplitude / 8000), 0, 0.2);
+      EXPECT_LT(distortion, rate == 22050 ? 0.12 : 0.01);
+      EXPECT_EQ(desk.machine.balance().threads, 0U);
+    }
+  }
+}
+
+TEST(Speaker, ConversionIsExact) {
+  const std::vector<std::int16_t> mono{0, 100, -100, 32767, -32768, 7};
+  const std::vector<std::int16_t> stereo{3, 4, -3, -4, 32767, 32767, -32768, -32768, 10, -11};
+  const auto convert = [](const std::vector<std::int16_t>& in, int rate, int channels) {
+    const To16kMono to(rate, channels);
+    std::vector<std::int16_t> out(to.Count(in.size()));
+    to.Convert(in, 0, out);
+    return out;
+  };
+  using Out = std::vector<std::int16_t>;
+  EXPECT_EQ(convert(mono, 16000, 1), mono);
+  EXPECT_EQ(convert(stereo, 16000, 2), (Out{3, -3, 32767, -32768, 0}));
+  EXPECT_EQ(convert(mono, 32000, 1), (Out{0, -100, -32768}));
+  EXPECT_EQ(convert(mono, 24000, 1), (Out{0, 0, 32767, -16380})) << "half-way between frames 1 and 2, then 4 and 5";
+  EXPECT_EQ(convert(stereo, 24000, 2), (Out{3, 16381, -32768}));
+  EXPECT_EQ(To16kMono(48000, 2).Count(960), 160U);
+  EXPECT_EQ(To16kMono(44100, 1).Count(441), 160U);
+  EXPECT_EQ(To16kMono(192000, 2).Count(2), 0U);
+  // The last frame is held where the interpolation would look behind it: blocks of their own, so that a look is seen.
+  for (const int channels : {1, 2}) {
+    for (std::size_t frames = 1; frames < 40; ++frames) {
+      const std::vector<std::int16_t> constant(frames * static_cast<std::size_t>(channels), 1234);
+      const To16kMono to(16001, channels);
+      std::vector<std::int16_t> out(to.Count(constant.size()));
+      to.Convert(constant, 0, out);
+      EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](int sample) { return std::abs(sample - 1234) <= 1; }));
+    }
+  }
+}
+
+TEST(Speaker, ALongPacketIsDeliveredInPieces) {
+  SpeakerDesk desk(16000, 1);
+  desk.sound().speaker.packetFrames = 20'000;  // 40000 bytes
+  desk.sound().speaker.plays = tone(16000, 1, 2.5);
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(1s);
+  desk.recorder->StopRecord();
+  EXPECT_EQ(desk.sizes, (std::vector{8192, 8192, 8192, 8192, 7232, 8192, 8192, 8192, 8192, 7232, 320, 0}));
+  desk.heard.resize(40'000);
+  EXPECT_EQ(desk.heard, desk.sound().speaker.plays);
+}
+
+TEST(Speaker, FormatsAreCheckedAndOnlyFloatOnesAccepted) {
+  const struct {
+    int rate, channels;
+    bool isFloat, extensible;
+    int result;
+    Lines log;
+  } cases[] = {
+      {48000, 2, true, true, 1, {}},
+      {44100, 1, true, false, 1, {}},
+      {48000, 2, false, false, 0, {}},  // deliberately, and silently
+      {48000, 2, false, true, 0, {}},
+      {48000, 6, true, true, 0, {"Log 6 扬声器通道数是6，不是1、2"}},
+      {48000, 8, true, false, 0, {"Log 6 扬声器通道数是8，不是1、2"}},
+      {8000, 2, true, true, 0, {"Log 6 扬声器采样率是8000，低于16000"}},
+  };
+  for (const auto& c : cases) {
+    SpeakerDesk desk(c.rate, c.channels, c.isFloat, c.extensible);
+    EXPECT_EQ(desk.start(), c.result);
+    Lines lines = desk.record.lines();
+    // Once in a process, whichever test comes first.
+    std::erase_if(lines, [](const std::string& line) { return line.rfind("Log 0 扬声器采样率：", 0) == 0; });
+    EXPECT_EQ(lines, c.log) << c.rate << " " << c.channels;
+    if (c.result == 1) {
+      const sim::ClientSetup& setup = desk.sound().clientSetup;
+      EXPECT_EQ(setup.formatTag, c.extensible ? 0xFFFE : 1);
+      EXPECT_EQ(setup.bits, 16);
+      EXPECT_EQ(setup.blockAlign, 2 * c.channels);
+      EXPECT_EQ(setup.bytesPerSecond, static_cast<DWORD>(2 * c.channels * c.rate));
+    }
+    desk.recorder->StopRecord();
+  }
+  SpeakerDesk desk;
+  WAVEFORMATEX odd{};
+  std::memcpy(&odd, desk.sound().speaker.mixFormat.data(), sizeof odd);
+  odd.cbSize = 0;  // an extensible format without its extension
+  desk.sound().speaker.mixFormat.assign(reinterpret_cast<const std::uint8_t*>(&odd),
+                                        reinterpret_cast<const std::uint8_t*>(&odd) + sizeof odd);
+  EXPECT_EQ(desk.start(), 0);
+  EXPECT_EQ(desk.record.lines(), Lines{"Log 6 扬声器录音是32位，不是16位"});
+}
+
+TEST(Speaker, TheFirstGoodFormatOfAProcessIsLogged) {
+  // In a process of its own, so that it is the first.
+  const auto twice = [] {
+    SpeakerDesk desk(44100, 1);
+    desk.start();
+    desk.recorder->StopRecord();
+    desk.start();
+    desk.recorder->StopRecord();
+    const bool good = desk.record.lines() == Lines{"Log 0 扬声器采样率：44100，通道数：1"};
+    std::fputs(good ? "logged once" : "not logged once", stderr);
+    std::_Exit(0);
+  };
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(twice(), ::testing::ExitedWithCode(0), "^(.*\n)*logged once");
+}
+
+TEST(Speaker, BothModesWakeUpForTheirData) {
+  for (const bool timer : {false, true}) {
+    SpeakerDesk desk;
+    CEnvironmentMonitor::SetOsVersion(timer ? WindowsVersion_TimerCapture : WindowsVersion_Current);
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    ASSERT_EQ(desk.start(), 1);
+    const sim::ClientSetup& setup = desk.sound().clientSetup;
+    EXPECT_EQ(setup.flags, timer ? 0x20000U : 0x60000U);
+    EXPECT_EQ(setup.bufferDuration, timer ? 0 : 10'000'000);
+    EXPECT_EQ(setup.periodicity, 0);
+    EXPECT_EQ(desk.machine.balance().sound.mmcssTasks, 1U);
+    desk.run(1100ms);
+    EXPECT_EQ(desk.heard.size() * 2 / 4160, 7U) << "160 samples every 10 ms, delivered from 4096 bytes on";
+    desk.recorder->StopRecord();
+    EXPECT_EQ(desk.heard.size(), 16000U);
+  }
+}
+
+TEST(Speaker, StopDeliversTheRestOrSilenceAndThenTheEndMark) {
+  SpeakerDesk desk;
+  EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+  EXPECT_TRUE(desk.sizes.empty()) << "nothing records, nothing is said";
+  ASSERT_EQ(desk.start(), 1);
+  EXPECT_EQ(desk.recorder->StartRecord(), 0) << "it records already";
+  desk.recorder->StopRecord();
+  EXPECT_EQ(desk.sizes, (std::vector{320, 0}));
+  EXPECT_EQ(desk.heard, std::vector<std::int16_t>(160));
+  desk.sizes.clear();
+  desk.sound().speaker.plays = tone(48000, 2, 0.05);
+  desk.sound().speaker.flags = {AUDCLNT_BUFFERFLAGS_SILENT, AUDCLNT_BUFFERFLAGS_DATA_DISCONTINUITY};  // not looked at
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(100ms);
+  desk.recorder->StopRecord();
+  EXPECT_EQ(desk.sizes, (std::vector{1600, 0}));
+  // Without a callback, and with a recorder that goes while it records.
+  desk.recorder->Init(nullptr, nullptr);
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(100ms);
+  desk.recorder->StopRecord();
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(15ms);
+  desk.recorder.reset();
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+TEST(Speaker, FailuresOfEveryStepLeaveOnlyTheDeviceOpen) {
+  const struct {
+    const char* call;
+    bool timerOnly;
+    std::size_t devices;  // references that stay
+  } cases[] = {
+      {"CoCreateInstance", false, 0},
+      {"IMMDeviceEnumerator::GetDefaultAudioEndpoint", false, 0},
+      {"IMMDevice::Activate", false, 1},
+      {"IAudioClient::GetDevicePeriod", false, 1},
+      {"IAudioClient::GetMixFormat", false, 1},
+      {"CreateEventExW", false, 1},
+      {"CreateWaitableTimerW", true, 1},
+      {"IAudioClient::Initialize", false, 1},
+      {"IAudioClient::GetService", false, 1},
+      {"IAudioClient::SetEventHandle", false, 1},
+      {"AvSetMmThreadCharacteristicsW", false, 1},
+      {"SetWaitableTimer", true, 1},
+      {"IAudioClient::Start", false, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.call);
+    SpeakerDesk desk;
+    CEnvironmentMonitor::SetOsVersion(c.timerOnly ? WindowsVersion_TimerCapture : WindowsVersion_Current);
+    desk.sound().fail(c.call, E_FAIL);
+    EXPECT_EQ(desk.start(), 0);
+    EXPECT_EQ(desk.machine.balance().sound, (sim::SoundSystem::Open{.comReferences = c.devices}));
+    EXPECT_TRUE(desk.record.lines("Log 6").empty());
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_TRUE(desk.sizes.empty());
+    desk.sound().repair();
+    EXPECT_EQ(desk.start(), 1);
+    desk.recorder->StopRecord();
+  }
+  // An engine that fails while it records ends the thread, without a last delivery; the end mark comes from the stop.
+  for (const char* call : {"IAudioCaptureClient::GetNextPacketSize", "IAudioCaptureClient::GetBuffer"}) {
+    SpeakerDesk desk;
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    ASSERT_EQ(desk.start(), 1);
+    desk.run(55ms);
+    desk.sound().fail(call, E_FAIL);
+    desk.run(100ms);
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    EXPECT_TRUE(desk.sizes.empty());
+    desk.recorder->StopRecord();
+    EXPECT_EQ(desk.sizes, std::vector{0});
+  }
+}
+
+}  // namespace
