@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VoxDevice/VoxDevice.h"
+#include "audio/ConvertTo16kMono.h"
 #include "audio/SbcDecoder.h"
 #include "bench/Allocations.h"
 #include "hid/ReaderVariants.h"
@@ -157,6 +158,28 @@ void FirmwareUpdate(benchmark::State& state, const char* model) {
 BENCHMARK_CAPTURE(FirmwareUpdate, standard, "Wren")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(FirmwareUpdate, Zh, "Heron Plus")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(FirmwareUpdate, Tern, "Tern")->Unit(benchmark::kMillisecond);
+
+// A packet of 10 ms of what the computer plays, to 16 kHz mono.
+void Conversion(benchmark::State& state) {
+  const auto rate = static_cast<int>(state.range(0));
+  const auto channels = static_cast<int>(state.range(1));
+  std::vector<std::int16_t> packet(static_cast<std::size_t>(rate / 100 * channels));
+  for (std::size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<std::int16_t>(i * 321);
+  const To16kMono convert(rate, channels);
+  std::vector<std::int16_t> out(convert.Count(packet.size()));
+  const std::int64_t before = allocations();
+  for ([[maybe_unused]] auto _ : state) {
+    convert.Convert(packet, 0, out);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  state.counters["allocations"] =
+      benchmark::Counter(static_cast<double>(allocations() - before), benchmark::Counter::kAvgIterations);
+  state.counters["per sample"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * static_cast<double>(out.size()),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(Conversion)->ArgsProduct({{16000, 44100, 48000}, {1, 2}});
 
 // A simulated second of speech, from the virtual microphone to the client's callback.
 void SpeechSecond(benchmark::State& state) {

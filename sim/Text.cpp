@@ -28,4 +28,20 @@ std::string utf8(std::wstring_view text) {
   return result;
 }
 
+std::wstring wide(std::string_view text) {
+  std::wstring result;
+  for (std::size_t at = 0; at < text.size();) {
+    const auto lead = static_cast<std::uint8_t>(text[at++]);
+    const int tails = lead < 0x80 ? 0 : lead < 0xC0 ? -1 : lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : lead < 0xF8 ? 3 : -1;
+    std::uint32_t code = tails <= 0 ? lead : lead & (0x3FU >> tails);
+    bool good = tails >= 0;
+    for (int i = 0; i < tails && good; ++i) {
+      good = at < text.size() && (static_cast<std::uint8_t>(text[at]) & 0xC0) == 0x80;
+      if (good) code = code << 6 | (static_cast<std::uint8_t>(text[at++]) & 0x3F);
+    }
+    result += static_cast<wchar_t>(good ? code : 0xFFFD);
+  }
+  return result;
+}
+
 }  // namespace sim

@@ -20,10 +20,13 @@ std::vector<std::int16_t> ramp(std::size_t samples) {
   return all;
 }
 
+// CVoxRecord has no virtual destructor; this cannot be deleted as anything else.
+struct Recorder final : CVoxRecord {};
+
 // A desk with microphones, and a recorder.
 struct RecordDesk : Desk {
   explicit RecordDesk(const std::vector<std::wstring>& names = {L"VoxMouse Tern"}, std::uint64_t seed = 0)
-      : Desk({.seed = seed}), recorder(std::make_unique<CVoxRecord>()) {
+      : Desk({.seed = seed}), recorder(std::make_unique<Recorder>()) {
     for (const std::wstring& name : names) sound().microphones.push_back(std::make_shared<sim::Microphone>(name));
     leftOpen.handles = 1;  // the recorder's event is deliberately never closed
     recorder->Init(reinterpret_cast<void*>(&onData), this);
@@ -40,7 +43,7 @@ struct RecordDesk : Desk {
     std::memcpy(desk->heard.data() + at, data, static_cast<std::size_t>(byteCount));
   }
 
-  std::unique_ptr<CVoxRecord> recorder;
+  std::unique_ptr<Recorder> recorder;
   std::vector<int> sizes;  // of the deliveries; 0 is an end mark
   std::vector<std::int16_t> heard;
 };

@@ -105,6 +105,32 @@ err ".: not a file of bytes"
 expect 2 update
 err "--first or --second is required"
 
+# The computer's own sound.
+expect 0 --virtual-time sound
+out " -> 2  Microphone (VoxMouse Lark)   (chosen: the voice keyboard's, as there is no mouse's)"
+out "Sound card: VoxMouse Pipit"
+out "Speaker: 16000 Hz, 1 channel"
+expect 0 --virtual-time mic --device Pipit --out mic.wav --seconds 2 --json
+out '"event":"recorded","file":"mic.wav"'
+expect 1 --virtual-time mic --device Tape --out mic.wav
+err "no capture device is one of ours; there are: Line In (HD Audio), Microphone (VoxMouse Pipit), Microphone (VoxMouse Lark)"
+expect 0 --virtual-time speaker --out speaker.wav
+cmp speaker.wav "$sample" || fail "16 kHz mono is recorded as it is played"
+expect 2 mic
+cat >sound.json <<'JSON'
+{"sound": {"microphones": [{"name": "VoxMouse Tern", "hears": "speaker.wav"}],
+           "endpoints": [{"name": "VoxMouse Tern", "volume": 20, "muted": true}],
+           "speaker": {"plays": "speaker.wav", "integers": true}}}
+JSON
+expect 0 --virtual-time --desk sound.json sound --json
+out '"event":"capture-device","index":0,"name":"VoxMouse Tern","chosen":true'
+out '"event":"endpoint","index":0,"name":"VoxMouse Tern","volume":0.2,"muted":true'
+expect 1 --virtual-time --desk sound.json speaker --out x.wav
+err "the speaker cannot be recorded"
+printf '{"sound": {"microphones": [{"nam": "x"}]}}' >bad.json
+expect 1 --desk bad.json sound
+err 'bad.json.sound.microphones[0]: no entry is called "nam"; there are: name, hears'
+
 # Desk files: what they can do, and how a mistake is reported.
 cat >desk.json <<'JSON'
 {"devices": [

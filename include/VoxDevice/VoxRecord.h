@@ -13,6 +13,7 @@
 // Threads: Init, StartRecord, StopRecord, SetPen_MeetMode and the destructor belong to one client thread. The callback
 // runs on the object's record thread, the last end mark of a recording on the thread that calls StopRecord. It must not
 // call StopRecord, which waits for the record thread.
+// The destructor is not virtual: delete an object as what it is.
 class CVoxRecord : public CThread {
  public:
   // data: byteCount bytes of PCM, valid during the call. (null, 0) is an end mark; it may come up to three times for a
@@ -37,6 +38,14 @@ class CVoxRecord : public CThread {
   unsigned int StopRecord();
   // Records, in laser-pen mode, the device with exactly this name. Forgotten when there is none.
   void SetPen_MeetMode(std::wstring deviceName);
+  // The capture device that StartRecord would record now.
+  struct Choice {
+    int index = -1;           // wave-in index; -1: none
+    std::wstring name;        // its product name
+    std::wstring volumeName;  // the name by which its volume is set
+    const char* rule = "no capture device is one of ours";
+  };
+  Choice ChooseDevice() const;
   // The index of the first capture device that belongs to an older device, -1 when there is none. Its name, or what is
   // missing, goes to CVoxDeviceInfo.
   static int VoxCheckSoundCard();
@@ -48,8 +57,6 @@ class CVoxRecord : public CThread {
   struct Capture;
 
   unsigned int FindDevice();
-  unsigned int FindMouseDevice();
-  unsigned int FindPenDevice();
   unsigned int OpenDevice();
   unsigned int StartGetRecordData();
   unsigned int StopGetRecordData();

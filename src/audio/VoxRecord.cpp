@@ -55,11 +55,39 @@ void SetInputVolume(const std::wstring& deviceName) {
   }
 }
 
-// The index of the first name for which `fits` holds, -1 when there is none.
+using Choice = CVoxRecord::Choice;
+
+// The first device whose name fits. volumeName: empty for the device's own name.
 template <class Fits>
-int FirstOf(const std::vector<std::wstring>& names, Fits fits) {
+Choice FirstOf(const std::vector<std::wstring>& names, const char* rule, Fits fits,
+               const std::wstring& volumeName = {}) {
   const auto found = std::find_if(names.begin(), names.end(), fits);
-  return found == names.end() ? -1 : static_cast<int>(found - names.begin());
+  if (found == names.end()) return {};
+  return {static_cast<int>(found - names.begin()), *found, volumeName.empty() ? *found : volumeName, rule};
+}
+
+Choice ChooseForMouse(const std::vector<std::wstring>& names) {
+  const CDeviceData& data = *CDeviceData::Instance();
+  const std::wstring recordName = data.GetRecordName();
+  const auto isLark = [](const std::wstring& name) { return Contains(name, L"VoxMouse Lark"); };
+  const auto isMouse = [&](const std::wstring& name) {
+    return Contains(name, L"oxMouse") && !Contains(name, L"VoxMouse Pipit") && !isLark(name);
+  };
+  Choice choice;
+  if (data.IsRecordByName() && !recordName.empty()) {
+    choice = FirstOf(
+        names, "its name contains the one to record by",
+        [&](const std::wstring& name) { return Contains(name, recordName.c_str()); }, recordName);
+  } else if (data.GetHidDeviceKind() == HidKind_VoiceKeyboard) {
+    choice = FirstOf(names, "the voice keyboard's, whose key was the last", isLark);
+  } else {
+    choice = FirstOf(names, "a mouse's", isMouse);
+    if (choice.index < 0) choice = FirstOf(names, "the voice keyboard's, as there is no mouse's", isLark);
+  }
+  if (choice.index >= 0) return choice;
+  return FirstOf(names, "a USB audio device, as there is none of ours", [](const std::wstring& name) {
+    return Contains(name, L"USB Audio Device") || Contains(name, L"PnP Audio Device");
+  });
 }
 
 }  // namespace
@@ -130,57 +158,30 @@ void CVoxRecord::SetPen_MeetMode(std::wstring deviceName) {
   m_strPenMeetDevice = std::move(deviceName);
 }
 
+CVoxRecord::Choice CVoxRecord::ChooseDevice() const {
+  const std::vector<std::wstring> names = WaveInDeviceNames();
+  if (CPreferences::Instance()->GetHardWare() == HardWare_Mouse) return ChooseForMouse(names);
+  if (m_bPenMeetMode) {
+    return FirstOf(names, "the meeting's", [this](const std::wstring& name) { return name == m_strPenMeetDevice; });
+  }
+  const std::wstring pen = L"VoxMouse Pipit";
+  return FirstOf(
+      names, "the laser pen's", [&](const std::wstring& name) { return Contains(name, pen.c_str()); }, pen);
+}
+
 unsigned int CVoxRecord::FindDevice() {
   m_nDeviceId = -1;
   if (os::waveInGetNumDevs() == 0) return kNoDevice;
-  return CPreferences::Instance()->GetHardWare() == HardWare_Mouse ? FindMouseDevice() : FindPenDevice();
-}
-
-unsigned int CVoxRecord::FindMouseDevice() {
-  const std::vector<std::wstring> names = WaveInDeviceNames();
-  const CDeviceData& data = *CDeviceData::Instance();
-  const std::wstring recordName = data.GetRecordName();
-  const auto isLark = [](const std::wstring& name) { return Contains(name, L"VoxMouse Lark"); };
-  int index = -1;
-  if (data.IsRecordByName() && !recordName.empty()) {
-    index = FirstOf(names, [&](const std::wstring& name) { return Contains(name, recordName.c_str()); });
-    if (index >= 0) {
-      SetInputVolume(recordName);
-      m_nDeviceId = index;
-      return kOk;
+  const Choice choice = ChooseDevice();
+  if (choice.index < 0) {
+    if (CPreferences::Instance()->GetHardWare() != HardWare_Mouse) {
+      m_bPenMeetMode = false;
+      m_strPenMeetDevice.clear();
     }
-  } else if (data.GetHidDeviceKind() == HidKind_VoiceKeyboard) {
-    index = FirstOf(names, isLark);
-  } else {
-    index = FirstOf(names, [&](const std::wstring& name) {
-      return Contains(name, L"oxMouse") && !Contains(name, L"VoxMouse Pipit") && !isLark(name);
-    });
-    if (index < 0) index = FirstOf(names, isLark);
-  }
-  if (index < 0) {
-    index = FirstOf(names, [](const std::wstring& name) {
-      return Contains(name, L"USB Audio Device") || Contains(name, L"PnP Audio Device");
-    });
-  }
-  if (index < 0) return kNoDevice;
-  SetInputVolume(names[static_cast<std::size_t>(index)]);
-  m_nDeviceId = index;
-  return kOk;
-}
-
-unsigned int CVoxRecord::FindPenDevice() {
-  const std::vector<std::wstring> names = WaveInDeviceNames();
-  const std::wstring wanted = m_bPenMeetMode ? m_strPenMeetDevice : L"VoxMouse Pipit";
-  const int index = FirstOf(names, [&](const std::wstring& name) {
-    return m_bPenMeetMode ? name == wanted : Contains(name, wanted.c_str());
-  });
-  if (index < 0) {
-    m_bPenMeetMode = false;
-    m_strPenMeetDevice.clear();
     return kNoDevice;
   }
-  SetInputVolume(wanted);
-  m_nDeviceId = index;
+  SetInputVolume(choice.volumeName);
+  m_nDeviceId = choice.index;
   return kOk;
 }
 

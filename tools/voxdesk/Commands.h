@@ -15,7 +15,8 @@ struct Options {
   std::string second;
   int dpi = 0;
   std::string url;
-  int function = 0;  // of the M key
+  int function = 0;        // of the M key
+  std::string microphone;  // part of its name; empty: the library's choice
 };
 
 // Shows the devices, holds the Wren's voice key and records what it hears.
@@ -29,3 +30,6 @@ void setUrl(const Options& options);
 void listMKey(const Options& options);
 void setMKey(const Options& options);
 void showState(const Options& options);
+void listSound(const Options& options);
+void recordMicrophone(const Options& options);
+void recordSpeaker(const Options& options);

@@ -8,6 +8,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "sim/Text.h"
 #include "sim/Wav.h"
 
 namespace {
@@ -233,7 +234,53 @@ DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
   return device;
 }
 
+DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
+  place.object({"microphones", "endpoints", "speaker"});
+  DeskSound sound;
+  place.each("microphones", [&](const Place& entry) {
+    entry.object({"name", "hears"});
+    DeskMicrophone microphone{.name = entry["name"].text("a device's name"), .hears = {}};
+    if (entry.has("hears")) {
+      std::string error;
+      microphone.hears = sim::readSpeech((folder / entry["hears"].text("the name of a WAV file")).string(), error);
+      if (!error.empty()) throw DeskFileError(error);
+    }
+    sound.microphones.push_back(microphone);
+  });
+  place.each("endpoints", [&](const Place& entry) {
+    entry.object({"name", "volume", "muted"});
+    sim::CaptureEndpoint endpoint{.name = sim::wide(entry["name"].text("a device's name"))};
+    if (entry.has("volume")) endpoint.volume = static_cast<float>(entry["volume"].integer<int>(0, 100)) / 100;
+    if (entry.has("muted")) endpoint.muted = entry["muted"].flag();
+    sound.endpoints.push_back(endpoint);
+  });
+  if (place.has("speaker")) {
+    const Place entry = place["speaker"];
+    entry.object({"plays", "integers"});
+    sound.speaker = readSpeakerFile((folder / entry["plays"].text("the name of a WAV file")).string());
+    if (entry.has("integers")) sound.speaker->integers = entry["integers"].flag();
+  }
+  return sound;
+}
+
 }  // namespace
+
+DeskSpeaker readSpeakerFile(const std::string& path) {
+  std::string error;
+  const sim::Wav wav = sim::readWav(path, error);
+  if (!error.empty()) throw DeskFileError(error);
+  if (wav.formatTag != 1 || wav.bitsPerSample != 16 || wav.channels < 1 || wav.channels > 8 || wav.sampleRate < 1) {
+    throw DeskFileError(path + ": expected 16-bit PCM of 1 to 8 channels. Convert it with: sox " + path +
+                        " -b 16 -e signed-integer playing.wav");
+  }
+  DeskSpeaker speaker;
+  speaker.rate = wav.sampleRate;
+  speaker.channels = wav.channels;
+  for (std::size_t i = 0; i + 2 <= wav.data.size(); i += 2) {
+    speaker.plays.push_back(static_cast<std::int16_t>(wav.data[i] | wav.data[i + 1] << 8));
+  }
+  return speaker;
+}
 
 DeskDescription readDeskFile(const std::string& path) {
   std::ifstream file(path);
@@ -246,9 +293,10 @@ DeskDescription readDeskFile(const std::string& path) {
     throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));
   }
   const Place place(root, path);
-  place.object({"devices"});
+  place.object({"devices", "sound"});
   DeskDescription desk;
-  if (!place.has("devices")) (void)place["devices"];
+  if (!place.has("devices") && !place.has("sound")) (void)place["devices"];
+  if (place.has("sound")) desk.sound = readSound(place["sound"], std::filesystem::path(path).parent_path());
   place.each("devices", [&](const Place& device) {
     desk.devices.push_back(readDevice(device, std::filesystem::path(path).parent_path()));
   });
@@ -275,5 +323,12 @@ DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) 
     heronPlus.timeline.push_back({.at = 6.0, .kind = Kind::power, .power = 63});
     tern.timeline = {{.at = 7.0, .key = '3'}, {.at = 8.0, .kind = Kind::unplug}, {.at = 10.0, .kind = Kind::plug}};
   }
-  return {{wren, heronPlus, tern}};
+  DeskSound sound;
+  for (const char* name : {"Line In (HD Audio)", "Microphone (VoxMouse Pipit)", "Microphone (VoxMouse Lark)"}) {
+    const bool ours = std::string(name).find("VoxMouse") != std::string::npos;
+    sound.microphones.push_back({.name = name, .hears = ours ? speech : std::vector<std::int16_t>()});
+    sound.endpoints.push_back({.name = sim::wide(name)});
+  }
+  sound.speaker = DeskSpeaker{.plays = speech};
+  return {{wren, heronPlus, tern}, sound};
 }

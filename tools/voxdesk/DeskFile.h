@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/Sound.h"
 #include "sim/devices/Mice.h"
 
 // A moment of the user's hands.
@@ -35,8 +36,27 @@ struct DeskDevice {
   std::vector<DeskAction> timeline{};
 };
 
+struct DeskMicrophone {
+  std::string name;
+  std::vector<std::int16_t> hears;
+};
+
+struct DeskSpeaker {
+  std::vector<std::int16_t> plays;  // frames of all channels
+  int rate = 16000;
+  int channels = 1;
+  bool integers = false;  // mixes in integers, which the library refuses
+};
+
+struct DeskSound {
+  std::vector<DeskMicrophone> microphones;
+  std::vector<sim::CaptureEndpoint> endpoints;
+  std::optional<DeskSpeaker> speaker;
+};
+
 struct DeskDescription {
   std::vector<DeskDevice> devices;
+  DeskSound sound{};
 };
 
 // What is wrong with a desk file, and where.
@@ -46,6 +66,8 @@ class DeskFileError : public std::runtime_error {
 };
 
 DeskDescription readDeskFile(const std::string& path);
+// 16-bit PCM of any rate and number of channels.
+DeskSpeaker readSpeakerFile(const std::string& path);
 // A Wren on USB, a Heron Plus on Bluetooth LE, a Tern on USB. The Wren and the Tern hear `speech`.
 // busy: somebody uses them, so that there is something to watch.
 DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy);

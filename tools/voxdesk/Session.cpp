@@ -83,8 +83,8 @@ DeviceView Session::choose(int number) {
   throw Failure("no device has the number " + std::to_string(number) + "; there are:" + known);
 }
 
-void Session::finish() {
+void Session::finish(const sim::Balance& byDesign) {
   client.reset();
-  const std::string open = desk.leftOpen();
+  const std::string open = desk.leftOpen(byDesign);
   if (!open.empty()) throw Failure("the library has left open: " + open);
 }

@@ -38,8 +38,8 @@ class Session {
   void discover(const std::vector<std::string>& show);
   // The announced device with this number, the first one for 0.
   DeviceView choose(int number);
-  // Ends the client and checks that it has left nothing behind.
-  void finish();
+  // Ends the client and checks that it has left nothing behind but this.
+  void finish(const sim::Balance& byDesign = {});
 
   Terminal terminal;
   SimulatedDesk desk;

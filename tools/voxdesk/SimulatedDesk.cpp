@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "sim/Text.h"
+
 SimulatedDesk::SimulatedDesk(DeskDescription description, bool virtualTime)
     : description_(std::move(description)),
       machine_({.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime}) {
@@ -25,7 +27,30 @@ SimulatedDesk::SimulatedDesk(DeskDescription description, bool virtualTime)
   std::stable_sort(due_.begin(), due_.end(), [](const Due& a, const Due& b) { return a.at < b.at; });
 }
 
+void SimulatedDesk::setUpSound() {
+  machine_.locked([this] {
+    sim::SoundSystem& sound = machine_.sound();
+    for (const DeskMicrophone& microphone : description_.sound.microphones) {
+      sound.microphones.push_back(std::make_shared<sim::Microphone>(sim::wide(microphone.name)));
+      sound.microphones.back()->hears = microphone.hears;
+    }
+    sound.endpoints = description_.sound.endpoints;
+    if (const auto& speaker = description_.sound.speaker) {
+      sound.hasSpeaker = true;
+      sound.speaker.mixFormat = sim::mixFormat(speaker->rate, speaker->channels, !speaker->integers, true);
+      sound.speaker.plays = speaker->plays;
+    }
+  });
+}
+
+sim::CaptureEndpoint SimulatedDesk::endpoint(std::size_t index) {
+  sim::CaptureEndpoint copy;
+  machine_.locked([&] { copy = machine_.sound().endpoints.at(index); });
+  return copy;
+}
+
 void SimulatedDesk::setUp() {
+  setUpSound();
   for (const auto& device : devices_) machine_.plug(device);
 }
 
@@ -62,10 +87,11 @@ void SimulatedDesk::act(const Due& due) {
   }
 }
 
-std::string SimulatedDesk::leftOpen() {
+std::string SimulatedDesk::leftOpen(const sim::Balance& byDesign) {
   const sim::Balance balance = machine_.balance();
-  if (balance == sim::Balance{}) return {};
+  if (balance == byDesign) return {};
   return std::to_string(balance.handles) + " handles, " + std::to_string(balance.threads) + " threads, " +
          std::to_string(balance.deviceLists) + " device lists, " + std::to_string(balance.preparsedData) +
-         " parsed descriptors";
+         " parsed descriptors, " + std::to_string(balance.sound.preparedHeaders) + " wave headers, " +
+         std::to_string(balance.sound.comReferences) + " COM references";
 }

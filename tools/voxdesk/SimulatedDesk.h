@@ -18,11 +18,15 @@ class SimulatedDesk {
   // The first device of a model; null when there is none.
   sim::VirtualMouse* find(const std::string& model);
 
+  const DeskSound& sound() const { return description_.sound; }
+  // The volume of a capture endpoint now, 0 to 1, and whether it is muted.
+  sim::CaptureEndpoint endpoint(std::size_t index);
+
   double seconds();  // since the machine was switched on
   // Lets the desk go on for a while, and does what its timelines ask for.
   void run(std::chrono::milliseconds time);
-  // What is still open on the machine, as a text; empty when nothing is.
-  std::string leftOpen();
+  // What is still open on the machine, beyond what is by design, as a text; empty when nothing is.
+  std::string leftOpen(const sim::Balance& byDesign);
 
  private:
   struct Due {
@@ -31,6 +35,7 @@ class SimulatedDesk {
     DeskAction action;
   };
   void act(const Due& due);
+  void setUpSound();
 
   DeskDescription description_;
   sim::Machine machine_;

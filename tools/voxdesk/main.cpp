@@ -64,6 +64,15 @@ int main(int argc, char** argv) {
   take->add_option("--out", options.out, "What the client received")->required()->type_name("OUT.wav");
   takesSeconds(take, "How long to record; default: as long as the speech");
 
+  command(app, "sound", "List the computer's microphones, endpoints and speaker, and which is chosen", &listSound);
+  auto* mic = command(app, "mic", "Record a microphone of the computer", &recordMicrophone);
+  mic->add_option("--device", options.microphone, "Part of its name; default: the library's choice")->type_name("NAME");
+  auto* speaker = command(app, "speaker", "Record what the computer plays", &recordSpeaker);
+  for (CLI::App* recording : {mic, speaker}) {
+    recording->add_option("--out", options.out, "The recording")->required()->type_name("OUT.wav");
+    takesSeconds(recording, "How long; default: to the end of the source, or Ctrl-C");
+  }
+
   needsDevice(command(app, "state", "Ask a device for its state", &showState));
   needsDevice(command(app, "dpi", "Set a device's DPI", &setDpi))
       ->add_option("DPI", options.dpi, "Dots per inch")

@@ -1,0 +1,137 @@
+// The computer's own microphones and speaker.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <mutex>
+
+#include "Session.h"
+#include "Take.h"
+#include "sim/Text.h"
+
+namespace {
+
+// Takes what a recorder delivers on its own thread.
+class Inbox {
+ public:
+  static void onData(const char* data, int byteCount, void* self) {
+    auto* inbox = static_cast<Inbox*>(self);
+    if (!data) return;
+    const std::lock_guard lock(inbox->mutex_);
+    const std::size_t at = inbox->samples_.size();
+    inbox->samples_.resize(at + static_cast<std::size_t>(byteCount) / 2);
+    std::memcpy(inbox->samples_.data() + at, data, static_cast<std::size_t>(byteCount) / 2 * 2);
+  }
+  std::vector<std::int16_t> take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(samples_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::int16_t> samples_;
+};
+
+// What the library says of a failure, from its log.
+std::string reason(Client& client) {
+  std::string text;
+  for (const ClientEvent& event : client.takeEvents()) {
+    if (event.name != "log" || event.fields["category"] != static_cast<int>(LogType_Recording)) continue;
+    text += (text.empty() ? "" : "; ") + event.fields["text"].get<std::string>();
+  }
+  return text.empty() ? "" : " (the library says: " + text + ")";
+}
+
+// Records until the time is over, the source has nothing more, or somebody interrupts.
+template <class Recorder>
+void recordUntil(Session& session, Recorder& recorder, Inbox& inbox, double seconds, const std::string& out) {
+  Take take(session);
+  session.runUntil(seconds + 0.2, {"none"}, [&] {
+    take.add(inbox.take());
+    return take.seconds() >= seconds;
+  });
+  recorder.StopRecord();
+  take.add(inbox.take());
+  take.write(out);
+}
+
+}  // namespace
+
+void listSound(const Options& options) {
+  Session session(options, deskOf(options));
+  const DeskSound& sound = session.desk.sound();
+  const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
+  const int card = CVoxRecord::VoxCheckSoundCard();
+  session.terminal.say(sound.microphones.empty() ? "No capture device." : "Capture devices:");
+  for (std::size_t i = 0; i < sound.microphones.size(); ++i) {
+    const bool chosen = static_cast<int>(i) == choice.index;
+    session.terminal.say((chosen ? " -> " : "    ") + std::to_string(i) + "  " + sound.microphones[i].name +
+                         (chosen ? std::string("   (chosen: ") + choice.rule + ")" : ""));
+    session.terminal.event(session.desk.seconds(), "capture-device",
+                           {{"index", i}, {"name", sound.microphones[i].name}, {"chosen", chosen}}, "");
+  }
+  if (choice.index < 0) session.terminal.say(std::string("None would be recorded: ") + choice.rule + ".");
+  session.terminal.say("Sound card: " + sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName()));
+  session.terminal.event(session.desk.seconds(), "sound-card",
+                         {{"index", card}, {"name", sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName())}}, "");
+  session.terminal.say(sound.endpoints.empty() ? "No capture endpoint." : "Capture endpoints:");
+  for (std::size_t i = 0; i < sound.endpoints.size(); ++i) {
+    const sim::CaptureEndpoint endpoint = session.desk.endpoint(i);
+    session.terminal.say("    " + std::to_string(i) + "  " + sim::utf8(endpoint.name) +
+                         fixed("   volume %.0f %%", 100.0 * static_cast<double>(endpoint.volume)) +
+                         (endpoint.muted ? ", muted" : ""));
+    session.terminal.event(session.desk.seconds(), "endpoint",
+                           {{"index", i},
+                            {"name", sim::utf8(endpoint.name)},
+                            {"volume", std::round(100.0 * static_cast<double>(endpoint.volume)) / 100},
+                            {"muted", endpoint.muted}},
+                           "");
+  }
+  session.terminal.say(sound.speaker ? "Speaker: " + std::to_string(sound.speaker->rate) + " Hz, " +
+                                           std::to_string(sound.speaker->channels) +
+                                           (sound.speaker->channels == 1 ? " channel" : " channels")
+                                     : "No speaker.");
+  session.finish({.handles = 1});  // a recorder's event stays open, deliberately
+}
+
+void recordMicrophone(const Options& options) {
+  Take::checkWritable(options.out);
+  Session session(options, deskOf(options));
+  if (!options.microphone.empty()) {
+    CDeviceData::Instance()->SetRecordName(sim::wide(options.microphone));
+    CDeviceData::Instance()->SetRecordByName(true);
+  }
+  Inbox inbox;
+  {
+    CVoxRecord recorder;
+    recorder.Init(reinterpret_cast<void*>(&Inbox::onData), &inbox);
+    const CVoxRecord::Choice choice = recorder.ChooseDevice();
+    if (choice.index < 0) {
+      std::string names;
+      for (const DeskMicrophone& known : session.desk.sound().microphones)
+        names += (names.empty() ? "" : ", ") + known.name;
+      throw Failure(std::string(choice.rule) + "; there are: " + (names.empty() ? "none" : names));
+    }
+    session.terminal.say("Recording " + sim::utf8(choice.name) + " (" + choice.rule + ").");
+    if (recorder.StartRecord() != 1) throw Failure("the microphone cannot be recorded" + reason(*session.client));
+    const auto& source = session.desk.sound().microphones.at(static_cast<std::size_t>(choice.index)).hears;
+    const double length = source.empty() ? HUGE_VAL : Take::secondsOf(source.size());
+    recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
+  }
+  session.finish({.handles = 1});  // the recorder's event
+}
+
+void recordSpeaker(const Options& options) {
+  Take::checkWritable(options.out);
+  Session session(options, deskOf(options));
+  Inbox inbox;
+  {
+    CVoxSpeakerRecord recorder;
+    recorder.Init(reinterpret_cast<void*>(&Inbox::onData), &inbox);
+    if (recorder.StartRecord() != 1) throw Failure("the speaker cannot be recorded" + reason(*session.client));
+    const DeskSpeaker& speaker = *session.desk.sound().speaker;
+    const double length = static_cast<double>(speaker.plays.size()) / speaker.channels / speaker.rate;
+    recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
+  }
+  session.finish({.sound = {.comReferences = 1}});  // the recorder's device
+}
