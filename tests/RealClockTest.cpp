@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -65,6 +68,58 @@ TEST(RealClock, ConnectsRecordsAndStopsUnderManyThreads) {
   commander.join();
   desk.machine.unplug(swift);
   desk.close();
+}
+
+TEST(RealClock, UpdatesFirmwareWhileClientsAsk) {
+  Desk desk({.clock = sim::Clock::realTime});
+  desk.open();
+  auto wren = desk.connect("Wren");
+  const std::string file = ::testing::TempDir() + "real_clock_firmware.bin";
+  std::ofstream(file, std::ios::binary) << std::string(2000, 'f');
+  for (const auto which : {sim::VirtualMouse::Updated::mouse, sim::VirtualMouse::Updated::receiver}) {
+    wren->update(which, {.size = 2000, .silentAt = sim::UpdateStep::complete});
+  }
+  desk.hub->StartOTA(1, FwUpdate_Both, file, file);
+  desk.run(100ms);
+  desk.hub->StartOTA(1, FwUpdate_First, file, "");  // a second one meanwhile
+  for (int i = 0; i < 100; ++i) {
+    desk.hub->SetDpi(1, 800);
+    desk.hub->GetMouseState(-1);
+    desk.run(1ms);
+  }
+  EXPECT_TRUE(desk.machine.waitFor([&] { return desk.record.last().ends_with(" 0 11"); }, 20s));
+  desk.hub->StartOTA(1, FwUpdate_First, file, "");
+  desk.run(20ms);
+  desk.close();
+  std::remove(file.c_str());
+}
+
+TEST(RealClock, RecordsMicrophoneAndSpeakerAtOnce) {
+  Desk desk({.clock = sim::Clock::realTime});
+  desk.machine.locked([&] {
+    sim::SoundSystem& sound = desk.machine.sound();
+    sound.microphones.push_back(std::make_shared<sim::Microphone>(L"VoxMouse Tern"));
+    sound.microphones[0]->hears.assign(16000, 1000);
+    sound.hasSpeaker = true;
+    sound.speaker.mixFormat = sim::mixFormat(48000, 2, true, true);
+    sound.speaker.plays.assign(96000, 1000);
+  });
+  desk.leftOpen = {.handles = 1, .sound = {.comReferences = 3}};
+  static std::atomic<int> bytes;
+  bytes = 0;
+  const CVoxRecord::DataCallback callback = [](const char*, int count, void*) { bytes += count; };
+  CVoxRecord microphone;
+  CVoxSpeakerRecord speaker;
+  microphone.Init(reinterpret_cast<void*>(callback), nullptr);
+  speaker.Init(reinterpret_cast<void*>(callback), nullptr);
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(microphone.StartRecord(), 1);
+    ASSERT_EQ(speaker.StartRecord(), 1);
+    desk.run(200ms);
+    EXPECT_EQ(microphone.StopRecord(), 0U);
+    EXPECT_EQ(speaker.StopRecord(), 0U);
+  }
+  EXPECT_GT(bytes, 3 * 2 * 4096);
 }
 
 TEST(RealClock, StopsAtAnyMoment) {
