@@ -1,6 +1,7 @@
 // What the library and the simulated machine cost. docs/performance.md records figures.
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -133,7 +134,7 @@ void FirmwareUpdate(benchmark::State& state, const char* model) {
   constexpr std::size_t kSize = 256 * 1024;
   const std::string file = "voxbench-firmware.bin";
   std::ofstream(file, std::ios::binary) << std::string(kSize, 'f');
-  static bool over;
+  static std::atomic<bool> over;
   const CAudioHidCenter::FwOtaResultCallbackFn callback = [](int, DataChannel, FwUpdateState result, void*) {
     over = result == FwUpdate_Over;
   };

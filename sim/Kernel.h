@@ -123,6 +123,7 @@ class Thread final : public Object {
   std::function<void()> entry;
   State state = State::suspended;
   int priority = 0;
+  DWORD lastError = 0;
   std::shared_ptr<MessageQueue> messages;  // from the thread's first look at them on
 
  private:

@@ -11,6 +11,7 @@
 
 #include "sim/HidBus.h"
 #include "sim/Kernel.h"
+#include "sim/Peripherals.h"
 #include "sim/Sound.h"
 
 namespace sim {
@@ -82,6 +83,7 @@ class Machine {
   Kernel& kernel() { return kernel_; }
   HidBus& hid() { return hid_; }
   SoundSystem& sound() { return sound_; }
+  Peripherals& peripherals() { return peripherals_; }
   bool recording() const { return recording_; }
   void noteLocked(const std::string& line);
   const Library* library(const std::wstring& fileName) const;
@@ -94,6 +96,7 @@ class Machine {
   std::map<std::wstring, Library> libraries_;
   HidBus hid_;
   SoundSystem sound_;
+  Peripherals peripherals_;
   Kernel kernel_;  // destroyed first: its threads use everything above
 };
 

@@ -45,10 +45,21 @@ std::string hex(const std::uint8_t* bytes, std::size_t count) {
 
 bool sameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-// A device information set: the interface paths at the moment of the call.
+// The USB device interface class and the media device setup class.
+constexpr GUID kUsbGuid{0xa5dcbf10, 0x6530, 0x11d2, {0x90, 0x1f, 0x00, 0xc0, 0x4f, 0xb9, 0x51, 0xed}};
+constexpr GUID kMediaGuid{0x4d36e96c, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
+
+// A device information set, as it was at the moment of the call: interface paths, or devices with their hardware ids.
 struct DeviceList {
   std::vector<std::wstring> paths;
+  std::vector<std::string> hardwareIds;  // each a text of texts, every one with its terminator
 };
+
+std::string multiText(const std::vector<std::string>& texts) {
+  std::string all;
+  for (const std::string& text : texts) all += text + '\0';
+  return all + '\0';
+}
 
 }  // namespace
 
@@ -268,6 +279,12 @@ HANDLE CreateFileW(const WCHAR* path, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD,
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();
   const std::wstring text(path);
+  const auto& usb = machine.peripherals().usb;
+  const auto device =
+      std::find_if(usb.begin(), usb.end(), [&](const sim::UsbDevice& known) { return known.path == text; });
+  if (device != usb.end()) {
+    return device->answers ? machine.kernel().open(std::make_shared<sim::Event>(true, false)) : INVALID_HANDLE_VALUE;
+  }
   auto file = machine.hid().open(text);
   if (machine.recording()) {
     machine.noteLocked((file ? "open " : "open refused ") + std::string(text.begin(), text.end()));
@@ -324,6 +341,12 @@ HDEVINFO SetupDiGetClassDevsW(const GUID* classGuid, const WCHAR*, HWND, DWORD f
   auto* list = new DeviceList;
   if (sameGuid(*classGuid, kHidGuid) && flags == (DIGCF_PRESENT | DIGCF_DEVICEINTERFACE)) {
     list->paths = machine.hid().paths();
+  } else if (sameGuid(*classGuid, kUsbGuid) && flags == (DIGCF_PRESENT | DIGCF_DEVICEINTERFACE)) {
+    for (const sim::UsbDevice& device : machine.peripherals().usb) list->paths.push_back(device.path);
+  } else if (sameGuid(*classGuid, kMediaGuid) && flags == DIGCF_PRESENT) {
+    for (const sim::MediaDevice& device : machine.peripherals().media) {
+      list->hardwareIds.push_back(device.hardwareIds.empty() ? std::string() : multiText(device.hardwareIds));
+    }
   }
   ++machine.deviceLists;
   return list;
@@ -350,6 +373,54 @@ BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* d
   std::memcpy(reinterpret_cast<char*>(detail) + offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath), path.c_str(),
               (path.size() + 1) * sizeof(WCHAR));
   return TRUE;
+}
+
+BOOL SetupDiEnumDeviceInfo(HDEVINFO list, DWORD index, SP_DEVINFO_DATA* device) {
+  const auto& devices = static_cast<DeviceList*>(list)->hardwareIds;
+  if (device->cbSize != sizeof(SP_DEVINFO_DATA) || index >= devices.size()) return FALSE;
+  device->DevInst = index;
+  return TRUE;
+}
+
+BOOL SetupDiGetDeviceRegistryPropertyA(HDEVINFO list, SP_DEVINFO_DATA* device, DWORD property, DWORD*,
+                                       std::uint8_t* buffer, DWORD size, DWORD* requiredSize) {
+  const std::string& text = static_cast<DeviceList*>(list)->hardwareIds.at(device->DevInst);
+  const Kernel::Lock lock = Machine::current().kernel().enter();
+  if (property != SPDRP_HARDWAREID || text.empty()) {
+    Machine::current().kernel().self().lastError = 13;  // invalid data
+    return FALSE;
+  }
+  if (requiredSize) *requiredSize = static_cast<DWORD>(text.size());
+  if (!buffer || size < text.size()) {
+    Machine::current().kernel().self().lastError = ERROR_INSUFFICIENT_BUFFER;
+    return FALSE;
+  }
+  std::memcpy(buffer, text.data(), text.size());
+  return TRUE;
+}
+
+DWORD GetLastError() {
+  const Kernel::Lock lock = Machine::current().kernel().enterQuietly();
+  return Machine::current().kernel().self().lastError;
+}
+
+// HID devices have no such timeouts.
+BOOL GetCommTimeouts(HANDLE, COMMTIMEOUTS*) { return FALSE; }
+BOOL SetCommTimeouts(HANDLE, COMMTIMEOUTS*) { return FALSE; }
+
+SHORT GetAsyncKeyState(int virtualKey) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  return machine.peripherals().keyboard.state(virtualKey);
+}
+
+void keybd_event(std::uint8_t virtualKey, std::uint8_t, DWORD flags, ULONG_PTR) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  sim::Keyboard& keyboard = machine.peripherals().keyboard;
+  if (flags != KEYEVENTF_KEYUP) return keyboard.press(virtualKey);
+  keyboard.release(virtualKey);
+  keyboard.sentReleases.push_back(virtualKey);
 }
 
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO list) {

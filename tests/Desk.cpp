@@ -57,6 +57,10 @@ void Record::clear() {
 }
 
 void Record::Log(const wchar_t* text, LogType type) { add(line("Log", static_cast<int>(type), sim::utf8(text))); }
+void Record::DebugLog(const wchar_t* text, LogType type) {
+  add(line("DebugLog", static_cast<int>(type), sim::utf8(text)));
+}
+void Record::MainWndWork(UserWorkType work) { add(line("MainWndWork", static_cast<int>(work))); }
 void Record::Tray(const wchar_t* text, VoxTrayParams parameters) {
   add(line("Tray", static_cast<int>(parameters), sim::utf8(text)));
 }
@@ -76,6 +80,8 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
   CEnvironmentMonitor::SetNet(true);
   CEnvironmentMonitor::SetOsVersion(WindowsVersion_Current);
   CPreferences::Instance()->SetHardWare(HardWare_Mouse);
+  CPreferences::Instance()->SetToggleButton(1);
+  CDeviceData::Instance()->SetHardwareChecked(true);
   CDeviceData::Instance()->SetHidDeviceKind(HidKind_Mouse);
   CDeviceData::Instance()->SetRecordByName(false);
   CVoxDeviceInfo::Instance()->ClearBluetooth();

@@ -26,6 +26,8 @@ class Record : public VoxMessageSink {
   void clear();
 
   void Log(const wchar_t* text, LogType type) override;
+  void DebugLog(const wchar_t* text, LogType type) override;
+  void MainWndWork(UserWorkType work) override;
   void Tray(const wchar_t* text, VoxTrayParams parameters) override;
   void HidConnect(int device) override;
   void HidDisconnect(int device) override;

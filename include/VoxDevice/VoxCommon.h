@@ -15,10 +15,18 @@ class CWorkerThread;
 // Log categories.
 enum LogType : int {
   LogType_Information = 0,
-  LogType_Recording = 6,  // errors of the recorders
-  LogType_DoubleClick = 33,
+  LogType_Recording = 6,            // errors of the recorders
+  LogType_KeyboardNavigation = 23,  // of the voice keyboard
+  LogType_DoubleClick = 33,         // and switches of the working mode
+  LogType_KeyboardScreenshot = 38,  // of the voice keyboard
   LogType_DeviceConnected = 43,
+  LogType_KeyChecking = 45,    // of older devices, started or stopped
   LogType_DeviceRemoved = 44,  // removal, sleep and forced thread ends
+};
+
+// What has changed for the main window.
+enum UserWorkType : int {
+  HardWareChanged = 2,
 };
 
 // How the tray shows a text.
@@ -39,6 +47,8 @@ class VoxMessageSink {
  public:
   virtual ~VoxMessageSink() = default;
   virtual void Log(const wchar_t* /*text*/, LogType /*type*/) {}
+  virtual void DebugLog(const wchar_t* /*text*/, LogType /*type*/) {}
+  virtual void MainWndWork(UserWorkType /*work*/) {}
   virtual void Tray(const wchar_t* /*text*/, VoxTrayParams /*parameters*/) {}
   virtual void HidConnect(int /*device*/) {}
   virtual void HidDisconnect(int /*device*/) {}
@@ -56,6 +66,8 @@ class VoxMessage {
   static void SetSink(VoxMessageSink* sink) noexcept;
 
   static void Log(const wchar_t* text, LogType type) noexcept;
+  static void DebugLog(const wchar_t* text, LogType type) noexcept;
+  static void MainWndWork(UserWorkType work) noexcept;
   static void Tray(const wchar_t* text, VoxTrayParams parameters) noexcept;
   static void HidConnect(int device) noexcept;
   static void HidDisconnect(int device) noexcept;
@@ -76,6 +88,9 @@ class CPreferences {
   void SetDoubleClickTimeInterval_ms(int milliseconds) noexcept { doubleClickInterval_ = milliseconds; }
   int GetVoxButtonLongDown() const noexcept { return voxButtonLongDown_; }
   void SetVoxButtonLongDown(int option) noexcept { voxButtonLongDown_ = option; }
+  // Which keys the older mouse uses: 1, 2 or any other layout.
+  int GetToggleButton() const noexcept { return toggleButton_; }
+  void SetToggleButton(int layout) noexcept { toggleButton_ = layout; }
   VoxHardWare GetHardWare() const noexcept { return hardWare_; }
   void SetHardWare(VoxHardWare hardWare) noexcept { hardWare_ = hardWare; }
 
@@ -83,6 +98,7 @@ class CPreferences {
   Shared<int> voiceClickTimes_{1};        // 2: a double click of the voice key opens the navigation
   Shared<int> doubleClickInterval_{400};  // milliseconds
   Shared<int> voxButtonLongDown_{0};
+  Shared<int> toggleButton_{1};
   Shared<VoxHardWare> hardWare_{HardWare_Mouse};
 };
 
@@ -91,6 +107,9 @@ class CDeviceData {
  public:
   static CDeviceData* Instance() noexcept;
 
+  // Whether the working mode follows the older hardware.
+  bool IsHardwareChecked() const noexcept { return hardwareChecked_; }
+  void SetHardwareChecked(bool checked) noexcept { hardwareChecked_ = checked; }
   // The kind of device that sent the last key of older HID hardware.
   HidDeviceKind GetHidDeviceKind() const noexcept { return hidDeviceKind_; }
   void SetHidDeviceKind(HidDeviceKind kind) noexcept { hidDeviceKind_ = kind; }
@@ -101,6 +120,7 @@ class CDeviceData {
   void SetRecordName(const std::wstring& name);
 
  private:
+  Shared<bool> hardwareChecked_{true};
   Shared<HidDeviceKind> hidDeviceKind_{HidKind_Mouse};
   Shared<bool> recordByName_{false};
   mutable std::mutex mutex_;

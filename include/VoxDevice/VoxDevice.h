@@ -2,7 +2,9 @@
 #pragma once
 
 #include "VoxDevice/AudioHidCenter.h"
+#include "VoxDevice/FormerMouse.h"
 #include "VoxDevice/KzCheckDoubleClick.h"
+#include "VoxDevice/SoftModeSwitch.h"
 #include "VoxDevice/VoxCommon.h"
 #include "VoxDevice/VoxNet.h"
 #include "VoxDevice/VoxRecord.h"

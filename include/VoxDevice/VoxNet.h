@@ -15,6 +15,9 @@ class CVoxDeviceInfo {
   void SetBluetoothID(const wchar_t* id);
   void SetBluetoothName(const wchar_t* name);
   void ClearBluetooth();
+  // The identity of the older device; "no_ID" when there is none.
+  std::wstring GetFormerDeviceID() const;
+  void SetFormerDeviceID(const wchar_t* id);
   // The name of the older device's sound card.
   std::wstring GetFormerDeviceName() const;
   void SetFormerDeviceName(const wchar_t* name);
@@ -23,5 +26,6 @@ class CVoxDeviceInfo {
   mutable std::mutex mutex_;
   std::wstring bluetoothId_;
   std::wstring bluetoothName_;
+  std::wstring formerDeviceId_;
   std::wstring formerDeviceName_;
 };

@@ -7,91 +7,13 @@
 #include "VoxDevice/VoxNet.h"
 #include "hid/ReaderVariants.h"
 #include "hub/HidDeviceEntry.h"
+#include "support/DeviceLists.h"
+#include "support/HidFile.h"
 
 namespace {
 
-// The system's list of present HID interfaces.
-class InterfaceList {
- public:
-  InterfaceList() {
-    os::HidD_GetHidGuid(&class_);
-    list_ = os::SetupDiGetClassDevsW(&class_, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
-  }
-  ~InterfaceList() {
-    if (list_ != INVALID_HANDLE_VALUE) os::SetupDiDestroyDeviceInfoList(list_);
-  }
-  InterfaceList(const InterfaceList&) = delete;
-  InterfaceList& operator=(const InterfaceList&) = delete;
-
-  void Append(std::vector<std::wstring>& paths) const {
-    if (list_ == INVALID_HANDLE_VALUE) return;
-    SP_DEVICE_INTERFACE_DATA entry{};
-    entry.cbSize = sizeof entry;
-    for (DWORD i = 0; os::SetupDiEnumDeviceInterfaces(list_, nullptr, &class_, i, &entry); ++i)
-      AppendPath(entry, paths);
-  }
-
- private:
-  void AppendPath(SP_DEVICE_INTERFACE_DATA& entry, std::vector<std::wstring>& paths) const {
-    DWORD size = 0;
-    os::SetupDiGetDeviceInterfaceDetailW(list_, &entry, nullptr, 0, &size, nullptr);
-    if (size < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)) return;
-    const auto bytes = std::make_unique<std::byte[]>(size);
-    auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(bytes.get());
-    detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
-    if (os::SetupDiGetDeviceInterfaceDetailW(list_, &entry, detail, size, nullptr, nullptr)) {
-      paths.emplace_back(static_cast<const WCHAR*>(detail->DevicePath));
-    }
-  }
-
-  GUID class_{};
-  HDEVINFO list_ = INVALID_HANDLE_VALUE;
-};
-
-// An open HID device; closed unless it is given away.
-class HidFile {
- public:
-  explicit HidFile(const std::wstring& path)
-      : file_(os::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                              OPEN_EXISTING, 0, nullptr)) {}
-  ~HidFile() {
-    if (file_ != INVALID_HANDLE_VALUE) os::CloseHandle(file_);
-  }
-  HidFile(const HidFile&) = delete;
-  HidFile& operator=(const HidFile&) = delete;
-
-  // Whether this is open and has reports of a length that the protocol can use.
-  bool Check() {
-    if (file_ == INVALID_HANDLE_VALUE) return false;
-    HIDD_ATTRIBUTES attributes{};
-    attributes.Size = sizeof attributes;
-    PHIDP_PREPARSED_DATA preparsed = nullptr;
-    if (!os::HidD_GetAttributes(file_, &attributes) || !os::HidD_GetPreparsedData(file_, &preparsed)) return false;
-    HIDP_CAPS caps{};
-    const bool known = os::HidP_GetCaps(preparsed, &caps) == HIDP_STATUS_SUCCESS;
-    os::HidD_FreePreparsedData(preparsed);
-    inputLength_ = caps.InputReportByteLength;
-    outputLength_ = caps.OutputReportByteLength;
-    return known && inputLength_ >= kMinReportLength && inputLength_ <= kMaxInputReportLength &&
-           outputLength_ >= kMinReportLength;
-  }
-  int InputLength() const { return inputLength_; }
-  int OutputLength() const { return outputLength_; }
-  HANDLE Give() { return std::exchange(file_, INVALID_HANDLE_VALUE); }
-
- private:
-  HANDLE file_;
-  int inputLength_ = 0;
-  int outputLength_ = 0;
-};
-
-// Interface paths are plain ASCII.
-std::string Narrow(const std::wstring& text) {
-  std::string result;
-  result.reserve(text.size());
-  for (const wchar_t c : text) result.push_back(static_cast<char>(c));
-  return result;
-}
+// Reports of a length that the protocol and the reader can use.
+bool IsUsable(HidFile& file) { return file.Check(kMinReportLength) && file.InputLength() <= kMaxInputReportLength; }
 
 std::shared_ptr<CDeviceReader> MakeReader(MouseType model) {
   switch (model) {
@@ -107,7 +29,12 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model) {
 
 }  // namespace
 
-void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) { InterfaceList().Append(paths); }
+void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+  GUID hid;
+  os::HidD_GetHidGuid(&hid);
+  const std::vector<std::wstring> present = PresentInterfaces(hid);
+  paths.insert(paths.end(), present.begin(), present.end());
+}
 
 void CAudioHidCenter::OpenHidDevice(const std::vector<std::wstring>& paths) {
   for (const std::wstring& path : paths) {
@@ -118,7 +45,7 @@ void CAudioHidCenter::OpenHidDevice(const std::vector<std::wstring>& paths) {
 }
 
 void CAudioHidCenter::OpenHidInterface(const std::wstring& path) {
-  const std::string narrow = Narrow(path);
+  const std::string narrow = NarrowPath(path);
   HidPathIdentity identity;
   HidConnection connection;
   if (ParseUsbHidPath(narrow, identity)) {
@@ -133,9 +60,9 @@ void CAudioHidCenter::OpenHidInterface(const std::wstring& path) {
 
   // Silently: many devices have a collection that only the system may open. It is tried again at every pass.
   HidFile readFile(path);
-  if (!readFile.Check()) return;
+  if (!IsUsable(readFile)) return;
   HidFile writeFile(path);
-  if (!writeFile.Check()) {
+  if (!IsUsable(writeFile)) {
     VoxMessage::Log(L"读写hid设备失败", LogType_DeviceRemoved);
     return;
   }

@@ -58,6 +58,10 @@ HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD shareMode, SECURITY_AT
 BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OVERLAPPED* overlapped);
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytesWritten, OVERLAPPED* overlapped);
 
+BOOL GetCommTimeouts(HANDLE file, COMMTIMEOUTS* timeouts);
+BOOL SetCommTimeouts(HANDLE file, COMMTIMEOUTS* timeouts);
+DWORD GetLastError();
+
 // ---- Device setup and HID -------------------------------------------------------------------------------------------
 
 HDEVINFO SetupDiGetClassDevsW(const GUID* classGuid, const WCHAR* enumerator, HWND parent, DWORD flags);
@@ -66,6 +70,9 @@ BOOL SetupDiEnumDeviceInterfaces(HDEVINFO list, SP_DEVINFO_DATA* device, const G
 BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* deviceInterface,
                                       SP_DEVICE_INTERFACE_DETAIL_DATA_W* detail, DWORD detailSize, DWORD* requiredSize,
                                       SP_DEVINFO_DATA* device);
+BOOL SetupDiEnumDeviceInfo(HDEVINFO list, DWORD index, SP_DEVINFO_DATA* device);
+BOOL SetupDiGetDeviceRegistryPropertyA(HDEVINFO list, SP_DEVINFO_DATA* device, DWORD property, DWORD* type,
+                                       std::uint8_t* buffer, DWORD size, DWORD* requiredSize);
 BOOL SetupDiDestroyDeviceInfoList(HDEVINFO list);
 
 void HidD_GetHidGuid(GUID* result);
@@ -78,6 +85,12 @@ NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps);
 
 HMODULE LoadLibraryW(const WCHAR* fileName);
 FARPROC GetProcAddress(HMODULE library, const char* name);
+
+// ---- Keyboard -------------------------------------------------------------------------------------------------------
+
+// The high bit: the key is down; the low bit: it has been pressed since the last call.
+SHORT GetAsyncKeyState(int virtualKey);
+void keybd_event(std::uint8_t virtualKey, std::uint8_t scanCode, DWORD flags, ULONG_PTR extraInformation);
 
 // ---- Wave-in and mixers ---------------------------------------------------------------------------------------------
 

@@ -29,6 +29,7 @@ using NTSTATUS = std::int32_t;
 using USAGE = USHORT;
 using ULONG_PTR = std::uintptr_t;
 using WCHAR = wchar_t;
+using SHORT = std::int16_t;
 using HANDLE = void*;
 using HWND = void*;
 using HMODULE = void*;
@@ -55,6 +56,11 @@ constexpr DWORD FILE_SHARE_READ = 0x1;
 constexpr DWORD FILE_SHARE_WRITE = 0x2;
 constexpr DWORD OPEN_EXISTING = 3;
 
+constexpr DWORD FILE_READ_DATA = 0x1;
+constexpr DWORD ERROR_INSUFFICIENT_BUFFER = 122;
+constexpr DWORD SPDRP_HARDWAREID = 1;
+constexpr DWORD KEYEVENTF_KEYUP = 0x2;
+
 constexpr DWORD DIGCF_PRESENT = 0x2;
 constexpr DWORD DIGCF_DEVICEINTERFACE = 0x10;
 
@@ -70,7 +76,20 @@ struct GUID {
   std::uint8_t Data4[8];
 };
 
-struct SP_DEVINFO_DATA;
+struct SP_DEVINFO_DATA {
+  DWORD cbSize;
+  GUID ClassGuid;
+  DWORD DevInst;
+  ULONG_PTR Reserved;
+};
+
+struct COMMTIMEOUTS {
+  DWORD ReadIntervalTimeout;  // ms, as all of them
+  DWORD ReadTotalTimeoutMultiplier;
+  DWORD ReadTotalTimeoutConstant;
+  DWORD WriteTotalTimeoutMultiplier;
+  DWORD WriteTotalTimeoutConstant;
+};
 
 struct SP_DEVICE_INTERFACE_DATA {
   DWORD cbSize;

@@ -5,6 +5,7 @@
 
 CThread::CThread() : threads_(std::make_unique<CWorkerPool>()) {}
 CThread::CThread(const CThread&) : CThread() {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is assigned.
 CThread& CThread::operator=(const CThread&) { return *this; }
 CThread::~CThread() = default;
 

@@ -21,6 +21,14 @@ void VoxMessage::Log(const wchar_t* text, LogType type) noexcept {
   Tell([=](VoxMessageSink& sink) { sink.Log(text, type); });
 }
 
+void VoxMessage::DebugLog(const wchar_t* text, LogType type) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.DebugLog(text, type); });
+}
+
+void VoxMessage::MainWndWork(UserWorkType work) noexcept {
+  Tell([=](VoxMessageSink& sink) { sink.MainWndWork(work); });
+}
+
 void VoxMessage::Tray(const wchar_t* text, VoxTrayParams parameters) noexcept {
   Tell([=](VoxMessageSink& sink) { sink.Tray(text, parameters); });
 }

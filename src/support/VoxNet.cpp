@@ -45,3 +45,13 @@ void CVoxDeviceInfo::SetFormerDeviceName(const wchar_t* name) {
   const std::lock_guard lock(mutex_);
   formerDeviceName_ = name;
 }
+
+std::wstring CVoxDeviceInfo::GetFormerDeviceID() const {
+  const std::lock_guard lock(mutex_);
+  return formerDeviceId_;
+}
+
+void CVoxDeviceInfo::SetFormerDeviceID(const wchar_t* id) {
+  const std::lock_guard lock(mutex_);
+  formerDeviceId_ = id;
+}

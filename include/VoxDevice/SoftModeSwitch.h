@@ -1,0 +1,54 @@
+// CSoftModeSwitch: follows the user between the mouse and the laser pen.
+#pragma once
+
+#include <memory>
+
+#include "VoxDevice/Shared.h"
+#include "VoxDevice/types.h"
+
+class CAudioHidCenter;
+class CFormerLaserPen;
+class CFormerMouse;
+class CWorkerThread;
+
+// Every 8 s it looks which older devices are plugged in, and sets the working mode (CPreferences::GetHardWare) when
+// there is one kind only. When there are both, it watches the keys every 0.1 s and follows the one that is pressed. A
+// switch is told to the main window, the log and the tray.
+class CSoftModeSwitch {
+ public:
+  // True: no key may switch the mode now. On the switch thread.
+  using PauseCallback = bool (*)(void* context);
+
+  CSoftModeSwitch();
+  // Ends the thread.
+  ~CSoftModeSwitch();
+  CSoftModeSwitch(const CSoftModeSwitch&) = delete;
+  CSoftModeSwitch& operator=(const CSoftModeSwitch&) = delete;
+
+  // pauseKeyCheck: a PauseCallback; without one no key switches the mode. Starts the thread when mouse, hub and pen are
+  // given, which must outlive it; nothing happens while it runs.
+  void StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
+                  CFormerLaserPen* pen);
+  // The thread ends within about 50 ms.
+  void StopCheck() { StopSwitch = true; }
+  // Ends the thread by force.
+  void Release();
+  // Deliberately always true.
+  bool ThreadIsClosed() const { return true; }
+
+ private:
+  static void ChangeHardwareMode(VoxHardWare kind);
+  static unsigned ThreadProcChangeHardwareMode(void* self);
+  void OnThreadChangeHardwareMode();
+  void OnThreadCheck_ID();
+  void OnThreadCheck_Key();
+
+  std::unique_ptr<CWorkerThread> SwitchThread;
+  Shared<bool> StopSwitch{false};
+  Shared<bool> BothPresent{false};
+  CFormerLaserPen* LaserPen = nullptr;
+  CFormerMouse* Mouse = nullptr;
+  CAudioHidCenter* Hub = nullptr;
+  PauseCallback PauseKeyCheck = nullptr;
+  void* PauseContext = nullptr;
+};

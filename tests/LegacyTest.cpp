@@ -1,0 +1,462 @@
+// Older hardware: what is plugged in, its keys, and the working mode that follows it.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/os.h"
+#include "sim/Text.h"
+#include "sim/devices/Legacy.h"
+#include "tests/Desk.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using sim::LegacyKind;
+
+constexpr int kXButton1 = 0x05, kXButton2 = 0x06, kF9 = 0x78, kF15 = 0x7E, kF19 = 0x82, kF20 = 0x83, kF23 = 0x86;
+
+// A desk with an older-hardware facade. The events of its pollers and, once devices have been released, the files of
+// HID devices stay open by design.
+struct LegacyDesk : Desk {
+  explicit LegacyDesk(std::uint64_t seed = 0, int toggleButton = 1, int clickTimes = 1) : Desk({.seed = seed}) {
+    CPreferences::Instance()->SetToggleButton(toggleButton);
+    CPreferences::Instance()->SetVoiceClickTimes(clickTimes);
+    leftOpen.handles = 1;
+    mouse.emplace();
+  }
+  ~LegacyDesk() { mouse.reset(); }
+  std::unique_ptr<sim::LegacyDevice> device(LegacyKind kind, const std::string& serial = {}) {
+    return std::make_unique<sim::LegacyDevice>(machine, kind, serial);
+  }
+  sim::Peripherals& peripherals() { return machine.peripherals(); }
+  std::string keys() {
+    return std::string(mouse->GetKey_M_L() == ButtonDown ? "L" : "-") + (mouse->GetKey_M_R() == ButtonDown ? "R" : "-");
+  }
+
+  std::optional<CFormerMouse> mouse;
+};
+
+TEST(Detection, WalksTheListsByTheirRules) {
+  const std::wstring mouse = LR"(\\?\usb#vid_0d8c&pid_0132#mouse01#{guid})";
+  const std::wstring mouse134 = LR"(\\?\usb#vid_0d8c&pid_0134#mouse34#{guid})";
+  const std::wstring pen = LR"(\\?\usb#vid_0d8c&pid_0132#7vx0pipit9#{guid})";
+  const std::wstring ql = LR"(\\?\usb#vid_0d8c&pid_0134#vx9ql01#{guid})";
+  const std::wstring lateMark = LR"(\\?\usb#vid_0d8c&pid_0132#abc#vx0pipit)";
+  const std::wstring noEnd = LR"(\\?\usb#vid_0d8c&pid_0132#abcdef)";
+  const std::wstring upper = LR"(\\?\usb#VID_0D8C&PID_0132#mouse01#{guid})";
+  const std::wstring foreign = LR"(\\?\usb#vid_046d&pid_c077#x#{guid})";
+  const struct {
+    std::vector<std::wstring> paths;
+    int kind;
+    VoxHardWare initial;
+    const wchar_t* identity;
+    bool onlyQl;
+  } cases[] = {
+      {{}, 1, HardWare_Mouse, L"no_ID", false},
+      {{foreign, upper}, 1, HardWare_Mouse, L"no_ID", false},
+      {{mouse}, 1, HardWare_Mouse, L"mouse01", false},
+      {{foreign, mouse134, mouse}, 1, HardWare_Mouse, L"mouse34", false},
+      {{pen}, 2, HardWare_LaserPen, L"7vx0pipit9", false},
+      {{pen, mouse}, 3, HardWare_Mouse, L"7vx0pipit9", false},
+      {{noEnd}, 1, HardWare_Mouse, L"no_ID", false},
+      {{noEnd, pen}, 3, HardWare_Mouse, L"7vx0pipit9", false},
+      // Deliberately the two walks differ in where they look for the pen's mark.
+      {{lateMark}, 1, HardWare_LaserPen, L"abc", false},
+      {{ql}, 1, HardWare_Mouse, L"vx9ql01", true},
+      {{ql, noEnd}, 1, HardWare_Mouse, L"vx9ql01", true},
+      {{ql, mouse}, 1, HardWare_Mouse, L"vx9ql01", false},
+      {{ql, pen}, 3, HardWare_Mouse, L"vx9ql01", false},
+      // A path that is too long to be read ends the list.
+      {{mouse, L"usb#" + std::wstring(600, L'x'), pen}, 1, HardWare_Mouse, L"mouse01", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.paths.empty() ? "" : sim::utf8(c.paths[0]));
+    LegacyDesk desk;
+    for (const std::wstring& path : c.paths) desk.peripherals().usb.push_back({.path = path});
+    desk.peripherals().media.push_back({.hardwareIds = {"USB\\VID_0D8C&PID_0132&REV_0100&MI_00"}});
+    EXPECT_EQ(desk.mouse->ReCheckHardwareKind(), c.kind);
+    EXPECT_EQ(CVoxDeviceInfo::Instance()->GetFormerDeviceID(), c.identity);
+    EXPECT_EQ(CFormerMouse::InitVoxHardwareKind(), c.initial);
+    desk.mouse->Init();
+    desk.run(3900ms);
+    EXPECT_EQ(desk.mouse->IsConnect(), 0) << "looked at for the last time when nothing was there";
+    desk.run(200ms);
+    EXPECT_EQ(desk.mouse->IsConnect(), c.onlyQl ? -1 : 0);
+  }
+  LegacyDesk desk;
+  desk.peripherals().usb = {{.path = pen, .answers = false}, {.path = mouse}};
+  EXPECT_EQ(desk.mouse->ReCheckHardwareKind(), 1) << "what cannot be opened does not count";
+}
+
+TEST(Detection, TellsTheRevisionBySoundFunction) {
+  const std::string rev1 = "USB\\VID_0D8C&PID_0134&REV_0100&MI_00";
+  const std::string rev2 = "USB\\VID_0D8C&PID_0135&REV_0200&MI_00";
+  LegacyDesk desk;
+  const auto connect = [&](std::vector<std::vector<std::string>> devices) {
+    desk.peripherals().media.clear();
+    for (auto& ids : devices) desk.peripherals().media.push_back({.hardwareIds = ids});
+    return desk.mouse->IsConnect();
+  };
+  // The revision is seen in what the imitation sends: the key of the second revision, or the other.
+  const auto imitated = [&] {
+    desk.peripherals().keyboard.sentReleases.clear();
+    desk.mouse->ImitateKeyM_L();
+    return desk.peripherals().keyboard.sentReleases.at(0);
+  };
+  EXPECT_EQ(connect({}), -1);
+  EXPECT_EQ(connect({{"PCI\\VEN_10EC"}, {}, {"x", rev2}}), 2);
+  EXPECT_EQ(imitated(), kXButton1) << "the revision before";
+  EXPECT_EQ(connect({{"x", rev2}}), 0);
+  EXPECT_EQ(imitated(), kF19);
+  EXPECT_EQ(connect({{rev1, rev2}}), 0);
+  EXPECT_EQ(connect({{rev1, rev2}}), 0);
+  EXPECT_EQ(imitated(), kF19) << "both: the revision known so far";
+  EXPECT_EQ(connect({{rev1}}), 0);
+  EXPECT_EQ(connect({{rev1, rev2}}), 0);
+  EXPECT_EQ(connect({{rev1, rev2}}), 0);
+  EXPECT_EQ(imitated(), kXButton1);
+  EXPECT_EQ(connect({{"USB\\vid_0d8c&pid_0132&rev_0100&mi_00"}}), -1) << "another spelling";
+  EXPECT_EQ(connect({{"VID_0D8C&PID_0132&REV", "_0100&MI_00"}}), 0) << "the texts run together";
+  // A thousand devices, and one with more text than there is room for.
+  EXPECT_EQ(connect(std::vector<std::vector<std::string>>(3000, {"PCI\\VEN_10EC"})), -1);
+  EXPECT_EQ(connect({{std::string(16383, 'x')}}), -1);
+  EXPECT_DEATH(connect({{std::string(16384, 'x')}}), "media device 0 have 16384 bytes");
+}
+
+TEST(UsbKeys, EveryPairForEveryLayout) {
+  const struct {
+    int toggleButton;
+    std::vector<int> left, right;
+  } layouts[] = {{1, {kF19, kXButton1}, {kF20, kXButton2}},
+                 {2, {kF20, kF9}, {kF19, kXButton1}},
+                 {0, {kF20, kXButton2}, {kF19, kXButton1}}};
+  const int all[] = {kXButton1, kXButton2, kF9, kF19, kF20};
+  for (const auto& layout : layouts) {
+    LegacyDesk desk(0, layout.toggleButton);
+    auto usb = desk.device(LegacyKind::usbMouse);
+    desk.mouse->StartCheck();
+    desk.run(120ms);
+    const auto has = [](const std::vector<int>& keys, int key) {
+      return std::find(keys.begin(), keys.end(), key) != keys.end();
+    };
+    for (const int key : all) {
+      usb->press(key);
+      desk.run(30ms);
+      EXPECT_EQ(desk.keys(), std::string(has(layout.left, key) ? "L" : "-") + (has(layout.right, key) ? "R" : "-"))
+          << key;
+      usb->press(key, false);
+      desk.run(30ms);
+      EXPECT_EQ(desk.keys(), "--");
+    }
+  }
+}
+
+TEST(UsbKeys, ArePolledEvery13MillisecondsWhileChecking) {
+  LegacyDesk desk(0, 1, 2);
+  auto usb = desk.device(LegacyKind::usbMouse);
+  usb->press(kF19);
+  desk.run(1s);
+  EXPECT_EQ(desk.keys(), "--") << "idle";
+  desk.mouse->StartCheck();
+  desk.mouse->StartCheck();
+  EXPECT_EQ(desk.record.lines(), Lines{"DebugLog 45 连接了VoxMouse硬件，开始键值检测"});
+  desk.run(110ms);
+  EXPECT_EQ(desk.keys(), "L-");
+  const auto waits = desk.machine.waits();
+  desk.run(1300ms);
+  // A cycle waits twice; the rescan of HID devices looks every 30 ms.
+  EXPECT_NEAR(static_cast<double>(desk.machine.waits() - waits), 200 + 43, 3);
+  usb->press(kF19, false);
+  desk.run(14ms);
+  EXPECT_EQ(desk.keys(), "--");
+  EXPECT_TRUE(desk.mouse->LeftKeyDown_Up() == false) << "nobody saw it down";
+  usb->press(kF19);
+  desk.run(14ms);
+  EXPECT_FALSE(desk.mouse->LeftKeyDown_Up());
+  usb->press(kF19, false);
+  desk.run(14ms);
+  EXPECT_TRUE(desk.mouse->LeftKeyDown_Up());
+  EXPECT_FALSE(desk.mouse->LeftKeyDown_Up());
+  desk.run(1s);
+  // A double click, from levels.
+  desk.record.clear();
+  for (int i = 0; i < 2; ++i) {
+    usb->press(kF19);
+    desk.run(100ms);
+    usb->press(kF19, false);
+    desk.run(100ms);
+  }
+  EXPECT_EQ(desk.record.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
+  EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickDouble);
+  desk.mouse->StopCheck();
+  EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickNone);
+  desk.mouse->StopCheck();
+  EXPECT_EQ(desk.record.lines("DebugLog"), Lines(2, "DebugLog 45 未连接VoxMouse硬件，停止键值检测"));
+}
+
+TEST(LaserPen, AnswersItsKeysAndImitatesTheirRelease) {
+  LegacyDesk desk;
+  const CFormerLaserPen pen;
+  sim::Keyboard& keyboard = desk.peripherals().keyboard;
+  const struct {
+    VoxButtonState (CFormerLaserPen::*getter)() const;
+    std::vector<int> keys;
+  } getters[] = {{&CFormerLaserPen::GetKey_P_subtitle, {0x87, 0x81}},
+                 {&CFormerLaserPen::GetKey_P_translate, {0x85, 0x7F}},
+                 {&CFormerLaserPen::GetKey_P_control, {0x86, 0x80}},
+                 {&CFormerLaserPen::GetKey_P_disturb, {0x21, 0x22}},
+                 {&CFormerLaserPen::GetKey_P_close, {kF15}}};
+  for (const auto& g : getters) {
+    pen.GetKey_P_close();  // forgets what was tapped
+    for (int key = 1; key < 256; ++key) {
+      const bool its = std::find(g.keys.begin(), g.keys.end(), key) != g.keys.end();
+      keyboard.press(key);
+      EXPECT_EQ((pen.*g.getter)(), its ? ButtonDown : ButtonUp) << key;
+      keyboard.release(key);
+      if (its && key != kF15) {
+        keyboard.press(key);
+        keyboard.release(key);
+      }
+      EXPECT_EQ((pen.*g.getter)(), ButtonUp) << key;
+    }
+  }
+  keyboard.press(kF15);
+  keyboard.release(kF15);
+  EXPECT_EQ(pen.GetKey_P_close(), ButtonDown) << "tapped since the last query";
+  EXPECT_EQ(pen.GetKey_P_close(), ButtonUp);
+  pen.ImitateKeyP_subtitle();
+  EXPECT_EQ(keyboard.sentReleases, (std::deque{0x87, 0x81, 0x85, 0x7F}));
+  keyboard.sentReleases.clear();
+  pen.ImitateKeyP_control();
+  EXPECT_EQ(keyboard.sentReleases, (std::deque{0x86, 0x80, 0x87, 0x81, 0x85, 0x7F}));
+}
+
+TEST(LegacyHid, KeysOfBothKindsAndTheirArming) {
+  LegacyDesk desk(0, 1, 2);
+  auto mouse = desk.device(LegacyKind::hidMouse);
+  auto lark = desk.device(LegacyKind::voiceKeyboard);
+  mouse->plug();
+  lark->plug();
+  desk.mouse->StartCheck();
+  desk.run(50ms);
+  desk.record.clear();
+  const auto send = [&](sim::LegacyDevice& device, std::vector<std::uint8_t> codes) {
+    desk.run(1s);
+    desk.record.clear();
+    for (const std::uint8_t code : codes) {
+      device.hid()->key(code);
+      desk.run(20ms);
+    }
+    return desk.keys();
+  };
+  const auto kind = [] { return CDeviceData::Instance()->GetHidDeviceKind(); };
+  EXPECT_EQ(send(*lark, {0x21}), "L-");
+  EXPECT_EQ(kind(), HidKind_VoiceKeyboard);
+  EXPECT_EQ(send(*mouse, {0x11}), "-R");
+  EXPECT_EQ(kind(), HidKind_Mouse);
+  EXPECT_EQ(send(*lark, {0x11}), "-R");
+  EXPECT_EQ(send(*lark, {0x00}), "--");
+  EXPECT_EQ(kind(), HidKind_Mouse) << "a constant, deliberately";
+  send(*lark, {0x41, 0x41, 0x41});
+  const Lines navigation{"Log 23 检测到 语音键盘 导航键按下，打开VoxMouse导航", "MainMenu 8"};
+  EXPECT_EQ(desk.record.lines(), navigation);
+  send(*lark, {0x51});
+  EXPECT_EQ(desk.record.lines(), Lines{}) << "not armed";
+  send(*lark, {0x00, 0x51, 0x51});
+  EXPECT_EQ(desk.record.lines(), (Lines{"Log 38 检测到 语音键盘 截图键按下", "MainMenu 16"}));
+  send(*lark, {0x65, 0x65, 0x41});
+  EXPECT_EQ(desk.record.lines(), (Lines{"Tray 1 语音键盘电量低，请充电", "Tray 1 语音键盘电量低，请充电"}))
+      << "a warning arms nothing";
+  EXPECT_EQ(send(*mouse, {0x21, 0x41}), "--");
+  EXPECT_EQ(desk.record.lines(), Lines{}) << "a mouse has no such keys";
+  send(*lark, {0x00, 0x21, 0x00, 0x21, 0x00});
+  EXPECT_EQ(desk.record.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
+  EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickDouble);
+
+  // One is pulled out and comes back: the other goes on.
+  mouse->unplug();
+  desk.run(10ms);
+  EXPECT_EQ(send(*lark, {0x21}), "L-");
+  mouse->plug();
+  desk.run(3100ms);
+  EXPECT_EQ(send(*mouse, {0x11}), "-R");
+  EXPECT_EQ(desk.machine.balance().threads, 4U) << "poller, rescan, two readers";
+  desk.mouse->StopCheck();
+  desk.run(100ms);
+  EXPECT_EQ(desk.keys(), "--");
+  EXPECT_EQ(desk.machine.balance().threads, 1U);
+  desk.leftOpen.handles += 2;  // the files of released devices stay open
+}
+
+TEST(LegacyHid, RefusedDevicesAreForgottenAtTheNextStart) {
+  LegacyDesk desk;
+  auto brief = std::make_shared<sim::LegacyHid>("0132", "7&short&0&0000", 3, std::uint16_t{7});
+  auto shy = std::make_shared<sim::LegacyHid>("0135", "7&shy&0&0000", 2);
+  auto long100 = std::make_shared<sim::LegacyHid>("0132", "7&long&0&0000", 3, std::uint16_t{100});  // more than is read
+  shy->faults.refuseOpen = [](int) { return true; };
+  for (const auto& device : {brief, shy, long100}) desk.machine.plug(device);
+  desk.mouse->StartCheck();
+  desk.run(10s);
+  brief->inputLength = brief->outputLength = 8;
+  shy->faults.refuseOpen = nullptr;
+  desk.run(10s);
+  brief->key(0x21);
+  desk.run(20ms);
+  EXPECT_EQ(desk.keys(), "--") << "refused once, refused until it stops";
+  desk.mouse->StopCheck();
+  desk.run(50ms);
+  desk.mouse->StartCheck();
+  desk.run(50ms);
+  brief->key(0x21);
+  desk.run(20ms);
+  EXPECT_EQ(desk.keys(), "L-");
+  desk.machine.unplug(brief);
+  desk.machine.unplug(shy);
+  desk.run(100ms);
+}
+
+TEST(LegacyHid, EndsCleanlyAtAnyMoment) {
+  for (std::uint64_t seed = 1; seed <= 1000 && !::testing::Test::HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    const auto within = [&](unsigned bound) { return std::chrono::milliseconds(random() % bound); };
+    Desk desk({.seed = seed});
+    auto mouse = std::make_unique<sim::LegacyDevice>(desk.machine, LegacyKind::hidMouse);
+    auto lark = std::make_unique<sim::LegacyDevice>(desk.machine, LegacyKind::voiceKeyboard);
+    std::size_t files = 0;  // of released devices
+    {
+      CFormerMouse former;
+      CFormerLaserPen pen;
+      CSoftModeSwitch modes;
+      former.Init();
+      former.StartCheck();
+      modes.StartCheck(nullptr, nullptr, &former, desk.hub.get(), &pen);
+      mouse->plug();
+      desk.run(within(4000));
+      lark->plug();
+      desk.run(within(4000));
+      mouse->hid()->key(0x21);
+      if (random() % 2 == 0) desk.run(within(30));
+      if (random() % 3 == 0) mouse->unplug();
+      if (random() % 3 == 0) {
+        former.StopCheck();
+        if (random() % 2 == 0) desk.run(within(40));
+        former.StartCheck();
+      }
+      switch (random() % 4) {
+        case 0:
+          former.CloseThread();
+          modes.StopCheck();
+          desk.run(200ms);
+          EXPECT_TRUE(former.ThreadIsClosed());
+          break;
+        case 1:
+          former.Release();
+          break;
+        case 2:
+          former.CloseThread();
+          desk.run(within(200));
+          former.Release();
+          modes.Release();
+          break;
+        default:
+          break;  // destructors alone
+      }
+    }
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    files = desk.machine.balance().handles - 2;  // the hub's lock, the poller's event
+    EXPECT_LE(files, 4U);
+    desk.leftOpen.handles = files + 1;
+  }
+}
+
+TEST(ModeSwitch, FollowsTheUserForAnHour) {
+  LegacyDesk desk;
+  auto usb = desk.device(LegacyKind::usbMouse);
+  auto pen = desk.device(LegacyKind::laserPen);
+  CFormerLaserPen penKeys;
+  CSoftModeSwitch modes;
+  static bool veto;
+  veto = false;
+  const CSoftModeSwitch::PauseCallback pause = [](void*) { return veto; };
+  const Lines toPen{"MainWndWork 2", "Log 33 程序切换到“激光笔”模式", "Tray 1 程序切换到“鼠标”模式"};
+  const Lines toMouse{"MainWndWork 2", "Log 33 程序切换到“鼠标”模式", "Tray 1 程序切换到“鼠标”模式"};
+  const Lines stopped{"DebugLog 45 未连接VoxMouse硬件，停止键值检测"};
+  const Lines started{"DebugLog 45 连接了VoxMouse硬件，开始键值检测"};
+  const auto both = [](Lines a, const Lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
+  const auto happens = [&](sim::Time time) {
+    desk.record.clear();
+    desk.run(time);
+    return desk.record.lines();
+  };
+  const auto mode = [] { return static_cast<int>(CPreferences::Instance()->GetHardWare()); };
+
+  modes.StartCheck(nullptr, nullptr, nullptr, desk.hub.get(), &penKeys);
+  EXPECT_EQ(desk.machine.balance().threads, 1U) << "not without a mouse";
+  EXPECT_TRUE(modes.ThreadIsClosed());
+  modes.StartCheck(reinterpret_cast<void*>(pause), nullptr, &*desk.mouse, desk.hub.get(), &penKeys);
+  EXPECT_TRUE(modes.ThreadIsClosed()) << "always";
+  pen->plug();
+  EXPECT_EQ(happens(7949ms), Lines{});
+  EXPECT_EQ(happens(2ms), both(toPen, stopped)) << "at the first check";
+  EXPECT_EQ(CVoxDeviceInfo::Instance()->GetFormerDeviceID(), L"vx0pipit7");
+  EXPECT_EQ(mode(), 2);
+  EXPECT_EQ(happens(8s), Lines{});
+
+  usb->plug();  // both: nothing by itself, but the mouse's keys are watched
+  EXPECT_EQ(happens(8s), started);
+  EXPECT_EQ(mode(), 2);
+  usb->press(kF19);
+  EXPECT_EQ(happens(230ms), toMouse);
+  usb->press(kF19, false);
+  EXPECT_EQ(mode(), 1);
+  desk.peripherals().keyboard.press(kF23);
+  veto = true;
+  EXPECT_EQ(happens(1s), Lines{}) << "not now";
+  veto = false;
+  EXPECT_EQ(happens(110ms), toPen);
+  desk.peripherals().keyboard.release(kF23);
+  EXPECT_EQ(mode(), 2);
+
+  // A current model's voice key counts, too, beside a pen.
+  usb->unplug();
+  desk.open();
+  auto wren = desk.connect("Wren");
+  desk.run(16s);
+  wren->pressVoiceKey();
+  EXPECT_EQ(happens(110ms), toMouse);
+  wren->releaseVoiceKey();
+  EXPECT_EQ(happens(20s), Lines{}) << "pen and current model: both";
+  CDeviceData::Instance()->SetHardwareChecked(false);
+  desk.run(8s);
+  desk.peripherals().keyboard.press(kF23);
+  EXPECT_EQ(happens(20s), Lines{}) << "the client does not want it";
+  desk.peripherals().keyboard.release(kF23);
+  CDeviceData::Instance()->SetHardwareChecked(true);
+  desk.machine.unplug(wren);
+  desk.run(3s);
+  EXPECT_EQ(happens(8s), both(toPen, stopped));
+
+  // The rest of the hour: mouse and pen take turns.
+  for (int turn = 0; turn < 100; ++turn) {
+    pen->unplug();
+    usb->plug();
+    EXPECT_EQ(happens(16s), both(toMouse, started));
+    pen->plug();
+    usb->unplug();
+    EXPECT_EQ(happens(16s), both(toPen, stopped));
+  }
+  modes.StopCheck();
+  desk.run(60ms);
+  usb->plug();
+  EXPECT_EQ(happens(20s), Lines{});
+}
+
+}  // namespace
