@@ -131,6 +131,22 @@ printf '{"sound": {"microphones": [{"nam": "x"}]}}' >bad.json
 expect 1 --desk bad.json sound
 err 'bad.json.sound.microphones[0]: no entry is called "nam"; there are: name, hears'
 
+# Older hardware.
+expect 0 --virtual-time legacy --seconds 20
+out "plugged in: mouse (or nothing), identity mouse01, revision 1"
+out "2.020 s  left key down"
+out "10.100 s  log 33: 程序切换到“激光笔”模式"
+out "10.100 s  tray: 程序切换到“鼠标”模式"
+out "working mode: laser pen"
+cat >legacy.json <<'JSON'
+{"legacy": [{"kind": "voice-keyboard", "timeline": [{"at": 1, "key": 65}, {"at": 2, "key": 101}]},
+            {"kind": "laser-pen", "serial": "abvx0pipit", "timeline": [{"at": 3, "unplug": true}]}]}
+JSON
+expect 0 --virtual-time --desk legacy.json legacy --seconds 10 --json
+out '"event":"hardware","kind":2,"identity":"abvx0pipit","sound":0,"revision":1'
+out '"event":"tray","text":"语音键盘电量低，请充电"'
+expect 2 legacy --virtual-time
+
 # Desk files: what they can do, and how a mistake is reported.
 cat >desk.json <<'JSON'
 {"devices": [
@@ -183,6 +199,8 @@ mistake '{"devices": [{"model": "Wren", "battery": 256}]}' 'expected a whole num
 mistake '{"devices": [{"model": "Wren", "battery": 1e99}]}' 'expected a whole number from 0 to 255'
 mistake '{"devices": [{"model": "Wren", "speech": "none.wav"}]}' 'none.wav: No such file or directory'
 mistake '{"devices": [{"model": "Wren", "timeline": [{"at": 1}]}]}' 'timeline[0]: expected "at" and one of key, power'
+mistake '{"legacy": [{"kind": "joystick"}]}' 'bad.json.legacy[0].kind: expected one of: hid-mouse, laser-pen'
+mistake '{"legacy": [{"kind": "laser-pen", "timeline": [{"at": 1, "press": "F1"}]}]}' 'press: expected one of: F15, F16'
 expect 1 --desk none.json devices
 err "none.json: No such file or directory"
 

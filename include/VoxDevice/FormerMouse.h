@@ -162,6 +162,8 @@ class CFormerMouse {
   static VoxHardWare InitVoxHardwareKind();
   // The index of the mouse's sound function in the media device class; -1 when there is none.
   int IsConnect();
+  // The hardware revision that IsConnect found last: 0 the first, 1 the second, 2 none.
+  int GetMouseRevision() const { return Usb.MouseRevision; }
 
   VoxButtonState GetKey_M_L() const;
   VoxButtonState GetKey_M_R() const;

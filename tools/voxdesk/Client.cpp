@@ -149,6 +149,19 @@ void Client::Log(const wchar_t* text, LogType type) {
       "log " + std::to_string(type) + ": " + sim::utf8(text));
 }
 
+void Client::DebugLog(const wchar_t* text, LogType type) {
+  add("debug-log", {{"category", static_cast<int>(type)}, {"text", sim::utf8(text)}},
+      "debug log " + std::to_string(type) + ": " + sim::utf8(text));
+}
+
+void Client::Tray(const wchar_t* text, VoxTrayParams) {
+  add("tray", {{"text", sim::utf8(text)}}, "tray: " + sim::utf8(text));
+}
+
+void Client::MainWndWork(UserWorkType work) {
+  add("main-window", {{"work", static_cast<int>(work)}}, "main window: the working mode has changed");
+}
+
 void Client::HidConnect(int device) {
   DeviceView view;
   view.number = device;

@@ -50,6 +50,9 @@ class Client : public VoxMessageSink {
 
  private:
   void Log(const wchar_t* text, LogType type) override;
+  void DebugLog(const wchar_t* text, LogType type) override;
+  void Tray(const wchar_t* text, VoxTrayParams parameters) override;
+  void MainWndWork(UserWorkType work) override;
   void HidConnect(int device) override;
   void HidDisconnect(int device) override;
   void MKeyTypeSet(int device, int key, const unsigned char* types, int length) override;

@@ -33,3 +33,5 @@ void showState(const Options& options);
 void listSound(const Options& options);
 void recordMicrophone(const Options& options);
 void recordSpeaker(const Options& options);
+// Shows the older hardware, its keys and the working mode.
+void watchLegacy(const Options& options);

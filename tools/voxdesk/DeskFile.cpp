@@ -28,6 +28,26 @@ const std::map<std::string, sim::UpdateStep> kUpdateSteps = {
     {"ota-complete", sim::UpdateStep::complete},
 };
 
+const std::map<std::string, sim::LegacyKind> kLegacyKinds = {
+    {"usb-mouse", sim::LegacyKind::usbMouse},      {"usb-mouse-2", sim::LegacyKind::usbMouseRev2},
+    {"usb-mouse-ql", sim::LegacyKind::usbMouseQl}, {"laser-pen", sim::LegacyKind::laserPen},
+    {"hid-mouse", sim::LegacyKind::hidMouse},      {"voice-keyboard", sim::LegacyKind::voiceKeyboard},
+};
+
+const std::map<std::string, int> kVirtualKeys = {
+    {"XBUTTON1", 0x05}, {"XBUTTON2", 0x06}, {"PAGEUP", 0x21}, {"PAGEDOWN", 0x22}, {"F9", 0x78},
+    {"F15", 0x7E},      {"F16", 0x7F},      {"F17", 0x80},    {"F18", 0x81},      {"F19", 0x82},
+    {"F20", 0x83},      {"F22", 0x85},      {"F23", 0x86},    {"F24", 0x87},
+};
+
+template <class Map>
+std::vector<std::string> namesOf(const Map& map) {
+  std::vector<std::string> names;
+  names.reserve(map.size());
+  for (const auto& [name, value] : map) names.push_back(name);
+  return names;
+}
+
 template <class Names>
 std::string listOf(const Names& names) {
   std::string text;
@@ -234,6 +254,50 @@ DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
   return device;
 }
 
+DeskLegacyAction readLegacyAction(const Place& place, sim::LegacyKind device) {
+  using Kind = DeskLegacyAction::Kind;
+  place.object({"at", "plug", "unplug", "press", "release", "key"});
+  DeskLegacyAction action;
+  action.at = place["at"].seconds();
+  int actions = 0;
+  for (const auto& [name, kind] : {std::pair("plug", Kind::plug), {"unplug", Kind::unplug}}) {
+    if (!place.has(name)) continue;
+    if (!place[name].flag()) place[name].expected("true");
+    action.kind = kind;
+    ++actions;
+  }
+  for (const auto& [name, kind] : {std::pair("press", Kind::press), {"release", Kind::release}}) {
+    if (!place.has(name)) continue;
+    const auto key = kVirtualKeys.find(place[name].text("a key's name"));
+    if (key == kVirtualKeys.end()) place[name].expected("one of: " + listOf(namesOf(kVirtualKeys)));
+    action.kind = kind;
+    action.code = key->second;
+    ++actions;
+  }
+  if (place.has("key")) {
+    if (device != sim::LegacyKind::hidMouse && device != sim::LegacyKind::voiceKeyboard) {
+      place["key"].expected("no \"key\" for this kind (press and release its virtual keys)");
+    }
+    action.kind = Kind::key;
+    action.code = place["key"].integer<int>(0, 255);
+    ++actions;
+  }
+  if (actions != 1) place.expected("\"at\" and one of plug, unplug, press, release, key");
+  return action;
+}
+
+DeskLegacy readLegacy(const Place& place) {
+  place.object({"kind", "serial", "plugged", "timeline"});
+  const auto kind = kLegacyKinds.find(place["kind"].text("a kind"));
+  if (kind == kLegacyKinds.end()) place["kind"].expected("one of: " + listOf(namesOf(kLegacyKinds)));
+  DeskLegacy legacy{.kind = kind->second, .serial = {}, .timeline = {}};
+  if (place.has("serial")) legacy.serial = place["serial"].text("a serial text");
+  if (place.has("plugged")) legacy.plugged = place["plugged"].flag();
+  place.each("timeline",
+             [&](const Place& action) { legacy.timeline.push_back(readLegacyAction(action, legacy.kind)); });
+  return legacy;
+}
+
 DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
   place.object({"microphones", "endpoints", "speaker"});
   DeskSound sound;
@@ -293,9 +357,10 @@ DeskDescription readDeskFile(const std::string& path) {
     throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));
   }
   const Place place(root, path);
-  place.object({"devices", "sound"});
+  place.object({"devices", "sound", "legacy"});
   DeskDescription desk;
-  if (!place.has("devices") && !place.has("sound")) (void)place["devices"];
+  if (!place.has("devices") && !place.has("sound") && !place.has("legacy")) (void)place["devices"];
+  place.each("legacy", [&](const Place& entry) { desk.legacy.push_back(readLegacy(entry)); });
   if (place.has("sound")) desk.sound = readSound(place["sound"], std::filesystem::path(path).parent_path());
   place.each("devices", [&](const Place& device) {
     desk.devices.push_back(readDevice(device, std::filesystem::path(path).parent_path()));
@@ -330,5 +395,21 @@ DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) 
     sound.endpoints.push_back({.name = sim::wide(name)});
   }
   sound.speaker = DeskSpeaker{.plays = speech};
-  return {{wren, heronPlus, tern}, sound};
+  DeskDescription desk{{wren, heronPlus, tern}, sound};
+  if (busy) {
+    // A mouse that is used and goes, a laser pen that comes and is used.
+    using Legacy = DeskLegacyAction::Kind;
+    DeskLegacy mouse{.kind = sim::LegacyKind::usbMouse, .serial = {}, .timeline = {}};
+    for (const double second : {2.0, 2.2}) {
+      mouse.timeline.push_back({.at = second, .kind = Legacy::press, .code = kVirtualKeys.at("F19")});
+      mouse.timeline.push_back({.at = second + 0.1, .kind = Legacy::release, .code = kVirtualKeys.at("F19")});
+    }
+    mouse.timeline.push_back({.at = 14, .kind = Legacy::unplug});
+    DeskLegacy pen{.kind = sim::LegacyKind::laserPen, .serial = {}, .plugged = false, .timeline = {}};
+    pen.timeline = {{.at = 5, .kind = Legacy::plug},
+                    {.at = 10, .kind = Legacy::press, .code = kVirtualKeys.at("F23")},
+                    {.at = 10.5, .kind = Legacy::release, .code = kVirtualKeys.at("F23")}};
+    desk.legacy = {mouse, pen};
+  }
+  return desk;
 }

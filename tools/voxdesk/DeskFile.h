@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sim/Sound.h"
+#include "sim/devices/Legacy.h"
 #include "sim/devices/Mice.h"
 
 // A moment of the user's hands.
@@ -54,9 +55,25 @@ struct DeskSound {
   std::optional<DeskSpeaker> speaker;
 };
 
+// Something that happens to older hardware.
+struct DeskLegacyAction {
+  enum class Kind { plug, unplug, press, release, key };
+  double at = 0;
+  Kind kind = Kind::plug;
+  int code = 0;  // virtual key, or the key byte of a HID report
+};
+
+struct DeskLegacy {
+  sim::LegacyKind kind = sim::LegacyKind::usbMouse;
+  std::string serial;
+  bool plugged = true;  // from the beginning
+  std::vector<DeskLegacyAction> timeline;
+};
+
 struct DeskDescription {
   std::vector<DeskDevice> devices;
   DeskSound sound{};
+  std::vector<DeskLegacy> legacy{};
 };
 
 // What is wrong with a desk file, and where.

@@ -24,7 +24,19 @@ SimulatedDesk::SimulatedDesk(DeskDescription description, bool virtualTime)
     devices_.push_back(device);
     for (const DeskAction& action : sheet.timeline) due_.push_back({action.at, i, action});
   }
-  std::stable_sort(due_.begin(), due_.end(), [](const Due& a, const Due& b) { return a.at < b.at; });
+  for (std::size_t i = 0; i < description_.legacy.size(); ++i) {
+    const DeskLegacy& sheet = description_.legacy[i];
+    legacy_.push_back(std::make_unique<sim::LegacyDevice>(machine_, sheet.kind, sheet.serial));
+    for (const DeskLegacyAction& action : sheet.timeline) dueLegacy_.push_back({action.at, i, action});
+  }
+  const auto earlier = [](const auto& a, const auto& b) { return a.at < b.at; };
+  std::stable_sort(due_.begin(), due_.end(), earlier);
+  std::stable_sort(dueLegacy_.begin(), dueLegacy_.end(), earlier);
+}
+
+std::size_t SimulatedDesk::legacyHids() const {
+  return static_cast<std::size_t>(std::count_if(legacy_.begin(), legacy_.end(),
+                                                [](const auto& device) { return device->hid() && device->plugged(); }));
 }
 
 void SimulatedDesk::setUpSound() {
@@ -52,6 +64,9 @@ sim::CaptureEndpoint SimulatedDesk::endpoint(std::size_t index) {
 void SimulatedDesk::setUp() {
   setUpSound();
   for (const auto& device : devices_) machine_.plug(device);
+  for (std::size_t i = 0; i < legacy_.size(); ++i) {
+    if (description_.legacy[i].plugged) legacy_[i]->plug();
+  }
 }
 
 sim::VirtualMouse* SimulatedDesk::find(const std::string& model) {
@@ -64,10 +79,31 @@ sim::VirtualMouse* SimulatedDesk::find(const std::string& model) {
 double SimulatedDesk::seconds() { return std::chrono::duration<double>(machine_.now()).count(); }
 
 void SimulatedDesk::run(std::chrono::milliseconds time) {
-  std::size_t done = 0;
-  for (const double now = seconds(); done < due_.size() && due_[done].at <= now; ++done) act(due_[done]);
-  due_.erase(due_.begin(), due_.begin() + static_cast<std::ptrdiff_t>(done));
+  const double now = seconds();
+  const auto catchUp = [this, now](auto& due) {
+    std::size_t done = 0;
+    for (; done < due.size() && due[done].at <= now; ++done) act(due[done]);
+    due.erase(due.begin(), due.begin() + static_cast<std::ptrdiff_t>(done));
+  };
+  catchUp(due_);
+  catchUp(dueLegacy_);
   machine_.sleep(time);
+}
+
+void SimulatedDesk::act(const DueLegacy& due) {
+  sim::LegacyDevice& device = *legacy_[due.device];
+  switch (due.action.kind) {
+    case DeskLegacyAction::Kind::plug:
+      return device.plug();
+    case DeskLegacyAction::Kind::unplug:
+      return device.unplug();
+    case DeskLegacyAction::Kind::press:
+    case DeskLegacyAction::Kind::release:
+      return device.press(due.action.code, due.action.kind == DeskLegacyAction::Kind::press);
+    case DeskLegacyAction::Kind::key:
+      if (device.plugged()) device.hid()->key(static_cast<std::uint8_t>(due.action.code));
+      return;
+  }
 }
 
 void SimulatedDesk::act(const Due& due) {

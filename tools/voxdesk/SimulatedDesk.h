@@ -22,6 +22,9 @@ class SimulatedDesk {
   // The volume of a capture endpoint now, 0 to 1, and whether it is muted.
   sim::CaptureEndpoint endpoint(std::size_t index);
 
+  // HID devices among the older hardware that are plugged in.
+  std::size_t legacyHids() const;
+
   double seconds();  // since the machine was switched on
   // Lets the desk go on for a while, and does what its timelines ask for.
   void run(std::chrono::milliseconds time);
@@ -34,11 +37,19 @@ class SimulatedDesk {
     std::size_t device;
     DeskAction action;
   };
+  struct DueLegacy {
+    double at;
+    std::size_t device;
+    DeskLegacyAction action;
+  };
   void act(const Due& due);
+  void act(const DueLegacy& due);
   void setUpSound();
 
   DeskDescription description_;
   sim::Machine machine_;
   std::vector<std::shared_ptr<sim::VirtualMouse>> devices_;
+  std::vector<std::unique_ptr<sim::LegacyDevice>> legacy_;
   std::vector<Due> due_;  // in the order of time
+  std::vector<DueLegacy> dueLegacy_;
 };

@@ -73,6 +73,10 @@ int main(int argc, char** argv) {
     takesSeconds(recording, "How long; default: to the end of the source, or Ctrl-C");
   }
 
+  auto* legacy =
+      command(app, "legacy", "Show older hardware, its keys and the working mode, until Ctrl-C", &watchLegacy);
+  takesSeconds(legacy, "Stop after so long; needed with --virtual-time");
+
   needsDevice(command(app, "state", "Ask a device for its state", &showState));
   needsDevice(command(app, "dpi", "Set a device's DPI", &setDpi))
       ->add_option("DPI", options.dpi, "Dots per inch")
@@ -95,8 +99,8 @@ int main(int argc, char** argv) {
 
   try {
     app.parse(argc, argv);
-    if (*watch && options.virtualTime && options.seconds <= 0) {
-      throw CLI::ValidationError("--virtual-time", "monitor needs --seconds with it, or it would never end");
+    if ((*watch || *legacy) && options.virtualTime && options.seconds <= 0) {
+      throw CLI::ValidationError("--virtual-time", "this needs --seconds with it, or it would never end");
     }
     if (*update && options.first.empty() && options.second.empty()) {
       throw CLI::RequiredError("--first or --second");
