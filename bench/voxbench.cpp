@@ -182,6 +182,15 @@ void Conversion(benchmark::State& state) {
 }
 BENCHMARK(Conversion)->ArgsProduct({{16000, 44100, 48000}, {1, 2}});
 
+// A simulated minute of the older mouse's key poller.
+void KeyPolling(benchmark::State& state) {
+  sim::Machine machine;
+  CFormerMouse_Usb usb;
+  usb.StartCheck();
+  for ([[maybe_unused]] auto _ : state) machine.sleep(60s);
+}
+BENCHMARK(KeyPolling)->Unit(benchmark::kMillisecond);
+
 // A simulated second of speech, from the virtual microphone to the client's callback.
 void SpeechSecond(benchmark::State& state) {
   sim::Machine machine;

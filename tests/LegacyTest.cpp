@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/Allocations.h"
 #include "platform/os.h"
 #include "sim/Text.h"
 #include "sim/devices/Legacy.h"
@@ -155,6 +156,24 @@ TEST(UsbKeys, EveryPairForEveryLayout) {
   }
 }
 
+TEST(UsbKeys, TheirReleaseIsImitatedByLayoutAndRevision) {
+  const struct {
+    int toggleButton;
+    bool secondRevision;
+    int left, right;
+  } cases[] = {{1, true, kF19, kF20},      {2, true, kF20, kF19},
+               {0, true, kF20, kF19},      {1, false, kXButton1, kXButton2},
+               {2, false, kF9, kXButton1}, {0, false, kXButton2, kXButton1}};
+  for (const auto& c : cases) {
+    LegacyDesk desk(0, c.toggleButton);
+    desk.device(LegacyKind::usbMouseRev2)->plug();
+    for (int i = 0; i < (c.secondRevision ? 2 : 0); ++i) EXPECT_EQ(desk.mouse->IsConnect(), 0);
+    desk.mouse->ImitateKeyM_L();
+    desk.mouse->ImitateKeyM_R();
+    EXPECT_EQ(desk.peripherals().keyboard.sentReleases, (std::deque{c.left, c.right})) << c.toggleButton;
+  }
+}
+
 TEST(UsbKeys, ArePolledEvery13MillisecondsWhileChecking) {
   LegacyDesk desk(0, 1, 2);
   auto usb = desk.device(LegacyKind::usbMouse);
@@ -196,6 +215,36 @@ TEST(UsbKeys, ArePolledEvery13MillisecondsWhileChecking) {
   EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickNone);
   desk.mouse->StopCheck();
   EXPECT_EQ(desk.record.lines("DebugLog"), Lines(2, "DebugLog 45 未连接VoxMouse硬件，停止键值检测"));
+}
+
+TEST(UsbKeys, PollingAllocatesNothing) {
+  // As many allocations as a thread that makes the same calls and nothing else: all of them are the machine's.
+  const auto inHundredSeconds = [](sim::Machine& machine) {
+    machine.sleep(1s);
+    const std::int64_t before = allocations();
+    machine.sleep(100s);
+    return allocations() - before;
+  };
+  std::int64_t machines = 0;
+  {
+    sim::Machine machine;
+    static HANDLE never;
+    never = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    machine.spawn([] {
+      for (;;) {
+        os::WaitForSingleObject(never, 10);
+        for (const int key : {kXButton1, kF19, kXButton2, kF20}) os::GetAsyncKeyState(key);
+        os::Sleep(3);
+      }
+    });
+    machines = inHundredSeconds(machine);
+  }
+  sim::Machine machine;
+  CPreferences::Instance()->SetVoiceClickTimes(2);
+  CFormerMouse_Usb usb;
+  usb.StartCheck();
+  EXPECT_EQ(inHundredSeconds(machine), machines);
+  EXPECT_GT(machines, 100 * 1000 / 13) << "it did poll";
 }
 
 TEST(LaserPen, AnswersItsKeysAndImitatesTheirRelease) {
@@ -276,6 +325,14 @@ TEST(LegacyHid, KeysOfBothKindsAndTheirArming) {
   send(*lark, {0x00, 0x21, 0x00, 0x21, 0x00});
   EXPECT_EQ(desk.record.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
   EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickDouble);
+
+  // Both sources count.
+  desk.peripherals().keyboard.press(kF19);
+  EXPECT_EQ(send(*mouse, {0x00}), "L-");
+  EXPECT_EQ(send(*mouse, {0x11}), "LR");
+  desk.peripherals().keyboard.release(kF19);
+  EXPECT_EQ(send(*mouse, {0x21}), "L-");
+  send(*mouse, {0x00});
 
   // One is pulled out and comes back: the other goes on.
   mouse->unplug();
