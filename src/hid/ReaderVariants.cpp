@@ -13,7 +13,7 @@ void CModelIdentification::Request(CDeviceReader& reader) noexcept {
   // Not a secret: the answer's payload is not checked, its code alone counts.
   std::array<std::uint8_t, kChallengeBytes> challenge;
   std::srand(static_cast<unsigned>(os::_time64(nullptr)));
-  for (std::uint8_t& byte : challenge) byte = static_cast<std::uint8_t>(std::rand() % 256);
+  for (std::uint8_t& code : challenge) code = static_cast<std::uint8_t>(std::rand() % 256);
   awaited_ = true;
   // Deliberately with the prefix of channel 2, whatever the reader's link.
   reader.SendFrame(Identify, challenge.data(), kChallengeBytes, DataChannel_Usb);

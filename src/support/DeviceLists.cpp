@@ -80,7 +80,7 @@ bool DeviceSet::HardwareIds(std::string& ids) {
     return false;
   }
   ids.clear();
-  std::copy_if(text.begin(), text.end(), std::back_inserter(ids), [](std::uint8_t byte) { return byte != 0; });
+  std::copy_if(text.begin(), text.end(), std::back_inserter(ids), [](std::uint8_t code) { return code != 0; });
   return true;
 }
 
