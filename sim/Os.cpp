@@ -395,7 +395,7 @@ BOOL SetupDiGetDeviceRegistryPropertyA(HDEVINFO list, SP_DEVINFO_DATA* device, D
     Machine::current().kernel().self().lastError = ERROR_INSUFFICIENT_BUFFER;
     return FALSE;
   }
-  std::memcpy(buffer, text.data(), text.size());
+  std::copy(text.begin(), text.end(), buffer);
   return TRUE;
 }
 

@@ -36,7 +36,7 @@ class Files {
   Files& operator=(const Files&) = delete;
   std::string path(const std::string& name) const { return (folder_ / name).string(); }
   std::string with(const Bytes& bytes) {
-    const std::string name = path(std::to_string(++count_) + ".bin");
+    std::string name = path(std::to_string(++count_) + ".bin");
     std::ofstream(name, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return name;
