@@ -55,6 +55,19 @@ struct DeviceList {
   std::vector<std::string> hardwareIds;  // each a text of texts, every one with its terminator
 };
 
+// Runs `body` on the object of this kind behind a handle; FALSE when there is none.
+template <class T, class Body>
+BOOL withObject(HANDLE handle, Body body) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  T* object = machine.kernel().use<T>(handle);
+  if (!object) {
+    machine.kernel().misused();
+    return FALSE;
+  }
+  return body(machine, *object) ? TRUE : FALSE;
+}
+
 std::string multiText(const std::vector<std::string>& texts) {
   std::string all;
   for (const std::string& text : texts) all += text + '\0';
@@ -110,18 +123,13 @@ DWORD GetCurrentThreadId() {
 }
 
 BOOL SetThreadPriority(HANDLE thread, int priority) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  const auto object = machine.kernel().find<sim::Thread>(thread);
-  if (!object) {
-    machine.kernel().misused();
-    return FALSE;
-  }
-  object->priority = priority;
-  if (machine.recording()) {
-    machine.noteLocked("thread " + std::to_string(object->id) + " priority " + std::to_string(priority));
-  }
-  return TRUE;
+  return withObject<sim::Thread>(thread, [priority](Machine& machine, sim::Thread& object) {
+    object.priority = priority;
+    if (machine.recording()) {
+      machine.noteLocked("thread " + std::to_string(object.id) + " priority " + std::to_string(priority));
+    }
+    return true;
+  });
 }
 
 HANDLE CreateEventExW(SECURITY_ATTRIBUTES*, const WCHAR*, DWORD flags, DWORD access) {
@@ -140,24 +148,18 @@ HANDLE CreateWaitableTimerW(SECURITY_ATTRIBUTES*, BOOL manualReset, const WCHAR*
 }
 
 BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, void*, void*, BOOL) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  const auto object = machine.kernel().find<sim::WaitableTimer>(timer);
-  if (!object || due->QuadPart > 0 || machine.sound().fault("SetWaitableTimer") != 0) return FALSE;
-  object->set(machine.kernel(), sim::Time(-due->QuadPart / 10), std::chrono::milliseconds(period));
-  return TRUE;
+  return withObject<sim::WaitableTimer>(timer, [due, period](Machine& machine, sim::WaitableTimer& object) {
+    if (due->QuadPart > 0 || machine.sound().fault("SetWaitableTimer") != 0) return false;
+    object.set(machine.kernel(), sim::Time(-due->QuadPart / 10), std::chrono::milliseconds(period));
+    return true;
+  });
 }
 
 BOOL CancelWaitableTimer(HANDLE timer) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  const auto object = machine.kernel().find<sim::WaitableTimer>(timer);
-  if (!object) {
-    machine.kernel().misused();
-    return FALSE;
-  }
-  object->cancel();
-  return TRUE;
+  return withObject<sim::WaitableTimer>(timer, [](Machine&, sim::WaitableTimer& object) {
+    object.cancel();
+    return true;
+  });
 }
 
 BOOL PeekMessageW(MSG* message, HWND, UINT, UINT, UINT) {
@@ -189,16 +191,11 @@ HANDLE CreateEventW(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, c
 }
 
 BOOL SetEvent(HANDLE event) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  const auto object = machine.kernel().find<sim::Event>(event);
-  if (!object) {
-    machine.kernel().misused();
-    return FALSE;
-  }
-  object->set(machine.kernel());
-  machine.kernel().mayBeOvertaken();
-  return TRUE;
+  return withObject<sim::Event>(event, [](Machine& machine, sim::Event& object) {
+    object.set(machine.kernel());
+    machine.kernel().mayBeOvertaken();
+    return true;
+  });
 }
 
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES*, BOOL initialOwner, const WCHAR*) {
@@ -210,15 +207,14 @@ HANDLE CreateMutexW(SECURITY_ATTRIBUTES*, BOOL initialOwner, const WCHAR*) {
 }
 
 BOOL ReleaseMutex(HANDLE mutex) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  const auto object = machine.kernel().find<sim::Mutex>(mutex);
-  if (!object || !object->release(machine.kernel(), machine.kernel().self())) {
-    machine.kernel().misused();
-    return FALSE;
-  }
-  machine.kernel().mayBeOvertaken();
-  return TRUE;
+  return withObject<sim::Mutex>(mutex, [](Machine& machine, sim::Mutex& object) {
+    if (!object.release(machine.kernel(), machine.kernel().self())) {
+      machine.kernel().misused();
+      return false;
+    }
+    machine.kernel().mayBeOvertaken();
+    return true;
+  });
 }
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {

@@ -154,6 +154,7 @@ MMRESULT waveInGetDevCapsW(UINT_PTR device, WAVEINCAPSW* caps, UINT size) {
   if (device >= microphones.size()) return MMSYSERR_BADDEVICEID;
   if (size < sizeof *caps) return MMSYSERR_INVALPARAM;
   sim::fillName(caps->szPname, microphones[device]->name);
+  caps->dwFormats = 0xFFFFF;  // every format that has a bit; no zero ends a name that fills its field
   caps->wChannels = 1;
   return MMSYSERR_NOERROR;
 }
