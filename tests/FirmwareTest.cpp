@@ -320,6 +320,9 @@ TEST(Firmware, RequestsThatLeadOutOfTheImageGetNothing) {
     desk.start(FwUpdate_Both, desk.files.with(pattern(50)), desk.files.with(pattern(50)));
     desk.run(10s);
     EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11", "2 8", "3 5", "0 11"})) << offset;
+    // What the client is told of the second image wraps.
+    const auto done = static_cast<std::int32_t>(static_cast<std::uint32_t>(50 + offset));
+    EXPECT_EQ(desk.record.lines("OtaProgress").back(), "OtaProgress " + std::to_string(done) + " 100") << offset;
   }
   {  // More bytes than the output report has room for.
     UpdateDesk desk("Tern");
