@@ -110,7 +110,8 @@ void recordMicrophone(const Options& options) {
       std::string names;
       for (const DeskMicrophone& known : session.desk.sound().microphones)
         names += (names.empty() ? "" : ", ") + known.name;
-      throw Failure(std::string(choice.rule) + "; there are: " + (names.empty() ? "none" : names));
+      throw Failure((options.microphone.empty() ? choice.rule : "no name contains \"" + options.microphone + '"') +
+                    "; there are: " + (names.empty() ? "none" : names));
     }
     session.terminal.say("Recording " + sim::utf8(choice.name) + " (" + choice.rule + ").");
     if (recorder.StartRecord() != 1) throw Failure("the microphone cannot be recorded" + reason(*session.client));
