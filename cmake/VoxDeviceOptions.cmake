@@ -19,6 +19,15 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   endif()
 endif()
 
+if(WIN32)
+  # Windows 7 and later.
+  target_compile_definitions(voxdevice_options INTERFACE _WIN32_WINNT=0x0601)
+endif()
+if(MINGW)
+  # Programs and the library need nothing that Windows does not have: the C++ runtime is linked in.
+  add_link_options(-static)
+endif()
+
 # Sanitizers concern every object that is linked, also those of a subdirectory that forgets our options.
 if(VOXDEVICE_SANITIZE)
   add_compile_options(-fsanitize=${VOXDEVICE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

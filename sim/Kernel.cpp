@@ -248,10 +248,11 @@ Thread& Kernel::nextThread() {
   for (;;) {
     fireDue();
     if (!ready_.empty()) {
-      const std::size_t pick = shuffled_ ? random_() % ready_.size() : 0;
-      Thread* next = ready_[pick];
-      ready_.erase(ready_.begin() + static_cast<std::ptrdiff_t>(pick));
-      return *next;
+      const auto pick = static_cast<std::ptrdiff_t>(shuffled_ ? random_() % ready_.size() : 0);
+      const auto next = ready_.begin() + pick;
+      Thread& thread = **next;
+      ready_.erase(next);
+      return thread;
     }
     if (timers_.empty()) stuck("every thread waits without a limit");
     virtualNow_ = timers_.begin()->first.first;
@@ -423,7 +424,7 @@ void Kernel::stuck(const char* why) {
   std::fprintf(stderr, "sim: the machine is stuck at %lld ms: %s\n", static_cast<long long>(now().count() / 1000), why);
   for (const auto& thread : threads_) {
     if (thread->state != Thread::State::waiting) continue;
-    std::fprintf(stderr, "  thread %u waits for", thread->id);
+    std::fprintf(stderr, "  thread %lu waits for", static_cast<unsigned long>(thread->id));
     for (const Object* object : thread->waitsFor) std::fprintf(stderr, " %s", object->kind());
     std::fprintf(stderr, thread->waitsFor.empty() ? " time\n" : "\n");
   }

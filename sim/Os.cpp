@@ -11,13 +11,6 @@
 
 #include "sim/Machine.h"
 
-// Windows declares this structure for its parsed report descriptor; ours needs only the two lengths.
-struct HIDP_PREPARSED_DATA {
-  std::uint16_t inputLength;
-  std::uint16_t outputLength;
-  bool noCaps;
-};
-
 namespace {
 
 using sim::Kernel;
@@ -48,6 +41,13 @@ bool sameGuid(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof 
 // The USB device interface class and the media device setup class.
 constexpr GUID kUsbGuid{0xa5dcbf10, 0x6530, 0x11d2, {0x90, 0x1f, 0x00, 0xc0, 0x4f, 0xb9, 0x51, 0xed}};
 constexpr GUID kMediaGuid{0x4d36e96c, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
+
+// What stands behind a PHIDP_PREPARSED_DATA.
+struct ParsedDescriptor {
+  std::uint16_t inputLength;
+  std::uint16_t outputLength;
+  bool noCaps;
+};
 
 // A device information set, as it was at the moment of the call: interface paths, or devices with their hardware ids.
 struct DeviceList {
@@ -147,7 +147,7 @@ HANDLE CreateWaitableTimerW(SECURITY_ATTRIBUTES*, BOOL manualReset, const WCHAR*
   return machine.kernel().open(std::make_shared<sim::WaitableTimer>());
 }
 
-BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, void*, void*, BOOL) {
+BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE, void*, BOOL) {
   return withObject<sim::WaitableTimer>(timer, [due, period](Machine& machine, sim::WaitableTimer& object) {
     if (due->QuadPart > 0 || machine.sound().fault("SetWaitableTimer") != 0) return false;
     object.set(machine.kernel(), sim::Time(-due->QuadPart / 10), std::chrono::milliseconds(period));
@@ -445,8 +445,8 @@ BOOLEAN HidD_GetPreparsedData(HANDLE device, PHIDP_PREPARSED_DATA* preparsed) {
   const Kernel::Lock lock = machine.kernel().enter();
   const auto open = machine.kernel().find<sim::HidOpen>(device);
   if (!open || open->device->faults.noPreparsedData) return FALSE;
-  *preparsed =
-      new HIDP_PREPARSED_DATA{open->device->inputLength, open->device->outputLength, open->device->faults.noCaps};
+  *preparsed = reinterpret_cast<PHIDP_PREPARSED_DATA>(
+      new ParsedDescriptor{open->device->inputLength, open->device->outputLength, open->device->faults.noCaps});
   ++machine.preparsedData;
   return TRUE;
 }
@@ -454,27 +454,28 @@ BOOLEAN HidD_GetPreparsedData(HANDLE device, PHIDP_PREPARSED_DATA* preparsed) {
 BOOLEAN HidD_FreePreparsedData(PHIDP_PREPARSED_DATA preparsed) {
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();
-  delete preparsed;
+  delete reinterpret_cast<ParsedDescriptor*>(preparsed);
   --machine.preparsedData;
   return TRUE;
 }
 
 NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps) {
-  if (preparsed->noCaps) return static_cast<NTSTATUS>(0xC0110001);  // invalid preparsed data
+  const auto& parsed = *reinterpret_cast<const ParsedDescriptor*>(preparsed);
+  if (parsed.noCaps) return static_cast<NTSTATUS>(0xC0110001);  // invalid preparsed data
   *caps = {};
-  caps->InputReportByteLength = preparsed->inputLength;
-  caps->OutputReportByteLength = preparsed->outputLength;
+  caps->InputReportByteLength = parsed.inputLength;
+  caps->OutputReportByteLength = parsed.outputLength;
   return HIDP_STATUS_SUCCESS;
 }
 
 HMODULE LoadLibraryW(const WCHAR* fileName) {
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();
-  return const_cast<sim::Library*>(machine.library(fileName));
+  return reinterpret_cast<HMODULE>(const_cast<sim::Library*>(machine.library(fileName)));
 }
 
 FARPROC GetProcAddress(HMODULE library, const char* name) {
-  const auto& names = *static_cast<const sim::Library*>(library);
+  const auto& names = *reinterpret_cast<const sim::Library*>(library);
   const auto it = names.find(name);
   return it == names.end() ? nullptr : it->second;
 }

@@ -39,16 +39,16 @@ class Com : public Interface, public ComObject {
   Com(const Com&) = delete;
   Com& operator=(const Com&) = delete;
 
-  HRESULT QueryInterface(const GUID&, void** object) override {
+  HRESULT STDMETHODCALLTYPE QueryInterface(const GUID&, void** object) override {
     *object = nullptr;
     return E_NOINTERFACE;
   }
-  ULONG AddRef() override {
+  ULONG STDMETHODCALLTYPE AddRef() override {
     const Kernel::Lock lock = Machine::current().kernel().enterQuietly();
     ++sound().open.comReferences;
     return ++references_;
   }
-  ULONG Release() override {
+  ULONG STDMETHODCALLTYPE Release() override {
     const Kernel::Lock lock = Machine::current().kernel().enterQuietly();
     --sound().open.comReferences;
     const ULONG left = --references_;
@@ -73,15 +73,17 @@ WCHAR* taskText(const std::wstring& text) {
 class Store final : public Com<IPropertyStore> {
  public:
   explicit Store(std::wstring name) : name_(std::move(name)) {}
-  HRESULT GetCount(DWORD* count) override { return *count = 1, S_OK; }
-  HRESULT GetAt(DWORD, PROPERTYKEY* key) override { return *key = kFriendlyName, S_OK; }
-  HRESULT GetValue(const PROPERTYKEY& key, PROPVARIANT* value) override {
+  HRESULT STDMETHODCALLTYPE GetCount(DWORD* count) override { return *count = 1, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetAt(DWORD, PROPERTYKEY* key) override { return *key = kFriendlyName, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetValue(const PROPERTYKEY& key, PROPVARIANT* value) override {
     SIM_ENTER("IPropertyStore::GetValue");
     if (!same(key.fmtid, kFriendlyName.fmtid) || key.pid != kFriendlyName.pid) return value->vt = VT_EMPTY, S_OK;
     value->vt = VT_LPWSTR;
     value->pwszVal = taskText(name_);
     return S_OK;
   }
+  HRESULT STDMETHODCALLTYPE SetValue(const PROPERTYKEY&, const PROPVARIANT&) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE Commit() override { return E_NOTIMPL; }
 
  private:
   const std::wstring name_;
@@ -90,14 +92,14 @@ class Store final : public Com<IPropertyStore> {
 class SessionVolume final : public Com<ISimpleAudioVolume> {
  public:
   explicit SessionVolume(std::size_t endpoint) : endpoint_(endpoint) {}
-  HRESULT SetMasterVolume(float, const GUID*) override { return S_OK; }
-  HRESULT GetMasterVolume(float* level) override { return *level = 1, S_OK; }
-  HRESULT SetMute(BOOL mute, const GUID*) override {
+  HRESULT STDMETHODCALLTYPE SetMasterVolume(float, const GUID*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE GetMasterVolume(float* level) override { return *level = 1, S_OK; }
+  HRESULT STDMETHODCALLTYPE SetMute(BOOL mute, const GUID*) override {
     SIM_ENTER("ISimpleAudioVolume::SetMute");
     sound().endpoints.at(endpoint_).muted = mute != FALSE;
     return S_OK;
   }
-  HRESULT GetMute(BOOL* mute) override {
+  HRESULT STDMETHODCALLTYPE GetMute(BOOL* mute) override {
     SIM_ENTER("ISimpleAudioVolume::GetMute");
     *mute = sound().endpoints.at(endpoint_).muted ? TRUE : FALSE;
     return S_OK;
@@ -110,8 +112,11 @@ class SessionVolume final : public Com<ISimpleAudioVolume> {
 class SessionManager final : public Com<IAudioSessionManager> {
  public:
   explicit SessionManager(std::size_t endpoint) : endpoint_(endpoint) {}
-  HRESULT GetAudioSessionControl(const GUID*, DWORD, IAudioSessionControl**) override { return E_NOINTERFACE; }
-  HRESULT GetSimpleAudioVolume(const GUID* session, DWORD crossProcess, ISimpleAudioVolume** volume) override {
+  HRESULT STDMETHODCALLTYPE GetAudioSessionControl(const GUID*, DWORD, IAudioSessionControl**) override {
+    return E_NOINTERFACE;
+  }
+  HRESULT STDMETHODCALLTYPE GetSimpleAudioVolume(const GUID* session, DWORD crossProcess,
+                                                 ISimpleAudioVolume** volume) override {
     SIM_ENTER("IAudioSessionManager::GetSimpleAudioVolume");
     if (session || crossProcess != FALSE) return E_INVALIDARG;
     *volume = new SessionVolume(endpoint_);
@@ -125,21 +130,32 @@ class SessionManager final : public Com<IAudioSessionManager> {
 class EndpointVolume final : public Com<IAudioEndpointVolume> {
  public:
   explicit EndpointVolume(std::size_t endpoint) : endpoint_(endpoint) {}
-  HRESULT RegisterControlChangeNotify(IAudioEndpointVolumeCallback*) override { return S_OK; }
-  HRESULT UnregisterControlChangeNotify(IAudioEndpointVolumeCallback*) override { return S_OK; }
-  HRESULT GetChannelCount(UINT* count) override { return *count = 1, S_OK; }
-  HRESULT SetMasterVolumeLevel(float, const GUID*) override { return E_FAIL; }
-  HRESULT SetMasterVolumeLevelScalar(float level, const GUID*) override {
+  HRESULT STDMETHODCALLTYPE RegisterControlChangeNotify(IAudioEndpointVolumeCallback*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE UnregisterControlChangeNotify(IAudioEndpointVolumeCallback*) override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE GetChannelCount(UINT* count) override { return *count = 1, S_OK; }
+  HRESULT STDMETHODCALLTYPE SetMasterVolumeLevel(float, const GUID*) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE SetMasterVolumeLevelScalar(float level, const GUID*) override {
     SIM_ENTER("IAudioEndpointVolume::SetMasterVolumeLevelScalar");
     sound().endpoints.at(endpoint_).volume = level;
     return S_OK;
   }
-  HRESULT GetMasterVolumeLevel(float*) override { return E_FAIL; }
-  HRESULT GetMasterVolumeLevelScalar(float* level) override {
+  HRESULT STDMETHODCALLTYPE GetMasterVolumeLevel(float*) override { return E_FAIL; }
+  HRESULT STDMETHODCALLTYPE GetMasterVolumeLevelScalar(float* level) override {
     SIM_ENTER("IAudioEndpointVolume::GetMasterVolumeLevelScalar");
     *level = sound().endpoints.at(endpoint_).volume;
     return S_OK;
   }
+  HRESULT STDMETHODCALLTYPE SetChannelVolumeLevel(UINT, float, const GUID*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE SetChannelVolumeLevelScalar(UINT, float, const GUID*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetChannelVolumeLevel(UINT, float*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetChannelVolumeLevelScalar(UINT, float*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE SetMute(BOOL, const GUID*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetMute(BOOL*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetVolumeStepInfo(UINT*, UINT*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE VolumeStepUp(const GUID*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE VolumeStepDown(const GUID*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE QueryHardwareSupport(DWORD*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetVolumeRange(float*, float*, float*) override { return E_NOTIMPL; }
 
  private:
   const std::size_t endpoint_;
@@ -196,7 +212,7 @@ std::size_t channelsOfMix() {
 class CaptureClient final : public Com<IAudioCaptureClient> {
  public:
   explicit CaptureClient(std::shared_ptr<Stream> stream) : stream_(std::move(stream)) {}
-  HRESULT GetBuffer(BYTE** data, UINT32* frames, DWORD* flags, UINT64*, UINT64*) override {
+  HRESULT STDMETHODCALLTYPE GetBuffer(BYTE** data, UINT32* frames, DWORD* flags, UINT64*, UINT64*) override {
     SIM_ENTER("IAudioCaptureClient::GetBuffer");
     if (stream_->packets.empty()) return *frames = 0, S_OK;
     auto& packet = stream_->packets.front();
@@ -206,14 +222,14 @@ class CaptureClient final : public Com<IAudioCaptureClient> {
     *flags = all.empty() ? 0 : all[stream_->delivered % all.size()];
     return S_OK;
   }
-  HRESULT ReleaseBuffer(UINT32 frames) override {
+  HRESULT STDMETHODCALLTYPE ReleaseBuffer(UINT32 frames) override {
     SIM_ENTER("IAudioCaptureClient::ReleaseBuffer");
     if (frames == 0 || stream_->packets.empty()) return S_OK;
     stream_->packets.pop_front();
     ++stream_->delivered;
     return S_OK;
   }
-  HRESULT GetNextPacketSize(UINT32* frames) override {
+  HRESULT STDMETHODCALLTYPE GetNextPacketSize(UINT32* frames) override {
     SIM_ENTER("IAudioCaptureClient::GetNextPacketSize");
     *frames = stream_->packets.empty() ? 0 : static_cast<UINT32>(stream_->packets.front().size() / channelsOfMix());
     return S_OK;
@@ -226,8 +242,9 @@ class CaptureClient final : public Com<IAudioCaptureClient> {
 class AudioClient final : public Com<IAudioClient> {
  public:
   AudioClient() : stream_(std::make_shared<Stream>()) {}
-  HRESULT Initialize(AUDCLNT_SHAREMODE mode, DWORD flags, REFERENCE_TIME bufferDuration, REFERENCE_TIME periodicity,
-                     const WAVEFORMATEX* format, const GUID* session) override {
+  HRESULT STDMETHODCALLTYPE Initialize(AUDCLNT_SHAREMODE mode, DWORD flags, REFERENCE_TIME bufferDuration,
+                                       REFERENCE_TIME periodicity, const WAVEFORMATEX* format,
+                                       const GUID* session) override {
     SIM_ENTER("IAudioClient::Initialize");
     if (mode != AUDCLNT_SHAREMODE_SHARED || session || format->wBitsPerSample != 16) return E_INVALIDARG;
     sound().clientSetup = {.flags = flags,
@@ -239,11 +256,13 @@ class AudioClient final : public Com<IAudioClient> {
                            .bytesPerSecond = format->nAvgBytesPerSec};
     return S_OK;
   }
-  HRESULT GetBufferSize(UINT32* frames) override { return *frames = 0, S_OK; }
-  HRESULT GetStreamLatency(REFERENCE_TIME* latency) override { return *latency = 0, S_OK; }
-  HRESULT GetCurrentPadding(UINT32* frames) override { return *frames = 0, S_OK; }
-  HRESULT IsFormatSupported(AUDCLNT_SHAREMODE, const WAVEFORMATEX*, WAVEFORMATEX**) override { return S_OK; }
-  HRESULT GetMixFormat(WAVEFORMATEX** format) override {
+  HRESULT STDMETHODCALLTYPE GetBufferSize(UINT32* frames) override { return *frames = 0, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetStreamLatency(REFERENCE_TIME* latency) override { return *latency = 0, S_OK; }
+  HRESULT STDMETHODCALLTYPE GetCurrentPadding(UINT32* frames) override { return *frames = 0, S_OK; }
+  HRESULT STDMETHODCALLTYPE IsFormatSupported(AUDCLNT_SHAREMODE, const WAVEFORMATEX*, WAVEFORMATEX**) override {
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetMixFormat(WAVEFORMATEX** format) override {
     SIM_ENTER("IAudioClient::GetMixFormat");
     const auto& bytes = sound().speaker.mixFormat;
     void* memory = ::operator new(bytes.size());
@@ -252,31 +271,31 @@ class AudioClient final : public Com<IAudioClient> {
     *format = static_cast<WAVEFORMATEX*>(memory);
     return S_OK;
   }
-  HRESULT GetDevicePeriod(REFERENCE_TIME* defaultPeriod, REFERENCE_TIME* minimumPeriod) override {
+  HRESULT STDMETHODCALLTYPE GetDevicePeriod(REFERENCE_TIME* defaultPeriod, REFERENCE_TIME* minimumPeriod) override {
     SIM_ENTER("IAudioClient::GetDevicePeriod");
     *defaultPeriod = sound().speaker.period;
     *minimumPeriod = sound().speaker.period / 3;
     return S_OK;
   }
-  HRESULT Start() override {
+  HRESULT STDMETHODCALLTYPE Start() override {
     SIM_ENTER("IAudioClient::Start");
     stream_->running = true;
     stream_->schedule(Machine::current(), stream_);
     return S_OK;
   }
-  HRESULT Stop() override {
+  HRESULT STDMETHODCALLTYPE Stop() override {
     SIM_ENTER("IAudioClient::Stop");
     stream_->running = false;
     ++stream_->generation;
     return S_OK;
   }
-  HRESULT Reset() override { return S_OK; }
-  HRESULT SetEventHandle(HANDLE event) override {
+  HRESULT STDMETHODCALLTYPE Reset() override { return S_OK; }
+  HRESULT STDMETHODCALLTYPE SetEventHandle(HANDLE event) override {
     SIM_ENTER("IAudioClient::SetEventHandle");
     stream_->event = event;
     return S_OK;
   }
-  HRESULT GetService(const GUID& iid, void** service) override {
+  HRESULT STDMETHODCALLTYPE GetService(const GUID& iid, void** service) override {
     SIM_ENTER("IAudioClient::GetService");
     if (!same(iid, kCaptureClient)) return E_NOINTERFACE;
     *service = static_cast<IAudioCaptureClient*>(new CaptureClient(stream_));
@@ -290,7 +309,7 @@ class AudioClient final : public Com<IAudioClient> {
 class Device final : public Com<IMMDevice> {
  public:
   explicit Device(std::size_t endpoint) : endpoint_(endpoint) {}
-  HRESULT Activate(const GUID& iid, DWORD, PROPVARIANT*, void** object) override {
+  HRESULT STDMETHODCALLTYPE Activate(const GUID& iid, DWORD, PROPVARIANT*, void** object) override {
     SIM_ENTER("IMMDevice::Activate");
     if (same(iid, kAudioClient) && endpoint_ == kSpeakerIndex) {
       *object = static_cast<IAudioClient*>(new AudioClient);
@@ -303,17 +322,18 @@ class Device final : public Com<IMMDevice> {
     }
     return S_OK;
   }
-  HRESULT OpenPropertyStore(DWORD access, IPropertyStore** store) override {
+  HRESULT STDMETHODCALLTYPE OpenPropertyStore(DWORD access, IPropertyStore** store) override {
     SIM_ENTER("IMMDevice::OpenPropertyStore");
     if (access != STGM_READ) return E_INVALIDARG;
     *store = new Store(endpoint_ == kSpeakerIndex ? sound().speaker.name : sound().endpoints.at(endpoint_).name);
     return S_OK;
   }
-  HRESULT GetId(WCHAR** id) override {
+  HRESULT STDMETHODCALLTYPE GetId(WCHAR** id) override {
     SIM_ENTER("IMMDevice::GetId");
     *id = taskText(std::to_wstring(endpoint_));
     return S_OK;
   }
+  HRESULT STDMETHODCALLTYPE GetState(DWORD* state) override { return *state = DEVICE_STATE_ACTIVE, S_OK; }
 
  private:
   const std::size_t endpoint_;
@@ -322,12 +342,12 @@ class Device final : public Com<IMMDevice> {
 class Collection final : public Com<IMMDeviceCollection> {
  public:
   explicit Collection(std::size_t count) : count_(count) {}
-  HRESULT GetCount(UINT* count) override {
+  HRESULT STDMETHODCALLTYPE GetCount(UINT* count) override {
     SIM_ENTER("IMMDeviceCollection::GetCount");
     *count = static_cast<UINT>(count_);
     return S_OK;
   }
-  HRESULT Item(UINT index, IMMDevice** device) override {
+  HRESULT STDMETHODCALLTYPE Item(UINT index, IMMDevice** device) override {
     SIM_ENTER("IMMDeviceCollection::Item");
     if (index >= count_) return E_INVALIDARG;
     *device = new Device(index);
@@ -340,22 +360,26 @@ class Collection final : public Com<IMMDeviceCollection> {
 
 class Enumerator final : public Com<IMMDeviceEnumerator> {
  public:
-  HRESULT EnumAudioEndpoints(EDataFlow flow, DWORD states, IMMDeviceCollection** devices) override {
+  HRESULT STDMETHODCALLTYPE EnumAudioEndpoints(EDataFlow flow, DWORD states, IMMDeviceCollection** devices) override {
     SIM_ENTER("IMMDeviceEnumerator::EnumAudioEndpoints");
     if (flow != eCapture || states != DEVICE_STATE_ACTIVE) return E_INVALIDARG;
     *devices = new Collection(sound().endpoints.size());
     return S_OK;
   }
-  HRESULT GetDefaultAudioEndpoint(EDataFlow flow, ERole role, IMMDevice** device) override {
+  HRESULT STDMETHODCALLTYPE GetDefaultAudioEndpoint(EDataFlow flow, ERole role, IMMDevice** device) override {
     SIM_ENTER("IMMDeviceEnumerator::GetDefaultAudioEndpoint");
     if (flow != eRender || role != eConsole || !sound().hasSpeaker) return E_FAIL;
     *device = new Device(kSpeakerIndex);
     return S_OK;
   }
-  HRESULT GetDevice(const WCHAR* id, IMMDevice** device) override {
+  HRESULT STDMETHODCALLTYPE GetDevice(const WCHAR* id, IMMDevice** device) override {
     SIM_ENTER("IMMDeviceEnumerator::GetDevice");
     *device = new Device(static_cast<std::size_t>(std::wcstoul(id, nullptr, 10)));
     return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE RegisterEndpointNotificationCallback(IMMNotificationClient*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE UnregisterEndpointNotificationCallback(IMMNotificationClient*) override {
+    return E_NOTIMPL;
   }
 };
 

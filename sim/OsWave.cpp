@@ -36,7 +36,11 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
     while (!queue.empty()) giveBack(kernel, 0);
   }
   void post(Kernel& kernel, UINT message, LPARAM parameter) {
-    kernel.post(thread, {nullptr, message, reinterpret_cast<WPARAM>(handle), parameter});
+    MSG sent{};
+    sent.message = message;
+    sent.wParam = reinterpret_cast<WPARAM>(handle);
+    sent.lParam = parameter;
+    kernel.post(thread, sent);
   }
 
   const std::shared_ptr<Microphone> microphone;
@@ -129,7 +133,7 @@ MMRESULT withMixer(const char* call, HMIXEROBJ object, Body body) {
 }
 
 void fillName(WCHAR (&field)[MAXPNAMELEN], const std::wstring& name) {
-  std::copy_n(name.begin(), std::min(name.size(), MAXPNAMELEN), field);
+  std::copy_n(name.begin(), std::min<std::size_t>(name.size(), MAXPNAMELEN), field);
 }
 
 }  // namespace
@@ -172,7 +176,7 @@ MMRESULT waveInOpen(HWAVEIN* handle, UINT device, const WAVEFORMATEX* format, DW
   if (flags != CALLBACK_THREAD) return MMSYSERR_INVALPARAM;
   const auto open = std::make_shared<sim::WaveIn>(machine.sound().microphones[device], static_cast<DWORD>(callback));
   open->handle = machine.kernel().open(open);
-  *handle = open->handle;
+  *handle = static_cast<HWAVEIN>(open->handle);
   open->post(machine.kernel(), MM_WIM_OPEN, 0);
   return MMSYSERR_NOERROR;
 }
@@ -249,7 +253,7 @@ MMRESULT mixerOpen(HMIXER* handle, UINT mixer, DWORD_PTR, DWORD_PTR, DWORD flags
   const Kernel::Lock lock = machine.kernel().enter();
   if (const MMRESULT error = sim::injected("mixerOpen"); error != 0) return error;
   if (mixer >= machine.sound().mixers.size() || flags != MIXER_OBJECTF_MIXER) return MMSYSERR_BADDEVICEID;
-  *handle = machine.kernel().open(std::make_shared<sim::MixerHandle>(mixer));
+  *handle = static_cast<HMIXER>(machine.kernel().open(std::make_shared<sim::MixerHandle>(mixer)));
   return MMSYSERR_NOERROR;
 }
 

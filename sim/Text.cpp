@@ -6,8 +6,14 @@ namespace sim {
 
 std::string utf8(std::wstring_view text) {
   std::string result;
-  for (const wchar_t wide : text) {
-    const auto c = static_cast<std::uint32_t>(wide);
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    auto c = static_cast<std::uint32_t>(text[at]);
+    if (c >= 0xD800 && c < 0xE000) {
+      const std::uint32_t low = at + 1 < text.size() ? static_cast<std::uint32_t>(text[at + 1]) : 0;
+      const bool pair = c < 0xDC00 && low >= 0xDC00 && low < 0xE000;
+      if (pair) ++at;
+      c = pair ? 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00) : 0xFFFD;
+    }
     const auto tail = [&](int shift) { result += static_cast<char>(0x80 | (c >> shift & 0x3F)); };
     if (c < 0x80) {
       result += static_cast<char>(c);
@@ -39,7 +45,12 @@ std::wstring wide(std::string_view text) {
       good = at < text.size() && (static_cast<std::uint8_t>(text[at]) & 0xC0) == 0x80;
       if (good) code = code << 6 | (static_cast<std::uint8_t>(text[at++]) & 0x3F);
     }
-    result += static_cast<wchar_t>(good ? code : 0xFFFD);
+    if (!good) code = 0xFFFD;
+    if (sizeof(wchar_t) == 2 && code >= 0x10000) {
+      result += static_cast<wchar_t>(0xD7C0 + (code >> 10));
+      code = 0xDC00 | (code & 0x3FF);
+    }
+    result += static_cast<wchar_t>(code);
   }
   return result;
 }

@@ -19,10 +19,10 @@ std::string line(const char* name, Values... values) {
 
 std::string hex(const std::vector<std::uint8_t>& bytes) {
   std::string text;
-  for (const std::uint8_t byte : bytes) {
+  for (const std::uint8_t value : bytes) {
     static constexpr char digits[] = "0123456789abcdef";
-    text += digits[byte >> 4];
-    text += digits[byte & 15];
+    text += digits[value >> 4];
+    text += digits[value & 15];
   }
   return text;
 }
@@ -103,8 +103,8 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
                           }),
                           context);
   hub->SetCallback_MouseState(
-      slot(+[](int device, MouseType model, DataChannel link, int word0, int word1, int byte, void* to) {
-        static_cast<Record*>(to)->add(line("MouseState", device, int{model}, int{link}, word0, word1, byte));
+      slot(+[](int device, MouseType model, DataChannel link, int word0, int word1, int level, void* to) {
+        static_cast<Record*>(to)->add(line("MouseState", device, int{model}, int{link}, word0, word1, level));
       }),
       context);
   hub->SetCallback_DongleState(

@@ -1,6 +1,5 @@
 // Firmware updates: what arrives at the device, what the client is told, and how every step can fail.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -28,7 +27,8 @@ Bytes pattern(std::size_t size, unsigned seed = 1) {
 // Files of the test's own, gone with it.
 class Files {
  public:
-  Files() : folder_(std::filesystem::path(::testing::TempDir()) / ("firmware_" + std::to_string(::getpid()))) {
+  Files()
+      : folder_(std::filesystem::path(::testing::TempDir()) / ("firmware_" + std::to_string(std::random_device()()))) {
     std::filesystem::create_directories(folder_);
   }
   ~Files() { std::filesystem::remove_all(folder_); }

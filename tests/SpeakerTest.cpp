@@ -201,11 +201,10 @@ TEST(Speaker, TheFirstGoodFormatOfAProcessIsLogged) {
     desk.start();
     desk.recorder->StopRecord();
     const bool good = desk.record.lines() == Lines{"Log 0 扬声器采样率：44100，通道数：1"};
-    std::fputs(good ? "logged once" : "not logged once", stderr);
-    std::_Exit(0);
+    std::_Exit(good ? 0 : 1);
   };
   ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-  EXPECT_EXIT(twice(), ::testing::ExitedWithCode(0), "^(.*\n)*logged once");
+  EXPECT_EXIT(twice(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Speaker, BothModesWakeUpForTheirData) {

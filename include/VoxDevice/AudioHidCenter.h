@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "VoxDevice/Api.h"
 #include "VoxDevice/KzCheckDoubleClick.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
@@ -44,7 +45,7 @@ struct HidPathIdentity {
 // Threads: any operation may be called from any thread, a callback included, unless it says otherwise. Callbacks run on
 // the device's own read thread unless said otherwise, so those of two devices may run at the same time; the library
 // holds no lock meanwhile. A callback should return soon: its device is not read until it does.
-class CAudioHidCenter {
+class VOXDEVICE_API CAudioHidCenter {
  public:
   // data: signed 16-bit little-endian mono PCM, 16 kHz, valid during the call only; byteCount bytes of it.
   // (null, 0) marks the end of a recording.
@@ -74,7 +75,7 @@ class CAudioHidCenter {
   CAudioHidCenter& operator=(const CAudioHidCenter& other);
 
   // The instance constructed last; null before there is one.
-  static CAudioHidCenter* Instance() noexcept { return s_pHidDeviceCenter; }
+  static CAudioHidCenter* Instance() noexcept;
 
   // ---- Lifecycle: one client thread ----
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null.
@@ -310,5 +311,5 @@ class CAudioHidCenter {
   CallbackSlot<DownloadUrlCallback> downloadUrlCallback;
   CallbackSlot<FwOtaResultCallbackFn> fwOtaResultCallback;
 
-  static inline std::atomic<CAudioHidCenter*> s_pHidDeviceCenter{nullptr};
+  static std::atomic<CAudioHidCenter*> s_pHidDeviceCenter;
 };

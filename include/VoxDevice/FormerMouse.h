@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "VoxDevice/Api.h"
 #include "VoxDevice/KzCheckDoubleClick.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
@@ -20,7 +21,7 @@ class CWorkerThread;
 //
 // Threads: the constructor, StartCheck to Release and the destructor belong to one client thread; getters may be called
 // from any thread.
-class CFormerMouse_Usb {
+class VOXDEVICE_API CFormerMouse_Usb {
  public:
   // Takes the key layout and the double-click preferences, once, and starts the thread, which idles.
   CFormerMouse_Usb();
@@ -69,7 +70,7 @@ class CFormerMouse_Usb {
 // The keys of the older HID devices: rescanned every 3 s, each device read on a thread of its own.
 //
 // Threads: as CFormerMouse_Usb.
-class CFormerMouse_Hid {
+class VOXDEVICE_API CFormerMouse_Hid {
  public:
   CFormerMouse_Hid();
   // Ends every thread.
@@ -123,7 +124,7 @@ class CFormerMouse_Hid {
 };
 
 // The keys of the laser pen, asked for when they are wanted. Any thread.
-class CFormerLaserPen {
+class VOXDEVICE_API CFormerLaserPen {
  public:
   VoxButtonState GetKey_P_subtitle() const;
   VoxButtonState GetKey_P_translate() const;
@@ -138,7 +139,7 @@ class CFormerLaserPen {
 };
 
 // The older mice as the client sees them: detection, and the keys of both sources merged.
-class CFormerMouse {
+class VOXDEVICE_API CFormerMouse {
  public:
   // Starts the poller of the USB mouse, and looks once whether only mice of the Ql variant are there.
   CFormerMouse();

@@ -3,12 +3,13 @@
 
 #include <cstdint>
 
+#include "VoxDevice/Api.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
 // Fed with the presses and releases (or, as often as one likes, the level) of one key. In double-click mode it logs a
 // double click and posts OpenNavigation when the network is reachable. Copies as plain data.
-class KzCheckDoubleClick {
+class VOXDEVICE_API KzCheckDoubleClick {
  public:
   // Takes the click count and the window from the preferences, once.
   KzCheckDoubleClick() noexcept;

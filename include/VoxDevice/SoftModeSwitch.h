@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "VoxDevice/Api.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
@@ -14,7 +15,7 @@ class CWorkerThread;
 // Every 8 s it looks which older devices are plugged in, and sets the working mode (CPreferences::GetHardWare) when
 // there is one kind only. When there are both, it watches the keys every 0.1 s and follows the one that is pressed. A
 // switch is told to the main window, the log and the tray.
-class CSoftModeSwitch {
+class VOXDEVICE_API CSoftModeSwitch {
  public:
   // True: no key may switch the mode now. On the switch thread.
   using PauseCallback = bool (*)(void* context);

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "VoxDevice/Api.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
@@ -60,7 +61,7 @@ class VoxMessageSink {
   virtual void PostMainMenu(MainMenuType /*menu*/) {}
 };
 
-class VoxMessage {
+class VOXDEVICE_API VoxMessage {
  public:
   // The sink must outlive the library's threads: set it before OpenDevice, take it away (null) after Release.
   static void SetSink(VoxMessageSink* sink) noexcept;
@@ -78,7 +79,7 @@ class VoxMessage {
 };
 
 // The user's preferences. The client sets them; the library reads those of a detector once, when it is built.
-class CPreferences {
+class VOXDEVICE_API CPreferences {
  public:
   static CPreferences* Instance() noexcept;
 
@@ -103,7 +104,7 @@ class CPreferences {
 };
 
 // A record that the client and the library share. Any thread.
-class CDeviceData {
+class VOXDEVICE_API CDeviceData {
  public:
   static CDeviceData* Instance() noexcept;
 
@@ -128,7 +129,7 @@ class CDeviceData {
 };
 
 // Base of an object with a thread of its own that receives thread messages.
-class CThread {
+class VOXDEVICE_API CThread {
  public:
   virtual unsigned long ThreadProc() = 0;
 
@@ -170,7 +171,7 @@ enum WindowsVersion : int {
   WindowsVersion_Current = 6,       // any other
 };
 
-class CEnvironmentMonitor {
+class VOXDEVICE_API CEnvironmentMonitor {
  public:
   // Whether the network can be reached. The client keeps the answer up to date.
   static bool CheckNet(bool refresh) noexcept;

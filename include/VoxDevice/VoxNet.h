@@ -4,8 +4,10 @@
 #include <mutex>
 #include <string>
 
+#include "VoxDevice/Api.h"
+
 // Every operation may be called from any thread.
-class CVoxDeviceInfo {
+class VOXDEVICE_API CVoxDeviceInfo {
  public:
   static CVoxDeviceInfo* Instance();
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "VoxDevice/Api.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/VoxCommon.h"
 
@@ -14,7 +15,7 @@
 // runs on the object's record thread, the last end mark of a recording on the thread that calls StopRecord. It must not
 // call StopRecord, which waits for the record thread.
 // The destructor is not virtual: delete an object as what it is.
-class CVoxRecord : public CThread {
+class VOXDEVICE_API CVoxRecord : public CThread {
  public:
   // data: byteCount bytes of PCM, valid during the call. (null, 0) is an end mark; it may come up to three times for a
   // recording (when the last buffer is back, when the device has closed, from StopRecord), and also for a buffer that

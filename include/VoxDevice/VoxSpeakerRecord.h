@@ -3,12 +3,14 @@
 
 #include <memory>
 
+#include "VoxDevice/Api.h"
+
 // Construct, Init, then StartRecord and StopRecord. 16 kHz, mono, signed 16-bit little-endian PCM, in blocks of at
 // least 4096 bytes (128 ms). Only one object may record at a time: they share the fill count of their staging buffer.
 //
 // Threads: one client thread. The callback runs on the object's capture thread, the end mark on the thread that calls
 // StopRecord. It must not call StopRecord, which waits for the capture thread.
-class CVoxSpeakerRecord {
+class VOXDEVICE_API CVoxSpeakerRecord {
  public:
   // data: byteCount bytes of PCM, valid during the call. (null, 0) marks the end of a recording.
   using DataCallback = void (*)(const char* data, int byteCount, void* context);

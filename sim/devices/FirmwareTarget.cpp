@@ -205,7 +205,7 @@ void FirmwareTarget::store(std::int64_t offset, std::span<const std::uint8_t> by
   const std::size_t end = static_cast<std::size_t>(offset) + bytes.size();
   if (offset < 0 || end > kLongestImage) return violation("bytes outside of any image");
   if (image_.size() < end) image_.resize(end);
-  std::copy(bytes.begin(), bytes.end(), image_.begin() + offset);
+  std::copy(bytes.begin(), bytes.end(), image_.begin() + static_cast<std::ptrdiff_t>(offset));
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     const std::size_t at = static_cast<std::size_t>(offset) + i;
     if (at < opening_.size() && opening_[at] != bytes[i]) return violation("an opening that is not the image's");

@@ -24,6 +24,10 @@ struct CAudioHidCenter::Detection {
   CWorkerThread thread;
 };
 
+std::atomic<CAudioHidCenter*> CAudioHidCenter::s_pHidDeviceCenter{nullptr};
+
+CAudioHidCenter* CAudioHidCenter::Instance() noexcept { return s_pHidDeviceCenter; }
+
 CAudioHidCenter::CAudioHidCenter() : audioLock(std::make_unique<CLock>()) {
   InitLegalPid_Vid();
   InitButtonState();

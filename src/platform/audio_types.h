@@ -1,5 +1,5 @@
-// The Windows types and constants of wave-in, mixers and Core Audio that the seam and the library use. Interfaces are
-// cut to the methods that are called and those before them in the table.
+// The Windows types and constants of wave-in, mixers and Core Audio that the seam and the library use. Interfaces
+// are whole, in the order of their tables.
 #pragma once
 
 #include "platform/types.h"
@@ -55,6 +55,7 @@ constexpr int THREAD_PRIORITY_ABOVE_NORMAL = 1;
 union LARGE_INTEGER {
   std::int64_t QuadPart;
 };
+using PTIMERAPCROUTINE = void (*)(void*, DWORD, DWORD);
 constexpr DWORD EVENT_MODIFY_STATE = 0x0002;
 constexpr DWORD SYNCHRONIZE = 0x00100000;
 
@@ -205,8 +206,11 @@ struct MIXERCONTROLDETAILS_UNSIGNED {
 
 // ---- COM ----
 
+#define STDMETHODCALLTYPE  // the convention of COM methods on 32-bit Windows
+
 constexpr HRESULT S_OK = 0;
 constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002);
+constexpr HRESULT E_NOTIMPL = static_cast<HRESULT>(0x80004001);
 constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005);
 constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057);
 constexpr DWORD CLSCTX_INPROC_SERVER = 0x1;
@@ -234,9 +238,9 @@ struct PROPVARIANT {
 };
 
 struct IUnknown {
-  virtual HRESULT QueryInterface(const GUID& iid, void** object) = 0;
-  virtual ULONG AddRef() = 0;
-  virtual ULONG Release() = 0;
+  virtual HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** object) = 0;
+  virtual ULONG STDMETHODCALLTYPE AddRef() = 0;
+  virtual ULONG STDMETHODCALLTYPE Release() = 0;
 
  protected:
   ~IUnknown() = default;
@@ -254,75 +258,98 @@ constexpr DWORD AUDCLNT_BUFFERFLAGS_DATA_DISCONTINUITY = 1;
 constexpr DWORD AUDCLNT_BUFFERFLAGS_SILENT = 2;
 
 struct IPropertyStore : IUnknown {
-  virtual HRESULT GetCount(DWORD* count) = 0;
-  virtual HRESULT GetAt(DWORD index, PROPERTYKEY* key) = 0;
-  virtual HRESULT GetValue(const PROPERTYKEY& key, PROPVARIANT* value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetCount(DWORD* count) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetAt(DWORD index, PROPERTYKEY* key) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetValue(const PROPERTYKEY& key, PROPVARIANT* value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetValue(const PROPERTYKEY& key, const PROPVARIANT& value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Commit() = 0;
 };
 
 struct IMMDevice : IUnknown {
-  virtual HRESULT Activate(const GUID& iid, DWORD context, PROPVARIANT* parameters, void** object) = 0;
-  virtual HRESULT OpenPropertyStore(DWORD access, IPropertyStore** store) = 0;
-  virtual HRESULT GetId(WCHAR** id) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Activate(const GUID& iid, DWORD context, PROPVARIANT* parameters,
+                                             void** object) = 0;
+  virtual HRESULT STDMETHODCALLTYPE OpenPropertyStore(DWORD access, IPropertyStore** store) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetId(WCHAR** id) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetState(DWORD* state) = 0;
 };
 
 struct IMMDeviceCollection : IUnknown {
-  virtual HRESULT GetCount(UINT* count) = 0;
-  virtual HRESULT Item(UINT index, IMMDevice** device) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetCount(UINT* count) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Item(UINT index, IMMDevice** device) = 0;
 };
 
+struct IMMNotificationClient;
+
 struct IMMDeviceEnumerator : IUnknown {
-  virtual HRESULT EnumAudioEndpoints(EDataFlow flow, DWORD states, IMMDeviceCollection** devices) = 0;
-  virtual HRESULT GetDefaultAudioEndpoint(EDataFlow flow, ERole role, IMMDevice** device) = 0;
-  virtual HRESULT GetDevice(const WCHAR* id, IMMDevice** device) = 0;
+  virtual HRESULT STDMETHODCALLTYPE EnumAudioEndpoints(EDataFlow flow, DWORD states, IMMDeviceCollection** devices) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetDefaultAudioEndpoint(EDataFlow flow, ERole role, IMMDevice** device) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetDevice(const WCHAR* id, IMMDevice** device) = 0;
+  virtual HRESULT STDMETHODCALLTYPE RegisterEndpointNotificationCallback(IMMNotificationClient* client) = 0;
+  virtual HRESULT STDMETHODCALLTYPE UnregisterEndpointNotificationCallback(IMMNotificationClient* client) = 0;
 };
 
 struct IAudioSessionControl;
 
 struct ISimpleAudioVolume : IUnknown {
-  virtual HRESULT SetMasterVolume(float level, const GUID* context) = 0;
-  virtual HRESULT GetMasterVolume(float* level) = 0;
-  virtual HRESULT SetMute(BOOL mute, const GUID* context) = 0;
-  virtual HRESULT GetMute(BOOL* mute) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetMasterVolume(float level, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetMasterVolume(float* level) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetMute(BOOL mute, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetMute(BOOL* mute) = 0;
 };
 
 struct IAudioSessionManager : IUnknown {
-  virtual HRESULT GetAudioSessionControl(const GUID* session, DWORD crossProcess, IAudioSessionControl** control) = 0;
-  virtual HRESULT GetSimpleAudioVolume(const GUID* session, DWORD crossProcess, ISimpleAudioVolume** volume) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetAudioSessionControl(const GUID* session, DWORD crossProcess,
+                                                           IAudioSessionControl** control) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetSimpleAudioVolume(const GUID* session, DWORD crossProcess,
+                                                         ISimpleAudioVolume** volume) = 0;
 };
 
 struct IAudioEndpointVolumeCallback;
 
 struct IAudioEndpointVolume : IUnknown {
-  virtual HRESULT RegisterControlChangeNotify(IAudioEndpointVolumeCallback* notify) = 0;
-  virtual HRESULT UnregisterControlChangeNotify(IAudioEndpointVolumeCallback* notify) = 0;
-  virtual HRESULT GetChannelCount(UINT* count) = 0;
-  virtual HRESULT SetMasterVolumeLevel(float decibels, const GUID* context) = 0;
-  virtual HRESULT SetMasterVolumeLevelScalar(float level, const GUID* context) = 0;
-  virtual HRESULT GetMasterVolumeLevel(float* decibels) = 0;
-  virtual HRESULT GetMasterVolumeLevelScalar(float* level) = 0;
+  virtual HRESULT STDMETHODCALLTYPE RegisterControlChangeNotify(IAudioEndpointVolumeCallback* notify) = 0;
+  virtual HRESULT STDMETHODCALLTYPE UnregisterControlChangeNotify(IAudioEndpointVolumeCallback* notify) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetChannelCount(UINT* count) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetMasterVolumeLevel(float decibels, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetMasterVolumeLevelScalar(float level, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetMasterVolumeLevel(float* decibels) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetMasterVolumeLevelScalar(float* level) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetChannelVolumeLevel(UINT channel, float decibels, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetChannelVolumeLevelScalar(UINT channel, float level, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetChannelVolumeLevel(UINT channel, float* decibels) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetChannelVolumeLevelScalar(UINT channel, float* level) = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetMute(BOOL mute, const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetMute(BOOL* mute) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetVolumeStepInfo(UINT* step, UINT* stepCount) = 0;
+  virtual HRESULT STDMETHODCALLTYPE VolumeStepUp(const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE VolumeStepDown(const GUID* context) = 0;
+  virtual HRESULT STDMETHODCALLTYPE QueryHardwareSupport(DWORD* features) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetVolumeRange(float* least, float* most, float* step) = 0;
 };
 
 struct IAudioClient : IUnknown {
-  virtual HRESULT Initialize(AUDCLNT_SHAREMODE mode, DWORD flags, REFERENCE_TIME bufferDuration,
-                             REFERENCE_TIME periodicity, const WAVEFORMATEX* format, const GUID* session) = 0;
-  virtual HRESULT GetBufferSize(UINT32* frames) = 0;
-  virtual HRESULT GetStreamLatency(REFERENCE_TIME* latency) = 0;
-  virtual HRESULT GetCurrentPadding(UINT32* frames) = 0;
-  virtual HRESULT IsFormatSupported(AUDCLNT_SHAREMODE mode, const WAVEFORMATEX* format, WAVEFORMATEX** closest) = 0;
-  virtual HRESULT GetMixFormat(WAVEFORMATEX** format) = 0;
-  virtual HRESULT GetDevicePeriod(REFERENCE_TIME* defaultPeriod, REFERENCE_TIME* minimumPeriod) = 0;
-  virtual HRESULT Start() = 0;
-  virtual HRESULT Stop() = 0;
-  virtual HRESULT Reset() = 0;
-  virtual HRESULT SetEventHandle(HANDLE event) = 0;
-  virtual HRESULT GetService(const GUID& iid, void** service) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Initialize(AUDCLNT_SHAREMODE mode, DWORD flags, REFERENCE_TIME bufferDuration,
+                                               REFERENCE_TIME periodicity, const WAVEFORMATEX* format,
+                                               const GUID* session) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetBufferSize(UINT32* frames) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetStreamLatency(REFERENCE_TIME* latency) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetCurrentPadding(UINT32* frames) = 0;
+  virtual HRESULT STDMETHODCALLTYPE IsFormatSupported(AUDCLNT_SHAREMODE mode, const WAVEFORMATEX* format,
+                                                      WAVEFORMATEX** closest) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetMixFormat(WAVEFORMATEX** format) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetDevicePeriod(REFERENCE_TIME* defaultPeriod, REFERENCE_TIME* minimumPeriod) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Start() = 0;
+  virtual HRESULT STDMETHODCALLTYPE Stop() = 0;
+  virtual HRESULT STDMETHODCALLTYPE Reset() = 0;
+  virtual HRESULT STDMETHODCALLTYPE SetEventHandle(HANDLE event) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetService(const GUID& iid, void** service) = 0;
 };
 
 struct IAudioCaptureClient : IUnknown {
-  virtual HRESULT GetBuffer(BYTE** data, UINT32* frames, DWORD* flags, UINT64* devicePosition,
-                            UINT64* performanceCounter) = 0;
-  virtual HRESULT ReleaseBuffer(UINT32 frames) = 0;
-  virtual HRESULT GetNextPacketSize(UINT32* frames) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetBuffer(BYTE** data, UINT32* frames, DWORD* flags, UINT64* devicePosition,
+                                              UINT64* performanceCounter) = 0;
+  virtual HRESULT STDMETHODCALLTYPE ReleaseBuffer(UINT32 frames) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetNextPacketSize(UINT32* frames) = 0;
 };
 
 #endif

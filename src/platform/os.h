@@ -37,7 +37,8 @@ BOOL SetThreadPriority(HANDLE thread, int priority);
 HANDLE CreateEventExW(SECURITY_ATTRIBUTES* attributes, const WCHAR* name, DWORD flags, DWORD access);
 HANDLE CreateWaitableTimerW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, const WCHAR* name);
 // due: negative, relative, in 100 ns; period in milliseconds.
-BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, void* routine, void* argument, BOOL resume);
+BOOL SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* due, LONG period, PTIMERAPCROUTINE routine, void* argument,
+                      BOOL resume);
 BOOL CancelWaitableTimer(HANDLE timer);
 
 // ---- Thread messages ------------------------------------------------------------------------------------------------
