@@ -26,6 +26,10 @@ endif()
 if(MINGW)
   # Programs and the library need nothing that Windows does not have: the C++ runtime is linked in.
   add_link_options(-static)
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    # The same arithmetic as everywhere else. Windows calls us with a stack that is aligned to 4 bytes only.
+    add_compile_options(-msse2 -mfpmath=sse -mstackrealign)
+  endif()
 endif()
 
 # Sanitizers concern every object that is linked, also those of a subdirectory that forgets our options.

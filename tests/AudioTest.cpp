@@ -9,6 +9,7 @@
 #include "sim/Wav.h"
 #include "tests/Desk.h"
 #include "tests/SbcReference.h"
+#include "tests/Sentence.h"
 
 namespace {
 
@@ -78,6 +79,7 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
   const std::vector<std::int16_t> pcm = desk.pcm();
   std::vector<double> received(pcm.begin(), pcm.end());
   ASSERT_GE(received.size(), spoken.size());
+  EXPECT_EQ(hashOf(std::span(pcm).first(kSentenceSamples)), kSentenceHash);
 
   // What the codec can give: the same frames through a floating-point decoder.
   sim::SbcEncoder encoder;
