@@ -1,4 +1,5 @@
-// What the library relies on, on the real API: locks and threads that are ended by force, message queues, libraries.
+// What the library relies on, on the real API: locks and threads that are ended by force, message queues, libraries,
+// and the volume of a microphone.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -6,6 +7,7 @@
 
 #include "VoxDevice/VoxCommon.h"
 #include "audio/AscDecoder.h"
+#include "audio/SoundCard.h"
 #include "support/CLock.h"
 #include "support/WorkerThread.h"
 #include "tests/windows/HidPort.h"
@@ -60,6 +62,14 @@ TEST(Platform, AThreadHasItsMessageQueueBeforeAnybodyPosts) {
     EXPECT_EQ(WaitForSingleObject(counter.came, 5000), WAIT_OBJECT_0) << i;
     CloseHandle(counter.came);
   }
+}
+
+// There is a microphone of this name, whose volume can be read.
+TEST(Volume, IsRaisedWhereTheNameFits) {
+  EXPECT_GE(SetEndpointInputVolume(L"VoxMouse Lark"), 0);
+  EXPECT_EQ(SetEndpointInputVolume(L"somebody else's"), -1);
+  EXPECT_EQ(SetMixerInputVolume(L"VoxMouse Lark"), 1);
+  EXPECT_EQ(SetMixerInputVolume(L"somebody else's"), 0);
 }
 
 void putBeside(const wchar_t* codec) {

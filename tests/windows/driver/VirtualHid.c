@@ -1,4 +1,4 @@
-/* A HID minidriver for tests: a device of 64-byte reports (report id 5) whose firmware is a program.
+/* A HID minidriver for tests: a device of 64-byte reports whose firmware is a program.
  *
  * Its name is the part of its hardware id behind the backslash, as "vid_6d8c&pid_6137", which also gives its
  * identifiers. The program has made two named pipes before the device starts: NAME-out takes the output reports that
@@ -75,6 +75,9 @@ static const UCHAR reportDescriptor[] = {
     0x81, 0x02,       /* input */
     0x09, 0x01,       /* usage */
     0x91, 0x02,       /* output */
+    0x85, 0x1A,       /* report id 26, in which a Tern sends its speech: as long */
+    0x09, 0x01,       /* usage */
+    0x81, 0x02,       /* input */
     0xC0,             /* end of collection */
 };
 
