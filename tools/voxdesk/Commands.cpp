@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <vector>
 
 #include "Session.h"
@@ -13,8 +14,10 @@ namespace {
 // A codec's filters and the last report on its way.
 constexpr double kAfterSpeechSeconds = 0.1;
 
-// Records the work device for so many seconds of sound, and writes what the client received.
-void recordWorkDevice(Session& session, double seconds, const std::string& out) {
+// Records the work device for so many seconds of sound, or until `enough`, and writes what the client received.
+void recordWorkDevice(
+    Session& session, double seconds, const std::string& out,
+    const std::function<bool()>& enough = [] { return false; }) {
   CAudioHidCenter& hub = session.client->hub();
   const std::vector<std::string> show{"voice", "disconnect"};
   const bool opened = hub.OpenHidRecord();
@@ -30,7 +33,7 @@ void recordWorkDevice(Session& session, double seconds, const std::string& out) 
   const auto devices = session.client->devices().size();
   session.runUntil(seconds + 1, show, [&] {
     take.add(session.client->takeAudio());
-    return take.seconds() >= seconds || session.client->devices().size() < devices;
+    return take.seconds() >= seconds || enough() || session.client->devices().size() < devices;
   });
   const bool lost = session.client->devices().size() < devices;
   const bool closed = hub.CloseHidRecord();
@@ -41,8 +44,11 @@ void recordWorkDevice(Session& session, double seconds, const std::string& out) 
   if (!closed) throw Failure("the device did not confirm within 1 s that it has closed; " + out + " is complete");
 }
 
-double durationOf(const std::vector<std::int16_t>& speech) {
-  return Take::secondsOf(speech.size()) + kAfterSpeechSeconds;
+// How long to record when nobody has said: as long as there is speech; else until Ctrl-C or what else ends it.
+double durationOf(const Options& options, const Desk& desk) {
+  if (options.seconds > 0) return options.seconds;
+  const auto speech = desk.speechSeconds();
+  return speech ? *speech + kAfterSpeechSeconds : HUGE_VAL;
 }
 
 }  // namespace
@@ -50,37 +56,39 @@ double durationOf(const std::vector<std::int16_t>& speech) {
 void showDesk(const Options& options) {
   const std::string out = options.out.empty() ? "voxdesk-recording.wav" : options.out;
   Take::checkWritable(out);
-  DeskDescription description = deskOf(options);
-  const auto sheet = std::find_if(description.devices.begin(), description.devices.end(),
-                                  [](const DeskDevice& device) { return device.model == "Wren"; });
-  if (sheet == description.devices.end()) {
-    throw Failure("the desk has no Wren, whose voice key would be held; 'voxdesk record' records any device");
-  }
-  const double seconds = options.seconds > 0 ? options.seconds : durationOf(sheet->speech);
-  Session session(options, description);
-  session.terminal.say("A desk with " + std::to_string(session.desk.size()) + " virtual devices; looking for them ...");
+  Session session(options);
+  session.terminal.say(session.desk->greeting());
   session.discover({"connect", "state"});
   if (interrupted()) return session.finish();
+  if (session.client->devices().empty()) throw Failure(Session::noDevice());
 
-  sim::VirtualMouse& wren = *session.desk.find("Wren");
-  session.terminal.say("Holding the Wren's voice key.");
-  wren.pressVoiceKey();
   CAudioHidCenter& hub = session.client->hub();
-  if (!session.runUntil(1, {"button"}, [&] { return hub.GetButtonState_Left() == ButtonDown; })) {
-    throw Failure("the Wren's voice key is down, but its device does not report it");
+  const auto isDown = [&hub] { return hub.GetButtonState_Left() == ButtonDown; };
+  const auto isUp = [&hub] { return hub.GetButtonState_Left() == ButtonUp; };
+  const std::string owner = session.desk->voiceKeyOwner();
+  if (owner.empty()) {
+    session.terminal.say("Hold the voice key of a device and speak; release it to stop.");
+    if (!session.runUntil(HUGE_VAL, {"button", "disconnect"}, isDown)) return session.finish();
+    recordWorkDevice(session, durationOf(options, *session.desk), out, isUp);
+  } else {
+    session.terminal.say("Holding the " + owner + "'s voice key.");
+    session.desk->holdVoiceKey(true);
+    if (!session.runUntil(1, {"button"}, isDown)) {
+      throw Failure("the " + owner + "'s voice key is down, but its device does not report it");
+    }
+    recordWorkDevice(session, durationOf(options, *session.desk), out);
+    session.desk->holdVoiceKey(false);
+    session.runUntil(1, {"button"}, isUp);
   }
-  recordWorkDevice(session, seconds, out);
-  wren.releaseVoiceKey();
-  session.runUntil(1, {"button"}, [&] { return hub.GetButtonState_Left() == ButtonUp; });
   session.finish();
   session.terminal.say("Stopped: nothing is left open.");
 }
 
 void listDevices(const Options& options) {
-  Session session(options, deskOf(options));
+  Session session(options);
   session.discover({"none"});
   const auto devices = session.client->devices();
-  session.terminal.say(devices.empty() ? "No device has answered within " + fixed("%.0f s.", Session::kDiscoverySeconds)
+  session.terminal.say(devices.empty() ? "There is nothing to list: " + Session::noDevice() + "."
                                        : "   #  model                 link          battery   DPI  identity");
   for (const DeviceView& view : devices) {
     char line[160];
@@ -94,13 +102,13 @@ void listDevices(const Options& options) {
     fields["battery"] = view.battery < 0 ? Json() : Json(view.battery);
     fields["dpi"] = view.dpi < 0 ? Json() : Json(view.dpi);
     fields["identity"] = view.identity.empty() ? Json() : Json(view.identity);
-    session.terminal.event(session.desk.seconds(), "device", fields, "");
+    session.terminal.event(session.desk->seconds(), "device", fields, "");
   }
   session.finish();
 }
 
 void monitor(const Options& options) {
-  Session session(options, deskOf(options, true));
+  Session session(options, true);
   if (options.seconds <= 0) session.terminal.say("Everything that happens, until Ctrl-C.");
   session.runUntil(options.seconds > 0 ? options.seconds : HUGE_VAL, {}, [&] {
     session.client->pollButtons();
@@ -110,14 +118,10 @@ void monitor(const Options& options) {
 }
 
 void record(const Options& options) {
-  const std::vector<std::int16_t> speech = readSpeech(options.speech);
   Take::checkWritable(options.out);
-  DeskDescription description = deskOf(options);
-  // Whichever the client numbers N: they all hear it, and one is recorded.
-  for (DeskDevice& device : description.devices) device.speech = speech;
-  Session session(options, std::move(description));
+  Session session(options);
   session.discover({"connect"});
   session.client->hub().ChooseWorkHidDevice(session.choose(options.device).number);
-  recordWorkDevice(session, options.seconds > 0 ? options.seconds : durationOf(speech), options.out);
+  recordWorkDevice(session, durationOf(options, *session.desk), options.out);
   session.finish();
 }

@@ -4,7 +4,7 @@
 #include <string>
 
 struct Options {
-  std::string deskFile;  // empty: the default desk
+  std::string deskFile;  // empty or "default": the default desk
   bool virtualTime = false;
   bool json = false;
   int device = 0;  // 0: the first one

@@ -16,7 +16,7 @@ constexpr std::size_t kBlocksEnd = 65536 * 16;  // what a 16-bit index of 16-byt
 
 // A session in which the chosen device has been found.
 struct DeviceSession : Session {
-  explicit DeviceSession(const Options& options) : Session(options, deskOf(options)) {
+  explicit DeviceSession(const Options& options) : Session(options) {
     discover({"none"});
     chosen = choose(options.device);
   }
@@ -86,7 +86,7 @@ class UpdateView {
  public:
   UpdateView(DeviceSession& session, std::vector<Image>& images) : session_(session), images_(images) {
     bytesBefore_ = 0;
-    begin_ = session.desk.seconds();
+    begin_ = session.desk->seconds();
   }
   // True when the update is over.
   bool take(const ClientEvent& event) {
@@ -150,7 +150,7 @@ void updateFirmware(const Options& options) {
   session.terminal.say("Updating device " + std::to_string(session.chosen.number) + " (" + session.chosen.model +
                        "). Leave it plugged in.");
   UpdateView view(session, images);
-  const double begin = session.desk.seconds();
+  const double begin = session.desk->seconds();
   session.hub().StartOTA(session.chosen.number, type, options.first, options.second);
   const bool over = session.waitFor(HUGE_VAL, [&](const ClientEvent& event) { return view.take(event); }).has_value();
 
@@ -160,12 +160,12 @@ void updateFirmware(const Options& options) {
         image.state == 0 ? std::pair(std::string(over ? "not sent" : "interrupted"), true) : sentence(image.state);
     failed = failed || bad;
     session.terminal.event(
-        session.desk.seconds(), "image",
+        session.desk->seconds(), "image",
         {{"image", image.name}, {"file", image.file}, {"bytes", image.size}, {"state", image.state}, {"result", text}},
         std::string("the ") + image.name + " image (" + image.file + ", " + std::to_string(image.size) +
             " bytes): " + text);
   }
-  session.terminal.say(fixed("The update took %.1f s.", session.desk.seconds() - begin));
+  session.terminal.say(fixed("The update took %.1f s.", session.desk->seconds() - begin));
   session.finish();
   if (!over) throw Failure("interrupted: the device was left in the middle of its update; update it again");
   if (view.lost()) throw Failure("the device went away during the update; plug it in and update it again");
@@ -210,7 +210,7 @@ void setMKey(const Options& options) {
       session.hub().setMKeyType_Key1(session.chosen.number, static_cast<MouseMKeyType>(options.function));
   const std::string function = std::to_string(options.function);
   const int now = session.hub().GetMKeyType_Key1(session.chosen.number, 1);
-  session.terminal.event(session.desk.seconds(), "mkey",
+  session.terminal.event(session.desk->seconds(), "mkey",
                          {{"device", session.chosen.number}, {"status", static_cast<int>(status)}, {"function", now}},
                          status == SetMKeyType_Confirmed ? "M key 1 has function " + function : "");
   session.finish();

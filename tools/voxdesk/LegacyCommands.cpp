@@ -35,7 +35,7 @@ class LegacyView {
   LegacyView(Session& session, OlderHardware& hardware) : session_(session), hardware_(hardware) {}
 
   void look() {
-    const double now = session_.desk.seconds();
+    const double now = session_.desk->seconds();
     if (now >= nextHardwareLook_) {
       nextHardwareLook_ = now + 1;
       lookAtHardware();
@@ -72,7 +72,7 @@ class LegacyView {
       say("key", {{"key", key}, {"down", down}}, std::string(text) + buttonName(down));
   }
   void say(const char* name, const Json& fields, const std::string& text) {
-    session_.terminal.event(session_.desk.seconds(), name, fields, text);
+    session_.terminal.event(session_.desk->seconds(), name, fields, text);
   }
 
   Session& session_;
@@ -89,7 +89,7 @@ class LegacyView {
 }  // namespace
 
 void watchLegacy(const Options& options) {
-  Session session(options, deskOf(options, true));
+  Session session(options, true);
   if (options.seconds <= 0) session.terminal.say("Older hardware, until Ctrl-C.");
   {
     OlderHardware hardware(session.client->hub());
@@ -101,5 +101,5 @@ void watchLegacy(const Options& options) {
                      });
   }
   // The event of the poller, and the files of HID devices that were released, stay open, deliberately.
-  session.finish({.handles = 1 + session.desk.legacyHids()});
+  session.finish({.handles = 1 + session.desk->legacyHids()});
 }

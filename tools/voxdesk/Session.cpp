@@ -3,20 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "sim/Wav.h"
-
 namespace {
 
 constexpr std::chrono::milliseconds kLook{10};  // how often the client looks at what has happened
 
 }  // namespace
-
-std::vector<std::int16_t> readSpeech(const std::string& path) {
-  std::string error;
-  auto speech = sim::readSpeech(path, error);
-  if (!error.empty()) throw Failure(error);
-  return speech;
-}
 
 std::string fixed(const char* format, double value) {
   char text[64];
@@ -24,22 +15,16 @@ std::string fixed(const char* format, double value) {
   return text;
 }
 
-DeskDescription deskOf(const Options& options, bool busy) {
-  if (!options.deskFile.empty()) return readDeskFile(options.deskFile);
-  return defaultDesk(readSpeech(std::string(VOXDEVICE_SAMPLES) + "/sentence.wav"), busy);
-}
-
-Session::Session(const Options& options, DeskDescription description)
-    : terminal(options.json), desk(std::move(description), options.virtualTime) {
+Session::Session(const Options& options, bool busy) : terminal(options.json), desk(makeDesk(options, busy)) {
   // A double click of the voice key opens the navigation.
   CPreferences::Instance()->SetVoiceClickTimes(2);
-  client = std::make_unique<Client>([this] { return desk.seconds(); });
-  desk.setUp();
+  client = std::make_unique<Client>([this] { return desk->seconds(); });
+  desk->setUp();
   client->start();
 }
 
 bool Session::runUntil(double seconds, const std::vector<std::string>& show, const std::function<bool()>& done) {
-  const double end = desk.seconds() + seconds;
+  const double end = desk->seconds() + seconds;
   for (;;) {
     for (const ClientEvent& event : client->takeEvents()) {
       if (show.empty() || std::find(show.begin(), show.end(), event.name) != show.end()) {
@@ -47,19 +32,19 @@ bool Session::runUntil(double seconds, const std::vector<std::string>& show, con
       }
     }
     if (done()) return true;
-    if (interrupted() || desk.seconds() >= end) return false;
-    desk.run(kLook);
+    if (interrupted() || desk->seconds() >= end) return false;
+    desk->run(kLook);
   }
 }
 
 std::optional<ClientEvent> Session::waitFor(double seconds, const std::function<bool(const ClientEvent&)>& wanted) {
-  const double end = desk.seconds() + seconds;
+  const double end = desk->seconds() + seconds;
   while (!interrupted()) {
     for (const ClientEvent& event : client->takeEvents()) {
       if (wanted(event)) return event;
     }
-    if (desk.seconds() >= end) break;
-    desk.run(kLook);
+    if (desk->seconds() >= end) break;
+    desk->run(kLook);
   }
   return std::nullopt;
 }
@@ -67,9 +52,14 @@ std::optional<ClientEvent> Session::waitFor(double seconds, const std::function<
 void Session::discover(const std::vector<std::string>& show) {
   runUntil(kDiscoverySeconds, show, [this] {
     const auto known = client->devices();
-    return known.size() == desk.size() &&
+    return desk->expectedDevices() == known.size() &&
            std::all_of(known.begin(), known.end(), [](const DeviceView& view) { return view.dpi >= 0; });
   });
+}
+
+std::string Session::noDevice() {
+  return "no device has answered within " + fixed("%.0f s", kDiscoverySeconds) +
+         (kSimulated ? "" : "; plug one in, or try a simulated desk: voxdesk --desk default");
 }
 
 DeviceView Session::choose(int number) {
@@ -79,12 +69,12 @@ DeviceView Session::choose(int number) {
     if (number == 0 || view.number == number) return view;
     known += " " + std::to_string(view.number) + " (" + view.model + ")";
   }
-  if (devices.empty()) throw Failure("no device has answered within " + fixed("%.0f s", kDiscoverySeconds));
+  if (devices.empty()) throw Failure(noDevice());
   throw Failure("no device has the number " + std::to_string(number) + "; there are:" + known);
 }
 
-void Session::finish(const sim::Balance& byDesign) {
+void Session::finish(const LeftOpen& byDesign) {
   client.reset();
-  const std::string open = desk.leftOpen(byDesign);
+  const std::string open = desk->leftOpen(byDesign);
   if (!open.empty()) throw Failure("the library has left open: " + open);
 }

@@ -10,7 +10,7 @@
 
 #include "Client.h"
 #include "Commands.h"
-#include "SimulatedDesk.h"
+#include "Desk.h"
 #include "Terminal.h"
 
 // Why something could not be done, for standard error.
@@ -19,30 +19,30 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The desk that the options name; the default one otherwise.
-DeskDescription deskOf(const Options& options, bool busy = false);
-std::vector<std::int16_t> readSpeech(const std::string& path);
 // printf for one number.
 std::string fixed(const char* format, double value);
 
 class Session {
  public:
-  Session(const Options& options, DeskDescription description);
+  // busy: somebody uses a simulated desk.
+  explicit Session(const Options& options, bool busy = false);
 
   // Goes on until `done` holds (true), the time is over or somebody interrupts (false). Shows the events named in
   // `show` (empty: all of them).
   bool runUntil(double seconds, const std::vector<std::string>& show, const std::function<bool()>& done);
   // Goes on until an event for which `wanted` holds; nothing when none comes in time. Shows nothing.
   std::optional<ClientEvent> waitFor(double seconds, const std::function<bool(const ClientEvent&)>& wanted);
-  // Waits until every device of the desk has been announced and has told its state.
+  // Waits until every device of the desk has been announced and has told its state, as far as that is known.
   void discover(const std::vector<std::string>& show);
   // The announced device with this number, the first one for 0.
   DeviceView choose(int number);
+  // Why there is nothing to work with.
+  static std::string noDevice();
   // Ends the client and checks that it has left nothing behind but this.
-  void finish(const sim::Balance& byDesign = {});
+  void finish(const LeftOpen& byDesign = {});
 
   Terminal terminal;
-  SimulatedDesk desk;
+  std::unique_ptr<Desk> desk;
   std::unique_ptr<Client> client;
 
   static constexpr double kDiscoverySeconds = 4;  // devices answer within about two

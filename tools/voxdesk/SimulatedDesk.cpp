@@ -2,7 +2,11 @@
 
 #include <algorithm>
 
+#include "Session.h"
+#include "System.h"
+#include "Take.h"
 #include "sim/Text.h"
+#include "sim/Wav.h"
 
 SimulatedDesk::SimulatedDesk(DeskDescription description, bool virtualTime)
     : description_(std::move(description)),
@@ -34,7 +38,7 @@ SimulatedDesk::SimulatedDesk(DeskDescription description, bool virtualTime)
   std::stable_sort(dueLegacy_.begin(), dueLegacy_.end(), earlier);
 }
 
-std::size_t SimulatedDesk::legacyHids() const {
+std::size_t SimulatedDesk::legacyHids() {
   return static_cast<std::size_t>(std::count_if(legacy_.begin(), legacy_.end(),
                                                 [](const auto& device) { return device->hid() && device->plugged(); }));
 }
@@ -55,10 +59,30 @@ void SimulatedDesk::setUpSound() {
   });
 }
 
-sim::CaptureEndpoint SimulatedDesk::endpoint(std::size_t index) {
-  sim::CaptureEndpoint copy;
-  machine_.locked([&] { copy = machine_.sound().endpoints.at(index); });
-  return copy;
+std::vector<SoundSource> SimulatedDesk::microphones() {
+  std::vector<SoundSource> sources;
+  for (const DeskMicrophone& microphone : description_.sound.microphones) {
+    sources.push_back({microphone.name, std::nullopt});
+    if (!microphone.hears.empty()) sources.back().seconds = Take::secondsOf(microphone.hears.size());
+  }
+  return sources;
+}
+
+std::vector<SoundEndpoint> SimulatedDesk::endpoints() {
+  std::vector<SoundEndpoint> all;
+  machine_.locked([&] {
+    for (const sim::CaptureEndpoint& endpoint : machine_.sound().endpoints) {
+      all.push_back({sim::utf8(endpoint.name), static_cast<double>(endpoint.volume), endpoint.muted});
+    }
+  });
+  return all;
+}
+
+std::optional<SoundOutput> SimulatedDesk::speaker() {
+  const auto& speaker = description_.sound.speaker;
+  if (!speaker) return std::nullopt;
+  return SoundOutput{speaker->rate, speaker->channels,
+                     static_cast<double>(speaker->plays.size()) / speaker->channels / speaker->rate};
 }
 
 void SimulatedDesk::setUp() {
@@ -69,11 +93,29 @@ void SimulatedDesk::setUp() {
   }
 }
 
-sim::VirtualMouse* SimulatedDesk::find(const std::string& model) {
-  for (const auto& device : devices_) {
-    if (device->sheet().name == model) return device.get();
+std::string SimulatedDesk::greeting() const {
+  if (wren() == devices_.size()) {
+    throw Failure("the desk has no Wren, whose voice key would be held; 'voxdesk record' records any device");
   }
-  return nullptr;
+  return "A desk with " + std::to_string(devices_.size()) + " virtual devices; looking for them ...";
+}
+
+std::size_t SimulatedDesk::wren() const {
+  const auto& sheets = description_.devices;
+  const auto found =
+      std::find_if(sheets.begin(), sheets.end(), [](const auto& sheet) { return sheet.model == "Wren"; });
+  return static_cast<std::size_t>(found - sheets.begin());
+}
+
+void SimulatedDesk::holdVoiceKey(bool down) {
+  sim::VirtualMouse& mouse = *devices_.at(wren());
+  down ? mouse.pressVoiceKey() : mouse.releaseVoiceKey();
+}
+
+std::optional<double> SimulatedDesk::speechSeconds() const {
+  if (devices_.empty()) return std::nullopt;
+  const std::size_t speaker = wren() < devices_.size() ? wren() : 0;
+  return Take::secondsOf(description_.devices[speaker].speech.size());
 }
 
 double SimulatedDesk::seconds() { return std::chrono::duration<double>(machine_.now()).count(); }
@@ -123,11 +165,52 @@ void SimulatedDesk::act(const Due& due) {
   }
 }
 
-std::string SimulatedDesk::leftOpen(const sim::Balance& byDesign) {
+std::string SimulatedDesk::leftOpen(const LeftOpen& byDesign) {
   const sim::Balance balance = machine_.balance();
-  if (balance == byDesign) return {};
+  sim::Balance allowed{};
+  allowed.handles = byDesign.handles;
+  allowed.sound.comReferences = byDesign.comReferences;
+  if (balance == allowed) return {};
   return std::to_string(balance.handles) + " handles, " + std::to_string(balance.threads) + " threads, " +
          std::to_string(balance.deviceLists) + " device lists, " + std::to_string(balance.preparsedData) +
          " parsed descriptors, " + std::to_string(balance.sound.preparedHeaders) + " wave headers, " +
          std::to_string(balance.sound.comReferences) + " COM references";
+}
+
+const bool kSimulated = true;
+const char* const kAbout =
+    "A client of VoxDevice at a desk of virtual voice mice.\n"
+    "Without a command: shows the desk's devices, holds the Wren's voice key, records what it hears into a WAV file.";
+
+std::optional<int> runOther(int, char**) { return std::nullopt; }
+
+namespace {
+
+std::vector<std::int16_t> readSpeech(const std::string& path) {
+  std::string error;
+  auto speech = sim::readSpeech(path, error);
+  if (!error.empty()) throw Failure(error);
+  return speech;
+}
+
+// The sentence that the default desk speaks: beside the program, where the package puts it, or in the source.
+std::string sentencePath() {
+  const std::filesystem::path program = programFolder();
+  for (const auto& folder : {program, program.parent_path() / "share" / "VoxDevice"}) {
+    if (std::filesystem::exists(folder / "sentence.wav")) return (folder / "sentence.wav").string();
+  }
+  return std::string(VOXDEVICE_SAMPLES) + "/sentence.wav";
+}
+
+}  // namespace
+
+std::unique_ptr<Desk> makeDesk(const Options& options, bool busy) {
+  const bool named = !options.deskFile.empty() && options.deskFile != "default";
+  DeskDescription description = named ? readDeskFile(options.deskFile) : defaultDesk(readSpeech(sentencePath()), busy);
+  if (!options.speech.empty()) {
+    // Whichever the client numbers N: they all hear it, and one is recorded.
+    const auto speech = readSpeech(options.speech);
+    for (DeskDevice& device : description.devices) device.speech = speech;
+  }
+  return std::make_unique<SimulatedDesk>(std::move(description), options.virtualTime);
 }

@@ -4,32 +4,30 @@
 #include <memory>
 #include <vector>
 
+#include "Desk.h"
 #include "DeskFile.h"
 #include "sim/Machine.h"
 
-class SimulatedDesk {
+class SimulatedDesk final : public Desk {
  public:
   SimulatedDesk(DeskDescription description, bool virtualTime);
 
-  // Plugs every device in; their timelines begin.
-  void setUp();
-  std::size_t size() const { return devices_.size(); }
-  sim::VirtualMouse& device(std::size_t index) { return *devices_[index]; }
-  // The first device of a model; null when there is none.
-  sim::VirtualMouse* find(const std::string& model);
-
-  const DeskSound& sound() const { return description_.sound; }
-  // The volume of a capture endpoint now, 0 to 1, and whether it is muted.
-  sim::CaptureEndpoint endpoint(std::size_t index);
-
-  // HID devices among the older hardware that are plugged in.
-  std::size_t legacyHids() const;
-
-  double seconds();  // since the machine was switched on
-  // Lets the desk go on for a while, and does what its timelines ask for.
-  void run(std::chrono::milliseconds time);
-  // What is still open on the machine, beyond what is by design, as a text; empty when nothing is.
-  std::string leftOpen(const sim::Balance& byDesign);
+  // The timelines of the devices begin.
+  void setUp() override;
+  double seconds() override;
+  // Does what the timelines ask for.
+  void run(std::chrono::milliseconds time) override;
+  std::string greeting() const override;
+  std::optional<std::size_t> expectedDevices() const override { return devices_.size(); }
+  std::string voiceKeyOwner() const override { return "Wren"; }
+  void holdVoiceKey(bool down) override;
+  // That of the Wren, or of the first device.
+  std::optional<double> speechSeconds() const override;
+  std::vector<SoundSource> microphones() override;
+  std::vector<SoundEndpoint> endpoints() override;
+  std::optional<SoundOutput> speaker() override;
+  std::size_t legacyHids() override;
+  std::string leftOpen(const LeftOpen& byDesign) override;
 
  private:
   struct Due {
@@ -45,6 +43,8 @@ class SimulatedDesk {
   void act(const Due& due);
   void act(const DueLegacy& due);
   void setUpSound();
+  // The first Wren, whose voice key the desk holds; the end when there is none.
+  std::size_t wren() const;
 
   DeskDescription description_;
   sim::Machine machine_;

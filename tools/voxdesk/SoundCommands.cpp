@@ -58,45 +58,46 @@ void recordUntil(Session& session, Recorder& recorder, Inbox& inbox, double seco
 }  // namespace
 
 void listSound(const Options& options) {
-  Session session(options, deskOf(options));
-  const DeskSound& sound = session.desk.sound();
+  Session session(options);
+  const auto microphones = session.desk->microphones();
   const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
   const int card = CVoxRecord::VoxCheckSoundCard();
-  session.terminal.say(sound.microphones.empty() ? "No capture device." : "Capture devices:");
-  for (std::size_t i = 0; i < sound.microphones.size(); ++i) {
+  session.terminal.say(microphones.empty() ? "No capture device." : "Capture devices:");
+  for (std::size_t i = 0; i < microphones.size(); ++i) {
     const bool chosen = static_cast<int>(i) == choice.index;
-    session.terminal.say((chosen ? " -> " : "    ") + std::to_string(i) + "  " + sound.microphones[i].name +
+    session.terminal.say((chosen ? " -> " : "    ") + std::to_string(i) + "  " + microphones[i].name +
                          (chosen ? std::string("   (chosen: ") + choice.rule + ")" : ""));
-    session.terminal.event(session.desk.seconds(), "capture-device",
-                           {{"index", i}, {"name", sound.microphones[i].name}, {"chosen", chosen}}, "");
+    session.terminal.event(session.desk->seconds(), "capture-device",
+                           {{"index", i}, {"name", microphones[i].name}, {"chosen", chosen}}, "");
   }
   if (choice.index < 0) session.terminal.say(std::string("None would be recorded: ") + choice.rule + ".");
   session.terminal.say("Sound card: " + sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName()));
-  session.terminal.event(session.desk.seconds(), "sound-card",
+  session.terminal.event(session.desk->seconds(), "sound-card",
                          {{"index", card}, {"name", sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName())}}, "");
-  session.terminal.say(sound.endpoints.empty() ? "No capture endpoint." : "Capture endpoints:");
-  for (std::size_t i = 0; i < sound.endpoints.size(); ++i) {
-    const sim::CaptureEndpoint endpoint = session.desk.endpoint(i);
-    session.terminal.say("    " + std::to_string(i) + "  " + sim::utf8(endpoint.name) +
-                         fixed("   volume %.0f %%", 100.0 * static_cast<double>(endpoint.volume)) +
-                         (endpoint.muted ? ", muted" : ""));
-    session.terminal.event(session.desk.seconds(), "endpoint",
+  const auto endpoints = session.desk->endpoints();
+  session.terminal.say(endpoints.empty() ? "No capture endpoint." : "Capture endpoints:");
+  for (std::size_t i = 0; i < endpoints.size(); ++i) {
+    const SoundEndpoint& endpoint = endpoints[i];
+    session.terminal.say("    " + std::to_string(i) + "  " + endpoint.name +
+                         fixed("   volume %.0f %%", 100.0 * endpoint.volume) + (endpoint.muted ? ", muted" : ""));
+    session.terminal.event(session.desk->seconds(), "endpoint",
                            {{"index", i},
-                            {"name", sim::utf8(endpoint.name)},
-                            {"volume", std::round(100.0 * static_cast<double>(endpoint.volume)) / 100},
+                            {"name", endpoint.name},
+                            {"volume", std::round(100.0 * endpoint.volume) / 100},
                             {"muted", endpoint.muted}},
                            "");
   }
-  session.terminal.say(sound.speaker ? "Speaker: " + std::to_string(sound.speaker->rate) + " Hz, " +
-                                           std::to_string(sound.speaker->channels) +
-                                           (sound.speaker->channels == 1 ? " channel" : " channels")
-                                     : "No speaker.");
+  const auto speaker = session.desk->speaker();
+  session.terminal.say(speaker
+                           ? "Speaker: " + std::to_string(speaker->rate) + " Hz, " + std::to_string(speaker->channels) +
+                                 (speaker->channels == 1 ? " channel" : " channels")
+                           : "No speaker.");
   session.finish({.handles = 1});  // a recorder's event stays open, deliberately
 }
 
 void recordMicrophone(const Options& options) {
   Take::checkWritable(options.out);
-  Session session(options, deskOf(options));
+  Session session(options);
   if (!options.microphone.empty()) {
     CDeviceData::Instance()->SetRecordName(sim::wide(options.microphone));
     CDeviceData::Instance()->SetRecordByName(true);
@@ -108,15 +109,14 @@ void recordMicrophone(const Options& options) {
     const CVoxRecord::Choice choice = recorder.ChooseDevice();
     if (choice.index < 0) {
       std::string names;
-      for (const DeskMicrophone& known : session.desk.sound().microphones)
-        names += (names.empty() ? "" : ", ") + known.name;
+      for (const SoundSource& known : session.desk->microphones()) names += (names.empty() ? "" : ", ") + known.name;
       throw Failure((options.microphone.empty() ? choice.rule : "no name contains \"" + options.microphone + '"') +
                     "; there are: " + (names.empty() ? "none" : names));
     }
     session.terminal.say("Recording " + sim::utf8(choice.name) + " (" + choice.rule + ").");
     if (recorder.StartRecord() != 1) throw Failure("the microphone cannot be recorded" + reason(*session.client));
-    const auto& source = session.desk.sound().microphones.at(static_cast<std::size_t>(choice.index)).hears;
-    const double length = source.empty() ? HUGE_VAL : Take::secondsOf(source.size());
+    const SoundSource source = session.desk->microphones().at(static_cast<std::size_t>(choice.index));
+    const double length = source.seconds.value_or(HUGE_VAL);
     recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
   }
   session.finish({.handles = 1});  // the recorder's event
@@ -124,15 +124,15 @@ void recordMicrophone(const Options& options) {
 
 void recordSpeaker(const Options& options) {
   Take::checkWritable(options.out);
-  Session session(options, deskOf(options));
+  Session session(options);
   Inbox inbox;
   {
     CVoxSpeakerRecord recorder;
     recorder.Init(reinterpret_cast<void*>(&Inbox::onData), &inbox);
     if (recorder.StartRecord() != 1) throw Failure("the speaker cannot be recorded" + reason(*session.client));
-    const DeskSpeaker& speaker = *session.desk.sound().speaker;
-    const double length = static_cast<double>(speaker.plays.size()) / speaker.channels / speaker.rate;
+    const auto speaker = session.desk->speaker();
+    const double length = speaker ? speaker->seconds.value_or(HUGE_VAL) : HUGE_VAL;
     recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
   }
-  session.finish({.sound = {.comReferences = 1}});  // the recorder's device
+  session.finish({.comReferences = 1});  // the recorder's device
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "sim/Wav.h"
 
@@ -30,9 +31,11 @@ double rounded(double dB) { return std::round(dB * 10) / 10; }
 }  // namespace
 
 void Take::checkWritable(const std::string& path) {
+  const bool there = std::filesystem::exists(path);
   std::FILE* file = std::fopen(path.c_str(), "ab");
   if (!file) throw Failure(path + ": " + std::strerror(errno));
   std::fclose(file);
+  if (!there) std::remove(path.c_str());
 }
 
 void Take::add(const std::vector<std::int16_t>& more) {
@@ -41,9 +44,9 @@ void Take::add(const std::vector<std::int16_t>& more) {
   const double dB = level(more);
   Terminal& terminal = session_.terminal;
   if (terminal.json()) {
-    terminal.event(session_.desk.seconds(), "level", {{"seconds", seconds()}, {"dbfs", rounded(dB)}}, "");
+    terminal.event(session_.desk->seconds(), "level", {{"seconds", seconds()}, {"dbfs", rounded(dB)}}, "");
   } else {
-    terminal.progress(session_.desk.seconds(),
+    terminal.progress(session_.desk->seconds(),
                       "recording " + fixed("%5.1f s  ", seconds()) + meter(dB) + fixed(" %6.1f dBFS", dB));
   }
 }
@@ -53,7 +56,7 @@ void Take::write(const std::string& path) {
   if (!sim::writeWav(path, pcm_, 16000, error)) throw Failure(error);
   int peak = 0;
   for (const int sample : pcm_) peak = std::max(peak, std::abs(sample));
-  session_.terminal.event(session_.desk.seconds(), "recorded",
+  session_.terminal.event(session_.desk->seconds(), "recorded",
                           {{"file", path}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak))}},
                           "wrote " + path + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
                               fixed(", peak %.1f dBFS", decibels(peak)));

@@ -1,10 +1,10 @@
 #include "Terminal.h"
 
-#include <unistd.h>
-
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+
+#include "System.h"
 
 namespace {
 
@@ -20,9 +20,8 @@ std::string stamp(double seconds) {
 
 // The library prints texts of its own to standard output when a step of a firmware update fails, in an encoding of its
 // own and without a line end. They would spoil our lines, which say the same.
-Terminal::Terminal(bool json)
-    : json_(json), screen_(isatty(STDOUT_FILENO) != 0), out_(fdopen(dup(STDOUT_FILENO), "w")) {
-  if (!out_ || !std::freopen("/dev/null", "w", stdout)) std::perror("voxdesk: standard output");
+Terminal::Terminal(bool json) : json_(json), screen_(outputIsScreen()), out_(takeStandardOutput()) {
+  if (!out_) std::perror("voxdesk: standard output");
 }
 
 Terminal::~Terminal() {

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Desk.h"
+#include "System.h"
 #include "Terminal.h"
 
 namespace {
@@ -15,23 +17,25 @@ enum ExitCode { kDone = 0, kFailed = 1, kWrongUsage = 2 };
 }  // namespace
 
 int main(int argc, char** argv) {
+  prepareConsole();
+  if (const auto code = runOther(argc, argv)) return *code;
   Options options;
-  CLI::App app(
-      "A client of VoxDevice at a desk of virtual voice mice.\n"
-      "Without a command: shows the desk's devices, holds the Wren's voice key, records what it hears into a WAV file.",
-      "voxdesk");
+  CLI::App app(kAbout, "voxdesk");
   app.set_version_flag("--version", "voxdesk " VOXDEVICE_VERSION);
   app.footer(
       "Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage.\n"
       "docs/desk-file.md describes desk files; a command's own options: voxdesk COMMAND --help.");
   app.add_option("--desk", options.deskFile,
-                 "A desk file (JSON): which devices, links, faults; default: a Wren, a Heron Plus, a Tern")
+                 kSimulated ? "A desk file (JSON): which devices, links, faults; default: a Wren, a Heron Plus, a Tern"
+                            : "A simulated desk instead of this computer: a desk file (JSON), or \"default\"")
       ->type_name("FILE.json");
-  app.add_flag("--virtual-time", options.virtualTime, "As fast as the machine can, instead of in real time");
+  app.add_flag("--virtual-time", options.virtualTime,
+               "As fast as the machine can, instead of in real time (simulated desks)");
   app.add_flag("--json", options.json, "One JSON object per event, for scripts");
   app.add_option("--out", options.out, "Where the recording goes; default: voxdesk-recording.wav")
       ->type_name("OUT.wav");
-  app.add_option("--seconds", options.seconds, "How long to record; default: as long as the speech")
+  app.add_option("--seconds", options.seconds,
+                 kSimulated ? "How long to record; default: as long as the speech" : "The longest recording")
       ->check(CLI::Range(0.001, 86'400.0))
       ->type_name("S");
   app.fallthrough();
@@ -58,11 +62,14 @@ int main(int argc, char** argv) {
   auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
   takesSeconds(watch, "Stop after so long; needed with --virtual-time");
   auto* take = needsDevice(command(app, "record", "Record one device", &record));
-  take->add_option("--speech", options.speech, "What the device hears: 16 kHz, mono, 16-bit")
-      ->required()
-      ->type_name("IN.wav");
+  if (kSimulated) {
+    take->add_option("--speech", options.speech, "What the device hears: 16 kHz, mono, 16-bit")
+        ->required()
+        ->type_name("IN.wav");
+  }
   take->add_option("--out", options.out, "What the client received")->required()->type_name("OUT.wav");
-  takesSeconds(take, "How long to record; default: as long as the speech");
+  takesSeconds(take,
+               kSimulated ? "How long to record; default: as long as the speech" : "How long; default: until Ctrl-C");
 
   command(app, "sound", "List the computer's microphones, endpoints and speaker, and which is chosen", &listSound);
   auto* mic = command(app, "mic", "Record a microphone of the computer", &recordMicrophone);

@@ -1,0 +1,75 @@
+// The hardware that voxdesk works with. Two programs are made of the same commands: one whose desk is simulated
+// (SimulatedDesk.cpp), and on Windows one whose desk is the computer that it runs on (RealDesk.cpp).
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+
+// A capture device of the computer, by its wave-in index.
+struct SoundSource {
+  std::string name;
+  std::optional<double> seconds;  // until it has nothing more to say; nothing: it never ends
+};
+
+struct SoundEndpoint {
+  std::string name;
+  double volume = 0;  // 0 to 1
+  bool muted = false;
+};
+
+struct SoundOutput {
+  int rate = 0;  // Hz
+  int channels = 0;
+  std::optional<double> seconds;
+};
+
+// What the library leaves open, deliberately, when it has been stopped.
+struct LeftOpen {
+  std::size_t handles = 0;
+  std::size_t comReferences = 0;
+};
+
+class Desk {
+ public:
+  virtual ~Desk() = default;
+
+  // Plugs everything in, where that is ours to do.
+  virtual void setUp() = 0;
+  virtual double seconds() = 0;  // since the desk was made
+  // Lets time pass.
+  virtual void run(std::chrono::milliseconds time) = 0;
+  // What the main job says when it begins.
+  virtual std::string greeting() const = 0;
+  // How many devices are going to be announced; nothing when nobody knows.
+  virtual std::optional<std::size_t> expectedDevices() const = 0;
+
+  // Whose voice key the desk can hold, as "Wren"; empty when it takes a hand.
+  virtual std::string voiceKeyOwner() const = 0;
+  virtual void holdVoiceKey(bool down) = 0;
+  // How long the devices have something to say; nothing when nobody knows.
+  virtual std::optional<double> speechSeconds() const = 0;
+
+  virtual std::vector<SoundSource> microphones() = 0;
+  virtual std::vector<SoundEndpoint> endpoints() = 0;
+  virtual std::optional<SoundOutput> speaker() = 0;
+
+  // HID devices among the older hardware that are plugged in.
+  virtual std::size_t legacyHids() = 0;
+  // What the library has left open beyond what is by design, as a text; empty when nothing is, or nobody knows.
+  virtual std::string leftOpen(const LeftOpen& byDesign) = 0;
+};
+
+// busy: somebody uses a simulated desk, so that there is something to watch.
+std::unique_ptr<Desk> makeDesk(const Options& options, bool busy);
+
+// Which of the two programs this is.
+extern const bool kSimulated;
+// What the help says of it.
+extern const char* const kAbout;
+// Where arguments ask for the other program, that is run in its place: its exit code.
+std::optional<int> runOther(int argc, char** argv);
