@@ -26,7 +26,10 @@ Machine::~Machine() {
   instance = nullptr;
 }
 
+void (*Machine::standIn)() = nullptr;
+
 Machine& Machine::current() {
+  if (!instance && standIn) standIn();
   if (!instance) {
     std::fputs("sim: a call of the operating system, but no sim::Machine is switched on\n", stderr);
     std::abort();

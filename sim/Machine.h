@@ -43,6 +43,8 @@ class Machine {
   Machine& operator=(const Machine&) = delete;
 
   static Machine& current();
+  // Switches a machine on for a program that has made none; null in those that make their own (see StandIn.cpp).
+  static void (*standIn)();
 
   // ---- For tests and programs, from above the seam ----
   void plug(const std::shared_ptr<HidDevice>& device);

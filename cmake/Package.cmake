@@ -1,0 +1,40 @@
+# What is installed, and the ZIP of it.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+if(WIN32)
+  install(TARGETS VoxDevice EXPORT VoxDevice)
+else()
+  install(TARGETS voxdevice_simulated voxsim EXPORT VoxDevice)
+endif()
+install(DIRECTORY include/VoxDevice TYPE INCLUDE)
+install(FILES README.md DESTINATION $<IF:$<BOOL:${WIN32}>,.,${CMAKE_INSTALL_DOCDIR}>)
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/VoxDevice)
+install(EXPORT VoxDevice NAMESPACE VoxDevice:: FILE VoxDeviceTargets.cmake DESTINATION ${package_folder})
+file(WRITE ${PROJECT_BINARY_DIR}/VoxDeviceConfig.cmake
+"include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+include(\${CMAKE_CURRENT_LIST_DIR}/VoxDeviceTargets.cmake)
+")
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VoxDeviceConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VoxDeviceConfig.cmake ${PROJECT_BINARY_DIR}/VoxDeviceConfigVersion.cmake
+        DESTINATION ${package_folder})
+
+if(VOXDEVICE_TOOLS)
+  install(TARGETS voxdesk)
+  if(WIN32)
+    install(TARGETS voxdesk-simulated)
+  endif()
+  install(FILES samples/sentence.wav DESTINATION ${CMAKE_INSTALL_DATADIR}/VoxDevice)
+endif()
+
+set(CPACK_GENERATOR ZIP)
+set(CPACK_PACKAGE_VENDOR VoxDevice)
+string(TOLOWER ${CMAKE_SYSTEM_NAME} system)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(CPACK_PACKAGE_FILE_NAME VoxDevice-${PROJECT_VERSION}-${system}-x86)
+else()
+  set(CPACK_PACKAGE_FILE_NAME VoxDevice-${PROJECT_VERSION}-${system}-x64)
+endif()
+include(CPack)

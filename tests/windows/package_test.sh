@@ -1,0 +1,40 @@
+#!/bin/sh
+# What a user of the package has: package_test.sh SOURCE BUILD TOOLCHAIN WINE. Makes the ZIP, builds the example client
+# against what is in it, and runs the client and voxdesk with a virtual Wren plugged in.
+set -eu
+source=$1 build=$2 toolchain=$3 wine=$4
+work=$build/package_test
+rm -rf "$work"
+mkdir -p "$work"
+
+cpack --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log"
+(cd "$work" && cmake -E tar xf ./*.zip)
+package=$(echo "$work"/VoxDevice-*/)
+for file in bin/VoxDevice.dll lib/libVoxDevice.dll.a include/VoxDevice/VoxDevice.h bin/voxdesk.exe README.md; do
+  [ -f "$package/$file" ] || { echo "missing in the package: $file" >&2; exit 1; }
+done
+cmake -S "$source/examples/client" -B "$work/client" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+  -DVoxDevice_DIR="$package/lib/cmake/VoxDevice" -DCMAKE_EXE_LINKER_FLAGS=-static >"$work/configure.log"
+cmake --build "$work/client" >"$work/build.log" || { cat "$work/build.log" >&2; exit 1; }
+cp "$package/bin/VoxDevice.dll" "$work/client"
+
+# expect PATTERN COMMAND...: runs a command that must succeed and have a line of this pattern in its output.
+expect() {
+  pattern=$1
+  shift
+  "$@" >"$work/out" 2>&1 || { cat "$work/out"; echo "failed: $*" >&2; exit 1; }
+  grep -qE -- "$pattern" "$work/out" || { cat "$work/out"; echo "not in the output of $*: $pattern" >&2; exit 1; }
+}
+# The simulated desk is in the package too, with what it says.
+expect "Stopped: nothing is left open." "$wine" "$package/bin/voxdesk.exe" --desk default --virtual-time --out "$work/take.wav"
+
+"$wine" "$build/bin/plug.exe" Wren 20 >"$work/plug.log" 2>&1 &
+plug=$!
+trap 'kill $plug 2>/dev/null || true' EXIT
+for _ in $(seq 100); do
+  grep -q "plugged in" "$work/plug.log" && break
+  sleep 0.1
+done
+expect "recorded [12]\.[0-9] s" "$wine" "$work/client/client.exe" 15
+expect "VoxMouse Wren +USB +80 %  1600" "$wine" "$package/bin/voxdesk.exe" devices
+wait $plug || { cat "$work/plug.log"; exit 1; }
