@@ -32,6 +32,15 @@ if(MINGW)
   endif()
 endif()
 
+# windows.h is long: where it is everywhere, it is read once. Elsewhere, no precompiled header hides a missing include.
+function(voxdevice_precompile target)
+  if(MINGW)
+    target_precompile_headers(${target} ${ARGN})
+    # From there, GCC 12 warns of what it thinks of the standard library's own code.
+    target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overflow)
+  endif()
+endfunction()
+
 # Sanitizers concern every object that is linked, also those of a subdirectory that forgets our options.
 if(VOXDEVICE_SANITIZE)
   add_compile_options(-fsanitize=${VOXDEVICE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
