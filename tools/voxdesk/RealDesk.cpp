@@ -135,6 +135,7 @@ std::optional<int> runOther(int argc, char** argv) {
   std::vector<std::wstring> arguments{quoted(program.wstring())};
   for (int i = 1; i < argc; ++i) arguments.push_back(quoted(std::filesystem::path(argv[i]).wstring()));
   std::vector<const wchar_t*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (const std::wstring& argument : arguments) pointers.push_back(argument.c_str());
   pointers.push_back(nullptr);
   // A Ctrl-C reaches that program too, which stops cleanly.

@@ -32,7 +32,7 @@ std::uintptr_t _beginthreadex(void* security, unsigned stackSize, unsigned (*sta
   std::unique_ptr<ThreadStart> given(new (std::nothrow) ThreadStart{start, argument});
   if (!given) return 0;
   const std::uintptr_t thread = ::_beginthreadex(security, stackSize, &RunThread, given.get(), flags, threadId);
-  if (thread) given.release();
+  if (thread) (void)given.release();
   return thread;
 }
 
