@@ -19,6 +19,9 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   endif()
 endif()
 
+if(MSVC)
+  target_compile_options(voxdevice_options INTERFACE /W4 /utf-8 /permissive-)
+endif()
 if(WIN32)
   # Windows 7 and later.
   target_compile_definitions(voxdevice_options INTERFACE _WIN32_WINNT=0x0601)
