@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/os.h"
+#include "sim/Text.h"
 #include "sim/Wav.h"
 #include "tests/Desk.h"
 
@@ -136,6 +137,20 @@ TEST(Machine, ReadersOfOneInterfaceEachGetEveryReportAndTheEndOfIt) {
   os::CloseHandle(a);
   os::CloseHandle(b);
   EXPECT_EQ(machine.balance(), sim::Balance{});
+}
+
+TEST(Text, IsUtf8OrWideInEitherWidth) {
+  const std::pair<const char*, const wchar_t*> pairs[] = {
+      {"a", L"a"}, {"\xC3\xA9", L"\u00E9"}, {"\xE9\xB9\xB0", L"\u9E70"}, {"<\xF0\x9F\x8E\xA4>", L"<\U0001F3A4>"}};
+  for (const auto& [narrow, wide] : pairs) {
+    EXPECT_EQ(sim::utf8(wide), narrow);
+    EXPECT_EQ(sim::wide(narrow), wide);
+  }
+  EXPECT_EQ(sim::utf8(std::wstring{L'a', wchar_t{0xD83C}, L'b'}),
+            "a\xEF\xBF\xBD"
+            "b")
+      << "half a pair";
+  EXPECT_EQ(sim::wide("a\xFF"), L"a\uFFFD");
 }
 
 TEST(Wav, IsReadWrittenAndExplained) {

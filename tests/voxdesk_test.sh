@@ -215,7 +215,10 @@ err "the device went away during the recording; kept.wav holds what it had sent"
 # Ctrl-C stops cleanly, and keeps the recording so far.
 "$voxdesk" record --speech "$sample" --out stopped.wav >out 2>err &
 pid=$!
-sleep 3
+for _ in $(seq 100); do
+  grep -q recording out && break
+  sleep 0.1
+done
 kill -INT "$pid"
 wait "$pid" || fail "exit code $? after Ctrl-C"
 out "wrote stopped.wav"

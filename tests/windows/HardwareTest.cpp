@@ -11,7 +11,7 @@
 #include "sim/Wav.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
-#include "tests/windows/HidPort.h"
+#include "sim/windows/HidPort.h"
 // The list of threads; relies on windows.h.
 #include <tlhelp32.h>
 

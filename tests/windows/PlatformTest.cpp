@@ -10,7 +10,7 @@
 #include "audio/SoundCard.h"
 #include "support/CLock.h"
 #include "support/WorkerThread.h"
-#include "tests/windows/HidPort.h"
+#include "sim/windows/HidPort.h"
 
 namespace {
 

@@ -1,7 +1,14 @@
 // What voxdesk can do. Each returns when it is done or interrupted, and throws when it cannot be done.
 #pragma once
 
+#include <stdexcept>
 #include <string>
+
+// Why something could not be done, for standard error.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 struct Options {
   std::string deskFile;  // empty or "default": the default desk

@@ -10,6 +10,9 @@
 
 #include "Commands.h"
 
+// Of speech: 16 kHz, mono.
+inline double secondsOf(std::size_t samples) { return static_cast<double>(samples) / 16000; }
+
 // A capture device of the computer, by its wave-in index.
 struct SoundSource {
   std::string name;

@@ -7,7 +7,6 @@
 #include <thread>
 
 #include "Desk.h"
-#include "Session.h"
 #include "System.h"
 #include "audio/CoreAudio.h"
 #include "sim/Text.h"

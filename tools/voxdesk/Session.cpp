@@ -69,7 +69,7 @@ DeviceView Session::choose(int number) {
     if (number == 0 || view.number == number) return view;
     known += " " + std::to_string(view.number) + " (" + view.model + ")";
   }
-  if (devices.empty()) throw Failure(noDevice());
+  if (devices.empty()) throw Failure(interrupted() ? "interrupted before a device had answered" : noDevice());
   throw Failure("no device has the number " + std::to_string(number) + "; there are:" + known);
 }
 

@@ -4,7 +4,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -12,12 +11,6 @@
 #include "Commands.h"
 #include "Desk.h"
 #include "Terminal.h"
-
-// Why something could not be done, for standard error.
-class Failure : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 // printf for one number.
 std::string fixed(const char* format, double value);

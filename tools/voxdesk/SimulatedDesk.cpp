@@ -2,9 +2,7 @@
 
 #include <algorithm>
 
-#include "Session.h"
 #include "System.h"
-#include "Take.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 
@@ -63,7 +61,7 @@ std::vector<SoundSource> SimulatedDesk::microphones() {
   std::vector<SoundSource> sources;
   for (const DeskMicrophone& microphone : description_.sound.microphones) {
     sources.push_back({microphone.name, std::nullopt});
-    if (!microphone.hears.empty()) sources.back().seconds = Take::secondsOf(microphone.hears.size());
+    if (!microphone.hears.empty()) sources.back().seconds = secondsOf(microphone.hears.size());
   }
   return sources;
 }
@@ -115,7 +113,7 @@ void SimulatedDesk::holdVoiceKey(bool down) {
 std::optional<double> SimulatedDesk::speechSeconds() const {
   if (devices_.empty()) return std::nullopt;
   const std::size_t speaker = wren() < devices_.size() ? wren() : 0;
-  return Take::secondsOf(description_.devices[speaker].speech.size());
+  return secondsOf(description_.devices[speaker].speech.size());
 }
 
 double SimulatedDesk::seconds() { return std::chrono::duration<double>(machine_.now()).count(); }

@@ -10,7 +10,6 @@
 // 16 kHz, mono, 16-bit.
 class Take {
  public:
-  static double secondsOf(std::size_t samples) { return static_cast<double>(samples) / 16000; }
   // Fails now rather than after the recording.
   static void checkWritable(const std::string& path);
 

@@ -2,10 +2,8 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "sim/Machine.h"
 #include "sim/devices/VirtualMouse.h"
@@ -23,11 +21,9 @@ class HidPort {
   HidPort(const HidPort&) = delete;
   HidPort& operator=(const HidPort&) = delete;
 
-  // Fails the test when Windows does not take the device.
+  // Throws when Windows does not take the device.
   void plug();
   void unplug();
-  // Every input report that the device has sent since it was made.
-  std::vector<sim::Bytes> reports();
 
  private:
   void carryInput();
@@ -39,11 +35,9 @@ class HidPort {
   std::wstring deviceNode_;  // as "root\vid_6d8c&pid_6137\7&1a2b3c4d&0&0000"
   HANDLE inputPipe_ = INVALID_HANDLE_VALUE;
   HANDLE outputPipe_ = INVALID_HANDLE_VALUE;
-  HANDLE device_handle_ = INVALID_HANDLE_VALUE;  // on the simulated machine
+  HANDLE simulated_ = INVALID_HANDLE_VALUE;  // on the simulated machine
   HDEVINFO node_ = INVALID_HANDLE_VALUE;
   SP_DEVINFO_DATA nodeData_{};
   sim::Machine::Spawned inputCarrier_;
   std::thread outputCarrier_;
-  std::mutex mutex_;
-  std::vector<sim::Bytes> reports_;
 };

@@ -1,4 +1,4 @@
-#include "tests/windows/HidPort.h"
+#include "sim/windows/HidPort.h"
 
 // SetupAPI's installer side.
 #include <newdev.h>
@@ -49,7 +49,7 @@ void HidPort::plug() {
   inputPipe_ = makePipe(name_ + L"-in", PIPE_ACCESS_OUTBOUND);
   outputPipe_ = makePipe(name_ + L"-out", PIPE_ACCESS_INBOUND);
   machine_.plug(device_);
-  device_handle_ = os::CreateFileW(device_->path().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, 0, 0, nullptr);
+  simulated_ = os::CreateFileW(device_->path().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, 0, 0, nullptr);
 
   const std::wstring folder = programFolder();
   wchar_t system[MAX_PATH];
@@ -89,23 +89,14 @@ void HidPort::unplug() {
   CloseHandle(inputPipe_);
   outputCarrier_.join();
   CloseHandle(outputPipe_);
-  os::CloseHandle(device_handle_);
-}
-
-std::vector<sim::Bytes> HidPort::reports() {
-  const std::lock_guard lock(mutex_);
-  return reports_;
+  os::CloseHandle(simulated_);
 }
 
 void HidPort::carryInput() {
   sim::Bytes report(kReportBytes);
   DWORD count = 0;
-  while (os::ReadFile(device_handle_, report.data(), kReportBytes, &count, nullptr)) {
-    {
-      const std::lock_guard lock(mutex_);
-      reports_.push_back(report);
-    }
-    if (!::WriteFile(inputPipe_, report.data(), kReportBytes, &count, nullptr)) return;
+  while (os::ReadFile(simulated_, report.data(), kReportBytes, &count, nullptr) &&
+         ::WriteFile(inputPipe_, report.data(), kReportBytes, &count, nullptr)) {
   }
 }
 
@@ -113,6 +104,6 @@ void HidPort::carryOutput() {
   sim::Bytes report(kReportBytes);
   DWORD count = 0;
   while (::ReadFile(outputPipe_, report.data(), kReportBytes, &count, nullptr) && count == kReportBytes) {
-    os::WriteFile(device_handle_, report.data(), kReportBytes, &count, nullptr);
+    os::WriteFile(simulated_, report.data(), kReportBytes, &count, nullptr);
   }
 }
