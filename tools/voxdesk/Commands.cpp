@@ -81,7 +81,7 @@ void showDesk(const Options& options) {
     session.runUntil(1, {"button"}, isUp);
   }
   session.finish();
-  session.terminal.say("Stopped: nothing is left open.");
+  session.terminal.say(kSimulated ? "Stopped: nothing is left open." : "Stopped.");
 }
 
 void listDevices(const Options& options) {
