@@ -8,9 +8,9 @@
 #include "VoxDevice/VoxCommon.h"
 #include "audio/AscDecoder.h"
 #include "audio/SoundCard.h"
+#include "sim/windows/HidPort.h"
 #include "support/CLock.h"
 #include "support/WorkerThread.h"
-#include "sim/windows/HidPort.h"
 
 namespace {
 
