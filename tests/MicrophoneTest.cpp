@@ -286,6 +286,28 @@ TEST(SoundCard, IsFoundByItsNameAndRecorded) {
   }
 }
 
+// Counts its messages.
+class Counter : public CThread {
+ public:
+  ~Counter() { EndThreads(); }
+  unsigned long ThreadProc() override {
+    for (Message message; NextMessage(message);) ++count;
+    return 0;
+  }
+  int count = 0;
+};
+
+TEST(Messages, PostedRightAfterTheStartOfAThreadAreNotLost) {
+  for (std::uint64_t seed = 0; seed < 20; ++seed) {
+    Desk desk({.seed = seed});
+    Counter counter;
+    ASSERT_TRUE(counter.StartThread());
+    desk.machine.locked([&] { EXPECT_TRUE(desk.machine.kernel().post(counter.GetThreadID(), MSG{})) << seed; });
+    desk.run(1ms);
+    EXPECT_EQ(counter.count, 1) << seed;
+  }
+}
+
 TEST(InputVolume, OfEveryMatchingMixerIsRaised) {
   RecordDesk desk;
   auto& mixers = desk.sound().mixers;

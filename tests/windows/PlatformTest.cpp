@@ -54,7 +54,8 @@ class Counter : public CThread {
   HANDLE came = CreateEventW(nullptr, FALSE, FALSE, nullptr);
 };
 
-TEST(Platform, AThreadHasItsMessageQueueBeforeAnybodyPosts) {
+// Wine gives a queue to any thread that is posted to; that ours have one before is seen on the simulated machine.
+TEST(Platform, AMessageReachesAThreadThatHasJustStarted) {
   for (int i = 0; i < 20; ++i) {
     Counter counter;
     ASSERT_TRUE(counter.StartThread());
