@@ -28,7 +28,7 @@ expect() {
 # The simulated desk is in the package too, with what it says.
 expect "Stopped: nothing is left open." "$wine" "$package/bin/voxdesk.exe" --desk default --virtual-time --out "$work/take.wav"
 
-"$wine" "$build/bin/plug.exe" Wren 13 >"$work/plug.log" 2>&1 &
+"$wine" "$build/bin/plug.exe" Wren 20 >"$work/plug.log" 2>&1 &
 plug=$!
 trap 'kill $plug 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
