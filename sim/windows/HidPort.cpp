@@ -24,6 +24,17 @@ HANDLE makePipe(const std::wstring& name, DWORD direction) {
   return pipe;
 }
 
+// A program that was ended while its device was plugged in has left it behind.
+void removeLeftOver(const std::wstring& deviceNode) {
+  const HDEVINFO list = SetupDiCreateDeviceInfoList(nullptr, nullptr);
+  SP_DEVINFO_DATA device{};
+  device.cbSize = sizeof device;
+  if (SetupDiOpenDeviceInfoW(list, deviceNode.c_str(), nullptr, 0, &device)) {
+    SetupDiCallClassInstaller(DIF_REMOVE, list, &device);
+  }
+  SetupDiDestroyDeviceInfoList(list);
+}
+
 }  // namespace
 
 std::wstring programFolder() {
@@ -59,6 +70,7 @@ void HidPort::plug() {
     // The driver is loaded already.
     if (::GetLastError() != ERROR_SHARING_VIOLATION && ::GetLastError() != ERROR_ACCESS_DENIED) fail("CopyFile");
   }
+  removeLeftOver(deviceNode_);
   node_ = SetupDiCreateDeviceInfoList(&kHidClass, nullptr);
   nodeData_ = {};
   nodeData_.cbSize = sizeof nodeData_;
@@ -85,9 +97,10 @@ void HidPort::unplug() {
   SetupDiDestroyDeviceInfoList(node_);
   node_ = INVALID_HANDLE_VALUE;
   machine_.unplug(device_);
-  inputCarrier_.join();
+  if (inputCarrier_) inputCarrier_->join();
   CloseHandle(inputPipe_);
-  outputCarrier_.join();
+  if (outputCarrier_.joinable()) outputCarrier_.join();
+  inputCarrier_.reset();
   CloseHandle(outputPipe_);
   os::CloseHandle(simulated_);
 }

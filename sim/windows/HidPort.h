@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -38,6 +39,6 @@ class HidPort {
   HANDLE simulated_ = INVALID_HANDLE_VALUE;  // on the simulated machine
   HDEVINFO node_ = INVALID_HANDLE_VALUE;
   SP_DEVINFO_DATA nodeData_{};
-  sim::Machine::Spawned inputCarrier_;
+  std::optional<sim::Machine::Spawned> inputCarrier_;
   std::thread outputCarrier_;
 };
