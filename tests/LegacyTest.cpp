@@ -376,6 +376,34 @@ TEST(LegacyHid, RefusedDevicesAreForgottenAtTheNextStart) {
   desk.run(100ms);
 }
 
+TEST(LegacyHid, AStartIsNeverLost) {
+  for (std::uint64_t seed = 1; seed <= 300 && !::testing::Test::HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    LegacyDesk desk(seed);
+    auto device = desk.device(LegacyKind::hidMouse);
+    device->plug();
+    desk.mouse->StartCheck();
+    desk.run(40ms);
+    desk.mouse->StopCheck();
+    desk.run(std::chrono::milliseconds(seed % 40));
+    // The client and the mode switch, in the instant in which the re-check thread ends.
+    auto other = desk.machine.spawn([&] { desk.mouse->StartCheck(); });
+    desk.mouse->StartCheck();
+    other.join();
+    desk.run(3100ms);
+    EXPECT_EQ(desk.machine.balance().threads, 3U) << "poller, rescan, one reader";
+    device->hid()->key(0x21);
+    desk.run(20ms);
+    EXPECT_EQ(desk.keys(), "L-");
+    desk.mouse->StopCheck();
+    desk.run(100ms);
+    desk.mouse.reset();
+    const std::size_t files = desk.machine.balance().handles - 2;  // the hub's lock, the poller's event
+    EXPECT_TRUE(files == 1 || files == 2) << files << " files of released devices";
+    desk.leftOpen.handles = files + 1;
+  }
+}
+
 TEST(LegacyHid, EndsCleanlyAtAnyMoment) {
   for (std::uint64_t seed = 1; seed <= 1000 && !::testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));

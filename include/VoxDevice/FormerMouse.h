@@ -115,7 +115,8 @@ class VOXDEVICE_API CFormerMouse_Hid {
   Shared<bool> StopHidCheck{false};
   std::unique_ptr<CWorkerThread> ReCheckThread;
   Shared<bool> ShortcutArmed{true};
-  // Guards the list; never held while a thread is ended or a client is called.
+  // Guards the list, and the start and end of the re-check thread; never held while a thread is ended by force or a
+  // client is called.
   std::unique_ptr<CLock> devicesLock;
   std::list<FormerHidEntry> HidDevices;
   Shared<VoxButtonState> KeyState_Left{ButtonUp};

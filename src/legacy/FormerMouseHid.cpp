@@ -64,7 +64,9 @@ CFormerMouse_Hid::~CFormerMouse_Hid() {
   ReleaseHidDevice();
 }
 
+// The client's thread and the mode switch's may both call this.
 void CFormerMouse_Hid::StartCheck() {
+  const CAutoLock lock(*devicesLock);
   StopHidCheck = false;
   if (ReCheckThread->IsSet()) return;
   ReCheckThread->Join();  // its last instructions
@@ -90,8 +92,11 @@ void CFormerMouse_Hid::OnThreadReCheckHidProc() {
         KeyState_Left = ButtonUp;
         KeyState_Right = ButtonUp;
         DoubleClick.SetKeyState(ButtonUp);
-        if (StopHidCheck) return;
-        break;  // started again meanwhile
+        // A start either comes before this look, and is seen, or finds the thread ended.
+        const CAutoLock lock(*devicesLock);
+        if (!StopHidCheck) break;
+        ReCheckThread->Clear();
+        return;
       }
       if (!ReCheckThread->Park([] { os::Sleep(kStopLook); })) return;
     }
@@ -117,6 +122,9 @@ void CFormerMouse_Hid::OpenHidInterface(const std::wstring& path) {
   }
   HidFile file(path);
   if (!file.Check(kMinReportLength)) return AddInvalidHidDevice(identity.instance);
+  // In one go: whoever releases the devices meanwhile finds this one with its reader started, or not at all. The entry
+  // comes before the reader runs, which finds it when it ends at once.
+  const CAutoLock lock(*devicesLock);
   const std::shared_ptr<HidReaderContext> context = TakeContext();
   context->Number = ++openedDevices;
   context->Kind = identity.pid == "0135" ? HidKind_VoiceKeyboard : HidKind_Mouse;
@@ -127,11 +135,7 @@ void CFormerMouse_Hid::OpenHidInterface(const std::wstring& path) {
   context->OnUnConnect = &CFormerMouse_Hid::HidDeviceUnConnectCallback;
   context->OnKey = &CFormerMouse_Hid::HidKeyCallback;
   context->Stop = false;
-  {
-    // Before the reader runs, so that it finds its entry when it ends at once.
-    const CAutoLock lock(*devicesLock);
-    HidDevices.push_back({context->Number, context->File, identity.instance, context});
-  }
+  HidDevices.push_back({context->Number, context->File, identity.instance, context});
   context->Thread.Start(&CFormerMouse_Hid::ReaderThreadProc, context.get());
 }
 
@@ -146,17 +150,10 @@ bool CFormerMouse_Hid::KeyIsKnown(const std::string& key) {
                      [&](const FormerHidEntry& entry) { return entry.Key == key; });
 }
 
-// That of a device that has gone, or a new one.
+// With the lock held. That of a device that has gone, or a new one.
 std::shared_ptr<CFormerMouse_Hid::HidReaderContext> CFormerMouse_Hid::TakeContext() {
-  std::vector<std::shared_ptr<HidReaderContext>> contexts;
-  {
-    const CAutoLock lock(*devicesLock);
-    for (const FormerHidEntry& entry : HidDevices) {
-      if (entry.Reader) contexts.push_back(entry.Reader);
-    }
-  }
-  for (const auto& context : contexts) {
-    if (!context->Thread.IsSet() && context->Thread.IsIdle()) return context;
+  for (const FormerHidEntry& entry : HidDevices) {
+    if (entry.Reader && !entry.Reader->Thread.IsSet() && entry.Reader->Thread.IsIdle()) return entry.Reader;
   }
   return std::make_shared<HidReaderContext>();
 }
