@@ -43,6 +43,7 @@ HidOpen::HidOpen(std::shared_ptr<HidDevice> opened) : device(std::move(opened)) 
 HidOpen::~HidOpen() { std::erase(device->handles_, this); }
 
 void HidOpen::handleClosed(Kernel& kernel) {
+  if (reads > 0) kernel.misused();
   std::erase(device->handles_, this);
   gone = true;
   reports.clear();

@@ -31,6 +31,7 @@ struct HidFaults {
   bool failWrites = false;
   bool hangWrites = false;    // a write never comes back
   Time writeTime{0};          // how long a write takes
+  bool ignoreCancel = false;  // the driver does not let go of a read or write that is cancelled
   std::size_t shortRead = 0;  // a read brings at most so many bytes (0: whole reports)
 };
 
@@ -86,6 +87,7 @@ class HidOpen final : public Object {
   const std::shared_ptr<HidDevice> device;
   std::deque<Bytes> reports;
   bool gone = false;  // pulled out, or closed while somebody reads
+  int reads = 0;      // in progress: the real system would keep whoever closes the handle waiting for them
 };
 
 // An interface that is on the bus and does nothing: somebody else's keyboard, or a collection without our protocol.

@@ -47,10 +47,11 @@ bool Mutex::release(Kernel& kernel, const Thread& by) {
   return true;
 }
 
-Kernel::Kernel(Clock clock, std::uint64_t seed, DWORD firstTick)
+Kernel::Kernel(Clock clock, std::uint64_t seed, DWORD firstTick, Time timerPeriod)
     : clock_(clock),
       shuffled_(seed != 0 && clock == Clock::virtualTime),
       firstTick_(firstTick),
+      timerPeriod_(timerPeriod),
       generation_(++kernels),
       random_(seed) {
   main_ = std::make_shared<Thread>();
@@ -146,7 +147,7 @@ void Kernel::terminate(Lock& lock, Thread& thread) {
     return;
   }
   thread.killed = true;
-  if (thread.state == Thread::State::waiting) wakeUp(thread, -1);
+  if (thread.state == Thread::State::waiting) wakeUp(thread, kTimeOut);
 }
 
 int Kernel::waitAny(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit) {
@@ -158,12 +159,40 @@ int Kernel::waitAny(Lock& lock, std::span<Object* const> objects, std::optional<
       return static_cast<int>(i);
     }
   }
-  if (limit && limit->count() <= 0 && !(objects.empty() && virtualTime())) return -1;
+  if (limit && limit->count() <= 0 && !(objects.empty() && virtualTime())) return kTimeOut;
   me.waitsFor.assign(objects.begin(), objects.end());
   for (Object* object : objects) object->waiters_.push_back(&me);
-  suspendSelf(lock, me, limit ? std::optional(now() + *limit) : std::nullopt);
+  std::optional<Time> until;
+  if (limit) {
+    until = now() + *limit;
+    if (timerPeriod_.count() > 0 && limit->count() > 0) {
+      until = Time((until->count() + timerPeriod_.count() - 1) / timerPeriod_.count() * timerPeriod_.count());
+    }
+  }
+  suspendSelf(lock, me, until);
   if (me.killed) endSelf(me);
   return me.wokenBy;
+}
+
+int Kernel::waitCancellable(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit) {
+  Thread& me = self();
+  me.inCall = true;
+  const int by = waitAny(lock, objects, limit);
+  me.inCall = false;
+  return by;
+}
+
+bool Kernel::cancel(Thread& thread) {
+  if (!thread.inCall || thread.state != Thread::State::waiting) return false;
+  wakeUp(thread, kCancelled);
+  return true;
+}
+
+void*& Kernel::local(DWORD index) {
+  if (virtualTime()) return current_->locals.at(index);
+  if (standing.generation == generation_) return standing.thread->locals.at(index);
+  const Lock lock(mutex_);
+  return self().locals.at(index);
 }
 
 void Kernel::suspendSelf(Lock& lock, Thread& me, std::optional<Time> until) {
@@ -178,7 +207,7 @@ void Kernel::suspendSelf(Lock& lock, Thread& me, std::optional<Time> until) {
     me.wake.wait(lock, awake);
   } else if (!me.wake.wait_until(lock, started_ + *until, awake)) {
     cancelWait(me);
-    me.wokenBy = -1;
+    me.wokenBy = kTimeOut;
   }
   me.state = Thread::State::running;
 }
@@ -237,7 +266,7 @@ void Kernel::fireDue() {
     auto due = timers_.extract(timers_.begin());
     if (Thread* thread = due.mapped().thread) {
       thread->timer.reset();
-      wakeUp(*thread, -1);
+      wakeUp(*thread, kTimeOut);
     } else {
       due.mapped().action();
     }

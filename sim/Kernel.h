@@ -8,6 +8,7 @@
 // inside the machine, never while code above the seam runs.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <csetjmp>
@@ -66,6 +67,7 @@ class Event final : public Object {
   void acquired(Thread&) override { set_ = set_ && manualReset_; }
   const char* kind() const override { return "event"; }
   void set(Kernel& kernel);
+  void reset() { set_ = false; }
 
  private:
   bool set_;
@@ -125,13 +127,15 @@ class Thread final : public Object {
   int priority = 0;
   DWORD lastError = 0;
   std::shared_ptr<MessageQueue> messages;  // from the thread's first look at them on
+  std::array<void*, 8> locals{};           // by the index that TlsAlloc gives
 
  private:
   friend class Kernel;
   friend class Mutex;
   bool killed = false;
+  bool inCall = false;   // waits in a call that can be cancelled
   bool foreign = false;  // not started by the machine: the test's or the program's own
-  int wokenBy = 0;       // index of the object that woke it, -1 for the time-out
+  int wokenBy = 0;       // index of the object that woke it, kTimeOut or kCancelled
   std::vector<Object*> waitsFor;
   std::optional<std::pair<Time, std::uint64_t>> timer;
   std::vector<Mutex*> owned;
@@ -147,9 +151,14 @@ class Kernel {
   using Lock = std::unique_lock<std::mutex>;
   using Action = std::function<void()>;
 
+  // What a wait ends with when no object has ended it.
+  static constexpr int kTimeOut = -1;
+  static constexpr int kCancelled = -2;
+
   // seed 0: threads take turns in the order in which they became ready; any other seed shuffles them and lets a thread
   // be overtaken at every call of the seam.
-  Kernel(Clock clock, std::uint64_t seed, DWORD firstTick);
+  // timerPeriod: waits with a limit end at its multiples only, as with the timer of a real system; zero: to the moment.
+  Kernel(Clock clock, std::uint64_t seed, DWORD firstTick, Time timerPeriod);
   ~Kernel();
   Kernel(const Kernel&) = delete;
   Kernel& operator=(const Kernel&) = delete;
@@ -165,6 +174,9 @@ class Kernel {
   Time now() const;
   DWORD tick() const { return firstTick_ + static_cast<DWORD>(now().count() / 1000); }
 
+  // A value of the calling thread's own; needs no lock.
+  void*& local(DWORD index);
+
   // ---- With the lock held ----
   Thread& self();
   std::shared_ptr<Thread> createThread(std::function<void()> entry, bool suspended);
@@ -172,8 +184,13 @@ class Kernel {
   // Ends a thread at the call in which it waits, or at its next one. Ends the caller at once.
   void terminate(Lock& lock, Thread& thread);
 
-  // Waits for the first of `objects` that is signalled, at most `limit` (none: for ever). Returns its index, or -1.
+  // Waits for the first of `objects` that is signalled, at most `limit` (none: for ever). Returns its index, or
+  // kTimeOut.
   int waitAny(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit);
+  // The same, in a call that another thread may cancel: then kCancelled.
+  int waitCancellable(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit);
+  // False when the thread is in no such call.
+  bool cancel(Thread& thread);
   void sleep(Lock& lock, Time time) { waitAny(lock, {}, time); }
   // Lets through the waiters that `object` can satisfy now.
   void changed(Object& object);
@@ -206,6 +223,8 @@ class Kernel {
 
   std::size_t openHandles() const { return handles_.size(); }
   std::size_t runningThreads() const;  // those that the machine started
+  std::uint64_t forcedEnds() const { return forcedEnds_; }
+  void countForcedEnd() { ++forcedEnds_; }
   std::uint64_t waits() const { return waits_; }
   std::uint64_t misuses() const { return misuses_; }  // calls on handles that are closed or of another kind
   void misused() { ++misuses_; }
@@ -240,6 +259,7 @@ class Kernel {
   const Clock clock_;
   const bool shuffled_;
   const DWORD firstTick_;
+  const Time timerPeriod_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   const std::uint64_t generation_;
   mutable std::mutex mutex_;
@@ -247,6 +267,7 @@ class Kernel {
   std::uint64_t sequence_ = 0;
   std::uint64_t waits_ = 0;
   std::uint64_t misuses_ = 0;
+  std::uint64_t forcedEnds_ = 0;
   std::map<TimerKey, Timer> timers_;
   std::list<std::shared_ptr<Thread>> threads_;
   std::shared_ptr<Thread> main_;

@@ -13,7 +13,7 @@ Machine* instance = nullptr;
 }  // namespace
 
 Machine::Machine(MachineOptions options)
-    : hid_(*this), sound_(*this), kernel_(options.clock, options.seed, options.firstTick) {
+    : hid_(*this), sound_(*this), kernel_(options.clock, options.seed, options.firstTick, options.timerPeriod) {
   if (instance) {
     std::fputs("sim: a second machine while the first is on\n", stderr);
     std::abort();
@@ -114,6 +114,11 @@ std::uint64_t Machine::waits() {
 std::uint64_t Machine::misuses() {
   const Kernel::Lock lock = kernel_.enterQuietly();
   return kernel_.misuses();
+}
+
+std::uint64_t Machine::forcedEnds() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return kernel_.forcedEnds();
 }
 
 void Machine::record(bool on) {

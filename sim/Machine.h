@@ -20,6 +20,8 @@ struct MachineOptions {
   Clock clock = Clock::virtualTime;
   std::uint64_t seed = 0;       // shuffles the schedule (virtual clock); 0 leaves it in order
   DWORD firstTick = 1'000'000;  // GetTickCount when the machine is switched on, milliseconds
+  // Waits with a limit end at multiples of this only: 15,625 us is Windows' usual. Zero: to the moment.
+  Time timerPeriod{0};
 };
 
 // What is still open. All zero after a clean stop.
@@ -75,6 +77,7 @@ class Machine {
   Balance balance();
   std::uint64_t waits();
   std::uint64_t misuses();
+  std::uint64_t forcedEnds();  // threads that were ended by force
 
   // The log: what happened, with its time, when recording is on. Tests add their own lines.
   void record(bool on);

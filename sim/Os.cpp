@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <optional>
@@ -112,7 +113,31 @@ BOOL TerminateThread(HANDLE thread, DWORD) {
     return FALSE;
   }
   if (machine.recording()) machine.noteLocked("thread " + std::to_string(object->id) + " ended by force");
+  machine.kernel().countForcedEnd();
   machine.kernel().terminate(lock, *object);
+  return TRUE;
+}
+
+BOOL CancelSynchronousIo(HANDLE thread) {
+  return withObject<sim::Thread>(thread, [](Machine& machine, sim::Thread& object) {
+    if (machine.kernel().cancel(object)) {
+      machine.kernel().mayBeOvertaken();
+      return true;
+    }
+    machine.kernel().self().lastError = ERROR_NOT_FOUND;
+    return false;
+  });
+}
+
+DWORD TlsAlloc() {
+  static std::atomic<DWORD> indexes{0};
+  return indexes++;
+}
+
+void* TlsGetValue(DWORD index) { return Machine::current().kernel().local(index); }
+
+BOOL TlsSetValue(DWORD index, void* value) {
+  Machine::current().kernel().local(index) = value;
   return TRUE;
 }
 
@@ -184,6 +209,16 @@ BOOL GetMessageW(MSG* message, HWND, UINT, UINT) {
   return message->message != WM_QUIT ? TRUE : FALSE;
 }
 
+BOOL PostThreadMessageW(DWORD thread, UINT message, WPARAM wParam, LPARAM lParam) {
+  Machine& machine = Machine::current();
+  const Kernel::Lock lock = machine.kernel().enter();
+  MSG posted{};
+  posted.message = message;
+  posted.wParam = wParam;
+  posted.lParam = lParam;
+  return machine.kernel().post(thread, posted) ? TRUE : FALSE;
+}
+
 HANDLE CreateEventW(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const WCHAR*) {
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();
@@ -194,6 +229,13 @@ BOOL SetEvent(HANDLE event) {
   return withObject<sim::Event>(event, [](Machine& machine, sim::Event& object) {
     object.set(machine.kernel());
     machine.kernel().mayBeOvertaken();
+    return true;
+  });
+}
+
+BOOL ResetEvent(HANDLE event) {
+  return withObject<sim::Event>(event, [](Machine&, sim::Event& object) {
+    object.reset();
     return true;
   });
 }
@@ -299,7 +341,15 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OV
   }
   if (bytesToRead < open->device->inputLength || open->device->faults.failReads) return FALSE;
   const std::array<sim::Object*, 1> objects{open};
-  machine.kernel().waitAny(lock, objects, std::nullopt);
+  const bool lets = !open->device->faults.ignoreCancel;
+  ++open->reads;
+  const int by = lets ? machine.kernel().waitCancellable(lock, objects, std::nullopt)
+                      : machine.kernel().waitAny(lock, objects, std::nullopt);
+  --open->reads;
+  if (by == Kernel::kCancelled) {
+    machine.kernel().self().lastError = ERROR_OPERATION_ABORTED;
+    return FALSE;
+  }
   if (open->gone || open->reports.empty()) return FALSE;
   const sim::Bytes report = std::move(open->reports.front());
   open->reports.pop_front();
@@ -321,8 +371,15 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
     return FALSE;
   }
   const sim::HidFaults& faults = open->device->faults;
-  if (faults.hangWrites) machine.kernel().waitAny(lock, {}, std::nullopt);
-  if (faults.writeTime.count() > 0) machine.kernel().sleep(lock, faults.writeTime);
+  if (faults.hangWrites || faults.writeTime.count() > 0) {
+    const auto time = faults.hangWrites ? std::nullopt : std::optional(faults.writeTime);
+    const int by = faults.ignoreCancel ? machine.kernel().waitAny(lock, {}, time)
+                                       : machine.kernel().waitCancellable(lock, {}, time);
+    if (by == Kernel::kCancelled) {
+      machine.kernel().self().lastError = ERROR_OPERATION_ABORTED;
+      return FALSE;
+    }
+  }
   if (open->gone || faults.failWrites || bytesToWrite != open->device->outputLength) return FALSE;
   const std::span report(static_cast<const std::uint8_t*>(buffer), bytesToWrite);
   if (machine.recording()) machine.noteLocked("write " + hex(report.data(), report.size()));

@@ -21,9 +21,17 @@ std::uintptr_t _beginthreadex(void* security, unsigned stackSize, unsigned (*sta
 DWORD ResumeThread(HANDLE thread);
 BOOL TerminateThread(HANDLE thread, DWORD exitCode);
 DWORD GetCurrentThreadId();
+// Makes the read or write in which another thread is blocked fail (ERROR_OPERATION_ABORTED). FALSE when it is in none,
+// or in one whose driver does not let go of it.
+BOOL CancelSynchronousIo(HANDLE thread);
+// A value of each thread's own, null in a new thread.
+DWORD TlsAlloc();
+void* TlsGetValue(DWORD index);
+BOOL TlsSetValue(DWORD index, void* value);
 
 HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState, const WCHAR* name);
 BOOL SetEvent(HANDLE event);
+BOOL ResetEvent(HANDLE event);
 // A mutex may be taken again by its owner; one whose owner has ended goes to the next taker (WAIT_ABANDONED).
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES* attributes, BOOL initialOwner, const WCHAR* name);
 BOOL ReleaseMutex(HANDLE mutex);
@@ -46,6 +54,7 @@ BOOL CancelWaitableTimer(HANDLE timer);
 // A thread has a message queue from its first call of one of these two on; messages posted before are lost.
 BOOL GetMessageW(MSG* message, HWND window, UINT first, UINT last);
 BOOL PeekMessageW(MSG* message, HWND window, UINT first, UINT last, UINT remove);
+BOOL PostThreadMessageW(DWORD thread, UINT message, WPARAM wParam, LPARAM lParam);
 
 // ---- Time -----------------------------------------------------------------------------------------------------------
 

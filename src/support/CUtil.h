@@ -4,6 +4,6 @@
 
 class CUtil {
  public:
-  // Ends a thread by force, waits until it is gone, closes the handle and clears it.
-  static void VoxTerminateThread(HANDLE& thread, DWORD exitCode) noexcept;
+  // Ends a thread by force, and gives it a moment to go. The handle stays open.
+  static void VoxTerminateThread(HANDLE thread, DWORD exitCode) noexcept;
 };

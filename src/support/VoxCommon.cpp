@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "support/Worker.h"
+
 namespace {
 
 std::atomic<VoxMessageSink*> registeredSink{nullptr};
@@ -10,7 +12,10 @@ std::atomic<WindowsVersion> osVersion{WindowsVersion_Current};
 
 template <class Call>
 void Tell(Call call) noexcept {
-  if (VoxMessageSink* sink = registeredSink) call(*sink);
+  VoxMessageSink* sink = registeredSink;
+  if (!sink) return;
+  const CClientCode inside;
+  call(*sink);
 }
 
 }  // namespace

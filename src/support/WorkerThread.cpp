@@ -1,13 +1,8 @@
 #include "support/WorkerThread.h"
 
-#include "support/CUtil.h"
+#include <utility>
 
-void CUtil::VoxTerminateThread(HANDLE& thread, DWORD exitCode) noexcept {
-  os::TerminateThread(thread, exitCode);
-  os::WaitForSingleObject(thread, INFINITE);
-  os::CloseHandle(thread);
-  thread = nullptr;
-}
+#include "support/CUtil.h"
 
 bool CWorkerThread::Start(unsigned (*entry)(void*), void* argument) noexcept {
   if (HANDLE ended = thread_.exchange(nullptr)) os::CloseHandle(ended);
@@ -53,6 +48,7 @@ void CWorkerThread::Terminate(DWORD patience) noexcept {
     State parked = State::parked;
     if (state_.compare_exchange_strong(parked, State::taken) || waited == patience) {
       CUtil::VoxTerminateThread(thread, 0);
+      os::CloseHandle(std::exchange(thread, nullptr));
     } else if (os::WaitForSingleObject(thread, 1) == WAIT_OBJECT_0) {
       os::CloseHandle(thread);
       thread = nullptr;

@@ -39,10 +39,15 @@ std::uintptr_t _beginthreadex(void* security, unsigned stackSize, unsigned (*sta
 DWORD ResumeThread(HANDLE thread) { return ::ResumeThread(thread); }
 BOOL TerminateThread(HANDLE thread, DWORD exitCode) { return ::TerminateThread(thread, exitCode); }
 DWORD GetCurrentThreadId() { return ::GetCurrentThreadId(); }
+BOOL CancelSynchronousIo(HANDLE thread) { return ::CancelSynchronousIo(thread); }
+DWORD TlsAlloc() { return ::TlsAlloc(); }
+void* TlsGetValue(DWORD index) { return ::TlsGetValue(index); }
+BOOL TlsSetValue(DWORD index, void* value) { return ::TlsSetValue(index, value); }
 HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState, const WCHAR* name) {
   return ::CreateEventW(attributes, manualReset, initialState, name);
 }
 BOOL SetEvent(HANDLE event) { return ::SetEvent(event); }
+BOOL ResetEvent(HANDLE event) { return ::ResetEvent(event); }
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES* attributes, BOOL initialOwner, const WCHAR* name) {
   return ::CreateMutexW(attributes, initialOwner, name);
 }
@@ -72,6 +77,9 @@ BOOL GetMessageW(MSG* message, HWND window, UINT first, UINT last) {
 }
 BOOL PeekMessageW(MSG* message, HWND window, UINT first, UINT last, UINT remove) {
   return ::PeekMessageW(message, window, first, last, remove);
+}
+BOOL PostThreadMessageW(DWORD thread, UINT message, WPARAM wParam, LPARAM lParam) {
+  return ::PostThreadMessageW(thread, message, wParam, lParam);
 }
 
 // ---- Time ----

@@ -1,0 +1,213 @@
+#include "support/Worker.h"
+
+#include <new>
+#include <utility>
+
+#include "support/CUtil.h"
+
+namespace {
+
+// A thread may be on its way into a blocking call when that is cancelled: it is cancelled again after so many ms.
+constexpr DWORD kAskAgain = 10;
+
+DWORD Slot() {
+  static const DWORD slot = os::TlsAlloc();
+  return slot;
+}
+
+// Where a thread is, in the low bits of its record's word; above them, how many locks it holds.
+enum Place : unsigned {
+  kNotBegun = 0,
+  kInLibrary,
+  kInSystem,    // in a call that may block for ever
+  kCancelling,  // the same, and just being cancelled
+  kInClient,
+  kCondemned,  // about to be ended by force: it must not go on
+};
+constexpr unsigned kPlaceMask = 7;
+constexpr unsigned kOneLock = 8;
+
+}  // namespace
+
+void CUtil::VoxTerminateThread(HANDLE thread, DWORD exitCode) noexcept {
+  constexpr DWORD kMoment = 20;  // ms
+  os::TerminateThread(thread, exitCode);
+  os::WaitForSingleObject(thread, kMoment);
+}
+
+struct CWorker::Record {
+  explicit Record(HANDLE given)
+      : ownStop(given ? nullptr : os::CreateEventW(nullptr, TRUE, FALSE, nullptr)), stop(given ? given : ownStop) {}
+  ~Record() {
+    if (ownStop) os::CloseHandle(ownStop);
+    if (HANDLE last = thread) os::CloseHandle(last);
+  }
+  Record(const Record&) = delete;
+  Record& operator=(const Record&) = delete;
+
+  static Record* Current() noexcept { return static_cast<Record*>(os::TlsGetValue(Slot())); }
+
+  // Changes the word by `change`, unless the thread is condemned: then it stops here, for whoever ends it.
+  template <class Change>
+  void Update(Change change) noexcept {
+    unsigned was = word;
+    for (;;) {
+      if ((was & kPlaceMask) == kCondemned) {
+        for (;;) os::Sleep(INFINITE);
+      }
+      if ((was & kPlaceMask) == kCancelling) {
+        os::Sleep(0);
+        was = word;
+      } else if (word.compare_exchange_weak(was, change(was))) {
+        return;
+      }
+    }
+  }
+  void Go(unsigned place) noexcept {
+    Update([place](unsigned was) { return (was & ~kPlaceMask) | place; });
+  }
+  bool CompareAndGo(unsigned from, unsigned to) noexcept { return word.compare_exchange_strong(from, to); }
+
+  // Cancels the call in which the thread is blocked, and none that the client's code makes on it.
+  void Cancel() noexcept {
+    unsigned was = word;
+    if ((was & kPlaceMask) != kInSystem || !word.compare_exchange_strong(was, (was & ~kPlaceMask) | kCancelling)) {
+      return;
+    }
+    os::CancelSynchronousIo(thread);
+    os::PostThreadMessageW(id, WM_QUIT, 0, 0);
+    word = (was & ~kPlaceMask) | kInSystem;  // the thread itself changes nothing meanwhile
+  }
+
+  const HANDLE ownStop;
+  const HANDLE stop;  // manual-reset
+  std::atomic<bool> asked{false};
+  std::atomic<bool> set{false};
+  std::atomic<bool> started{false};
+  std::atomic<unsigned> word{kNotBegun};
+  std::atomic<HANDLE> thread{nullptr};
+  std::atomic<DWORD> id{0};
+  Body body;
+  std::shared_ptr<Record> running;  // itself, as long as the thread runs
+};
+
+CWorker::CWorker(HANDLE stop) : record_(std::make_shared<Record>(stop)) {}
+
+bool CWorker::Start(Body body) noexcept {
+  Record& record = *record_;
+  if (record.asked || record.started.exchange(true)) return false;
+  record.body = std::move(body);
+  record.running = record_;
+  unsigned id = 0;
+  const auto thread =
+      reinterpret_cast<HANDLE>(os::_beginthreadex(nullptr, 0, &CWorker::Run, &record, CREATE_SUSPENDED, &id));
+  if (!thread) {
+    record.running.reset();
+    record.body = nullptr;
+    return false;
+  }
+  record.id = id;
+  record.set = true;
+  record.thread = thread;
+  os::ResumeThread(thread);
+  return true;
+}
+
+unsigned CWorker::Run(void* argument) {
+  auto* record = static_cast<Record*>(argument);
+  os::TlsSetValue(Slot(), record);
+  record->Go(kInLibrary);
+  const unsigned result = record->asked ? 0 : record->body();
+  record->body = nullptr;  // lets go of what it worked on
+  record->set = false;
+  os::TlsSetValue(Slot(), nullptr);
+  const std::shared_ptr<Record> last = std::move(record->running);
+  return result;
+}
+
+bool CWorker::IsSet() const noexcept { return record_->set; }
+
+bool CWorker::HasEnded() const noexcept {
+  const HANDLE thread = record_->thread;
+  return !thread || os::WaitForSingleObject(thread, 0) == WAIT_OBJECT_0;
+}
+
+DWORD CWorker::Id() const noexcept { return record_->id; }
+
+bool CWorker::IsCurrent() const noexcept { return Record::Current() == record_.get(); }
+
+bool CWorker::SetPriority(int priority) const noexcept {
+  const HANDLE thread = record_->thread;
+  return thread && os::SetThreadPriority(thread, priority) != FALSE;
+}
+
+void CWorker::Ask() noexcept {
+  record_->asked = true;
+  os::SetEvent(record_->stop);
+  record_->Cancel();
+}
+
+bool CWorker::End(CDeadline deadline) noexcept {
+  Ask();
+  if (IsCurrent()) {
+    Clear();
+    return false;
+  }
+  const HANDLE thread = record_->thread;
+  if (!thread) return true;
+  for (;;) {
+    if (os::WaitForSingleObject(thread, deadline.Left(kAskAgain)) == WAIT_OBJECT_0) return true;
+    record_->Cancel();
+    if (deadline.HasPassed()) break;
+  }
+  Clear();
+  // Only inside the client's code, and without a lock.
+  if (!record_->CompareAndGo(kInClient, kCondemned)) return false;
+  CUtil::VoxTerminateThread(thread, 0);
+  record_->body = nullptr;
+  record_->running.reset();
+  return true;
+}
+
+bool CWorker::IsAsked() const noexcept { return record_->asked; }
+
+HANDLE CWorker::StopEvent() const noexcept { return record_->stop; }
+
+bool CWorker::Sleep(DWORD milliseconds) const noexcept {
+  os::WaitForSingleObject(record_->stop, milliseconds);
+  return !record_->asked;
+}
+
+DWORD CWorker::Wait(HANDLE other, DWORD milliseconds) const noexcept {
+  const HANDLE handles[] = {record_->stop, other};
+  const DWORD result = os::WaitForMultipleObjects(2, handles, FALSE, milliseconds);
+  if (record_->asked || result == WAIT_OBJECT_0) return WAIT_FAILED;
+  return result == WAIT_OBJECT_0 + 1 ? WAIT_OBJECT_0 : result;
+}
+
+void CWorker::EnterSystem() noexcept {
+  if (IsCurrent()) record_->Go(kInSystem);
+}
+
+void CWorker::LeaveSystem() noexcept {
+  if (IsCurrent()) record_->Go(kInLibrary);
+}
+
+void CWorker::Clear() noexcept { record_->set = false; }
+
+CClientCode::CClientCode() noexcept : record_(CWorker::Record::Current()) {
+  // Client code inside client code (a callback that has called the library) stays what it is.
+  if (record_ && !record_->CompareAndGo(kInLibrary, kInClient)) record_ = nullptr;
+}
+
+CClientCode::~CClientCode() {
+  if (record_) record_->Go(kInLibrary);
+}
+
+void CHeldLock::Begin() noexcept {
+  if (auto* record = CWorker::Record::Current()) record->Update([](unsigned was) { return was + kOneLock; });
+}
+
+void CHeldLock::End() noexcept {
+  if (auto* record = CWorker::Record::Current()) record->Update([](unsigned was) { return was - kOneLock; });
+}

@@ -1,0 +1,99 @@
+// A thread of the library: asked to end by whoever wants it to, and ended by itself.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+#include "platform/os.h"
+#include "support/Deadline.h"
+
+// A thread that is ended by force may hold a lock of the system or of the C++ runtime (the loader's, the heap's), keeps
+// its stack, and runs none of its destructors. So a worker is *asked*:
+//
+// - It waits for its stop event beside whatever else it waits for (Sleep, Wait). A read or write in which it is blocked
+//   (Blocking) is cancelled; a wait for messages gets WM_QUIT. It then ends within milliseconds.
+// - Its body owns, by shared pointers, all that it works on, and lets go of it as its last act. So nobody has to wait
+// for
+//   a thread that is stuck in a driver that does not let go: it frees everything when it comes back.
+// - Force (CUtil::VoxTerminateThread) is what remains for a thread that is still inside the client's code when the
+//   patience is over: never before it has begun, inside the system, or while it holds a CLock.
+//
+// A worker starts once. Any thread may call anything.
+class CWorker {
+ public:
+  // Milliseconds that a thread is given to end.
+  static constexpr DWORD kPatience = 2000;
+
+  using Body = std::function<unsigned()>;
+
+  // stop: an event that asks the thread to end, and outlives its body; null: one of its own.
+  explicit CWorker(HANDLE stop = nullptr);
+  // Lets go of the thread; it ends by itself if it was asked to.
+  ~CWorker() = default;
+  CWorker(const CWorker&) = delete;
+  CWorker& operator=(const CWorker&) = delete;
+
+  // ---- For its owner ----
+  // Runs `body` on a new thread. False when it cannot be started, or has been asked to end already.
+  bool Start(Body body) noexcept;
+  // What others see as the thread handle: true from Start until the thread clears it or has ended.
+  bool IsSet() const noexcept;
+  // No thread is left: none was started, or it has executed its last instruction.
+  bool HasEnded() const noexcept;
+  bool IsCurrent() const noexcept;
+  DWORD Id() const noexcept;
+  bool SetPriority(int priority) const noexcept;
+  // Asks the thread to end, and does not wait.
+  void Ask() noexcept;
+  // Asks, and waits until the thread is gone. False when it is not: it is the calling thread, or it is stuck inside the
+  // system and will end when it comes back.
+  bool End(CDeadline deadline) noexcept;
+
+  // ---- For the thread ----
+  bool IsAsked() const noexcept;
+  HANDLE StopEvent() const noexcept;
+  // False, at once, when the thread is asked to end.
+  bool Sleep(DWORD milliseconds) const noexcept;
+  // Waits for `other`, a handle. WAIT_OBJECT_0: it is signalled. WAIT_TIMEOUT. WAIT_FAILED: the thread is asked to end.
+  DWORD Wait(HANDLE other, DWORD milliseconds) const noexcept;
+  // Runs `call`, a read, a write or a wait for messages of the system's that may block for ever.
+  template <class Call>
+  void Blocking(Call&& call) noexcept {
+    EnterSystem();
+    call();
+    LeaveSystem();
+  }
+  // Clears the handle that others see. The thread may still run for a while.
+  void Clear() noexcept;
+
+ private:
+  friend class CClientCode;
+  friend class CHeldLock;
+  struct Record;
+
+  static unsigned Run(void* record);
+  void EnterSystem() noexcept;
+  void LeaveSystem() noexcept;
+
+  const std::shared_ptr<Record> record_;
+};
+
+// Around every call of the client's code: marks the worker on which it runs, if it runs on one.
+class CClientCode {
+ public:
+  CClientCode() noexcept;
+  ~CClientCode();
+  CClientCode(const CClientCode&) = delete;
+  CClientCode& operator=(const CClientCode&) = delete;
+
+ private:
+  CWorker::Record* record_;
+};
+
+// Around the time in which a thread holds a lock: while it does, it is not ended by force.
+class CHeldLock {
+ public:
+  static void Begin() noexcept;
+  static void End() noexcept;
+};
