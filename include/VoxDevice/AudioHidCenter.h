@@ -1,33 +1,15 @@
 // CAudioHidCenter: every current model, over USB or Bluetooth LE, through one object.
 #pragma once
 
-#include <array>
 #include <atomic>
-#include <cstdint>
-#include <functional>
-#include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "VoxDevice/Api.h"
-#include "VoxDevice/KzCheckDoubleClick.h"
-#include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
-class CDeviceReader;
-class CLock;
-class CWorkerThread;
-struct CHidData;
-struct HidConnection;
-struct HidDeviceEntry;
-
-// One accepted vendor/product pair, spelled as in a HID interface path.
-struct LegalHidId {
-  std::string vid;
-  std::string pid;
-  MouseType type;
-};
+class CHub;
 
 // What a HID interface path tells about its device.
 struct HidPathIdentity {
@@ -91,7 +73,7 @@ class VOXDEVICE_API CAudioHidCenter {
   bool ThreadIsClosed();
 
   // ---- Queries ----
-  bool IsConnect() const { return anyDeviceConnected; }
+  bool IsConnect() const;
   // The live device opened last, -1 when there is none.
   int GetEffectiveDevice();
   // 0 when no live device has exactly this number (-1 matches nothing); also below.
@@ -110,7 +92,7 @@ class VOXDEVICE_API CAudioHidCenter {
   bool WorkHidIsWren();
 
   // ---- The work device: the one that records ----
-  void ChooseWorkHidDevice(int device) { workDevice = device; }
+  void ChooseWorkHidDevice(int device);
 
   // ---- Commands ----
   // Answered through MouseState.
@@ -158,7 +140,7 @@ class VOXDEVICE_API CAudioHidCenter {
   bool LeftKeyDown_Up();
   // True once after a Tern reported a short press of its right key.
   bool Tern_IsShortPress_R();
-  VoxClickMode GetClickMode_L() const { return DoubleClick.GetClickMode(); }
+  VoxClickMode GetClickMode_L() const;
 
   // ---- Callbacks: a function of the type of that name above, or null, and the context it gets as last argument.
   // At any time, from any thread. ----
@@ -187,129 +169,7 @@ class VOXDEVICE_API CAudioHidCenter {
   static void FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub);
 
  private:
-  struct Detection;
-
-  // Lifecycle.
-  static unsigned ThreadDeviceDetectionProc(void* detection);
-  void OnThreadDeviceDetectionProc(CWorkerThread& thread);
-  template <class Visit>
-  void ForEachRow(Visit visit);
-  // Every live row that a command with this number addresses.
-  template <class Visit>
-  void ForEachAddressed(int device, Visit visit);
-  CDeviceReader* FindLive(int device);
-  int GetEffectiveDevice(MouseType model);
-  bool CheckDeviceConnect();
-  void ClearTable();
-  void CopyFrom(const CAudioHidCenter& other);
-  void AppendRow(std::unique_ptr<HidDeviceEntry> row);
-
-  // Commands.
-  void SendToReady(int device, std::uint8_t command);
-  void AppOpen(int device);
-  void AppExit(int device);
-
-  // Models and discovery.
-  void InitLegalPid_Vid();
-  MouseType FindLegalId(const HidPathIdentity& identity) const;
-  void OpenHidDevice(const std::vector<std::wstring>& paths);
-  void OpenHidInterface(const std::wstring& path);
-  void ConnectReader(MouseType model, const std::string& path, HidConnection& connection);
-  bool PathIsKnown(const std::string& path);
-  void UpdateConnected();
-  void AddBadDevice(std::string path);
-  void OnHidDeviceDisconnect(int device);
-  void OnFwOtaResultCallback(int device, DataChannel link, FwUpdateState state);
-
-  // Replies.
-  void OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                 int reportLength);
-  void OnProcDeviceConnectReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcVoiceOpenReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcVoiceStopReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcDpiReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcMouseStateReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcDongleStateReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcMouseSNReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcDevicePowerReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcDownloadUrlReply(int device, MouseType model, DataChannel link, CHidData& reply);
-  void OnProcMouseKeyReply(int device, MouseType model, CHidData& reply);
-
-  // Keys.
-  struct KeyRule;
-  void OnKeyReply_Tern(int device, CHidData& reply);
-  void OnKeyReply_Wren(int device, CHidData& reply);
-  void OnKeyReply_Finch(int device, CHidData& reply);
-  void OnKeyReply_Robin(int device, CHidData& reply);
-  void OnKeyReply_Heron(int device, CHidData& reply);
-  void OnKeyReply_Egret(int device, CHidData& reply);
-  void OnKeyReply_Heron_Plus(int device, CHidData& reply);
-  // Deliberately reachable from nowhere: a Swift's key replies are ignored.
-  void OnKeyReply_Swift(int device, CHidData& reply);
-  void OnKeyReply(int device, const CHidData& reply, const KeyRule* rules, std::size_t count);
-  bool AllKeyUp() const;
-  void InitButtonState();
-  void LeftPress(int device);
-  void LeftRelease(int device);
-  void RightPress(int device);
-  void RightRelease(int device);
-  void Key1Release(int device);
-  void SwiftKey1Press(int device);
-  void OpenNavigationKey(int device);
-  void ScreenshotKey(int device);
-  void TernDoubleClick(int device);
-  void TernShortPressRight(int device);
-  void TernI(int device);
-  void TernZ(int device);
-  void TernReleaseAll(int device);
-
-  // Audio.
-  struct AudioChunk;
-  void OnProcAudioData_Tern(int device, CHidData& reply);
-  void OnProcAudioData_Wren(int device, CHidData& reply);
-  void ResetHidAudio();
-  void AppendAudio(const unsigned char* data, int byteCount, AudioChunk& full);
-  void TakeAudio(AudioChunk& chunk);
-  void FlushHidAudio();
-  void UnloadAscDecoder();
-
-  Shared<bool> anyDeviceConnected{false};
-  // The discovery thread started last, null before; earlier ones may still be ending.
-  std::atomic<CWorkerThread*> detectionThread{nullptr};
-  std::list<Detection> detections;
-  Shared<bool> passRunning{false};
-  Shared<bool> stopDetection{false};
-  int lastDeviceNumber = 0;  // the discovery thread's
-  // The device table: rows are appended by the discovery thread and never unlinked while a thread runs.
-  std::atomic<HidDeviceEntry*> devices{nullptr};
-  std::vector<std::shared_ptr<CDeviceReader>> retired;  // released on one of their own threads
-  std::vector<LegalHidId> legalIds;
-  // audioLock guards the staging buffer and the process-wide decoders; never held while a callback runs.
-  std::unique_ptr<CLock> audioLock;
-  int audioBytes = 0;
-  std::array<unsigned char, 5096> audioBuffer{};
-  KzCheckDoubleClick DoubleClick;
-  Shared<VoxButtonState> ButtonState_Left{ButtonUp};
-  Shared<VoxButtonState> LastState_Left{ButtonUp};
-  Shared<VoxButtonState> ButtonState_Right{ButtonUp};
-  Shared<bool> ShortPress_R{false};
-  Shared<VoxButtonState> ButtonState_Key1{ButtonUp};
-  Shared<VoxButtonState> ButtonState_Key2{ButtonUp};
-  // The device that last pressed the button; kept when it is released.
-  Shared<int> ButtonHid_Left{-1};
-  Shared<int> ButtonHid_Right{-1};
-  Shared<int> ButtonHid_Key1{-1};
-  Shared<int> ButtonHid_Key2{-1};
-  Shared<int> workDevice{-1};
-  CallbackSlot<AudioCallback> audioCallback;
-  CallbackSlot<MouseConnectCallback> mouseConnectCallback;
-  CallbackSlot<VoiceOperateCallback> voiceOperateCallback;
-  CallbackSlot<DpiSetCallback> dpiSetCallback;
-  CallbackSlot<MouseStateCallback> mouseStateCallback;
-  CallbackSlot<DongleStateCallback> dongleStateCallback;
-  CallbackSlot<PowerReportCallback> powerReportCallback;
-  CallbackSlot<DownloadUrlCallback> downloadUrlCallback;
-  CallbackSlot<FwOtaResultCallbackFn> fwOtaResultCallback;
+  const std::shared_ptr<CHub> m_pHub;  // what the hub's threads and operations work on; goes with the last of them
 
   static std::atomic<CAudioHidCenter*> s_pHidDeviceCenter;
 };

@@ -14,7 +14,6 @@ namespace {
 constexpr DWORD kHeartbeatPeriod = 1000;   // ms
 constexpr DWORD kConnectStepPause = 100;   // ms
 constexpr int kHeartbeatsBeforeSleep = 3;  // unanswered ones; the next attempt declares the device asleep
-constexpr DWORD kLastWritePatience = 100;  // ms; a writer that takes longer is stuck in a device that has gone
 
 int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
 
@@ -25,111 +24,156 @@ struct CDeviceReader::LogEntry {
   LogEntry* next;
 };
 
+// A handle to the device. One thread is ever inside the system with it, and keeps it open for as long: closing a handle
+// in which a synchronous call is blocked would keep whoever closes it waiting.
+class CDeviceReader::File {
+ public:
+  explicit File(HANDLE handle) noexcept : handle_(handle) {}
+  ~File() { Close(); }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  HANDLE Handle() const noexcept { return handle_; }
+  void Close() noexcept {
+    if (HANDLE open = handle_.exchange(nullptr)) os::CloseHandle(open);
+  }
+
+ private:
+  std::atomic<HANDLE> handle_;
+};
+
 CDeviceReader::CDeviceReader()
     : otaSentEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
       otaAnsweredEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      otaStopEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+      otaStopEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      stopped_(os::CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+      writeToken_(os::CreateEventW(nullptr, FALSE, TRUE, nullptr)),
+      writePosted_(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
 
 CDeviceReader::~CDeviceReader() {
-  ShutDown();
   for (LogEntry* entry = logBuffers; entry;) delete std::exchange(entry, entry->next);
-  for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent}) os::CloseHandle(event);
+  for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent, stopped_, writeToken_, writePosted_}) {
+    os::CloseHandle(event);
+  }
 }
 
-bool CDeviceReader::Attach(const HidConnection& connection) noexcept {
-  if (heartbeatThread.IsSet()) Log(L"强制关闭hid设备心跳包线程", LogType_DeviceRemoved);
-  heartbeatThread.Terminate();
-  if (!CloseHandles(kLastWritePatience)) return false;
-  ClearDeviceValues();
-  if (!writeLock.Lock(kLastWritePatience)) return false;
+void CDeviceReader::Attach(const HidConnection& connection) {
+  readFile_ = std::make_shared<File>(connection.readHandle);
+  writeFile_ = std::make_shared<File>(connection.writeHandle);
   outputReport_.assign(static_cast<std::size_t>(connection.outputReportLength), 0);
   outputReportLength = connection.outputReportLength;
-  writeHandle = connection.writeHandle;
-  writeLock.Unlock();
-  deviceNumber = connection.deviceNumber;
-  readHandle = connection.readHandle;
   inputReportLength = connection.inputReportLength;
+  readHandle = connection.readHandle;
+  writeHandle = connection.writeHandle;
   channel = connection.channel;
-  return true;
+  deviceNumber = connection.deviceNumber;
 }
 
-void CDeviceReader::Start() noexcept {
-  readThread.Start(&CDeviceReader::ReadThreadProc, this);
+void CDeviceReader::Recall(const CReaderMemory& memory) noexcept {
+  mKeyQuery = memory.mKeyQuery;
+  mKeyType = memory.mKeyType;
+  std::copy(memory.mKeyTypes.begin(), memory.mKeyTypes.end(), mKeyTypes.begin());
+}
+
+CReaderMemory CDeviceReader::Memory() const noexcept {
+  CReaderMemory memory{.model = GetMouseType(), .mKeyQuery = mKeyQuery, .mKeyType = mKeyType};
+  std::copy(mKeyTypes.begin(), mKeyTypes.end(), memory.mKeyTypes.begin());
+  return memory;
+}
+
+bool CDeviceReader::Start() noexcept {
+  const auto run = [self = shared_from_this()](CWorker& thread, auto loop) {
+    return thread.Start([self, loop] {
+      loop(*self);
+      return 0U;
+    });
+  };
   stopFlag = false;
-  heartbeatThread.Start(&CDeviceReader::HeartbeatThreadProc, this);
+  const bool started = run(writeThread, [file = writeFile_](CDeviceReader& self) { self.WriteLoop(file); }) &&
+                       run(readThread, [file = readFile_](CDeviceReader& self) { self.ReadLoop(*file); }) &&
+                       run(heartbeatThread, [](CDeviceReader& self) { self.HeartbeatLoop(); });
+  if (started) return true;
+  End(CDeadline(CWorker::kPatience));
+  ShutDown();
+  return false;
 }
 
-void CDeviceReader::Stop() noexcept {
-  readThread.Terminate();
+void CDeviceReader::Ask() noexcept {
   stopFlag = true;
+  hasStopped_ = true;
+  os::SetEvent(stopped_);
+  for (CWorker* thread : {&readThread, &heartbeatThread, &writeThread}) thread->Ask();
+  std::shared_ptr<CWorker> waiter;
+  {
+    const CAutoLock lock(otaLock_);
+    waiter = otaWaiter_;
+  }
+  if (waiter) waiter->Ask();
 }
 
-void CDeviceReader::EndThreads() noexcept {
-  stopFlag = true;
-  heartbeatThread.Terminate();
-  readThread.Terminate();
-  os::SetEvent(otaStopEvent);
-  otaThreads_.EndAll();
+void CDeviceReader::End(CDeadline deadline) noexcept {
+  Ask();
+  for (CWorker* thread : {&readThread, &heartbeatThread, &writeThread}) thread->End(deadline);
+  std::shared_ptr<CWorker> waiter;
+  {
+    const CAutoLock lock(otaLock_);
+    waiter = otaWaiter_;
+  }
+  if (waiter) waiter->End(deadline);
 }
 
-bool CDeviceReader::IsOwnThread() const noexcept {
-  return readThread.IsCurrent() || heartbeatThread.IsCurrent() || otaThreads_.IsCurrent();
+bool CDeviceReader::HasEnded() noexcept {
+  const CAutoLock lock(otaLock_);
+  return readThread.HasEnded() && heartbeatThread.HasEnded() && writeThread.HasEnded() &&
+         (!otaWaiter_ || otaWaiter_->HasEnded());
 }
 
 void CDeviceReader::ShutDown() noexcept {
-  EndThreads();
-  if (IsOwnThread()) return;  // the owner keeps the reader until this thread is gone
-  CloseHandles(INFINITE);
-  writeHandle = nullptr;
+  CloseFiles(nullptr);
   ResetState();
 }
 
-bool CDeviceReader::CloseHandles(DWORD patience) noexcept {
-  if (HANDLE file = readHandle.exchange(nullptr)) os::CloseHandle(file);
-  const HANDLE current = writeHandle;
-  if (!current || current == INVALID_HANDLE_VALUE) return true;
-  if (!writeLock.Lock(patience)) return false;
-  const HANDLE file = writeHandle.exchange(INVALID_HANDLE_VALUE);
-  if (file && file != INVALID_HANDLE_VALUE) os::CloseHandle(file);
-  writeLock.Unlock();
-  return true;
+// A handle in which a thread is stuck, or the calling thread still is, is closed when that thread lets go of it.
+void CDeviceReader::CloseFiles(HANDLE writeHandleThen) noexcept {
+  readHandle = nullptr;
+  writeHandle = writeHandleThen;
+  if (readThread.IsCurrent() || readThread.HasEnded()) readFile_->Close();
+  if (writeThread.HasEnded()) writeFile_->Close();
 }
 
-unsigned CDeviceReader::ReadThreadProc(void* reader) {
-  auto* self = static_cast<CDeviceReader*>(reader);
-  if (self->readThread.Begin()) self->ReadLoop();
-  return 0;
-}
-
-void CDeviceReader::ReadLoop() noexcept {
-  // Its own copy: the number in the field may be that of the next device before this thread is through.
+void CDeviceReader::ReadLoop(const File& file) noexcept {
   const int number = deviceNumber;
   std::array<std::uint8_t, kMaxInputReportLength> buffer{};
-  while (const HANDLE file = readHandle) {
-    const int length = std::min(static_cast<int>(inputReportLength), kMaxInputReportLength);
+  const int length = std::min(static_cast<int>(inputReportLength), kMaxInputReportLength);
+  for (;;) {
     DWORD count = 0;
     BOOL read = FALSE;
-    const bool mine =
-        readThread.Park([&] { read = os::ReadFile(file, buffer.data(), static_cast<DWORD>(length), &count, nullptr); });
-    if (!mine) return;
-    if (!read) break;
+    readThread.Blocking(
+        [&] { read = os::ReadFile(file.Handle(), buffer.data(), static_cast<DWORD>(length), &count, nullptr); });
+    if (readThread.IsAsked()) return;
+    if (!read) return OnUnplugged(number);
     std::fill(buffer.begin() + std::min<DWORD>(count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});
     OnReport({buffer.data(), static_cast<std::size_t>(length)});
     readerCallback(number, GetMouseType(), channel, buffer.data(), length, callbackContext);
+    if (readThread.IsAsked()) return;
   }
-
-  CloseHandles(kLastWritePatience);
-  stopFlag = true;
-  readThread.Clear();
-  disconnectCallback(number, callbackContext);
-  LogDevice<64>(number, L"）拔出，把该设备从界面上移除", LogType_DeviceRemoved);
-  VoxMessage::HidDisconnect(number);
 }
 
-unsigned CDeviceReader::HeartbeatThreadProc(void* reader) {
-  auto* self = static_cast<CDeviceReader*>(reader);
-  if (self->heartbeatThread.Begin()) self->HeartbeatLoop();
-  return 0;
+void CDeviceReader::OnUnplugged(int number) noexcept {
+  stopFlag = true;
+  readThread.Clear();
+  // What the heartbeat thread is just telling the client comes first, and nothing of it comes after the device's end.
+  const CDeadline patience(CWorker::kPatience);
+  heartbeatThread.Ask();
+  writeThread.Ask();
+  heartbeatThread.EndUnless(readThread, patience);
+  writeThread.EndUnless(readThread, patience);
+  CloseFiles(INVALID_HANDLE_VALUE);
+  if (readThread.IsAsked()) return;
+  disconnectCallback(number, callbackContext);
+  LogDevice<64>(number, L"）拔出，把该设备从界面上移除", LogType_DeviceRemoved);
+  if (readThread.IsAsked()) return;
+  VoxMessage::HidDisconnect(number);
 }
 
 void CDeviceReader::HeartbeatLoop() noexcept {
@@ -137,24 +181,25 @@ void CDeviceReader::HeartbeatLoop() noexcept {
   connectState = 0;
   missedHeartbeats = 0;
   while (!stopFlag && readThread.IsSet()) {
-    if (connectState == 1 && !AnnounceConnection(number)) return;
+    if (connectState == 1 && !AnnounceConnection(number)) break;
     if (readThread.IsSet() && otaStage == 0) {
       if (missedHeartbeats >= kHeartbeatsBeforeSleep && connectState != 0) {
         LogDevice<64>(number, L"）休眠，把该设备从界面上移除", LogType_DeviceRemoved);
         connectState = 0;
+        if (heartbeatThread.IsAsked()) break;
         VoxMessage::HidDisconnect(number);
       }
       missedHeartbeats = missedHeartbeats + 1;
       SendCommand(Heartbeat, channel);
     }
-    if (!SleepParked(kHeartbeatPeriod)) return;
+    if (!heartbeatThread.Sleep(kHeartbeatPeriod)) break;
   }
   ResetState();
-  heartbeatThread.Clear();
 }
 
 bool CDeviceReader::AnnounceConnection(int number) noexcept {
   LogDevice<48>(number, L"）连接成功，发送到设备界面", LogType_DeviceConnected);
+  if (heartbeatThread.IsAsked()) return false;  // it has gone meanwhile
   VoxMessage::HidConnect(number);
   const std::pair<HidCommand, DataChannel> sequence[] = {
       {AppOpen, channel},
@@ -163,15 +208,28 @@ bool CDeviceReader::AnnounceConnection(int number) noexcept {
   };
   for (const auto& [command, link] : sequence) {
     if (IsReady()) SendCommand(command, link);
-    if (!SleepParked(kConnectStepPause)) return false;
+    if (!heartbeatThread.Sleep(kConnectStepPause)) return false;
   }
   if (GetMouseType() == MouseType_Swift) RequestMKeyTypeList();
   connectState = 2;
   return true;
 }
 
-bool CDeviceReader::SleepParked(DWORD milliseconds) noexcept {
-  return heartbeatThread.Park([=] { os::Sleep(milliseconds); });
+void CDeviceReader::WriteLoop(const std::shared_ptr<File>& file) noexcept {
+  while (writeThread.Wait(writePosted_, INFINITE) == WAIT_OBJECT_0) {
+    DWORD count = 0;
+    BOOL written = FALSE;
+    writeThread.Blocking([&] {
+      written = os::WriteFile(file->Handle(), outputReport_.data(), static_cast<DWORD>(outputLength_), &count, nullptr);
+    });
+    written_ = written != FALSE;
+    if (outputStep_) OnOtaWritten(*outputStep_);
+    os::SetEvent(writeToken_);
+  }
+  // Whoever has posted a report meanwhile gets the token back.
+  writeThread.Clear();
+  written_ = false;
+  os::SetEvent(writeToken_);
 }
 
 void CDeviceReader::OnReport(std::span<const std::uint8_t> report) noexcept {
@@ -261,13 +319,13 @@ void CDeviceReader::ClearDeviceValues() noexcept {
   powerLevel = 0;
   dpi = 0;
   downloadUrlState = 0;
+  const CAutoLock lock(otaLock_);
   otaTarget = DataChannel_Unknown;
   otaPlan = 0;
-  otaStage = 0;
+  otaStage = OtaStage_Idle;
   otaActive = false;
   image1Size = 0;
   image2Size = 0;
-  const CAutoLock lock(otaLock_);
   image1.reset();
   image2.reset();
 }

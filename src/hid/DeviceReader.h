@@ -15,8 +15,8 @@
 #include "hid/HidFrame.h"
 #include "platform/os.h"
 #include "support/CLock.h"
-#include "support/WorkerPool.h"
-#include "support/WorkerThread.h"
+#include "support/Deadline.h"
+#include "support/Worker.h"
 
 // What the hub hands to a reader: a device it has opened and checked.
 struct HidConnection {
@@ -41,13 +41,25 @@ enum OtaStage : int {
 // The bytes of one firmware file; null when there is none.
 using OtaImage = std::shared_ptr<const std::vector<std::uint8_t>>;
 
-// One reader runs two threads. The read thread waits for input reports, reacts to those that concern the reader's own
-// state and hands every report on. The heartbeat thread writes a heartbeat every second, announces the device when it
-// answers, and declares it asleep when it stops answering.
+// What is kept of a device that has gone, for the next one of its model that takes its row.
+struct CReaderMemory {
+  MouseType model = MouseType_Unknown;
+  int mKeyQuery = 0;
+  int mKeyType = 0;
+  std::array<std::uint32_t, 8> mKeyTypes{};
+};
+
+// One reader serves one device, from its opening until it goes or the hub is released, and runs three threads. The read
+// thread waits for input reports, reacts to those that concern the reader's own state and hands every report on. The
+// heartbeat thread writes a heartbeat every second, announces the device when it answers, and declares it asleep when
+// it stops answering. The write thread alone is ever inside the driver with a report: whoever sends one hands it over
+// and waits for it a bounded time, so that a driver that does not come back keeps nobody else.
 //
-// The hub reads the fields below from any thread; who writes each is said with it. A reader is used again for a device
-// of the same model that is plugged in later: Attach, Start, and the threads end by themselves when the device goes.
-class CDeviceReader {
+// Whoever is inside a reader (a thread of its own, an operation of the client's) holds a reference to it, and the last
+// one out frees it and what it has open.
+//
+// The hub reads the fields below from any thread; who writes each is said with it.
+class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
  public:
   using ReaderCallback = void (*)(int device, MouseType model, DataChannel link, unsigned char* report, int length,
                                   void* context);
@@ -55,7 +67,6 @@ class CDeviceReader {
   using OtaCallback = void (*)(int device, DataChannel link, FwUpdateState state, void* context);
 
   CDeviceReader();
-  // No thread outlives it.
   virtual ~CDeviceReader();
   CDeviceReader(const CDeviceReader&) = delete;
   CDeviceReader& operator=(const CDeviceReader&) = delete;
@@ -67,32 +78,30 @@ class CDeviceReader {
   virtual void OnIdentifyReply(int index, const CHidData& reply) = 0;
   virtual void RequestMKeyTypeList();
   virtual void RequestMKeyTypeList2() {}
-  virtual void OtaNextImage() = 0;
+  // Turns from this step of an update to the first message of its next image.
+  virtual void OtaNextImage(unsigned step) = 0;
   virtual void OnOtaPrepareReply(const CHidData& reply) = 0;
   virtual void OnOtaOpenReply(const CHidData& reply) = 0;
   virtual void OnOtaDataReply(const CHidData& reply) = 0;
   virtual void OnOtaEndReply(const CHidData& reply) = 0;
   virtual void OnOtaCompleteReply(const CHidData& reply) = 0;
 
-  // ---- For the hub's discovery thread ----
-  // True when no read thread is left, so that the reader can serve another device.
-  bool IsIdle() const noexcept { return readThread.IsIdle(); }
-  // Takes over an opened device. A heartbeat thread left from the device before is ended first, and only then are the
-  // fields set, so that its last act cannot wipe them. False, with nothing taken over, when somebody is still writing
-  // to the device before.
-  bool Attach(const HidConnection& connection) noexcept;
-  // Starts both threads.
-  void Start() noexcept;
-
-  // ---- For the hub's owner ----
-  // Ends the read thread by force and tells the heartbeat thread to end. The handles stay open.
-  void Stop() noexcept;
-  // Ends every thread.
-  void EndThreads() noexcept;
-  // Ends every thread and closes the handles; on one of those threads itself, only lets it end.
+  // ---- For the hub ----
+  // Takes over an opened device. Once, before Start.
+  void Attach(const HidConnection& connection);
+  // What an earlier reader of the row has left.
+  void Recall(const CReaderMemory& memory) noexcept;
+  CReaderMemory Memory() const noexcept;
+  // Starts the threads. False, with none left, when one cannot be started. The reader must be owned by a shared_ptr.
+  bool Start() noexcept;
+  // Asks every thread to end, and every operation to return; does not wait.
+  void Ask() noexcept;
+  // Asks, and waits until every thread is gone, but for the calling one. The handles stay open.
+  void End(CDeadline deadline) noexcept;
+  // No thread is left.
+  bool HasEnded() noexcept;
+  // After End: closes the handles, but for those in which a thread is stuck, and forgets the device.
   void ShutDown() noexcept;
-  // True on one of this reader's own threads (a client callback).
-  bool IsOwnThread() const noexcept;
 
   // ---- Any thread ----
   // The device is connected and its read thread runs.
@@ -100,55 +109,67 @@ class CDeviceReader {
   // Ready for a command: live, and no firmware update runs.
   bool IsReady() const noexcept { return IsLive() && otaStage == 0; }
 
-  // Writes min(length, outputReportLength) bytes. The result tells whether the device took them; no sender looks at it.
-  // Waits for the device as long as its driver does, and for another writer a second at most.
-  bool WriteReport(const unsigned char* report, int length) noexcept;
+  // How long an operation waits for the device to take what it sends, other reports before it included.
+  static constexpr DWORD kWritePatience = 1000;  // ms
+  // Writes min(length, outputReportLength) bytes. The result tells whether the device has taken them; no sender looks
+  // at it. At the deadline it returns in any case: a report that is being written goes on its way, one that still waits
+  // for another is dropped.
+  bool WriteReport(const unsigned char* report, int length, CDeadline deadline) noexcept;
+  bool WriteReport(const unsigned char* report, int length) noexcept {
+    return WriteReport(report, length, CDeadline(kWritePatience));
+  }
   // Writes a command without payload, whatever the reader's readiness.
-  void SendCommand(std::uint8_t command, DataChannel link) noexcept;
+  void SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept;
+  void SendCommand(std::uint8_t command, DataChannel link) noexcept {
+    SendCommand(command, link, CDeadline(kWritePatience));
+  }
   // Writes one frame, padded with zeros to the output report length; one that does not fit is not sent.
-  void SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link) noexcept;
+  void SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+                 CDeadline deadline) noexcept;
   // Handles what concerns the reader itself.
   void OnReport(std::span<const std::uint8_t> report) noexcept;
 
+  // deadline: of what is sent. Each of these that waits for an answer returns its not-ready result when the reader is
+  // stopped meanwhile.
   // Opens the voice channel: true when the device confirms it within a second. Blocks meanwhile.
-  bool OpenRecord() noexcept;
+  bool OpenRecord(CDeadline deadline) noexcept;
   // Closes the voice channel: true when it is closed, or is confirmed closed within a second. Blocks meanwhile.
-  bool CloseRecord() noexcept;
+  bool CloseRecord(CDeadline deadline) noexcept;
   // dpi: dots per inch.
-  void SetDpi(short dpi) noexcept;
+  void SetDpi(short dpi, CDeadline deadline) noexcept;
   // Replaces the characters in the caller's buffer by usage codes and sends them. A character without a code, or a
   // URL that does not fit the device's output report, ends the operation with nothing sent.
-  void SetDownloadUrl(unsigned char* url, int length) noexcept;
+  void SetDownloadUrl(unsigned char* url, int length, CDeadline deadline) noexcept;
   // Blocks until the device confirms, 2.5 s at most.
-  SetMKeyTypeStatus SetMKeyTypeKey1(MouseMKeyType type) noexcept;
+  SetMKeyTypeStatus SetMKeyTypeKey1(MouseMKeyType type, CDeadline deadline) noexcept;
   // Clears what is known of the device, its number and the report lengths.
   void ResetState() noexcept;
 
   // ---- Firmware update ----
-  // Loads the files, starts a wait thread and the first image. Results go to `callback`: on the read thread for
-  // answers, on the wait thread for time-outs, on this thread when there is nothing to send.
+  // Loads the files, and starts the first image. Results go to `callback`: on the read thread for answers, on the wait
+  // thread for time-outs, on this thread when there is nothing to send. While another update runs, this one takes its
+  // place: its images, its plan and its results from then on.
   void StartOta(int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
                 void* context) noexcept;
-  // type: an FwUpdateType; any other loads nothing. A file that cannot be read leaves its image empty.
-  void LoadOtaImages(int type, const std::string& firstPath, const std::string& secondPath) noexcept;
   // False, with nothing changed, when there is no such file, or it is empty or longer than an int can say. Otherwise
   // `image` gets what could be read of it, `size` its length in bytes.
   static bool LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept;
 
-  // What the flows of the variants are made of. A step of an update is taken by one answer or by one time-out,
-  // whichever comes first; what the other still wants to do then is dropped.
+  // What the flows of the variants are made of. Whoever acts for an update holds the number of its present step, and
+  // the number is taken on by one only: by one answer or one time-out, whichever comes first, or by the start of
+  // another update. What any other still wants to do then is dropped.
   using OtaStep = unsigned;
-  // Turns to the next image of the plan. Nothing when there is none.
-  std::optional<OtaStep> SelectOtaImage() noexcept;
+  // Turns from `step` to the next image of the plan. When there is none, ends the update. Nothing in either case but
+  // the first, and when the step is over.
+  std::optional<OtaStep> SelectOtaImage(OtaStep step) noexcept;
   // Takes the step that waits for an answer, for an answer of `length` bytes. Nothing when this is none.
   std::optional<OtaStep> TakeOtaAnswer(const CHidData& reply, int length) noexcept;
-  // Goes on to the next image, unless another update has begun.
-  void LeaveOtaImage(OtaStep step) noexcept;
-  // Ends the update: stops the wait thread, releases the images, reports the end.
-  void EndOta() noexcept;
-  void ReportOta(int state, DataChannel target) noexcept;
-  void ReportOta(int state) noexcept { ReportOta(state, otaTarget); }
-  // Enters `stage`, sends the frame for the current target, and lets its time-out run.
+  // Whether this is still the present step.
+  bool IsOtaStep(OtaStep step) noexcept;
+  // Results of the update to which `step` belongs; nothing when that is no longer the present one.
+  void ReportOta(OtaStep step, int state) noexcept;
+  void ReportOtaProgress(OtaStep step, int done, int total) noexcept;
+  // Enters `stage`, sends the frame for the current target, and lets its time-out run from then on.
   void SendOta(OtaStep step, OtaStage stage, std::uint8_t command, std::span<const std::uint8_t> payload = {}) noexcept;
   // Enters `stage` and lets its time-out run, with nothing sent.
   void AwaitOtaAnswer(OtaStep step, OtaStage stage) noexcept;
@@ -164,19 +185,21 @@ class CDeviceReader {
   };
   OtaSource CurrentOtaImage() noexcept;
 
-  CWorkerThread readThread;
+  CWorker readThread;
   Shared<bool> stopFlag{false};
-  CWorkerThread heartbeatThread;
+  CWorker heartbeatThread;
+  CWorker writeThread;
   Shared<int> deviceNumber{-1};
   Shared<int> inputReportLength{0};
   Shared<int> outputReportLength{0};
   Shared<DataChannel> channel{DataChannel_Unknown};
   Shared<HANDLE> readHandle{nullptr};
   Shared<HANDLE> writeHandle{nullptr};  // INVALID_HANDLE_VALUE once the device has gone; null once the reader has
-  CLock writeLock;                      // held for one report write at a time
+  CLock writeLock;                      // held while one report is handed over and awaited
   Shared<int> missedHeartbeats{0};      // heartbeats sent since the last answer
   Shared<int> connectState{0};          // 0 not connected, 1 has answered a heartbeat, 2 announced
   // Set by the hub before Start.
+  std::shared_ptr<void> owner;  // keeps the context alive as long as a thread may use it
   void* callbackContext = nullptr;
   ReaderCallback readerCallback = nullptr;
   DisconnectCallback disconnectCallback = nullptr;
@@ -196,9 +219,7 @@ class CDeviceReader {
   const HANDLE otaSentEvent;      // auto-reset, as the two below: a request went out, its time-out runs
   const HANDLE otaAnsweredEvent;  // an answer came
   const HANDLE otaStopEvent;      // the update is over
-  // The wait thread started last. A second update that is started while one runs has a second one.
-  std::atomic<CWorkerThread*> otaThread{nullptr};
-  Shared<bool> otaActive{false};                       // an image is being sent
+  Shared<bool> otaActive{false};  // an image is being sent
   Shared<DataChannel> otaTarget{DataChannel_Unknown};  // the channel it is framed for
   Shared<int> otaPlan{0};                              // images still to send: none, or an FwUpdateType
   Shared<int> otaStage{OtaStage_Idle};                 // an OtaStage
@@ -214,35 +235,61 @@ class CDeviceReader {
 
  private:
   struct LogEntry;
+  class File;
 
-  static unsigned ReadThreadProc(void* reader);
-  static unsigned HeartbeatThreadProc(void* reader);
-  void ReadLoop() noexcept;
+  void ReadLoop(const File& file) noexcept;
   void HeartbeatLoop() noexcept;
-  // False when the thread is being ended.
+  void WriteLoop(const std::shared_ptr<File>& file) noexcept;
+  // False when the thread is asked to end.
   bool AnnounceConnection(int number) noexcept;
-  bool SleepParked(DWORD milliseconds) noexcept;
+  void OnUnplugged(int number) noexcept;
   void OnMKeyTypeReply(const CHidData& reply) noexcept;
   void ClearDeviceValues() noexcept;
-  // Takes writeLock for one write. False when the report cannot be written.
-  bool LockForWriting() noexcept;
-  // Closes both handles, the write handle under its lock. False when the lock could not be had in time.
-  bool CloseHandles(DWORD patience) noexcept;
+  // Takes writeLock. False when the report cannot be written.
+  bool LockForWriting(CDeadline deadline) noexcept;
+  // With writeLock held. Hands a report over, `length` bytes long and filled up with zeros, and waits for it. step: of
+  // the update that it belongs to. False when it could not be handed over.
+  bool HandOver(std::span<const std::uint8_t> bytes, std::size_t length, std::optional<OtaStep> step,
+                CDeadline deadline) noexcept;
+  // True when `event` has come; false at once when the reader is stopped, or the calling thread is asked to end.
+  bool AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const noexcept;
+  void Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+            std::optional<OtaStep> step, CDeadline deadline) noexcept;
+  // Polls `condition` every `period` ms, so many at most. False when the reader is stopped meanwhile.
+  template <class Condition>
+  bool PollWhile(Condition condition, DWORD period, DWORD most) const noexcept;
+  void CloseFiles(HANDLE writeHandleThen) noexcept;
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
   void Log(std::wstring text, int type) noexcept;
-  void OtaWaitLoop(CWorkerThread& thread) noexcept;
+  void OtaWaitLoop(const CWorker& thread) noexcept;
   void OnOtaTimeOut(OtaStep step) noexcept;
-  void NextOtaStep() noexcept;
+  void OnOtaWritten(OtaStep step) noexcept;
   bool EnterOtaStage(OtaStep step, OtaStage stage) noexcept;
-  void StartOtaWaiter() noexcept;
+  // With otaLock_ held; steps are counted on, across the wrap.
+  void NextOtaStep() noexcept;
+  bool IsOfThisUpdate(OtaStep step) const noexcept { return static_cast<int>(step - otaFirstStep_) >= 0; }
 
+  const HANDLE stopped_;  // manual-reset event: the hub has stopped the reader
+  std::atomic<bool> hasStopped_{false};
+  std::shared_ptr<File> readFile_;
+  std::shared_ptr<File> writeFile_;
+  // The report on its way. The token is an auto-reset event: whoever has taken it may fill the slot below and post it,
+  // and the write thread sets it again when the report is written.
+  const HANDLE writeToken_;
+  const HANDLE writePosted_;
+  std::vector<std::uint8_t> outputReport_;  // as long as the device's output report
+  std::size_t outputLength_ = 0;
+  std::optional<OtaStep> outputStep_;
+  Shared<bool> written_{false};  // whether the device took the last one
+  // Under otaLock_: the step, and all that the flows decide by it.
   CLock otaLock_;
-  // Written under otaLock_.
   Shared<OtaStep> otaStep_{0};
-  bool otaAwaits_ = false;  // a request of this step is out
-  CWorkerPool otaThreads_;
-  std::vector<std::uint8_t> outputReport_;  // under writeLock; as long as the device's output report
+  OtaStep otaFirstStep_ = 0;  // of the present update
+  bool otaRuns_ = false;
+  bool otaWaits_ = false;               // the wait thread is there and will look at the fields again
+  bool otaAwaits_ = false;              // a request of this step is out
+  std::shared_ptr<CWorker> otaWaiter_;  // the wait thread; ends by itself when no update runs any more
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   std::atomic<LogEntry*> logBuffers{nullptr};
 };

@@ -6,73 +6,105 @@
 namespace {
 
 constexpr DWORD kVoicePollPeriod = 10;  // ms
-constexpr int kVoicePolls = 100;
-constexpr DWORD kMKeyPollPeriod = 50;  // ms
-constexpr int kMKeyPolls = 50;
-constexpr DWORD kWritePatience = 1000;  // ms
+constexpr DWORD kVoicePatience = 1000;  // ms
+constexpr DWORD kMKeyPollPeriod = 50;   // ms
+constexpr DWORD kMKeyPatience = 2500;   // ms
 
 }  // namespace
 
-bool CDeviceReader::LockForWriting() noexcept {
-  // A writer that holds the lock for longer is stuck in its device; this report is dropped rather than wait for ever.
-  if (!writeLock.Lock(kWritePatience)) return false;
+bool CDeviceReader::LockForWriting(CDeadline deadline) noexcept {
+  if (!writeLock.Lock(deadline.Left())) return false;
   // Deliberate: without a write handle the lock stays with this thread. Only ShutDown clears the handle, and a reader
   // that has been shut down must not be written to again; the thread gives the lock up when it ends.
   return writeHandle != nullptr;
 }
 
-bool CDeviceReader::WriteReport(const unsigned char* report, int length) noexcept {
-  if (!report || length <= 0 || !LockForWriting()) return false;
-  const HANDLE file = writeHandle;
-  BOOL written = FALSE;
-  if (file != INVALID_HANDLE_VALUE) {
-    DWORD count = 0;
-    written =
-        os::WriteFile(file, report, static_cast<DWORD>(std::min<int>(length, outputReportLength)), &count, nullptr);
+bool CDeviceReader::AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const noexcept {
+  std::array<HANDLE, 3> handles{};
+  DWORD count = 0;
+  for (HANDLE handle : {event, stopped_, CWorker::CurrentStopEvent()}) {
+    if (handle) handles[count++] = handle;
   }
-  writeLock.Unlock();
-  return written != FALSE;
+  return os::WaitForMultipleObjects(count, handles.data(), FALSE, milliseconds) == WAIT_OBJECT_0;
 }
 
-void CDeviceReader::SendFrame(std::uint8_t command, const std::uint8_t* payload, int length,
-                              DataChannel link) noexcept {
+bool CDeviceReader::HandOver(std::span<const std::uint8_t> bytes, std::size_t length, std::optional<OtaStep> step,
+                             CDeadline deadline) noexcept {
+  // Not had in time: the report before it is stuck in the driver. Not running: nobody writes any more.
+  if (!writeThread.IsSet() || !AwaitUnlessStopped(writeToken_, deadline.Left())) return false;
+  std::fill(std::copy(bytes.begin(), bytes.end(), outputReport_.begin()), outputReport_.end(), std::uint8_t{0});
+  outputLength_ = length;
+  outputStep_ = step;
+  os::SetEvent(writePosted_);
+  if (AwaitUnlessStopped(writeToken_, deadline.Left())) os::SetEvent(writeToken_);
+  return true;
+}
+
+bool CDeviceReader::WriteReport(const unsigned char* report, int length, CDeadline deadline) noexcept {
+  if (!report || length <= 0 || !LockForWriting(deadline)) return false;
+  written_ = false;
+  const std::size_t most = std::min(outputReport_.size(), static_cast<std::size_t>(outputReportLength));
+  const std::size_t count = std::min(static_cast<std::size_t>(length), most);
+  HandOver({report, count}, count, std::nullopt, deadline);
+  const bool written = written_;
+  writeLock.Unlock();
+  return written;
+}
+
+void CDeviceReader::Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+                         std::optional<OtaStep> step, CDeadline deadline) noexcept {
   std::array<std::uint8_t, kMaxFrame> frame;
   const std::size_t size = BuildFrame(command, payload, length, link, frame);
-  if (size == 0 || !LockForWriting()) return;
-  // The report belongs to the reader, not to this thread, which may be ended by force while it writes.
-  if (size <= outputReport_.size()) {
-    std::fill(std::copy_n(frame.begin(), size, outputReport_.begin()), outputReport_.end(), std::uint8_t{0});
-    WriteReport(outputReport_.data(), static_cast<int>(outputReport_.size()));
+  bool sent = false;
+  if (size > 0 && LockForWriting(deadline)) {
+    // An update that another one has replaced meanwhile sends nothing after it.
+    if (size <= outputReport_.size() && (!step || IsOtaStep(*step))) {
+      sent = HandOver(std::span(frame).first(size), outputReport_.size(), step, deadline);
+    }
+    writeLock.Unlock();
   }
-  writeLock.Unlock();
+  // A step whose request could not be sent runs into its time-out all the same.
+  if (step && !sent) OnOtaWritten(*step);
 }
 
-void CDeviceReader::SendCommand(std::uint8_t command, DataChannel link) noexcept {
-  SendFrame(command, nullptr, 0, link);
+void CDeviceReader::SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+                              CDeadline deadline) noexcept {
+  Send(command, payload, length, link, std::nullopt, deadline);
 }
 
-bool CDeviceReader::OpenRecord() noexcept {
+void CDeviceReader::SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept {
+  SendFrame(command, nullptr, 0, link, deadline);
+}
+
+template <class Condition>
+bool CDeviceReader::PollWhile(Condition condition, DWORD period, DWORD most) const noexcept {
+  for (const CDeadline end(most); condition() && !end.HasPassed();) {
+    AwaitUnlessStopped(nullptr, end.Left(period));
+    if (hasStopped_ || CWorker::CurrentIsAsked()) return false;
+  }
+  return true;
+}
+
+bool CDeviceReader::OpenRecord(CDeadline deadline) noexcept {
   if (!IsReady()) return false;
   recordState = 1;
-  SendCommand(VoiceOpen, channel);
-  for (int i = 0; i < kVoicePolls && recordState == 1; ++i) os::Sleep(kVoicePollPeriod);
-  return recordState == 3;
+  SendCommand(VoiceOpen, channel, deadline);
+  return PollWhile([this] { return recordState == 1; }, kVoicePollPeriod, kVoicePatience) && recordState == 3;
 }
 
-bool CDeviceReader::CloseRecord() noexcept {
+bool CDeviceReader::CloseRecord(CDeadline deadline) noexcept {
   if (!IsReady() || recordState == 0) return true;
-  SendCommand(VoiceStop, channel);
-  for (int i = 0; i < kVoicePolls && recordState != 0; ++i) os::Sleep(kVoicePollPeriod);
-  return recordState == 0;
+  SendCommand(VoiceStop, channel, deadline);
+  return !PollWhile([this] { return recordState != 0; }, kVoicePollPeriod, kVoicePatience) || recordState == 0;
 }
 
-void CDeviceReader::SetDpi(short value) noexcept {
+void CDeviceReader::SetDpi(short value, CDeadline deadline) noexcept {
   if (!IsReady()) return;
   const std::uint8_t payload[] = {static_cast<std::uint8_t>(value / 256), static_cast<std::uint8_t>(value % 256)};
-  SendFrame(HidCommand::SetDpi, payload, 2, channel);
+  SendFrame(HidCommand::SetDpi, payload, 2, channel, deadline);
 }
 
-void CDeviceReader::SetDownloadUrl(unsigned char* url, int length) noexcept {
+void CDeviceReader::SetDownloadUrl(unsigned char* url, int length, CDeadline deadline) noexcept {
   if (!IsReady()) return;
   for (int i = 0; url && i < length; ++i) {
     const auto usage = HidUsageOf(url[i]);
@@ -80,7 +112,7 @@ void CDeviceReader::SetDownloadUrl(unsigned char* url, int length) noexcept {
     url[i] = *usage;
   }
   downloadUrlState = 0;
-  SendFrame(HidCommand::SetDownloadUrl, url, length, channel);
+  SendFrame(HidCommand::SetDownloadUrl, url, length, channel, deadline);
 }
 
 void CDeviceReader::RequestMKeyTypeList() {
@@ -89,13 +121,13 @@ void CDeviceReader::RequestMKeyTypeList() {
   SendCommand(GetMKeyTypeList, channel);
 }
 
-SetMKeyTypeStatus CDeviceReader::SetMKeyTypeKey1(MouseMKeyType type) noexcept {
+SetMKeyTypeStatus CDeviceReader::SetMKeyTypeKey1(MouseMKeyType type, CDeadline deadline) noexcept {
   if (!IsReady()) return SetMKeyType_NotReady;
   const auto value = static_cast<std::uint8_t>(type);
   if (value != type || !(mKeyTypes[value / 32] >> (value % 32) & 1U)) return SetMKeyType_NotSupported;
   mKeyQuery = 0;
-  SendFrame(SetMKeyType, &value, 1, channel);
-  for (int i = 0; i < kMKeyPolls && mKeyQuery == 0; ++i) os::Sleep(kMKeyPollPeriod);
+  SendFrame(SetMKeyType, &value, 1, channel, deadline);
+  if (!PollWhile([this] { return mKeyQuery == 0; }, kMKeyPollPeriod, kMKeyPatience)) return SetMKeyType_NotReady;
   if (mKeyQuery == 0) return SetMKeyType_NoAnswer;
   return mKeyType == type ? SetMKeyType_Confirmed : SetMKeyType_OtherType;
 }

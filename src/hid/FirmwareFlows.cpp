@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "VoxDevice/VoxCommon.h"
 #include "hid/ReaderVariants.h"
 
 namespace {
@@ -56,11 +55,10 @@ constinit const CBlockUpdate kZhUpdate(32, 2 * CBlockUpdate::kBlock, &FrameZh);
 
 // ---- Blocks: the standard and the Zh reader ----
 
-void CBlockUpdate::NextImage(CDeviceReader& reader) const noexcept {
-  const auto step = reader.SelectOtaImage();
-  if (!step) {
-    reader.EndOta();
-  } else if (reader.readThread.IsSet()) {
+void CBlockUpdate::NextImage(CDeviceReader& reader, CDeviceReader::OtaStep from) const noexcept {
+  const auto step = reader.SelectOtaImage(from);
+  if (!step) return;
+  if (reader.readThread.IsSet()) {
     const auto source = reader.CurrentOtaImage();
     reader.SendOta(*step, OtaStage_Open, OtaOpen, source.Bytes(0, open_));
   } else {
@@ -85,7 +83,7 @@ void CBlockUpdate::OnOpenReply(CDeviceReader& reader, const CHidData& reply) con
   const auto step = reader.TakeOtaAnswer(reply, 1);
   if (!step) return;
   if (reply.data[0] != 0) return reader.AbortOta(*step, FwUpdate_OpenRefused);
-  VoxMessage::OtaProgress(0, reader.image1Size);
+  reader.ReportOtaProgress(*step, 0, reader.image1Size);
   reader.SignalOtaAnswered();
   SendOtaBlock(reader, *step, 0);
 }
@@ -96,32 +94,33 @@ void CBlockUpdate::OnDataReply(CDeviceReader& reader, const CHidData& reply) con
   if (reply.data[0] != 0) return reader.AbortOta(*step, FwUpdate_DataRefused);
   const int index = reply.data[1] + reply.data[2] * 256;
   if (index == 0) {
-    VoxMessage::OtaProgress(100, 100);
+    reader.ReportOtaProgress(*step, 100, 100);
     return Finish(reader, *step);
   }
-  VoxMessage::OtaProgress(index * kBlock, reader.image1Size);
+  reader.ReportOtaProgress(*step, index * kBlock, reader.image1Size);
   reader.SignalOtaAnswered();
   SendOtaBlock(reader, *step, index);
 }
 
 void CBlockUpdate::OnEndReply(CDeviceReader& reader, const CHidData& reply) noexcept {
-  if (const auto step = reader.TakeOtaAnswer(reply, 1)) reader.LeaveOtaImage(*step);
+  if (const auto step = reader.TakeOtaAnswer(reply, 1)) reader.OtaNextImage(*step);
 }
 
 void CBlockUpdate::OnCompleteReply(CDeviceReader& reader, const CHidData& reply) noexcept {
   const auto step = reader.TakeOtaAnswer(reply, 1);
   if (!step) return;
   if (reply.data[0] != 0) return reader.AbortOta(*step, FwUpdate_ImageFinished);
-  VoxMessage::OtaProgress(100, 100);
+  reader.ReportOtaProgress(*step, 100, 100);
   Finish(reader, *step);
 }
 
 void CBlockUpdate::Finish(CDeviceReader& reader, CDeviceReader::OtaStep step) noexcept {
-  reader.ReportOta(FwUpdate_ImageFinished);
+  reader.ReportOta(step, FwUpdate_ImageFinished);
+  if (!reader.IsOtaStep(step)) return;  // the client has begun another update
   // Deliberately framed for the reader's own channel, whatever the image's.
   reader.SendCommand(OtaComplete, reader.channel);
   reader.SignalOtaAnswered();
-  reader.LeaveOtaImage(step);
+  reader.OtaNextImage(step);
 }
 
 // ---- Bytes by offset: the Tern ----
@@ -130,12 +129,8 @@ std::optional<CDeviceReader::OtaStep> CHidDeviceReader_Tern::TakeAnswer(const CH
   return reply.channel == otaTarget ? TakeOtaAnswer(reply, length) : std::nullopt;
 }
 
-void CHidDeviceReader_Tern::OtaNextImage() {
-  if (const auto step = SelectOtaImage()) {
-    SendOta(*step, OtaStage_Prepare, OtaPrepare);
-  } else {
-    EndOta();
-  }
+void CHidDeviceReader_Tern::OtaNextImage(OtaStep from) {
+  if (const auto step = SelectOtaImage(from)) SendOta(*step, OtaStage_Prepare, OtaPrepare);
 }
 
 void CHidDeviceReader_Tern::OnOtaPrepareReply(const CHidData& reply) {
@@ -172,10 +167,10 @@ void CHidDeviceReader_Tern::SendOtaChunk(OtaStep step, std::int64_t offset, int 
   const int total = wrap(std::int64_t{image1Size} + image2Size);
   const std::int64_t wanted = std::min<std::int64_t>(source.size - offset, count);
   if (wanted == 0) {
-    VoxMessage::OtaProgress(first ? source.size : total, total);
+    ReportOtaProgress(step, first ? source.size : total, total);
     return SendOta(step, OtaStage_Complete, OtaComplete);
   }
-  VoxMessage::OtaProgress(wrap(before + offset), total);
+  ReportOtaProgress(step, wrap(before + offset), total);
   // A request that leads out of the image gets nothing, and the step times out.
   const auto bytes = source.Bytes(offset, wanted);
   if (static_cast<std::int64_t>(bytes.size()) != wanted) return AwaitOtaAnswer(step, OtaStage_Data);
@@ -183,14 +178,14 @@ void CHidDeviceReader_Tern::SendOtaChunk(OtaStep step, std::int64_t offset, int 
 }
 
 void CHidDeviceReader_Tern::OnOtaEndReply(const CHidData& reply) {
-  if (const auto step = TakeAnswer(reply, 1)) LeaveOtaImage(*step);
+  if (const auto step = TakeAnswer(reply, 1)) OtaNextImage(*step);
 }
 
 void CHidDeviceReader_Tern::OnOtaCompleteReply(const CHidData& reply) {
   const auto step = TakeAnswer(reply, 1);
   if (!step) return;
   if (reply.data[0] != 0) return AbortOta(*step, FwUpdate_ImageFinished);
-  ReportOta(FwUpdate_ImageFinished);
+  ReportOta(*step, FwUpdate_ImageFinished);
   SignalOtaAnswered();
-  LeaveOtaImage(*step);
+  OtaNextImage(*step);
 }

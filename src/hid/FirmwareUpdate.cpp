@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr DWORD kWaitPeriod = 100;   // ms
-constexpr int kPeriodsOfAStep = 31;  // without an answer
+constexpr DWORD kWaitPeriod = 100;       // ms
+constexpr DWORD kAnswerPatience = 3100;  // ms
 
 // What a step without an answer prints: text of the GBK code page, without a line end.
 constexpr const char* kFailure = "\xCA\xA7\xB0\xDC\xD4\xAD\xD2\xF2: \xB7\xA2\xCB\xCD";         // 失败原因: 发送
@@ -54,27 +54,39 @@ struct CloseFile {
 
 void CDeviceReader::StartOta(int type, const std::string& firstPath, const std::string& secondPath,
                              OtaCallback callback, void* context) noexcept {
-  otaDevice = deviceNumber;
-  otaContext = context;
-  otaCallback = callback;
-  LoadOtaImages(type, firstPath, secondPath);
-  StartOtaWaiter();
-  OtaNextImage();
-}
-
-void CDeviceReader::LoadOtaImages(int type, const std::string& firstPath, const std::string& secondPath) noexcept {
-  // Read before the lock is taken. Deliberately a size stays as it was where no file is loaded.
+  // Read before the update that runs is replaced, in one go. Deliberately a size stays as it was where no file is
+  // loaded.
   OtaImage first, second;
-  int firstSize = image1Size;
-  int secondSize = image2Size;
+  int firstSize = -1;
+  int secondSize = -1;
   if (type == FwUpdate_First || type == FwUpdate_Both) LoadImageFile(firstPath, first, firstSize);
   if (type == FwUpdate_Second || type == FwUpdate_Both) LoadImageFile(secondPath, second, secondSize);
-  const CAutoLock lock(otaLock_);
-  otaPlan = type;
-  image1 = std::move(first);
-  image2 = std::move(second);
-  image1Size = firstSize;
-  image2Size = secondSize;
+  OtaStep step = 0;
+  {
+    const CAutoLock lock(otaLock_);
+    NextOtaStep();
+    step = otaStep_;
+    otaFirstStep_ = step;
+    otaRuns_ = true;
+    otaActive = false;
+    otaPlan = type;
+    image1 = std::move(first);
+    image2 = std::move(second);
+    if (firstSize >= 0) image1Size = firstSize;
+    if (secondSize >= 0) image2Size = secondSize;
+    otaDevice = deviceNumber;
+    otaContext = context;
+    otaCallback = callback;
+    // One wait thread at a time: that of the update before stays, unless it is about to leave.
+    if (!otaWaits_ && !hasStopped_) {
+      otaWaiter_ = std::make_shared<CWorker>(otaStopEvent);
+      otaWaits_ = otaWaiter_->Start([self = shared_from_this(), waiter = otaWaiter_.get()] {
+        self->OtaWaitLoop(*waiter);
+        return 0U;
+      });
+    }
+  }
+  OtaNextImage(step);
 }
 
 bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept {
@@ -94,32 +106,41 @@ bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int&
   }
 }
 
-std::optional<CDeviceReader::OtaStep> CDeviceReader::SelectOtaImage() noexcept {
-  const CAutoLock lock(otaLock_);
-  NextOtaStep();
-  otaActive = false;
-  otaStage = OtaStage_Idle;
-  switch (otaPlan.exchange(0)) {
-    case 0:
-      otaTarget = DataChannel_Unknown;
-      break;
-    case FwUpdate_First:
-      otaTarget = channel;
-      break;
-    case FwUpdate_Second:
-      otaTarget = DataChannel_Receiver;
-      break;
-    case FwUpdate_Both:
-      otaTarget = channel;
-      // Over Bluetooth LE there is no receiver to update.
-      if (channel != DataChannel_BluetoothLE) otaPlan = FwUpdate_Second;
-      break;
-    default:
-      break;  // the target stays: none, after an update that has ended
+std::optional<CDeviceReader::OtaStep> CDeviceReader::SelectOtaImage(OtaStep step) noexcept {
+  {
+    const CAutoLock lock(otaLock_);
+    if (otaStep_ != step) return std::nullopt;
+    NextOtaStep();
+    step = otaStep_;
+    otaActive = false;
+    otaStage = OtaStage_Idle;
+    switch (otaPlan.exchange(0)) {
+      case 0:
+        otaTarget = DataChannel_Unknown;
+        break;
+      case FwUpdate_First:
+        otaTarget = channel;
+        break;
+      case FwUpdate_Second:
+        otaTarget = DataChannel_Receiver;
+        break;
+      case FwUpdate_Both:
+        otaTarget = channel;
+        // Over Bluetooth LE there is no receiver to update.
+        if (channel != DataChannel_BluetoothLE) otaPlan = FwUpdate_Second;
+        break;
+      default:
+        break;  // the target stays: none, after an update that has ended
+    }
+    otaActive = otaTarget != DataChannel_Unknown;
+    if (otaActive) return step;
+    otaRuns_ = false;
+    image1.reset();
+    image2.reset();
   }
-  if (otaTarget == DataChannel_Unknown) return std::nullopt;
-  otaActive = true;
-  return otaStep_;
+  os::SetEvent(otaStopEvent);
+  ReportOta(step, FwUpdate_Over);
+  return std::nullopt;
 }
 
 std::optional<CDeviceReader::OtaStep> CDeviceReader::TakeOtaAnswer(const CHidData& reply, int length) noexcept {
@@ -136,46 +157,65 @@ void CDeviceReader::NextOtaStep() noexcept {
   otaAwaits_ = false;
 }
 
-void CDeviceReader::LeaveOtaImage(OtaStep step) noexcept {
-  if (otaStep_ == step) OtaNextImage();
+bool CDeviceReader::IsOtaStep(OtaStep step) noexcept {
+  const CAutoLock lock(otaLock_);
+  return otaStep_ == step;
 }
 
 bool CDeviceReader::EnterOtaStage(OtaStep step, OtaStage stage) noexcept {
   const CAutoLock lock(otaLock_);
   if (otaStep_ != step) return false;
   otaStage = stage;
-  otaAwaits_ = true;
   return true;
 }
 
-void CDeviceReader::EndOta() noexcept {
-  os::SetEvent(otaStopEvent);
+void CDeviceReader::ReportOta(OtaStep step, int state) noexcept {
+  OtaCallback callback = nullptr;
+  int device = -1;
+  DataChannel target = DataChannel_Unknown;
+  void* context = nullptr;
   {
     const CAutoLock lock(otaLock_);
-    image1.reset();
-    image2.reset();
+    if (!IsOfThisUpdate(step)) return;
+    callback = otaCallback;
+    device = otaDevice;
+    target = otaTarget;
+    context = otaContext;
   }
-  ReportOta(FwUpdate_Over, DataChannel_Unknown);
+  if (callback) callback(device, target, static_cast<FwUpdateState>(state), context);
 }
 
-void CDeviceReader::ReportOta(int state, DataChannel target) noexcept {
-  if (const OtaCallback callback = otaCallback)
-    callback(otaDevice, target, static_cast<FwUpdateState>(state), otaContext);
+void CDeviceReader::ReportOtaProgress(OtaStep step, int done, int total) noexcept {
+  {
+    const CAutoLock lock(otaLock_);
+    if (!IsOfThisUpdate(step)) return;
+  }
+  VoxMessage::OtaProgress(done, total);
 }
 
 void CDeviceReader::SendOta(OtaStep step, OtaStage stage, std::uint8_t command,
                             std::span<const std::uint8_t> payload) noexcept {
   if (!EnterOtaStage(step, stage)) return;
-  SendFrame(command, payload.empty() ? nullptr : payload.data(), static_cast<int>(payload.size()), otaTarget);
-  os::SetEvent(otaSentEvent);
+  Send(command, payload.empty() ? nullptr : payload.data(), static_cast<int>(payload.size()), otaTarget, step,
+       CDeadline(kWritePatience));
 }
 
 void CDeviceReader::AwaitOtaAnswer(OtaStep step, OtaStage stage) noexcept {
-  if (EnterOtaStage(step, stage)) os::SetEvent(otaSentEvent);
+  if (EnterOtaStage(step, stage)) OnOtaWritten(step);
+}
+
+// The time-out of a step begins when its request has been written, however long that has taken.
+void CDeviceReader::OnOtaWritten(OtaStep step) noexcept {
+  {
+    const CAutoLock lock(otaLock_);
+    if (otaStep_ != step) return;
+    otaAwaits_ = true;
+  }
+  os::SetEvent(otaSentEvent);
 }
 
 void CDeviceReader::AbortOta(OtaStep step, FwUpdateState state) noexcept {
-  ReportOta(state);
+  ReportOta(step, state);
   SendOta(step, OtaStage_Abort, OtaAbort);
 }
 
@@ -192,59 +232,44 @@ std::span<const std::uint8_t> CDeviceReader::OtaSource::Bytes(std::int64_t offse
   return {image->data() + offset, static_cast<std::size_t>(std::min(count, present - offset))};
 }
 
-void CDeviceReader::StartOtaWaiter() noexcept {
-  if (!otaThreads_.IsRunning()) {
-    // What an update before has left signalled must not end this one.
-    for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent}) os::WaitForSingleObject(event, 0);
-  }
-  otaThread = otaThreads_.Start([this](CWorkerThread& thread) {
-    OtaWaitLoop(thread);
-    return 0U;
-  });
-}
-
-void CDeviceReader::OtaWaitLoop(CWorkerThread& thread) noexcept {
+void CDeviceReader::OtaWaitLoop(const CWorker& thread) noexcept {
   const HANDLE events[] = {otaSentEvent, otaAnsweredEvent, otaStopEvent};
   bool armed = false;
-  int periods = 0;
   OtaStep step = 0;
+  CDeadline answerBy(0);
   for (;;) {
-    DWORD result = WAIT_FAILED;
-    if (!thread.Park([&] { result = os::WaitForMultipleObjects(3, events, FALSE, kWaitPeriod); })) return;
-    switch (result) {
-      case WAIT_OBJECT_0:
-      case WAIT_OBJECT_0 + 1: {
-        // Not from the event alone: when an answer and the next request have both come meanwhile, the wait names the
-        // request first.
-        const CAutoLock lock(otaLock_);
-        armed = otaAwaits_;
-        step = otaStep_;
-        periods = 0;
-        break;
-      }
-      case WAIT_OBJECT_0 + 2:
-        return;
-      case WAIT_TIMEOUT:
-        if (armed && ++periods == kPeriodsOfAStep) OnOtaTimeOut(step);
-        break;
-      default:
-        return;  // an event is gone: so is the reader
+    const DWORD result = os::WaitForMultipleObjects(3, events, FALSE, armed ? answerBy.Left(kWaitPeriod) : kWaitPeriod);
+    if (thread.IsAsked() || result == WAIT_FAILED) return;
+    if (result == WAIT_TIMEOUT) {
+      if (!armed || !answerBy.HasPassed()) continue;
+      armed = false;
+      OnOtaTimeOut(step);
     }
+    // What has happened is read from the fields, not from the event: several may have come meanwhile, and an event may
+    // be left from an update before.
+    const CAutoLock lock(otaLock_);
+    if (!otaRuns_) {
+      otaWaits_ = false;
+      return;
+    }
+    if (result == WAIT_TIMEOUT || (armed && step == otaStep_)) continue;
+    armed = otaAwaits_;
+    step = otaStep_;
+    answerBy = CDeadline(kAnswerPatience);
   }
 }
 
 void CDeviceReader::OnOtaTimeOut(OtaStep step) noexcept {
   int stage = OtaStage_Idle;
-  DataChannel target = DataChannel_Unknown;
   {
     const CAutoLock lock(otaLock_);
     if (otaStep_ != step) return;  // an answer has come after all
     NextOtaStep();
+    step = otaStep_;
     otaActive = false;  // and none counts any more
     stage = otaStage;
-    target = otaTarget;
   }
   PrintNoAnswer(stage);
-  ReportOta(stage, target);
-  OtaNextImage();
+  ReportOta(step, stage);
+  OtaNextImage(step);
 }

@@ -16,7 +16,8 @@ void CModelIdentification::Request(CDeviceReader& reader) noexcept {
   for (std::uint8_t& code : challenge) code = static_cast<std::uint8_t>(std::rand() % 256);
   awaited_ = true;
   // Deliberately with the prefix of channel 2, whatever the reader's link.
-  reader.SendFrame(Identify, challenge.data(), kChallengeBytes, DataChannel_Usb);
+  reader.SendFrame(Identify, challenge.data(), kChallengeBytes, DataChannel_Usb,
+                   CDeadline(CDeviceReader::kWritePatience));
 }
 
 void CModelIdentification::OnReply(CDeviceReader& reader, int index, const CHidData& reply, MouseType first,

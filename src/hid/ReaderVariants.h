@@ -35,7 +35,7 @@ class CBlockUpdate {
   constexpr CBlockUpdate(int open, int perMessage, Framing framing)
       : open_(open), perMessage_(perMessage), framing_(framing) {}
 
-  void NextImage(CDeviceReader& reader) const noexcept;
+  void NextImage(CDeviceReader& reader, CDeviceReader::OtaStep from) const noexcept;
   void OnOpenReply(CDeviceReader& reader, const CHidData& reply) const noexcept;
   void OnDataReply(CDeviceReader& reader, const CHidData& reply) const noexcept;
   static void OnEndReply(CDeviceReader& reader, const CHidData& reply) noexcept;
@@ -57,14 +57,13 @@ extern const CBlockUpdate kZhUpdate;
 class CVoxHidDeviceReader : public CDeviceReader {
  public:
   explicit CVoxHidDeviceReader(MouseType preset) : identification_(preset) {}
-  ~CVoxHidDeviceReader() override { ShutDown(); }
 
   MouseType GetMouseType() const override { return identification_.Model(); }
   void StartIdentify() override { identification_.Request(*this); }
   void OnIdentifyReply(int index, const CHidData& reply) override {
     identification_.OnReply(*this, index, reply, MouseType_Wren, MouseType_Egret);
   }
-  void OtaNextImage() override { kStandardUpdate.NextImage(*this); }
+  void OtaNextImage(OtaStep step) override { kStandardUpdate.NextImage(*this, step); }
   void OnOtaPrepareReply(const CHidData&) override {}
   void OnOtaOpenReply(const CHidData& reply) override { kStandardUpdate.OnOpenReply(*this, reply); }
   void OnOtaDataReply(const CHidData& reply) override { kStandardUpdate.OnDataReply(*this, reply); }
@@ -79,14 +78,13 @@ class CVoxHidDeviceReader : public CDeviceReader {
 class CZhHidDeviceReader : public CDeviceReader {
  public:
   explicit CZhHidDeviceReader(MouseType preset) : identification_(preset) {}
-  ~CZhHidDeviceReader() override { ShutDown(); }
 
   MouseType GetMouseType() const override { return identification_.Model(); }
   void StartIdentify() override { identification_.Request(*this); }
   void OnIdentifyReply(int index, const CHidData& reply) override {
     identification_.OnReply(*this, index, reply, MouseType_HeronPlus, MouseType_Swift);
   }
-  void OtaNextImage() override { kZhUpdate.NextImage(*this); }
+  void OtaNextImage(OtaStep step) override { kZhUpdate.NextImage(*this, step); }
   void OnOtaPrepareReply(const CHidData&) override {}
   void OnOtaOpenReply(const CHidData& reply) override { kZhUpdate.OnOpenReply(*this, reply); }
   void OnOtaDataReply(const CHidData& reply) override { kZhUpdate.OnDataReply(*this, reply); }
@@ -100,14 +98,12 @@ class CZhHidDeviceReader : public CDeviceReader {
 // Model 1: Tern (the Kite counts as one). Needs no identification.
 class CHidDeviceReader_Tern : public CDeviceReader {
  public:
-  ~CHidDeviceReader_Tern() override { ShutDown(); }
-
   MouseType GetMouseType() const override { return MouseType_Tern; }
   void StartIdentify() override {}
   void OnIdentifyReply(int, const CHidData&) override {}
   // The firmware update of a Tern: the device asks for any bytes of the image by offset and count, and only answers
   // from the channel that the image is sent to count.
-  void OtaNextImage() override;
+  void OtaNextImage(OtaStep from) override;
   void OnOtaPrepareReply(const CHidData& reply) override;
   void OnOtaOpenReply(const CHidData& reply) override;
   void OnOtaDataReply(const CHidData& reply) override;

@@ -1,143 +1,146 @@
 // Queries and commands: each walks the table and forwards to the readers of the addressed devices.
 #include <algorithm>
 
-#include "hub/HidDeviceEntry.h"
+#include "hub/Hub.h"
 
-CDeviceReader* CAudioHidCenter::FindLive(int device) {
-  CDeviceReader* found = nullptr;
-  ForEachRow([&](HidDeviceEntry& row) {
-    if (!found && row.deviceNumber == device && row.reader && row.reader->IsLive()) found = row.reader.get();
+// With tableLock held: every live row that this number addresses, -1 all of them.
+template <class Visit>
+void CHub::ForEachLive(int device, Visit visit) {
+  for (HidDeviceEntry& row : devices) {
+    if (row.reader && row.reader->IsLive() && (device == -1 || row.deviceNumber == device)) visit(row);
+  }
+}
+
+CHub::Readers CHub::Addressed(int device) {
+  Readers readers;
+  const CAutoLock lock(tableLock);
+  ForEachLive(device, [&](HidDeviceEntry& row) { readers.push_back(row.reader); });
+  return readers;
+}
+
+std::shared_ptr<CDeviceReader> CHub::FindLive(int device) {
+  std::shared_ptr<CDeviceReader> found;
+  if (device == -1) return found;
+  const CAutoLock lock(tableLock);
+  ForEachLive(device, [&](HidDeviceEntry& row) {
+    if (!found) found = row.reader;
   });
   return found;
 }
 
-int CAudioHidCenter::GetEffectiveDevice() {
+// model: any, when it is not known.
+int CHub::GetEffectiveDevice(MouseType model) {
   int newest = -1;
-  ForEachRow([&](HidDeviceEntry& row) {
-    if (row.reader && row.reader->IsLive()) newest = std::max(newest, static_cast<int>(row.deviceNumber));
+  const CAutoLock lock(tableLock);
+  ForEachLive(-1, [&](HidDeviceEntry& row) {
+    if (model == MouseType_Unknown || row.reader->GetMouseType() == model) newest = std::max(newest, row.deviceNumber);
   });
   return newest;
 }
 
-int CAudioHidCenter::GetEffectiveDevice(MouseType model) {
-  int newest = -1;
-  ForEachRow([&](HidDeviceEntry& row) {
-    if (row.reader && row.reader->IsLive() && row.reader->GetMouseType() == model) {
-      newest = std::max(newest, static_cast<int>(row.deviceNumber));
-    }
-  });
-  return newest;
-}
-
-MouseType CAudioHidCenter::GetHidMouseType(int device) {
-  const CDeviceReader* reader = FindLive(device);
+MouseType CHub::GetHidMouseType(int device) {
+  const auto reader = FindLive(device);
   return reader ? reader->GetMouseType() : MouseType_Unknown;
 }
 
-DataChannel CAudioHidCenter::GetDeviceConnectMode(int device) {
-  const CDeviceReader* reader = FindLive(device);
+DataChannel CHub::GetDeviceConnectMode(int device) {
+  const auto reader = FindLive(device);
   return reader ? static_cast<DataChannel>(reader->channel) : DataChannel_Unknown;
 }
 
-MouseMKeyType CAudioHidCenter::GetMKeyType_Key1(int device, int which) {
-  const CDeviceReader* reader = which == 1 ? FindLive(device) : nullptr;
+MouseMKeyType CHub::GetMKeyType_Key1(int device, int which) {
+  const auto reader = which == 1 ? FindLive(device) : nullptr;
   return reader ? static_cast<MouseMKeyType>(static_cast<int>(reader->mKeyType)) : MouseMKeyType_None;
 }
 
-// The reader holds one function: key 2 answers as key 1.
-MouseMKeyType CAudioHidCenter::GetMKeyType_Key2(int device, int which) { return GetMKeyType_Key1(device, which); }
+bool CHub::CheckDeviceConnect() { return GetEffectiveDevice() != -1; }
 
-bool CAudioHidCenter::CheckDeviceConnect() {
-  bool any = false;
-  ForEachRow([&](HidDeviceEntry& row) { any = any || (row.reader && row.reader->IsLive()); });
-  return any;
-}
-
-void CAudioHidCenter::GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names) {
+void CHub::GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names) {
   numbers.clear();
   names.clear();
-  ForEachRow([&](HidDeviceEntry& row) {
-    if (!row.reader || !row.reader->IsLive()) return;
+  const CAutoLock lock(tableLock);
+  ForEachLive(-1, [&](HidDeviceEntry& row) {
     numbers.push_back(row.deviceNumber);
-    names.push_back(GetHidName(row.reader->GetMouseType()));
+    names.push_back(CAudioHidCenter::GetHidName(row.reader->GetMouseType()));
   });
 }
 
-void CAudioHidCenter::SendToReady(int device, std::uint8_t command) {
-  ForEachAddressed(device, [=](CDeviceReader& reader) {
-    if (reader.otaStage == 0) reader.SendCommand(command, reader.channel);
-  });
+// ---- Commands. One deadline for all the devices that a command addresses. ----
+
+void CHub::SendToReady(int device, std::uint8_t command, DWORD patience) {
+  const CDeadline deadline(patience);
+  for (const auto& reader : Addressed(device)) {
+    if (reader->otaStage == 0) reader->SendCommand(command, reader->channel, deadline);
+  }
 }
 
-void CAudioHidCenter::AppOpen(int device) { SendToReady(device, HidCommand::AppOpen); }
-
-void CAudioHidCenter::AppExit(int device) { SendToReady(device, HidCommand::AppExit); }
-
-void CAudioHidCenter::GetMouseState(int device) { SendToReady(device, HidCommand::GetMouseState); }
-
-void CAudioHidCenter::GetDongleState(int device) {
-  // Asked of the receiver, whatever the reader's link.
-  ForEachAddressed(device, [](CDeviceReader& reader) {
-    if (reader.otaStage == 0) reader.SendCommand(HidCommand::GetDongleState, DataChannel_Receiver);
-  });
+void CHub::GetDongleState(int device) {
+  const CDeadline deadline(CDeviceReader::kWritePatience);
+  for (const auto& reader : Addressed(device)) {
+    // Asked of the receiver, whatever the reader's link.
+    if (reader->otaStage == 0) reader->SendCommand(HidCommand::GetDongleState, DataChannel_Receiver, deadline);
+  }
 }
 
-void CAudioHidCenter::SetDpi(int device, short dpi) {
-  ForEachAddressed(device, [=](CDeviceReader& reader) { reader.SetDpi(dpi); });
+void CHub::SetDpi(int device, short dpi) {
+  const CDeadline deadline(CDeviceReader::kWritePatience);
+  for (const auto& reader : Addressed(device)) reader->SetDpi(dpi, deadline);
 }
 
-void CAudioHidCenter::SetDownloadURL(int device, unsigned char* url, int length) {
-  ForEachAddressed(device, [=](CDeviceReader& reader) { reader.SetDownloadUrl(url, length); });
+void CHub::SetDownloadURL(int device, unsigned char* url, int length) {
+  const CDeadline deadline(CDeviceReader::kWritePatience);
+  for (const auto& reader : Addressed(device)) reader->SetDownloadUrl(url, length, deadline);
 }
 
-void CAudioHidCenter::getMKeyTypeList_Key1(int device) {
-  ForEachAddressed(device, [](CDeviceReader& reader) { reader.RequestMKeyTypeList(); });
+void CHub::getMKeyTypeList_Key1(int device) {
+  for (const auto& reader : Addressed(device)) reader->RequestMKeyTypeList();
 }
 
-void CAudioHidCenter::getMKeyTypeList_Key2(int device) {
-  ForEachAddressed(device, [](CDeviceReader& reader) { reader.RequestMKeyTypeList2(); });
+void CHub::getMKeyTypeList_Key2(int device) {
+  for (const auto& reader : Addressed(device)) reader->RequestMKeyTypeList2();
 }
 
-SetMKeyTypeStatus CAudioHidCenter::setMKeyType_Key1(int device, MouseMKeyType type) {
+SetMKeyTypeStatus CHub::setMKeyType_Key1(int device, MouseMKeyType type) {
   SetMKeyTypeStatus status = SetMKeyType_NotReady;
-  ForEachAddressed(device, [&](CDeviceReader& reader) { status = reader.SetMKeyTypeKey1(type); });
+  for (const auto& reader : Addressed(device)) {
+    status = reader->SetMKeyTypeKey1(type, CDeadline(CDeviceReader::kWritePatience));
+  }
   return status;
 }
 
-SetMKeyTypeStatus CAudioHidCenter::setMKeyType_Key2(int device, MouseMKeyType) {
-  SetMKeyTypeStatus status = SetMKeyType_NotReady;
-  ForEachAddressed(device, [&](CDeviceReader&) { status = SetMKeyType_Confirmed; });
-  return status;
+SetMKeyTypeStatus CHub::setMKeyType_Key2(int device, MouseMKeyType) {
+  return Addressed(device).empty() ? SetMKeyType_NotReady : SetMKeyType_Confirmed;
 }
 
-bool CAudioHidCenter::OpenHidRecord() {
+bool CHub::OpenHidRecord() {
   ResetHidAudio();
-  CDeviceReader* reader = FindLive(workDevice);
-  return reader && reader->OpenRecord();
+  const auto reader = FindLive(workDevice);
+  return reader && reader->OpenRecord(CDeadline(CDeviceReader::kWritePatience));
 }
 
-bool CAudioHidCenter::CloseHidRecord() {
+bool CHub::CloseHidRecord() {
   bool closed = true;
-  ForEachAddressed(workDevice, [&](CDeviceReader& reader) {
+  const CDeadline deadline(CDeviceReader::kWritePatience);
+  for (const auto& reader : Addressed(workDevice)) {
     // Every addressed device is asked, also after one that did not confirm.
-    const bool confirmed = reader.CloseRecord();
+    const bool confirmed = reader->CloseRecord(deadline);
     closed = closed && confirmed;
-  });
+  }
   FlushHidAudio();
   return closed;
 }
 
-void CAudioHidCenter::StartOTA(int device, FwUpdateType type, std::string firstPath, std::string secondPath) {
+void CHub::StartOTA(int device, FwUpdateType type, const std::string& firstPath, const std::string& secondPath) {
   // Deliberately without a look at otaStage: a second call during an update begins anew.
-  if (CDeviceReader* reader = FindLive(device)) {
-    reader->StartOta(type, firstPath, secondPath, &CAudioHidCenter::FwOtaResultCallback, this);
+  if (const auto reader = FindLive(device)) {
+    reader->StartOta(type, firstPath, secondPath, &CHub::FwOtaResultCallback, this);
   }
 }
 
-void CAudioHidCenter::FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub) {
-  static_cast<CAudioHidCenter*>(hub)->OnFwOtaResultCallback(device, link, state);
+void CHub::FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub) {
+  static_cast<CHub*>(hub)->OnFwOtaResultCallback(device, link, state);
 }
 
-void CAudioHidCenter::OnFwOtaResultCallback(int device, DataChannel link, FwUpdateState state) {
+void CHub::OnFwOtaResultCallback(int device, DataChannel link, FwUpdateState state) {
   fwOtaResultCallback(device, link, state);
 }

@@ -1,14 +1,14 @@
 // Finding, opening and losing devices.
-#include <cstddef>
+#include <algorithm>
 #include <memory>
 #include <utility>
 
 #include "VoxDevice/VoxCommon.h"
 #include "VoxDevice/VoxNet.h"
 #include "hid/ReaderVariants.h"
-#include "hub/HidDeviceEntry.h"
+#include "hub/Detection.h"
+#include "hub/Hub.h"
 #include "support/DeviceLists.h"
-#include "support/HidFile.h"
 
 namespace {
 
@@ -36,21 +36,21 @@ void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
   paths.insert(paths.end(), present.begin(), present.end());
 }
 
-void CAudioHidCenter::OpenHidDevice(const std::vector<std::wstring>& paths) {
-  for (const std::wstring& path : paths) {
-    if (stopDetection) return;
-    OpenHidInterface(path);
+void CHub::OpenHidDevice(Detection& detection) {
+  for (const std::wstring& path : detection.paths) {
+    if (stopDetection || detection.thread.IsAsked()) return;
+    OpenHidInterface(detection, path);
   }
   UpdateConnected();
 }
 
-void CAudioHidCenter::OpenHidInterface(const std::wstring& path) {
+void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   const std::string narrow = NarrowPath(path);
   HidPathIdentity identity;
   HidConnection connection;
-  if (ParseUsbHidPath(narrow, identity)) {
+  if (CAudioHidCenter::ParseUsbHidPath(narrow, identity)) {
     connection.channel = DataChannel_Usb;
-  } else if (ParseBluetoothHidPath(narrow, identity)) {
+  } else if (CAudioHidCenter::ParseBluetoothHidPath(narrow, identity)) {
     connection.channel = DataChannel_BluetoothLE;
   } else {
     return;
@@ -59,78 +59,102 @@ void CAudioHidCenter::OpenHidInterface(const std::wstring& path) {
   if (model == MouseType_Unknown || PathIsKnown(narrow)) return;
 
   // Silently: many devices have a collection that only the system may open. It is tried again at every pass.
-  HidFile readFile(path);
-  if (!IsUsable(readFile)) return;
-  HidFile writeFile(path);
-  if (!IsUsable(writeFile)) {
-    VoxMessage::Log(L"读写hid设备失败", LogType_DeviceRemoved);
-    return;
+  auto& readFile = detection.readFile;
+  auto& writeFile = detection.writeFile;
+  readFile.emplace(path);
+  if (IsUsable(*readFile)) {
+    writeFile.emplace(path);
+    if (IsUsable(*writeFile)) {
+      connection.inputReportLength = writeFile->InputLength();
+      connection.outputReportLength = writeFile->OutputLength();
+      ConnectReader(detection, model, narrow, connection);
+    } else {
+      VoxMessage::Log(L"读写hid设备失败", LogType_DeviceRemoved);
+    }
   }
+  readFile.reset();
+  writeFile.reset();
+}
+
+void CHub::ConnectReader(Detection& detection, MouseType model, const std::string& path, HidConnection& connection) {
+  std::shared_ptr<CDeviceReader> before;  // let go of without the lock
+  const std::shared_ptr<CDeviceReader> reader = MakeReader(model);
+  const CAutoLock lock(tableLock);
+  if (detection.thread.IsAsked() || closed_) return;
   connection.deviceNumber = ++lastDeviceNumber;
-  connection.inputReportLength = writeFile.InputLength();
-  connection.outputReportLength = writeFile.OutputLength();
-  connection.readHandle = readFile.Give();
-  connection.writeHandle = writeFile.Give();
-  ConnectReader(model, narrow, connection);
-}
-
-void CAudioHidCenter::ConnectReader(MouseType model, const std::string& path, HidConnection& connection) {
-  std::shared_ptr<CDeviceReader> reader;
-  ForEachRow([&](HidDeviceEntry& row) {
-    if (reader || !row.reader || !row.reader->IsIdle() || row.reader->GetMouseType() != model) return;
-    if (!row.reader->Attach(connection)) return;
-    reader = row.reader;
-    row.deviceNumber = connection.deviceNumber;
-    row.path = path;
-    row.pathEmptied = false;
-  });
-  if (!reader) {
-    reader = MakeReader(model);
-    reader->Attach(connection);
-    auto row = std::make_unique<HidDeviceEntry>();
-    row->deviceNumber = connection.deviceNumber;
-    row->path = path;
-    row->reader = reader;
-    AppendRow(std::move(row));
-  }
+  connection.readHandle = detection.readFile->Give();
+  connection.writeHandle = detection.writeFile->Give();
+  reader->Attach(connection);
+  reader->owner = shared_from_this();
   reader->callbackContext = this;
-  reader->readerCallback = &CAudioHidCenter::HidDeviceReaderCallback;
-  reader->disconnectCallback = &CAudioHidCenter::HidDeviceDisconnect;
-  reader->Start();
+  reader->readerCallback = &CHub::HidDeviceReaderCallback;
+  reader->disconnectCallback = &CHub::HidDeviceDisconnect;
+  // The row of a device of this model that has gone, or has been closed, is taken over.
+  const auto known = std::find_if(devices.begin(), devices.end(), [model](const HidDeviceEntry& row) {
+    if (row.reader) return !row.reader->readThread.IsSet() && row.reader->GetMouseType() == model;
+    return row.memory.model == model && row.memory.model != MouseType_Unknown;
+  });
+  HidDeviceEntry& row = known != devices.end() ? *known : devices.emplace_back();
+  if (row.reader) {
+    row.memory = row.reader->Memory();
+    leaving_.push_back(row.reader);
+  }
+  reader->Recall(row.memory);
+  row.deviceNumber = connection.deviceNumber;
+  row.path = path;
+  before = std::exchange(row.reader, reader);
+  if (!reader->Start()) OnDeviceLost(row);  // it is tried again at the next pass
 }
 
-bool CAudioHidCenter::PathIsKnown(const std::string& path) {
-  bool known = false;
-  ForEachRow([&](HidDeviceEntry& row) { known = known || (!row.pathEmptied && row.path == path); });
-  return known;
+bool CHub::PathIsKnown(const std::string& path) {
+  const CAutoLock lock(tableLock);
+  return std::any_of(devices.begin(), devices.end(), [&](const HidDeviceEntry& row) { return row.path == path; });
 }
 
-void CAudioHidCenter::UpdateConnected() {
+void CHub::UpdateConnected() {
   const bool connected = CheckDeviceConnect();
   if (connected == anyDeviceConnected) return;
-  anyDeviceConnected = connected;
-  if (!connected) {
-    CVoxDeviceInfo::Instance()->ClearBluetooth();
-    InitButtonState();
+  if (connected) {
+    anyDeviceConnected = true;
+  } else {
+    ForgetDevices();
   }
 }
 
-void CAudioHidCenter::AddBadDevice(std::string path) {
-  auto row = std::make_unique<HidDeviceEntry>();
-  row->path = std::move(path);
-  AppendRow(std::move(row));
+// The last device has gone.
+void CHub::ForgetDevices() {
+  anyDeviceConnected = false;
+  CVoxDeviceInfo::Instance()->ClearBluetooth();
+  InitButtonState();
 }
 
-void CAudioHidCenter::HidDeviceDisconnect(int device, void* hub) {
-  static_cast<CAudioHidCenter*>(hub)->OnHidDeviceDisconnect(device);
+void CHub::AddBadDevice(std::string path) {
+  const CAutoLock lock(tableLock);
+  devices.emplace_back().path = std::move(path);
 }
 
-void CAudioHidCenter::OnHidDeviceDisconnect(int device) {
-  for (HidDeviceEntry* row = devices; row; row = row->next) {
-    if (row->deviceNumber != device) continue;
-    row->deviceNumber = -1;
-    row->pathEmptied = true;  // the interface may be found and opened again
-    break;
+// With tableLock held. The row keeps what the next device of its model takes over; its reader goes with its last
+// thread.
+void CHub::OnDeviceLost(HidDeviceEntry& row) {
+  row.deviceNumber = -1;
+  row.path.clear();  // the interface may be found and opened again
+  if (!row.reader) return;
+  row.memory = row.reader->Memory();
+  std::erase_if(leaving_, [](const auto& reader) { return reader->HasEnded(); });
+  leaving_.push_back(std::move(row.reader));
+  row.reader.reset();
+}
+
+void CHub::HidDeviceDisconnect(int device, void* hub) {
+  static_cast<CHub*>(hub)->OnHidDeviceDisconnect(device);
+}
+
+void CHub::OnHidDeviceDisconnect(int device) {
+  {
+    const CAutoLock lock(tableLock);
+    const auto row = std::find_if(devices.begin(), devices.end(),
+                                  [device](const HidDeviceEntry& entry) { return entry.deviceNumber == device; });
+    if (row != devices.end()) OnDeviceLost(*row);
   }
 
   if (ButtonHid_Left == device && ButtonState_Left == ButtonDown) {
@@ -141,9 +165,5 @@ void CAudioHidCenter::OnHidDeviceDisconnect(int device) {
   if (ButtonHid_Key1 == device) ButtonState_Key1 = ButtonUp;
   if (ButtonHid_Key2 == device) ButtonState_Key2 = ButtonUp;
 
-  if (!CheckDeviceConnect()) {
-    anyDeviceConnected = false;
-    CVoxDeviceInfo::Instance()->ClearBluetooth();
-    InitButtonState();
-  }
+  if (!CheckDeviceConnect()) ForgetDevices();
 }

@@ -1,74 +1,44 @@
-// Construction, start and stop, the table, callback registration.
+// Construction, start and stop, and the table.
+#include <algorithm>
 #include <utility>
 
-#include "hub/HidDeviceEntry.h"
-#include "support/CLock.h"
-#include "support/WorkerThread.h"
+#include "VoxDevice/VoxNet.h"
+#include "hub/Detection.h"
+#include "hub/Hub.h"
 
 namespace {
 
 constexpr DWORD kDetectionTick = 50;    // ms
 constexpr int kDetectionPeriod = 1000;  // ms
-constexpr DWORD kPassPatience = 1000;   // ms that a discovery pass is given to end
-
-template <class Function>
-void Register(CallbackSlot<Function>& slot, void* function, void* context) {
-  slot.Set(reinterpret_cast<Function>(function), context);
-}
+// Of the two seconds in which everything ends: what is left for AppExit and the readers when a discovery pass, and for
+// the readers when AppExit, does not come to its end.
+constexpr DWORD kForExit = 700;     // ms
+constexpr DWORD kForReaders = 200;  // ms
 
 }  // namespace
 
-struct CAudioHidCenter::Detection {
-  explicit Detection(CAudioHidCenter* owner) : hub(owner) {}
-  CAudioHidCenter* hub;
-  CWorkerThread thread;
-};
-
-std::atomic<CAudioHidCenter*> CAudioHidCenter::s_pHidDeviceCenter{nullptr};
-
-CAudioHidCenter* CAudioHidCenter::Instance() noexcept { return s_pHidDeviceCenter; }
-
-CAudioHidCenter::CAudioHidCenter() : audioLock(std::make_unique<CLock>()) {
+CHub::CHub() : decoders_(SharedDecoders()) {
   InitLegalPid_Vid();
   InitButtonState();
-  s_pHidDeviceCenter = this;
 }
 
-CAudioHidCenter::~CAudioHidCenter() {
-  detections.clear();
-  ClearTable();
-  retired.clear();
-  CAudioHidCenter* self = this;
-  s_pHidDeviceCenter.compare_exchange_strong(self, nullptr);
-}
+CHub::~CHub() = default;
 
-CAudioHidCenter::CAudioHidCenter(const CAudioHidCenter& other) : audioLock(std::make_unique<CLock>()) {
-  CopyFrom(other);
-}
-
-CAudioHidCenter& CAudioHidCenter::operator=(const CAudioHidCenter& other) {
-  if (this != &other) {
-    ClearTable();
-    CopyFrom(other);
+void CHub::CopyFrom(CHub& other) {
+  std::vector<HidDeviceEntry> rows;  // those before are let go of without the lock
+  {
+    const CAutoLock lock(other.tableLock);
+    rows = other.devices;
   }
-  return *this;
-}
-
-void CAudioHidCenter::CopyFrom(const CAudioHidCenter& other) {
+  {
+    const CAutoLock lock(tableLock);
+    devices.swap(rows);
+  }
   anyDeviceConnected = other.anyDeviceConnected;
   stopDetection = other.stopDetection;
-  lastDeviceNumber = other.lastDeviceNumber;
-  for (const HidDeviceEntry* row = other.devices; row; row = row->next) {
-    auto copy = std::make_unique<HidDeviceEntry>();
-    copy->deviceNumber = row->deviceNumber;
-    copy->path = row->path;
-    copy->pathEmptied = row->pathEmptied;
-    copy->reader = row->reader;
-    AppendRow(std::move(copy));
-  }
+  lastDeviceNumber = other.lastDeviceNumber.load();
   legalIds = other.legalIds;
-  audioBytes = other.audioBytes;
-  audioBuffer = other.audioBuffer;
+  CopyAudioFrom(other);
   DoubleClick = other.DoubleClick;
   ButtonState_Left = other.ButtonState_Left;
   LastState_Left = other.LastState_Left;
@@ -92,117 +62,127 @@ void CAudioHidCenter::CopyFrom(const CAudioHidCenter& other) {
   fwOtaResultCallback = other.fwOtaResultCallback;
 }
 
-void CAudioHidCenter::OpenDevice(void* callback, void* context) {
-  Register(audioCallback, callback, context);
+void CHub::OpenDevice(void* callback, void* context) {
+  audioCallback.Set(reinterpret_cast<AudioCallback>(callback), context);
+  const CAutoLock lock(tableLock);
+  if (closed_) return;
   stopDetection = false;
-  detections.remove_if([](const Detection& detection) { return detection.thread.IsIdle(); });
+  std::erase_if(detections, [](const auto& detection) { return detection->thread.HasEnded(); });
   // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
-  Detection& detection = detections.emplace_back(this);
-  detectionThread = &detection.thread;
-  detection.thread.Start(&CAudioHidCenter::ThreadDeviceDetectionProc, &detection);
+  const auto detection = std::make_shared<Detection>();
+  detections.push_back(detection);
+  detectionThread = detection;
+  detection->thread.Start([self = shared_from_this(), detection] {
+    self->OnThreadDeviceDetectionProc(*detection);
+    return 0U;
+  });
 }
 
-unsigned CAudioHidCenter::ThreadDeviceDetectionProc(void* argument) {
-  auto* detection = static_cast<Detection*>(argument);
-  if (!detection->thread.Begin()) return 0;
-  detection->hub->OnThreadDeviceDetectionProc(detection->thread);
-  detection->thread.Clear();
-  return 0;
-}
-
-void CAudioHidCenter::OnThreadDeviceDetectionProc(CWorkerThread& thread) {
+void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
   int counter = 0;
   while (!stopDetection) {
     counter += static_cast<int>(kDetectionTick);
     if (counter == kDetectionPeriod) {
       counter = 0;
-      if (!passRunning.exchange(true)) {
-        std::vector<std::wstring> paths;
-        EnumerateHidInterfaces(paths);
-        OpenHidDevice(paths);
-        passRunning = false;
+      Detection* nobody = nullptr;
+      if (passRunning.compare_exchange_strong(nobody, &detection)) {
+        detection.paths.clear();
+        CAudioHidCenter::EnumerateHidInterfaces(detection.paths);
+        OpenHidDevice(detection);
+        Detection* mine = &detection;
+        passRunning.compare_exchange_strong(mine, nullptr);
       }
     }
-    if (!thread.Park([] { os::Sleep(kDetectionTick); })) return;
+    if (!detection.thread.Sleep(kDetectionTick)) return;
   }
 }
 
-void CAudioHidCenter::CloseDevice() {
-  stopDetection = true;
-  // A pass that runs now may still start a reader; the readers are stopped after it.
-  for (DWORD waited = 0; passRunning && waited < kPassPatience; ++waited) os::Sleep(1);
-  ForEachRow([](HidDeviceEntry& row) {
-    if (row.reader) row.reader->Stop();
-  });
+CHub::Readers CHub::AllReaders() {
+  const CAutoLock lock(tableLock);
+  Readers readers = leaving_;
+  for (const HidDeviceEntry& row : devices) {
+    if (row.reader) readers.push_back(row.reader);
+  }
+  return readers;
 }
 
-void CAudioHidCenter::Release() {
-  stopDetection = true;  // a pass that runs now ends with the interface it is at
-  detectionThread = nullptr;
-  for (Detection& detection : detections) detection.thread.Terminate(kPassPatience);
-  detections.clear();
-  passRunning = false;
-  AppExit(-1);
-  // All threads first: a callback on one reader's thread may be sending to the device of another.
-  ForEachRow([](HidDeviceEntry& row) {
-    if (row.reader) row.reader->EndThreads();
-  });
-  ForEachRow([this](HidDeviceEntry& row) {
-    if (!row.reader) return;
-    row.reader->ShutDown();
-    if (row.reader->IsOwnThread()) retired.push_back(row.reader);
-    row.reader.reset();
-  });
-  ClearTable();
+// From its beginning on, no device comes in any more: a pass that runs sees under tableLock that its thread is asked.
+CHub::Readers CHub::Stop(CDeadline deadline) {
+  stopDetection = true;
+  {
+    const CAutoLock lock(tableLock);
+    for (const auto& detection : detections) detection->thread.Ask();
+  }
+  Readers readers = AllReaders();
+  // All are asked before one is waited for: they end at the same time.
+  for (const auto& reader : readers) reader->Ask();
+  EndDetections(deadline);
+  for (const auto& reader : readers) reader->End(deadline);
+  return readers;
+}
+
+void CHub::EndDetections(CDeadline deadline) {
+  std::vector<std::shared_ptr<Detection>> ending;
+  {
+    const CAutoLock lock(tableLock);
+    ending.swap(detections);
+    detectionThread.reset();
+  }
+  for (const auto& detection : ending) detection->thread.Ask();
+  for (const auto& detection : ending) {
+    detection->thread.End(deadline);
+    // One that has not ended, or was ended in the middle of a pass, passes no more.
+    Detection* its = detection.get();
+    passRunning.compare_exchange_strong(its, nullptr);
+  }
+}
+
+void CHub::CloseDevice() { Stop(CDeadline(CWorker::kPatience)); }
+
+void CHub::Release() { ReleaseBy(CDeadline(CWorker::kPatience)); }
+
+void CHub::ReleaseBy(CDeadline deadline) {
+  stopDetection = true;
+  std::vector<std::shared_ptr<Detection>> discovering;
+  {
+    const CAutoLock lock(tableLock);
+    discovering = detections;
+    for (const auto& detection : discovering) detection->thread.Ask();
+  }
+  for (const auto& detection : discovering) {
+    if (!detection->thread.IsCurrent()) detection->thread.AwaitEnd(deadline.Before(kForExit));
+  }
+  if (!closed_) SendToReady(-1, HidCommand::AppExit, deadline.Before(kForReaders).Left(CDeviceReader::kWritePatience));
+  // Threads of all readers first: a callback on one reader's thread may be sending to the device of another.
+  const Readers readers = Stop(deadline);
+  for (const auto& reader : readers) reader->ShutDown();
+  std::vector<HidDeviceEntry> rows;  // let go of without the lock
+  Readers gone;
+  {
+    const CAutoLock lock(tableLock);
+    rows.swap(devices);
+    gone.swap(leaving_);
+  }
+  if (anyDeviceConnected) ForgetDevices();
   UnloadAscDecoder();
 }
 
-void CAudioHidCenter::ClearTable() {
-  for (HidDeviceEntry* row = devices.exchange(nullptr); row;) delete std::exchange(row, row->next);
+void CHub::Close() {
+  constexpr DWORD kLook = 1;  // ms
+  const CDeadline deadline(CWorker::kPatience);
+  {
+    const CAutoLock lock(tableLock);
+    closed_ = true;  // nothing starts any more
+  }
+  ReleaseBy(deadline);
+  // Operations on other threads return at once now, but for one that is inside the client's code.
+  while (inside_ > 0 && !deadline.HasPassed()) os::Sleep(kLook);
 }
 
-bool CAudioHidCenter::ThreadIsClosed() {
-  const CWorkerThread* detection = detectionThread;
-  if (detection && detection->IsSet()) return false;
-  bool running = false;
-  ForEachRow([&](HidDeviceEntry& row) {
-    running = running || (row.reader && (row.reader->readThread.IsSet() || row.reader->heartbeatThread.IsSet()));
+bool CHub::ThreadIsClosed() {
+  const CAutoLock lock(tableLock);
+  if (detectionThread && detectionThread->thread.IsSet()) return false;
+  return std::any_of(devices.begin(), devices.end(), [](const HidDeviceEntry& row) {
+    return row.reader && (row.reader->readThread.IsSet() || row.reader->heartbeatThread.IsSet());
   });
-  return running;
-}
-
-void CAudioHidCenter::AppendRow(std::unique_ptr<HidDeviceEntry> row) {
-  std::atomic<HidDeviceEntry*>* end = &devices;
-  while (HidDeviceEntry* last = *end) end = &last->next;
-  *end = row.release();
-}
-
-void CAudioHidCenter::SetCallback_MouseConnect(void* function, void* context) {
-  Register(mouseConnectCallback, function, context);
-}
-
-void CAudioHidCenter::SetCallback_VoiceOperate(void* function, void* context) {
-  Register(voiceOperateCallback, function, context);
-}
-
-void CAudioHidCenter::SetCallback_DpiSet(void* function, void* context) { Register(dpiSetCallback, function, context); }
-
-void CAudioHidCenter::SetCallback_MouseState(void* function, void* context) {
-  Register(mouseStateCallback, function, context);
-}
-
-void CAudioHidCenter::SetCallback_DongleState(void* function, void* context) {
-  Register(dongleStateCallback, function, context);
-}
-
-void CAudioHidCenter::SetCallback_PowerReport(void* function, void* context) {
-  Register(powerReportCallback, function, context);
-}
-
-void CAudioHidCenter::SetCallback_DownloadUrl(void* function, void* context) {
-  Register(downloadUrlCallback, function, context);
-}
-
-void CAudioHidCenter::SetCallback_FwOtaResult(void* function, void* context) {
-  Register(fwOtaResultCallback, function, context);
 }

@@ -3,7 +3,7 @@
 #include <iterator>
 #include <utility>
 
-#include "hub/HidDeviceEntry.h"
+#include "hub/Hub.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ std::wstring CAudioHidCenter::GetHidName(MouseType model) {
   return kModelNames[index < std::size(kModelNames) ? index : 0];
 }
 
-void CAudioHidCenter::InitLegalPid_Vid() {
+void CHub::InitLegalPid_Vid() {
   // Bluetooth LE paths spell the vendor with its two-digit source, 02, in front. The Swift has no row: it presents
   // itself as a Heron Plus and is told apart by its reader.
   static const LegalHidId ids[] = {
@@ -73,7 +73,7 @@ void CAudioHidCenter::InitLegalPid_Vid() {
   legalIds.insert(legalIds.end(), std::begin(ids), std::end(ids));
 }
 
-MouseType CAudioHidCenter::FindLegalId(const HidPathIdentity& identity) const {
+MouseType CHub::FindLegalId(const HidPathIdentity& identity) const {
   for (const LegalHidId& id : legalIds) {
     if (id.vid == identity.vid && id.pid == identity.pid) return id.type;
   }
@@ -88,7 +88,7 @@ bool CAudioHidCenter::ParseBluetoothHidPath(const std::string& path, HidPathIden
   return ParseHidPath(path, "vid&", "pid&", '_', identity);
 }
 
-bool CAudioHidCenter::RecordDeviceIsHidDevice(std::wstring name) {
+bool CHub::RecordDeviceIsHidDevice(const std::wstring& name) {
   for (const auto& [word, model] : kRecordingNames) {
     if (name.find(word) == std::wstring::npos) continue;
     const int device = GetEffectiveDevice(model);
@@ -99,7 +99,7 @@ bool CAudioHidCenter::RecordDeviceIsHidDevice(std::wstring name) {
   return false;
 }
 
-bool CAudioHidCenter::WorkHidIsWren() {
+bool CHub::WorkHidIsWren() {
   const MouseType model = GetHidMouseType(workDevice);
   if (model != MouseType_Tern) ShortPress_R = false;
   return model == MouseType_Wren;

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "VoxDevice/VoxNet.h"
-#include "hub/HidDeviceEntry.h"
+#include "hub/Hub.h"
 
 namespace {
 
@@ -18,13 +18,13 @@ bool IsSerialCharacter(std::uint8_t byte) {
 
 }  // namespace
 
-void CAudioHidCenter::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                              int reportLength, void* hub) {
-  static_cast<CAudioHidCenter*>(hub)->OnHidDeviceReaderCallback(device, model, link, report, reportLength);
+void CHub::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                   int reportLength, void* hub) {
+  static_cast<CHub*>(hub)->OnHidDeviceReaderCallback(device, model, link, report, reportLength);
 }
 
-void CAudioHidCenter::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                                int reportLength) {
+void CHub::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                     int reportLength) {
   CHidData reply;
   if (reportLength <= 0 || !ParseReport({report, static_cast<std::size_t>(reportLength)}, link, reply)) return;
   switch (reply.code) {
@@ -57,32 +57,30 @@ void CAudioHidCenter::OnHidDeviceReaderCallback(int device, MouseType model, Dat
   }
 }
 
-void CAudioHidCenter::OnProcDeviceConnectReply(int device, MouseType, DataChannel, CHidData& reply) {
+void CHub::OnProcDeviceConnectReply(int device, MouseType, DataChannel, CHidData& reply) {
   if (!reply.Has(1)) return;
   const int state = reply.data[0];
   mouseConnectCallback(device, state == 1 || state == 2 ? state : 0);
 }
 
-void CAudioHidCenter::OnProcVoiceOpenReply(int device, MouseType, DataChannel, CHidData& reply) {
+void CHub::OnProcVoiceOpenReply(int device, MouseType, DataChannel, CHidData& reply) {
   if (!reply.Has(1)) return;
   voiceOperateCallback(device, reply.data[0] == 0 ? 3 : 2);
 }
 
-void CAudioHidCenter::OnProcVoiceStopReply(int device, MouseType, DataChannel, CHidData&) {
-  voiceOperateCallback(device, 0);
-}
+void CHub::OnProcVoiceStopReply(int device, MouseType, DataChannel, CHidData&) { voiceOperateCallback(device, 0); }
 
-void CAudioHidCenter::OnProcDevicePowerReply(int device, MouseType, DataChannel, CHidData& reply) {
+void CHub::OnProcDevicePowerReply(int device, MouseType, DataChannel, CHidData& reply) {
   if (!reply.Has(1)) return;
   powerReportCallback(device, static_cast<int>(reply.data[0]));
 }
 
-void CAudioHidCenter::OnProcDpiReply(int device, MouseType, DataChannel, CHidData& reply) {
+void CHub::OnProcDpiReply(int device, MouseType, DataChannel, CHidData& reply) {
   if (!reply.Has(3)) return;
   dpiSetCallback(device, BigEndian16(reply.data), reply.data[2] == 0);
 }
 
-void CAudioHidCenter::OnProcMouseStateReply(int device, MouseType model, DataChannel link, CHidData& reply) {
+void CHub::OnProcMouseStateReply(int device, MouseType model, DataChannel link, CHidData& reply) {
   if (!reply.Has(11)) return;
   const std::uint8_t* p = reply.data;
   CVoxDeviceInfo* info = CVoxDeviceInfo::Instance();
@@ -90,32 +88,32 @@ void CAudioHidCenter::OnProcMouseStateReply(int device, MouseType model, DataCha
     std::wstring address = std::to_wstring(p[5]);
     for (int i = 6; i < 11; ++i) address += L"-" + std::to_wstring(p[i]);
     info->SetBluetoothID(address.c_str());
-    info->SetBluetoothName(GetHidName(model).c_str());
+    info->SetBluetoothName(CAudioHidCenter::GetHidName(model).c_str());
   }
   mouseStateCallback(device, model, link, BigEndian16(p), BigEndian16(p + 2), static_cast<int>(p[4]));
 }
 
-void CAudioHidCenter::OnProcDongleStateReply(int device, MouseType model, DataChannel link, CHidData& reply) {
+void CHub::OnProcDongleStateReply(int device, MouseType model, DataChannel link, CHidData& reply) {
   if (!reply.Has(3) && !reply.Has(9)) return;
   dongleStateCallback(device, model, link, BigEndian16(reply.data), reply.data[2] == 1);
 }
 
-void CAudioHidCenter::OnProcDownloadUrlReply(int device, MouseType, DataChannel, CHidData& reply) {
+void CHub::OnProcDownloadUrlReply(int device, MouseType, DataChannel, CHidData& reply) {
   if (!reply.Has(1)) return;
   downloadUrlCallback(device, reply.data[0] == 0);
 }
 
-void CAudioHidCenter::OnProcMouseSNReply(int, MouseType model, DataChannel, CHidData& reply) {
+void CHub::OnProcMouseSNReply(int, MouseType model, DataChannel, CHidData& reply) {
   constexpr int kSerialLength = 18;
   if (!reply.Has(kSerialLength) || !std::all_of(reply.data, reply.data + kSerialLength, IsSerialCharacter)) return;
   // Unlike the address in a state reply, a serial number replaces an identity that is there.
   const std::wstring serial(reply.data, reply.data + kSerialLength);
   CVoxDeviceInfo* info = CVoxDeviceInfo::Instance();
   info->SetBluetoothID(serial.c_str());
-  info->SetBluetoothName(GetHidName(model).c_str());
+  info->SetBluetoothName(CAudioHidCenter::GetHidName(model).c_str());
 }
 
-void CAudioHidCenter::OnProcMouseKeyReply(int device, MouseType model, CHidData& reply) {
+void CHub::OnProcMouseKeyReply(int device, MouseType model, CHidData& reply) {
   switch (model) {
     case MouseType_Tern:
       return OnKeyReply_Tern(device, reply);

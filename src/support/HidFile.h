@@ -9,7 +9,7 @@
 // Closed unless it is given away.
 class HidFile {
  public:
-  explicit HidFile(const std::wstring& path)
+  explicit HidFile(const std::wstring& path) noexcept
       : file_(os::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_EXISTING, 0, nullptr)) {}
   ~HidFile() {

@@ -147,29 +147,48 @@ void CWorker::Ask() noexcept {
   record_->Cancel();
 }
 
-bool CWorker::End(CDeadline deadline) noexcept {
+bool CWorker::AskUntilEnded(const CWorker* asked, CDeadline deadline) noexcept {
   Ask();
-  if (IsCurrent()) {
-    Clear();
-    return false;
-  }
   const HANDLE thread = record_->thread;
   if (!thread) return true;
   for (;;) {
-    if (os::WaitForSingleObject(thread, deadline.Left(kAskAgain)) == WAIT_OBJECT_0) return true;
+    const DWORD time = deadline.Left(kAskAgain);
+    const DWORD result = asked ? asked->Wait(thread, time) : os::WaitForSingleObject(thread, time);
+    if (result == WAIT_OBJECT_0) return true;
+    if (deadline.HasPassed() || (asked && asked->IsAsked())) return false;
     record_->Cancel();
-    if (deadline.HasPassed()) break;
   }
+}
+
+bool CWorker::EndUnless(const CWorker& asked, CDeadline deadline) noexcept { return AskUntilEnded(&asked, deadline); }
+
+bool CWorker::End(CDeadline deadline) noexcept {
+  if (IsCurrent()) {
+    Ask();
+    Clear();
+    return false;
+  }
+  if (AskUntilEnded(nullptr, deadline)) return true;
   Clear();
   // Only inside the client's code, and without a lock.
   if (!record_->CompareAndGo(kInClient, kCondemned)) return false;
-  CUtil::VoxTerminateThread(thread, 0);
+  CUtil::VoxTerminateThread(record_->thread, 0);
   record_->body = nullptr;
   record_->running.reset();
   return true;
 }
 
 bool CWorker::IsAsked() const noexcept { return record_->asked; }
+
+HANDLE CWorker::CurrentStopEvent() noexcept {
+  const Record* record = Record::Current();
+  return record ? record->stop : nullptr;
+}
+
+bool CWorker::CurrentIsAsked() noexcept {
+  const Record* record = Record::Current();
+  return record && record->asked;
+}
 
 HANDLE CWorker::StopEvent() const noexcept { return record_->stop; }
 

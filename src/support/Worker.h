@@ -49,8 +49,15 @@ class CWorker {
   // Asks, and waits until the thread is gone. False when it is not: it is the calling thread, or it is stuck inside the
   // system and will end when it comes back.
   bool End(CDeadline deadline) noexcept;
+  // The same without force.
+  bool AwaitEnd(CDeadline deadline) noexcept { return AskUntilEnded(nullptr, deadline); }
+  // The same without force, for another worker, which gives up when it is asked to end itself.
+  bool EndUnless(const CWorker& asked, CDeadline deadline) noexcept;
 
   // ---- For the thread ----
+  // Of the worker on which this is called; null and false on any other thread.
+  static HANDLE CurrentStopEvent() noexcept;
+  static bool CurrentIsAsked() noexcept;
   bool IsAsked() const noexcept;
   HANDLE StopEvent() const noexcept;
   // False, at once, when the thread is asked to end.
@@ -61,7 +68,7 @@ class CWorker {
   template <class Call>
   void Blocking(Call&& call) noexcept {
     EnterSystem();
-    call();
+    if (!IsAsked()) call();
     LeaveSystem();
   }
   // Clears the handle that others see. The thread may still run for a while.
@@ -73,6 +80,8 @@ class CWorker {
   struct Record;
 
   static unsigned Run(void* record);
+  // Asks again and again until the thread has ended. False when it has not, or `asked` is.
+  bool AskUntilEnded(const CWorker* asked, CDeadline deadline) noexcept;
   void EnterSystem() noexcept;
   void LeaveSystem() noexcept;
 

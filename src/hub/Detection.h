@@ -1,0 +1,17 @@
+// One discovery thread, and what it has in hand.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hub/Hub.h"
+#include "support/HidFile.h"
+
+// Not on the thread's stack: a thread that is ended by force, inside the client's code, loses nothing.
+struct CHub::Detection {
+  std::vector<std::wstring> paths;
+  std::optional<HidFile> readFile;
+  std::optional<HidFile> writeFile;
+  CWorker thread;
+};

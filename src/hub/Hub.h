@@ -1,0 +1,235 @@
+// What stands behind CAudioHidCenter: the device table, discovery, dispatch, keys, speech.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VoxDevice/AudioHidCenter.h"
+#include "VoxDevice/KzCheckDoubleClick.h"
+#include "VoxDevice/Shared.h"
+#include "hid/DeviceReader.h"
+#include "support/CLock.h"
+#include "support/CallbackSlot.h"
+#include "support/Worker.h"
+
+// One accepted vendor/product pair, spelled as in a HID interface path.
+struct LegalHidId {
+  std::string vid;
+  std::string pid;
+  MouseType type;
+};
+
+// One row of the device table. A row stays until the hub is released; when its device goes, it keeps what the next
+// device of the same model takes over.
+struct HidDeviceEntry {
+  int deviceNumber = -1;
+  std::string path;
+  std::shared_ptr<CDeviceReader> reader;  // null when the device has gone, and for a path that must not be opened
+  CReaderMemory memory;                   // of the device that has gone
+};
+
+// The hub's threads, its readers and every operation that runs hold a reference, so that nothing they use can go before
+// they do. CAudioHidCenter holds one, too, and stops everything when it goes.
+//
+// tableLock guards the table, the list of discovery threads, and with them the question whether a device may still
+// come in. It is never held while the client is called or anything is waited for.
+class CHub : public std::enable_shared_from_this<CHub> {
+ public:
+  using AudioCallback = CAudioHidCenter::AudioCallback;
+  using Readers = std::vector<std::shared_ptr<CDeviceReader>>;
+
+  CHub();
+  ~CHub();
+  CHub(const CHub&) = delete;
+  CHub& operator=(const CHub&) = delete;
+  void CopyFrom(CHub& other);
+
+  // An operation of the client's that is inside. The last call of CAudioHidCenter, Close, waits for the others.
+  class Operation {
+   public:
+    explicit Operation(const std::shared_ptr<CHub>& hub) noexcept : hub_(hub) { ++hub_->inside_; }
+    ~Operation() { --hub_->inside_; }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+    CHub* operator->() const noexcept { return hub_.get(); }
+
+   private:
+    const std::shared_ptr<CHub> hub_;
+  };
+  // Ends everything, for good.
+  void Close();
+
+  // The operations of CAudioHidCenter.
+  void OpenDevice(void* callback, void* context);
+  void CloseDevice();
+  void Release();
+  bool ThreadIsClosed();
+  int GetEffectiveDevice() { return GetEffectiveDevice(MouseType_Unknown); }
+  MouseType GetHidMouseType(int device);
+  DataChannel GetDeviceConnectMode(int device);
+  MouseMKeyType GetMKeyType_Key1(int device, int which);
+  void GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names);
+  bool RecordDeviceIsHidDevice(const std::wstring& name);
+  bool WorkHidIsWren();
+  void GetMouseState(int device) { SendToReady(device, HidCommand::GetMouseState); }
+  void GetDongleState(int device);
+  void SetDpi(int device, short dpi);
+  void SetDownloadURL(int device, unsigned char* url, int length);
+  void getMKeyTypeList_Key1(int device);
+  void getMKeyTypeList_Key2(int device);
+  SetMKeyTypeStatus setMKeyType_Key1(int device, MouseMKeyType type);
+  SetMKeyTypeStatus setMKeyType_Key2(int device, MouseMKeyType type);
+  bool OpenHidRecord();
+  bool CloseHidRecord();
+  void StartOTA(int device, FwUpdateType type, const std::string& firstPath, const std::string& secondPath);
+  VoxButtonState GetButtonState_Left();
+  VoxButtonState GetButtonState_Right();
+  VoxButtonState GetButtonState_Key1();
+  VoxButtonState GetButtonState_Key2();
+  bool LeftKeyDown_Up();
+  bool Tern_IsShortPress_R();
+
+  // What the readers hold.
+  static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                      int reportLength, void* hub);
+  static void HidDeviceDisconnect(int device, void* hub);
+  static void FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub);
+  void OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
+                                 int reportLength);
+  void OnHidDeviceDisconnect(int device);
+  void OnFwOtaResultCallback(int device, DataChannel link, FwUpdateState state);
+
+  Shared<bool> anyDeviceConnected{false};
+  KzCheckDoubleClick DoubleClick;
+  Shared<int> workDevice{-1};
+  CallbackSlot<AudioCallback> audioCallback;
+  CallbackSlot<CAudioHidCenter::MouseConnectCallback> mouseConnectCallback;
+  CallbackSlot<CAudioHidCenter::VoiceOperateCallback> voiceOperateCallback;
+  CallbackSlot<CAudioHidCenter::DpiSetCallback> dpiSetCallback;
+  CallbackSlot<CAudioHidCenter::MouseStateCallback> mouseStateCallback;
+  CallbackSlot<CAudioHidCenter::DongleStateCallback> dongleStateCallback;
+  CallbackSlot<CAudioHidCenter::PowerReportCallback> powerReportCallback;
+  CallbackSlot<CAudioHidCenter::DownloadUrlCallback> downloadUrlCallback;
+  CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn> fwOtaResultCallback;
+
+ private:
+  struct Detection;
+  struct Decoders;
+  static std::shared_ptr<Decoders> SharedDecoders();
+
+  // Lifecycle.
+  void OnThreadDeviceDetectionProc(Detection& detection);
+  // Asks discovery and every reader to end, and waits until they have. Returns the readers.
+  Readers Stop(CDeadline deadline);
+  Readers AllReaders();
+  void EndDetections(CDeadline deadline);
+  void ReleaseBy(CDeadline deadline);
+
+  // The table. With tableLock held:
+  template <class Visit>
+  void ForEachLive(int device, Visit visit);
+  void OnDeviceLost(HidDeviceEntry& row);
+  // By themselves:
+  Readers Addressed(int device);
+  std::shared_ptr<CDeviceReader> FindLive(int device);
+  int GetEffectiveDevice(MouseType model);
+  bool CheckDeviceConnect();
+
+  // Commands.
+  void SendToReady(int device, std::uint8_t command, DWORD patience = CDeviceReader::kWritePatience);
+  void AppOpen(int device) { SendToReady(device, HidCommand::AppOpen); }
+
+  // Models and discovery.
+  void InitLegalPid_Vid();
+  MouseType FindLegalId(const HidPathIdentity& identity) const;
+  void OpenHidDevice(Detection& detection);
+  void OpenHidInterface(Detection& detection, const std::wstring& path);
+  void ConnectReader(Detection& detection, MouseType model, const std::string& path, HidConnection& connection);
+  bool PathIsKnown(const std::string& path);
+  void UpdateConnected();
+  void ForgetDevices();
+  void AddBadDevice(std::string path);
+
+  // Replies.
+  void OnProcDeviceConnectReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcVoiceOpenReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcVoiceStopReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDpiReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcMouseStateReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDongleStateReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcMouseSNReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDevicePowerReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcDownloadUrlReply(int device, MouseType model, DataChannel link, CHidData& reply);
+  void OnProcMouseKeyReply(int device, MouseType model, CHidData& reply);
+
+  // Keys.
+  struct KeyRule;
+  void OnKeyReply_Tern(int device, CHidData& reply);
+  void OnKeyReply_Wren(int device, CHidData& reply);
+  void OnKeyReply_Finch(int device, CHidData& reply);
+  void OnKeyReply_Robin(int device, CHidData& reply);
+  void OnKeyReply_Heron(int device, CHidData& reply);
+  void OnKeyReply_Egret(int device, CHidData& reply);
+  void OnKeyReply_Heron_Plus(int device, CHidData& reply);
+  // Deliberately reachable from nowhere: a Swift's key replies are ignored.
+  void OnKeyReply_Swift(int device, CHidData& reply);
+  void OnKeyReply(int device, const CHidData& reply, const KeyRule* rules, std::size_t count);
+  bool AllKeyUp() const;
+  void InitButtonState();
+  void LeftPress(int device);
+  void LeftRelease(int device);
+  void RightPress(int device);
+  void RightRelease(int device);
+  void Key1Release(int device);
+  void SwiftKey1Press(int device);
+  void OpenNavigationKey(int device);
+  void ScreenshotKey(int device);
+  void TernDoubleClick(int device);
+  void TernShortPressRight(int device);
+  void TernI(int device);
+  void TernZ(int device);
+  void TernReleaseAll(int device);
+
+  // Audio.
+  struct AudioChunk;
+  void OnProcAudioData_Tern(int device, CHidData& reply);
+  void OnProcAudioData_Wren(int device, CHidData& reply);
+  void ResetHidAudio();
+  void AppendAudio(const unsigned char* data, int byteCount, AudioChunk& full);
+  void TakeAudio(AudioChunk& chunk);
+  void FlushHidAudio();
+  void CopyAudioFrom(CHub& other);
+  void UnloadAscDecoder();
+
+  std::atomic<int> inside_{0};
+  std::atomic<bool> closed_{false};
+  CLock tableLock;
+  std::vector<HidDeviceEntry> devices;
+  Readers leaving_;  // readers whose devices have gone, as long as a thread of theirs runs
+  std::vector<std::shared_ptr<Detection>> detections;
+  std::shared_ptr<Detection> detectionThread;    // the one started last
+  std::atomic<Detection*> passRunning{nullptr};  // two take turns
+  Shared<bool> stopDetection{false};
+  std::atomic<int> lastDeviceNumber{0};
+  std::vector<LegalHidId> legalIds;
+  // The process's decoders. Their lock also guards the staging buffer; it is never held while a callback runs.
+  const std::shared_ptr<Decoders> decoders_;
+  bool usesAsc_ = false;
+  int audioBytes = 0;
+  std::array<unsigned char, 5096> audioBuffer{};
+  Shared<VoxButtonState> ButtonState_Left{ButtonUp};
+  Shared<VoxButtonState> LastState_Left{ButtonUp};
+  Shared<VoxButtonState> ButtonState_Right{ButtonUp};
+  Shared<bool> ShortPress_R{false};
+  Shared<VoxButtonState> ButtonState_Key1{ButtonUp};
+  Shared<VoxButtonState> ButtonState_Key2{ButtonUp};
+  // The device that last pressed the button; kept when it is released.
+  Shared<int> ButtonHid_Left{-1};
+  Shared<int> ButtonHid_Right{-1};
+  Shared<int> ButtonHid_Key1{-1};
+  Shared<int> ButtonHid_Key2{-1};
+};
