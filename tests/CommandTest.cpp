@@ -244,10 +244,12 @@ TEST(Lifecycle, ThreadIsClosedKeepsItsInvertedRule) {
   desk.open();
   auto wren = desk.connect("Wren");
   EXPECT_FALSE(desk.hub->ThreadIsClosed()) << "discovery runs";
-  desk.hub->CloseDevice();
+  desk.hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) { os::Sleep(500); }), nullptr);
+  wren->reportPower(1);
+  auto closing = desk.machine.spawn([&] { desk.hub->CloseDevice(); });
   desk.run(60ms);
-  EXPECT_TRUE(desk.hub->ThreadIsClosed()) << "discovery has ended, the heartbeat thread has not";
-  desk.run(1100ms);
+  EXPECT_TRUE(desk.hub->ThreadIsClosed()) << "discovery has ended, the read thread has not";
+  closing.join();
   EXPECT_FALSE(desk.hub->ThreadIsClosed());
 }
 
@@ -256,7 +258,7 @@ TEST(Lifecycle, CloseDeviceLetsACallbackFinish) {
   static bool finished;
   desk.open();
   auto wren = desk.connect("Wren");
-  for (const DWORD milliseconds : {200U, 1000U}) {  // CloseDevice waits 0.3 s for it
+  for (const DWORD milliseconds : {1900U, 5000U}) {  // CloseDevice waits two seconds for it
     finished = false;
     static DWORD time;
     time = milliseconds;
@@ -267,8 +269,10 @@ TEST(Lifecycle, CloseDeviceLetsACallbackFinish) {
                                       nullptr);
     wren->reportPower(1);
     desk.run(10ms);
+    const auto begin = desk.milliseconds();
     desk.hub->CloseDevice();
-    EXPECT_EQ(finished, milliseconds < 300);
+    EXPECT_EQ(desk.milliseconds() - begin, std::min<DWORD>(milliseconds - 10, 2000));
+    EXPECT_EQ(finished, milliseconds < 2000);
     desk.hub->Release();
     desk.open();
     desk.run(3s);

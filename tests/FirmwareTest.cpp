@@ -411,7 +411,7 @@ TEST(Firmware, AnswerAndTimeOutMayMeetInAnyOrder) {
     desk.start(FwUpdate_Both, desk.files.with(pattern(33)), desk.files.with(pattern(33)));
     desk.finish(10s);
     EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "3 8", "0 11"})) << "the next one is not disturbed";
-    EXPECT_EQ(desk.machine.balance().threads, 3U);
+    EXPECT_EQ(desk.machine.balance().threads, 4U);
   }
 }
 
@@ -459,7 +459,7 @@ TEST(Firmware, AClientMayStartAgainFromItsCallbackOrHaveNone) {
   desk.run(5s);
   EXPECT_EQ(started, 4);
   EXPECT_EQ(desk.device->firmware(Updated::mouse).completed(), 4U);
-  EXPECT_EQ(desk.machine.balance().threads, 3U);
+  EXPECT_EQ(desk.machine.balance().threads, 4U);
   hub->SetCallback_FwOtaResult(nullptr, nullptr);
   desk.start(FwUpdate_First, file);
   desk.run(5s);

@@ -118,7 +118,7 @@ TEST(Stress, ReadsThatFailAtOnceLeaveNothingRunning) {
     tern->faults.failReads = false;
     desk.run(3s);
     EXPECT_EQ(desk.record.lines("HidConnect").size(), 1U);
-    EXPECT_EQ(desk.machine.balance().threads, 3U) << "discovery, and the two of one reader";
+    EXPECT_EQ(desk.machine.balance().threads, 4U) << "discovery, and the three of one reader";
   }
 }
 

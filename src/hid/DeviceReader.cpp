@@ -122,12 +122,6 @@ void CDeviceReader::End(CDeadline deadline) noexcept {
   if (waiter) waiter->End(deadline);
 }
 
-bool CDeviceReader::HasEnded() noexcept {
-  const CAutoLock lock(otaLock_);
-  return readThread.HasEnded() && heartbeatThread.HasEnded() && writeThread.HasEnded() &&
-         (!otaWaiter_ || otaWaiter_->HasEnded());
-}
-
 void CDeviceReader::ShutDown() noexcept {
   CloseFiles(nullptr);
   ResetState();

@@ -98,8 +98,6 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void Ask() noexcept;
   // Asks, and waits until every thread is gone, but for the calling one. The handles stay open.
   void End(CDeadline deadline) noexcept;
-  // No thread is left.
-  bool HasEnded() noexcept;
   // After End: closes the handles, but for those in which a thread is stuck, and forgets the device.
   void ShutDown() noexcept;
 

@@ -125,14 +125,14 @@ class CHub : public std::enable_shared_from_this<CHub> {
   void OnThreadDeviceDetectionProc(Detection& detection);
   // Asks discovery and every reader to end, and waits until they have. Returns the readers.
   Readers Stop(CDeadline deadline);
-  Readers AllReaders();
+  Readers ReadersToEnd();
   void EndDetections(CDeadline deadline);
   void ReleaseBy(CDeadline deadline);
 
   // The table. With tableLock held:
   template <class Visit>
   void ForEachLive(int device, Visit visit);
-  void OnDeviceLost(HidDeviceEntry& row);
+  void LoseDevice(HidDeviceEntry& row);
   // By themselves:
   Readers Addressed(int device);
   std::shared_ptr<CDeviceReader> FindLive(int device);
@@ -209,7 +209,7 @@ class CHub : public std::enable_shared_from_this<CHub> {
   std::atomic<bool> closed_{false};
   CLock tableLock;
   std::vector<HidDeviceEntry> devices;
-  Readers leaving_;  // readers whose devices have gone, as long as a thread of theirs runs
+  std::vector<std::weak_ptr<CDeviceReader>> leaving_;  // whose devices have gone, as long as a thread of theirs runs
   std::vector<std::shared_ptr<Detection>> detections;
   std::shared_ptr<Detection> detectionThread;    // the one started last
   std::atomic<Detection*> passRunning{nullptr};  // two take turns

@@ -15,7 +15,8 @@ namespace {
 // Reports of a length that the protocol and the reader can use.
 bool IsUsable(HidFile& file) { return file.Check(kMinReportLength) && file.InputLength() <= kMaxInputReportLength; }
 
-std::shared_ptr<CDeviceReader> MakeReader(MouseType model) {
+// model: what the identifier says. settled: a device of that model has been in the row before.
+std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
   switch (model) {
     case MouseType_Tern:
       return std::make_shared<CHidDeviceReader_Tern>();
@@ -23,7 +24,7 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model) {
       return std::make_shared<CZhHidDeviceReader>(MouseType_HeronPlus);
     default:
       // Whatever the identifier says: the reader settles on the true model when the device has identified itself.
-      return std::make_shared<CVoxHidDeviceReader>(MouseType_Wren);
+      return std::make_shared<CVoxHidDeviceReader>(settled ? model : MouseType_Wren);
   }
 }
 
@@ -77,10 +78,18 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
 }
 
 void CHub::ConnectReader(Detection& detection, MouseType model, const std::string& path, HidConnection& connection) {
-  std::shared_ptr<CDeviceReader> before;  // let go of without the lock
-  const std::shared_ptr<CDeviceReader> reader = MakeReader(model);
   const CAutoLock lock(tableLock);
   if (detection.thread.IsAsked() || closed_) return;
+  // The row of a device of this model that has gone, or has been closed, is taken over.
+  const auto known = std::find_if(devices.begin(), devices.end(), [model](const HidDeviceEntry& row) {
+    if (row.reader) return !row.reader->readThread.IsSet() && row.reader->GetMouseType() == model;
+    return row.memory.model == model;
+  });
+  const bool settled = known != devices.end();
+  HidDeviceEntry& row = settled ? *known : devices.emplace_back();
+  if (row.reader) LoseDevice(row);
+  const auto reader = MakeReader(model, settled);
+  reader->Recall(row.memory);
   connection.deviceNumber = ++lastDeviceNumber;
   connection.readHandle = detection.readFile->Give();
   connection.writeHandle = detection.writeFile->Give();
@@ -89,21 +98,10 @@ void CHub::ConnectReader(Detection& detection, MouseType model, const std::strin
   reader->callbackContext = this;
   reader->readerCallback = &CHub::HidDeviceReaderCallback;
   reader->disconnectCallback = &CHub::HidDeviceDisconnect;
-  // The row of a device of this model that has gone, or has been closed, is taken over.
-  const auto known = std::find_if(devices.begin(), devices.end(), [model](const HidDeviceEntry& row) {
-    if (row.reader) return !row.reader->readThread.IsSet() && row.reader->GetMouseType() == model;
-    return row.memory.model == model && row.memory.model != MouseType_Unknown;
-  });
-  HidDeviceEntry& row = known != devices.end() ? *known : devices.emplace_back();
-  if (row.reader) {
-    row.memory = row.reader->Memory();
-    leaving_.push_back(row.reader);
-  }
-  reader->Recall(row.memory);
   row.deviceNumber = connection.deviceNumber;
   row.path = path;
-  before = std::exchange(row.reader, reader);
-  if (!reader->Start()) OnDeviceLost(row);  // it is tried again at the next pass
+  row.reader = reader;
+  if (!reader->Start()) LoseDevice(row);  // it is tried again at the next pass
 }
 
 bool CHub::PathIsKnown(const std::string& path) {
@@ -135,26 +133,24 @@ void CHub::AddBadDevice(std::string path) {
 
 // With tableLock held. The row keeps what the next device of its model takes over; its reader goes with its last
 // thread.
-void CHub::OnDeviceLost(HidDeviceEntry& row) {
+void CHub::LoseDevice(HidDeviceEntry& row) {
   row.deviceNumber = -1;
   row.path.clear();  // the interface may be found and opened again
   if (!row.reader) return;
   row.memory = row.reader->Memory();
-  std::erase_if(leaving_, [](const auto& reader) { return reader->HasEnded(); });
-  leaving_.push_back(std::move(row.reader));
+  std::erase_if(leaving_, [](const auto& reader) { return reader.expired(); });
+  leaving_.push_back(row.reader);
   row.reader.reset();
 }
 
-void CHub::HidDeviceDisconnect(int device, void* hub) {
-  static_cast<CHub*>(hub)->OnHidDeviceDisconnect(device);
-}
+void CHub::HidDeviceDisconnect(int device, void* hub) { static_cast<CHub*>(hub)->OnHidDeviceDisconnect(device); }
 
 void CHub::OnHidDeviceDisconnect(int device) {
   {
     const CAutoLock lock(tableLock);
     const auto row = std::find_if(devices.begin(), devices.end(),
                                   [device](const HidDeviceEntry& entry) { return entry.deviceNumber == device; });
-    if (row != devices.end()) OnDeviceLost(*row);
+    if (row != devices.end()) LoseDevice(*row);
   }
 
   if (ButtonHid_Left == device && ButtonState_Left == ButtonDown) {

@@ -97,11 +97,15 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
   }
 }
 
-CHub::Readers CHub::AllReaders() {
+// A copy shares the readers of its original. It ends them when it is told to, and leaves them alone when it goes.
+CHub::Readers CHub::ReadersToEnd() {
   const CAutoLock lock(tableLock);
-  Readers readers = leaving_;
+  Readers readers;
+  for (const auto& leaving : leaving_) {
+    if (auto reader = leaving.lock()) readers.push_back(std::move(reader));
+  }
   for (const HidDeviceEntry& row : devices) {
-    if (row.reader) readers.push_back(row.reader);
+    if (row.reader && (!closed_ || row.reader->callbackContext == this)) readers.push_back(row.reader);
   }
   return readers;
 }
@@ -113,7 +117,7 @@ CHub::Readers CHub::Stop(CDeadline deadline) {
     const CAutoLock lock(tableLock);
     for (const auto& detection : detections) detection->thread.Ask();
   }
-  Readers readers = AllReaders();
+  Readers readers = ReadersToEnd();
   // All are asked before one is waited for: they end at the same time.
   for (const auto& reader : readers) reader->Ask();
   EndDetections(deadline);
@@ -157,11 +161,10 @@ void CHub::ReleaseBy(CDeadline deadline) {
   const Readers readers = Stop(deadline);
   for (const auto& reader : readers) reader->ShutDown();
   std::vector<HidDeviceEntry> rows;  // let go of without the lock
-  Readers gone;
   {
     const CAutoLock lock(tableLock);
     rows.swap(devices);
-    gone.swap(leaving_);
+    leaving_.clear();
   }
   if (anyDeviceConnected) ForgetDevices();
   UnloadAscDecoder();
