@@ -449,14 +449,20 @@ std::size_t Kernel::runningThreads() const {
   }));
 }
 
-void Kernel::stuck(const char* why) {
-  std::fprintf(stderr, "sim: the machine is stuck at %lld ms: %s\n", static_cast<long long>(now().count() / 1000), why);
+std::string Kernel::waiting() const {
+  std::string text;
   for (const auto& thread : threads_) {
     if (thread->state != Thread::State::waiting) continue;
-    std::fprintf(stderr, "  thread %lu waits for", static_cast<unsigned long>(thread->id));
-    for (const Object* object : thread->waitsFor) std::fprintf(stderr, " %s", object->kind());
-    std::fprintf(stderr, thread->waitsFor.empty() ? " time\n" : "\n");
+    text += "  thread " + std::to_string(thread->id) + " waits for";
+    for (const Object* object : thread->waitsFor) text += std::string(" ") + object->kind();
+    text += thread->waitsFor.empty() ? " time\n" : "\n";
   }
+  return text;
+}
+
+void Kernel::stuck(const char* why) {
+  std::fprintf(stderr, "sim: the machine is stuck at %lld ms: %s\n%s", static_cast<long long>(now().count() / 1000), why,
+               waiting().c_str());
   std::abort();
 }
 

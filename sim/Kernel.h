@@ -223,6 +223,7 @@ class Kernel {
 
   std::size_t openHandles() const { return handles_.size(); }
   std::size_t runningThreads() const;  // those that the machine started
+  std::string waiting() const;         // which threads wait for what, a line each
   std::uint64_t forcedEnds() const { return forcedEnds_; }
   void countForcedEnd() { ++forcedEnds_; }
   std::uint64_t waits() const { return waits_; }

@@ -116,6 +116,11 @@ std::uint64_t Machine::misuses() {
   return kernel_.misuses();
 }
 
+std::string Machine::waiting() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return kernel_.waiting();
+}
+
 std::uint64_t Machine::forcedEnds() {
   const Kernel::Lock lock = kernel_.enterQuietly();
   return kernel_.forcedEnds();

@@ -77,6 +77,7 @@ class Machine {
   Balance balance();
   std::uint64_t waits();
   std::uint64_t misuses();
+  std::string waiting();       // which threads wait for what, a line each
   std::uint64_t forcedEnds();  // threads that were ended by force
 
   // The log: what happened, with its time, when recording is on. Tests add their own lines.

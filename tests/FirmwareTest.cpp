@@ -466,4 +466,208 @@ TEST(Firmware, AClientMayStartAgainFromItsCallbackOrHaveNone) {
   EXPECT_EQ(desk.device->firmware(Updated::mouse).completed(), 5U);
 }
 
+// ---- A start while another update runs: the later one wins whole ----
+
+TEST(Firmware, ARetryFromAResultIsTheUpdateThatRuns) {
+  // From the callback itself, and from another thread while the callback is still running. After a step without an
+  // answer on each of its stages.
+  struct Case {
+    const char* model;
+    UpdateStep silentAt;
+    const char* result;
+  };
+  for (const Case& it : {Case{"Tern", UpdateStep::prepare, "2 1"}, Case{"Wren", UpdateStep::open, "2 3"},
+                         Case{"Swift", UpdateStep::data, "2 5"}, Case{"Tern", UpdateStep::data, "2 5"}}) {
+    for (const bool fromCallback : {true, false}) {
+      SCOPED_TRACE(std::string(it.model) + (fromCallback ? " callback" : " other thread"));
+      static UpdateDesk* desk;
+      static std::string file;
+      static bool retries;
+      static bool inside;
+      UpdateDesk mine(it.model);
+      desk = &mine;
+      const Bytes image = pattern(100, 7);
+      file = mine.files.with(image);
+      retries = fromCallback;
+      inside = false;
+      mine.device->update(Updated::mouse, {.size = 60, .silentAt = it.silentAt});
+      const auto retry = [] {
+        desk->device->update(Updated::mouse, {.size = 100});
+        desk->start(FwUpdate_First, file);
+      };
+      static void (*again)();
+      again = retry;
+      mine.hub->SetCallback_FwOtaResult(
+          reinterpret_cast<void*>(+[](int device, DataChannel link, FwUpdateState state, void*) {
+            desk->record.add("FwOtaResult " + std::to_string(device) + " " + std::to_string(int{link}) + " " +
+                             std::to_string(int{state}));
+            if (state == FwUpdate_ImageFinished || state == FwUpdate_Over) return;
+            if (retries) again();
+            inside = true;
+            os::Sleep(200);
+          }),
+          nullptr);
+      mine.start(FwUpdate_Both, mine.files.with(pattern(60)), mine.files.with(pattern(60)));
+      ASSERT_TRUE(mine.machine.waitFor([] { return inside; }, 10s));
+      if (!fromCallback) again();
+      mine.finish(20s);
+      mine.run(5s);
+      EXPECT_EQ(mine.record.lines("FwOtaResult"), results({it.result, "2 8", "0 11"}));
+      EXPECT_EQ(mine.image(Updated::mouse), image);
+      EXPECT_EQ(mine.machine.balance().threads, 4U);
+    }
+  }
+}
+
+TEST(Firmware, AStartThatMeetsATimeOutOrAnotherStartWinsWhole) {
+  for (std::uint64_t seed = 1; seed <= seeds(300) && !::testing::Test::HasFailure(); ++seed) {
+    const char* const models[] = {"Wren", "Swift", "Tern"};
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    UpdateDesk desk(models[seed % 3], sim::Link::usb, seed);
+    std::mt19937_64 random(seed);
+    const Bytes image = pattern(90, 3);
+    const std::string before = desk.files.with(pattern(50));
+    const std::string file = desk.files.with(image);
+    for (const Updated which : {Updated::mouse, Updated::receiver}) desk.device->update(which, {.size = 50});
+    const UpdateStep silentAt = seed % 3 == 2 ? UpdateStep::prepare : UpdateStep::open;
+    desk.device->update(Updated::mouse, {.size = 50, .silentAt = silentAt});
+    desk.start(FwUpdate_Both, before, before);
+    desk.run(3100ms + std::chrono::microseconds(static_cast<int>(random() % 3000) - 1000));
+    desk.device->update(Updated::mouse, {.size = 90});
+    if (seed % 2 == 0) {
+      // Two at the same time: either wins, and one end is told.
+      auto other = desk.machine.spawn([&] { desk.start(FwUpdate_First, file); });
+      desk.start(FwUpdate_First, file);
+      other.join();
+    } else {
+      desk.start(FwUpdate_First, file);
+    }
+    desk.record.clear();
+    desk.finish(30s);
+    desk.run(5s);
+    const Lines told = desk.record.lines("FwOtaResult");
+    if (seed % 2 != 0) {
+      EXPECT_EQ(told, results({"2 8", "0 11"}));
+      EXPECT_EQ(desk.device->firmware(Updated::mouse).image(), image);
+    } else {
+      // Answers to both are on the wire, and nothing in them tells which is whose: the device may lose its way.
+      EXPECT_EQ(told.size(), 2U);
+      EXPECT_EQ(told.back(), "FwOtaResult 1 0 11");
+    }
+    EXPECT_EQ(desk.machine.balance().threads, 4U) << "no wait thread is left";
+  }
+}
+
+TEST(Firmware, OverlappingStartsShareOneWaitThread) {
+  UpdateDesk desk("Wren");
+  const std::string file = desk.files.with(pattern(2000));
+  for (int pair = 0; pair < 50; ++pair) {
+    desk.device->update(Updated::mouse, {.size = 2000});
+    desk.start(FwUpdate_First, file);
+    desk.run(5ms);
+    desk.start(FwUpdate_First, file);
+    EXPECT_EQ(desk.machine.balance().threads, 5U);
+    desk.finish(10s);
+    desk.record.clear();
+  }
+  desk.run(200ms);
+  EXPECT_EQ(desk.machine.balance().threads, 4U);
+}
+
+TEST(Firmware, AWriteThatTakesItsTimeIsNoMissingAnswer) {
+  for (const char* model : {"Wren", "Heron Plus", "Tern"}) {
+    UpdateDesk desk(model);
+    const Bytes image = pattern(20);
+    desk.device->update(Updated::mouse, {.size = 20});
+    desk.device->faults.writeTime = 3500ms;
+    const auto begin = desk.milliseconds();
+    desk.start(FwUpdate_First, desk.files.with(image));
+    EXPECT_LE(desk.milliseconds() - begin, 2000) << "the client does not wait for it";
+    desk.finish(60s);
+    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "0 11"})) << model;
+    EXPECT_EQ(desk.image(Updated::mouse), image);
+  }
+}
+
+TEST(Firmware, ADeviceThatGoesInTheMiddleIsNamedSo) {
+  UpdateDesk desk("Wren");
+  desk.device->update(Updated::mouse, {.size = 50, .unplugAt = UpdateStep::data});
+  desk.start(FwUpdate_First, desk.files.with(pattern(50)));
+  desk.finish(10s);
+  EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"0 0", "0 11"}));
+  static_assert(FwUpdate_DeviceGone == 0);
+}
+
+// Clients that start updates at any moment and from anywhere, a device that refuses, falls silent, goes and comes.
+TEST(Firmware, UpdatesAndRetriesAtRandomEndWithTheLastOne) {
+  for (std::uint64_t seed = 1; seed <= seeds(150) && !::testing::Test::HasFailure(); ++seed) {
+    const char* const models[] = {"Wren", "Swift", "Tern"};
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    static UpdateDesk* desk;
+    static std::mt19937_64 random;
+    static std::string file;
+    UpdateDesk mine(models[seed % 3], sim::Link::usb, seed);
+    desk = &mine;
+    random.seed(seed);
+    file = mine.files.with(pattern(70));
+    const auto behave = [](bool well) {
+      for (const Updated which : {Updated::mouse, Updated::receiver}) {
+        sim::UpdateScript script{.size = 70, .thinking = std::chrono::milliseconds(random() % 30)};
+        const UpdateStep steps[] = {UpdateStep::prepare, UpdateStep::open, UpdateStep::data, UpdateStep::complete};
+        if (!well && random() % 3 == 0) script.silentAt = steps[random() % 4];
+        if (!well && random() % 3 == 0) script.refuseAt = steps[random() % 4];
+        if (!well && random() % 4 == 0) script.thinking = std::chrono::milliseconds(3090 + random() % 20);
+        if (!well && random() % 4 == 0) script.endsAborts = false;
+        desk->device->update(which, script);
+      }
+    };
+    mine.hub->SetCallback_FwOtaResult(reinterpret_cast<void*>(+[](int device, DataChannel, FwUpdateState, void*) {
+                                        if (random() % 3 == 0) os::Sleep(static_cast<DWORD>(random() % 100));
+                                        if (random() % 4 == 0) desk->hub->StartOTA(device, FwUpdate_First, file, "");
+                                      }),
+                                      nullptr);
+    behave(false);
+    std::vector<sim::Machine::Spawned> clients;
+    for (int client = 0; client < 2; ++client) {
+      clients.push_back(mine.machine.spawn([&] {
+        for (int n = 0; n < 3; ++n) {
+          if (!mine.hub) return;
+          mine.start(static_cast<FwUpdateType>(random() % 3 + 1), file, file);
+          mine.run(std::chrono::milliseconds(random() % 4000));
+          if (random() % 2 == 0) behave(false);
+        }
+      }));
+    }
+    if (seed % 5 == 0) {
+      mine.run(std::chrono::milliseconds(random() % 6000));
+      mine.machine.unplug(mine.device);
+      mine.run(std::chrono::milliseconds(random() % 1500));
+      mine.machine.plug(mine.device);
+    }
+    if (seed % 7 == 0) {
+      mine.run(std::chrono::milliseconds(random() % 4000));
+      mine.close();
+      for (auto& client : clients) client.join();
+      EXPECT_EQ(mine.machine.balance().threads, 0U);
+      continue;
+    }
+    for (auto& client : clients) client.join();
+    mine.run(60s);
+    // Whatever has been: the next one is told of, and arrives.
+    mine.hub->SetCallback_FwOtaResult(
+        reinterpret_cast<void*>(+[](int, DataChannel link, FwUpdateState state, void*) {
+          desk->record.add("FwOtaResult " + std::to_string(int{link}) + " " + std::to_string(int{state}));
+        }),
+        nullptr);
+    mine.fresh();
+    behave(true);
+    mine.start(FwUpdate_Both, file, file);
+    EXPECT_TRUE(mine.machine.waitFor([&] { return mine.record.last() == "FwOtaResult 0 11"; }, 60s));
+    mine.run(5s);
+    EXPECT_EQ(mine.record.lines("FwOtaResult"), (Lines{"FwOtaResult 2 8", "FwOtaResult 3 8", "FwOtaResult 0 11"}));
+    EXPECT_EQ(mine.machine.balance().threads, 4U);
+    EXPECT_EQ(mine.machine.forcedEnds(), 0U);
+  }
+}
+
 }  // namespace

@@ -47,6 +47,7 @@ enum FwUpdateType : int {
 
 // A result of a firmware update.
 enum FwUpdateState : int {
+  FwUpdate_DeviceGone = 0,  // the device went in the middle of the step, which then got no answer; with channel 0
   FwUpdate_PrepareNoAnswer = 1,
   FwUpdate_PrepareRefused = 2,
   FwUpdate_OpenNoAnswer = 3,

@@ -9,6 +9,7 @@ constexpr DWORD kVoicePollPeriod = 10;  // ms
 constexpr DWORD kVoicePatience = 1000;  // ms
 constexpr DWORD kMKeyPollPeriod = 50;   // ms
 constexpr DWORD kMKeyPatience = 2500;   // ms
+constexpr DWORD kMoment = 50;           // ms, in which a device takes a report
 
 }  // namespace
 
@@ -36,7 +37,8 @@ bool CDeviceReader::HandOver(std::span<const std::uint8_t> bytes, std::size_t le
   outputLength_ = length;
   outputStep_ = step;
   os::SetEvent(writePosted_);
-  if (AwaitUnlessStopped(writeToken_, deadline.Left())) os::SetEvent(writeToken_);
+  // A moment is left in any case: another device that is addressed with this one may have used up the time.
+  if (AwaitUnlessStopped(writeToken_, std::max(deadline.Left(), kMoment))) os::SetEvent(writeToken_);
   return true;
 }
 

@@ -51,8 +51,15 @@ class CHub : public std::enable_shared_from_this<CHub> {
   // An operation of the client's that is inside. The last call of CAudioHidCenter, Close, waits for the others.
   class Operation {
    public:
-    explicit Operation(const std::shared_ptr<CHub>& hub) noexcept : hub_(hub) { ++hub_->inside_; }
-    ~Operation() { --hub_->inside_; }
+    // On a thread of the library's (in a callback) that is not ended by force meanwhile: the operation returns soon.
+    explicit Operation(const std::shared_ptr<CHub>& hub) noexcept : hub_(hub) {
+      CHeldLock::Begin();
+      ++hub_->inside_;
+    }
+    ~Operation() {
+      --hub_->inside_;
+      CHeldLock::End();
+    }
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
     CHub* operator->() const noexcept { return hub_.get(); }
@@ -123,8 +130,8 @@ class CHub : public std::enable_shared_from_this<CHub> {
 
   // Lifecycle.
   void OnThreadDeviceDetectionProc(Detection& detection);
-  // Asks discovery and every reader to end, and waits until they have. Returns the readers.
-  Readers Stop(CDeadline deadline);
+  // Asks discovery and every reader to end, and waits until they have.
+  void Stop(CDeadline deadline);
   Readers ReadersToEnd();
   void EndDetections(CDeadline deadline);
   void ReleaseBy(CDeadline deadline);
@@ -148,7 +155,7 @@ class CHub : public std::enable_shared_from_this<CHub> {
   MouseType FindLegalId(const HidPathIdentity& identity) const;
   void OpenHidDevice(Detection& detection);
   void OpenHidInterface(Detection& detection, const std::wstring& path);
-  void ConnectReader(Detection& detection, MouseType model, const std::string& path, HidConnection& connection);
+  void ConnectReader(Detection& detection, MouseType model, HidConnection& connection);
   bool PathIsKnown(const std::string& path);
   void UpdateConnected();
   void ForgetDevices();

@@ -46,18 +46,17 @@ void CHub::OpenHidDevice(Detection& detection) {
 }
 
 void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
-  const std::string narrow = NarrowPath(path);
-  HidPathIdentity identity;
+  detection.path = NarrowPath(path);
   HidConnection connection;
-  if (CAudioHidCenter::ParseUsbHidPath(narrow, identity)) {
+  if (CAudioHidCenter::ParseUsbHidPath(detection.path, detection.identity)) {
     connection.channel = DataChannel_Usb;
-  } else if (CAudioHidCenter::ParseBluetoothHidPath(narrow, identity)) {
+  } else if (CAudioHidCenter::ParseBluetoothHidPath(detection.path, detection.identity)) {
     connection.channel = DataChannel_BluetoothLE;
   } else {
     return;
   }
-  const MouseType model = FindLegalId(identity);
-  if (model == MouseType_Unknown || PathIsKnown(narrow)) return;
+  const MouseType model = FindLegalId(detection.identity);
+  if (model == MouseType_Unknown || PathIsKnown(detection.path)) return;
 
   // Silently: many devices have a collection that only the system may open. It is tried again at every pass.
   auto& readFile = detection.readFile;
@@ -68,7 +67,7 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
     if (IsUsable(*writeFile)) {
       connection.inputReportLength = writeFile->InputLength();
       connection.outputReportLength = writeFile->OutputLength();
-      ConnectReader(detection, model, narrow, connection);
+      ConnectReader(detection, model, connection);
     } else {
       VoxMessage::Log(L"读写hid设备失败", LogType_DeviceRemoved);
     }
@@ -77,7 +76,7 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   writeFile.reset();
 }
 
-void CHub::ConnectReader(Detection& detection, MouseType model, const std::string& path, HidConnection& connection) {
+void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& connection) {
   const CAutoLock lock(tableLock);
   if (detection.thread.IsAsked() || closed_) return;
   // The row of a device of this model that has gone, or has been closed, is taken over.
@@ -99,7 +98,7 @@ void CHub::ConnectReader(Detection& detection, MouseType model, const std::strin
   reader->readerCallback = &CHub::HidDeviceReaderCallback;
   reader->disconnectCallback = &CHub::HidDeviceDisconnect;
   row.deviceNumber = connection.deviceNumber;
-  row.path = path;
+  row.path = detection.path;
   row.reader = reader;
   if (!reader->Start()) LoseDevice(row);  // it is tried again at the next pass
 }

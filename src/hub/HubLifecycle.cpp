@@ -97,9 +97,8 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
   }
 }
 
-// A copy shares the readers of its original. It ends them when it is told to, and leaves them alone when it goes.
+// With tableLock held. A copy shares the readers of its original. It ends them when it is told to, and leaves them alone when it goes.
 CHub::Readers CHub::ReadersToEnd() {
-  const CAutoLock lock(tableLock);
   Readers readers;
   for (const auto& leaving : leaving_) {
     if (auto reader = leaving.lock()) readers.push_back(std::move(reader));
@@ -111,18 +110,18 @@ CHub::Readers CHub::ReadersToEnd() {
 }
 
 // From its beginning on, no device comes in any more: a pass that runs sees under tableLock that its thread is asked.
-CHub::Readers CHub::Stop(CDeadline deadline) {
+void CHub::Stop(CDeadline deadline) {
   stopDetection = true;
+  Readers readers;
   {
     const CAutoLock lock(tableLock);
     for (const auto& detection : detections) detection->thread.Ask();
+    readers = ReadersToEnd();
   }
-  Readers readers = ReadersToEnd();
   // All are asked before one is waited for: they end at the same time.
   for (const auto& reader : readers) reader->Ask();
   EndDetections(deadline);
   for (const auto& reader : readers) reader->End(deadline);
-  return readers;
 }
 
 void CHub::EndDetections(CDeadline deadline) {
@@ -157,15 +156,18 @@ void CHub::ReleaseBy(CDeadline deadline) {
     if (!detection->thread.IsCurrent()) detection->thread.AwaitEnd(deadline.Before(kForExit));
   }
   if (!closed_) SendToReady(-1, HidCommand::AppExit, deadline.Before(kForReaders).Left(CDeviceReader::kWritePatience));
-  // Threads of all readers first: a callback on one reader's thread may be sending to the device of another.
-  const Readers readers = Stop(deadline);
-  for (const auto& reader : readers) reader->ShutDown();
+  Stop(deadline);
   std::vector<HidDeviceEntry> rows;  // let go of without the lock
+  Readers readers;
   {
     const CAutoLock lock(tableLock);
+    readers = ReadersToEnd();
     rows.swap(devices);
     leaving_.clear();
   }
+  // Again, for devices that have come since, by an OpenDevice on another thread.
+  for (const auto& reader : readers) reader->End(deadline);
+  for (const auto& reader : readers) reader->ShutDown();
   if (anyDeviceConnected) ForgetDevices();
   UnloadAscDecoder();
 }

@@ -84,6 +84,7 @@ struct CWorker::Record {
   std::atomic<bool> asked{false};
   std::atomic<bool> set{false};
   std::atomic<bool> started{false};
+  std::atomic<bool> left{false};  // has not ended within somebody's patience
   std::atomic<unsigned> word{kNotBegun};
   std::atomic<HANDLE> thread{nullptr};
   std::atomic<DWORD> id{0};
@@ -169,7 +170,9 @@ bool CWorker::End(CDeadline deadline) noexcept {
     Clear();
     return false;
   }
-  if (AskUntilEnded(nullptr, deadline)) return true;
+  // One that was left once is not waited for again.
+  if (AskUntilEnded(nullptr, record_->left ? CDeadline(0) : deadline)) return true;
+  record_->left = true;
   Clear();
   // Only inside the client's code, and without a lock.
   if (!record_->CompareAndGo(kInClient, kCondemned)) return false;
