@@ -24,9 +24,17 @@ struct HidPathIdentity {
 // argument of a command, -1 addresses every live device. A device is live from its first answer until it sleeps or
 // goes away. Commands skip, silently, devices that are not live or whose firmware is being updated.
 //
-// Threads: any operation may be called from any thread, a callback included, unless it says otherwise. Callbacks run on
-// the device's own read thread unless said otherwise, so those of two devices may run at the same time; the library
-// holds no lock meanwhile. A callback should return soon: its device is not read until it does.
+// Threads: any operation may be called from any thread at any moment, a callback or a message included, also while
+// CloseDevice, Release or the destructor runs on another thread: it works, or returns its not-ready result. (A call may
+// not begin once the destructor has.) Callbacks run on the device's own read thread unless said otherwise, so those of
+// two devices may run at the same time; the library holds no lock meanwhile. A callback should return soon: its device
+// is not read until it does.
+//
+// Time: CloseDevice, Release and the destructor return within two seconds, whatever devices and drivers do. Whatever
+// sends to devices waits for them to take it one second at most, for all addressed devices together; what a driver is
+// still busy with then goes on its way without the caller, and the next report waits or is dropped. A thread that is
+// stuck in a driver is left to itself, and frees what it holds when it comes back. A callback or message that has not
+// returned when the two seconds of a stop are over is ended with its thread, in the middle of the client's code.
 class VOXDEVICE_API CAudioHidCenter {
  public:
   // data: signed 16-bit little-endian mono PCM, 16 kHz, valid during the call only; byteCount bytes of it.
@@ -50,39 +58,47 @@ class VOXDEVICE_API CAudioHidCenter {
 
   // Takes the double-click preferences, once.
   CAudioHidCenter();
-  // Neither stops threads nor sends anything: Release does. A thread that is still there is ended.
+  // Ends what still runs, as Release does, but sends nothing. On one of the hub's own threads (in a callback) that thread
+  // ends after the callback. Waits, within the two seconds, for operations that other threads are inside.
   virtual ~CAudioHidCenter();
-  // Copies share the readers of the original.
+  // A copy has the values, the callbacks and the devices of its original, and no thread. The devices stay the original's:
+  // it alone is told what they send, and they end with it; Release of a copy ends them, too.
   CAudioHidCenter(const CAudioHidCenter& other);
   CAudioHidCenter& operator=(const CAudioHidCenter& other);
 
   // The instance constructed last; null before there is one.
   static CAudioHidCenter* Instance() noexcept;
 
-  // ---- Lifecycle: one client thread ----
-  // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null.
+  // ---- Lifecycle ----
+  // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null. After CloseDevice
+  // it finds new devices; those that were open are found again only after Release.
   void OpenDevice(void* audioCallback, void* audioContext);
-  // Stops discovery and reading. No callback runs any more when it returns, unless it was called from one, or one did
-  // not return within 0.3 s and was ended by force. A firmware update that runs still reports its end, without an
-  // answer.
+  // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer returns.
+  // When it returns, neither callbacks nor messages run, unless it was called from one. A firmware update that runs is
+  // dropped without a result. The devices stay open, and known, until Release.
   void CloseDevice();
-  // Sends AppExit to every live device, ends every thread, closes every handle and forgets every device. On a reader's
-  // own thread (in a callback) it leaves that one thread to end after the callback; what it uses goes with the hub.
+  // Sends AppExit to every live device (after CloseDevice none is), ends every thread, closes every handle and forgets
+  // every device. On a thread of the hub's own (in a callback) it leaves that one thread to end after the callback, which
+  // then closes what it uses.
   void Release();
   // Deliberately the shipped rule: true when discovery has ended and some reader thread still runs.
   bool ThreadIsClosed();
 
   // ---- Queries ----
+  // Whether a device was live when discovery last looked, or the last one has gone since. False after Release;
+  // CloseDevice alone leaves it as it was.
   bool IsConnect() const;
   // The live device opened last, -1 when there is none.
   int GetEffectiveDevice();
   // 0 when no live device has exactly this number (-1 matches nothing); also below.
   MouseType GetHidMouseType(int device);
   DataChannel GetDeviceConnectMode(int device);
-  // The M key's function as the device last reported it; 0 also unless `which` is 1.
+  // The M key's function as the device last reported it; 0 also unless `which` is 1. A device that takes the row of one of
+  // its model that has gone begins with that one's function and list.
   MouseMKeyType GetMKeyType_Key1(int device, int which);
   MouseMKeyType GetMKeyType_Key2(int device, int which);
-  // Live devices and their names, in the order in which they were first seen.
+  // Live devices and their names, in the order of the device table: a device takes the row of one of its model that has
+  // gone, or else a new one at the end.
   void GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names);
   static std::wstring GetHidName(MouseType model);
   // Whether a sound-recording device, by its display name, belongs to a live device; makes that the work device (or
@@ -102,13 +118,16 @@ class VOXDEVICE_API CAudioHidCenter {
   // dpi in dots per inch; answered through DpiSet.
   void SetDpi(int device, short dpi);
   // url: `length` characters, replaced in place by the codes that are sent (a to z, A to Z, 0 to 9, - = . /; any other
-  // character, the colon too, ends the operation with nothing sent). Answered through DownloadUrl.
+  // character, the colon too, ends the operation with nothing sent). At most 8 less than the device's output report has
+  // bytes: 56 for reports of 64, 32 for 40; a longer one is replaced and not sent. With -1 the first live device
+  // replaces the characters, and gets them; to the others they are codes already. Answered through DownloadUrl.
   void SetDownloadURL(int device, unsigned char* url, int length);
   // Answered through VoxMessageSink::MKeyTypeSet.
   void getMKeyTypeList_Key1(int device);
   // No model has a list for key 2: sends nothing.
   void getMKeyTypeList_Key2(int device);
-  // Blocks up to 2.5 s for each addressed device. The status of the last one; 1 when none was addressed.
+  // Blocks up to 2.5 s for each addressed device; in a callback of that same device it can only time out. The status of
+  // the last one; 1 when none was addressed, or the hub was stopped meanwhile.
   SetMKeyTypeStatus setMKeyType_Key1(int device, MouseMKeyType type);
   // Deliberately sends nothing: 5 when a live device was addressed, else 1.
   SetMKeyTypeStatus setMKeyType_Key2(int device, MouseMKeyType type);
@@ -116,19 +135,24 @@ class VOXDEVICE_API CAudioHidCenter {
   // that same device it can only time out.
   bool OpenHidRecord();
   // Closes the work device's voice channel (every live device's when there is no work device), delivers the rest of
-  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second.
+  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second; in
+  // a callback of that same device it can only time out. True when the hub is stopped meanwhile.
   bool CloseHidRecord();
   // Updates the firmware of the live device with exactly this number: the first file goes to the device itself, the
   // second to its receiver (over Bluetooth LE there is none; FwUpdate_Both then sends the first alone). Nothing
   // happens, and nothing is reported, when there is no such device. Returns when the files are read and the first
-  // request is sent.
+  // request is sent, or after a second when the device has not taken that by then.
   //
   // Progress comes through VoxMessageSink::OtaProgress, results through FwOtaResult: one or more for each image, with
   // its channel, and FwUpdate_Over with channel 0 once at the end. Both on the device's read thread for answers and on
-  // a wait thread of the update for steps that get no answer within 3.1 s (which are also printed to standard output),
-  // on the calling thread when there is nothing to send. A file that cannot be read leaves its image empty; what then
-  // happens is the device's decision, so check files first. While an update runs, the device takes no other command and
-  // gets no heartbeat. A second call meanwhile begins anew.
+  // a wait thread of the update for steps that get no answer within 3.1 s of the request's being written (which are also
+  // printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read leaves
+  // its image empty; what then happens is the device's decision, so check files first. While an update runs, the device
+  // takes no other command and gets no heartbeat. When the device goes, the update reports FwUpdate_DeviceGone after
+  // the 3.1 s, and its end.
+  //
+  // A second call while an update runs, from a result callback too, takes its place: its images, its plan, and from its
+  // return on its results only. Of several at the same time the last one wins.
   void StartOTA(int device, FwUpdateType type, std::string firstPath, std::string secondPath);
 
   // ---- Keys: polled by the client; each getter makes the device that last pressed its button the work device ----

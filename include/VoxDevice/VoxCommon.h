@@ -42,8 +42,8 @@ enum MainMenuType : int {
 };
 
 // Receives what the library tells the client application. Every operation is called on the thread that caused it
-// (mostly one of a device's own two threads), so several may run at the same time. Texts and lists are valid only
-// during the call.
+// (mostly one of a device's own threads), so several may run at the same time. Texts and lists are valid only during the
+// call. One that does not return within two seconds while its thread is stopped is ended there with the thread.
 class VoxMessageSink {
  public:
   virtual ~VoxMessageSink() = default;
