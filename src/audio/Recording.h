@@ -59,8 +59,9 @@ class CRecording {
   void Deliver(const char* data, std::size_t byteCount);
 
  private:
-  bool AwaitLast() noexcept;
-  void Silence() noexcept;
+  class CPatience;
+  bool AwaitLast(CPatience& patience) noexcept;
+  void Silence(CPatience& patience) noexcept;
 
   const std::shared_ptr<const RecordedData> callback_;
   std::atomic<bool> ended_{false};

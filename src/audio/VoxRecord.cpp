@@ -128,6 +128,7 @@ class CVoxRecord::Recording final : public CRecording {
   }
   bool Queue() noexcept {
     const CAutoLock lock(lock_);
+    if (!device_) return false;
     for (std::size_t i = 0; i < kBuffers; ++i) {
       if (os::waveInPrepareHeader(device_, &Header(i), sizeof(WAVEHDR)) != MMSYSERR_NOERROR || !Queue(i)) return false;
     }
@@ -135,6 +136,7 @@ class CVoxRecord::Recording final : public CRecording {
   }
   void Unprepare() noexcept {
     const CAutoLock lock(lock_);
+    if (!device_) return;
     for (WAVEHDR& header : buffers_->headers) os::waveInUnprepareHeader(device_, &header, sizeof header);
   }
   unsigned StartGetRecordData() noexcept {
@@ -200,8 +202,9 @@ CVoxRecord::CVoxRecord() : m_pRecorder(std::make_shared<Recorder>(this, threads_
 CVoxRecord::~CVoxRecord() {
   const RecorderOperation inside(m_pRecorder);
   inside->callback->Set(nullptr, nullptr);
-  inside->Close(CDeadline(CWorker::kPatience));
-  EndThreads();
+  const CDeadline deadline(CWorker::kPatience);
+  inside->Close(deadline);
+  EndThreads(deadline.Left());
 }
 
 // The original may go while it is copied: a reference to what stands behind it is taken first.
