@@ -39,10 +39,11 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   int StartRecord();
   // Stops: 0, or 7 (stopping or closing failed), 11 (resetting failed); 0 when nothing records. Waits until every
   // buffer that the driver has is back and delivered: as long as the callbacks take, but three seconds at most for the
-  // driver, which gives 7. What could not be closed is, if possible, at the next start or with the object. No callback
-  // runs for the recording when this has returned. In a callback of the recording it does not wait: what the driver
-  // still has is not delivered. When another thread is just stopping it, this waits for that, three seconds at most
-  // (7), and calls no callback.
+  // driver, which gives 7. What could not be closed is closed, if possible, at the next start or with the object. When
+  // this has returned, no callback runs for the recording, except where it has not waited for it:
+  // - In a callback of the recording it waits for nothing; what the driver still has is not delivered.
+  // - In a callback of another recording it waits three seconds at most, also for callbacks (7).
+  // - When another thread is just stopping it, this waits for that, three seconds at most (7), and marks no end.
   unsigned int StopRecord();
   // Records, in laser-pen mode, the device with exactly this name. Forgotten when there is none.
   void SetPen_MeetMode(std::wstring deviceName);

@@ -35,11 +35,12 @@ class VOXDEVICE_API CVoxSpeakerRecord {
   // samples, one or two channels and 16 kHz or more are accepted. After the engine has failed in mid-recording it
   // starts anew, without an end mark for what has failed.
   int StartRecord();
-  // Stops, waits for the last block and marks the end: always 0. Waits as long as the callbacks take, three seconds at
-  // most for the engine. No callback runs for the recording when this has returned.
-  // In a callback of another recording it waits three seconds at most. In one of this recording it does not wait, and
-  // nothing more is delivered. When another thread is just stopping it, this waits for that, three seconds at most, and
-  // calls no callback.
+  // Stops, waits for the last block and marks the end: always 0. Waits as long as the callbacks take, but three seconds
+  // at most for the engine. When this has returned, no callback runs for the recording, except where it has not waited
+  // for it:
+  // - In a callback of the recording it waits for nothing, and nothing more is delivered.
+  // - In a callback of another recording it waits three seconds at most, also for callbacks.
+  // - When another thread is just stopping it, this waits for that, three seconds at most, and marks no end.
   unsigned int StopRecord();
 
  private:

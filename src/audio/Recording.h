@@ -40,7 +40,6 @@ class CRecording {
   // Waits until it has been ended; not on the thread that does it, nor on the recording's own.
   bool AwaitOver() const noexcept;
   bool IsOver() const noexcept { return over_; }
-  void SetOver() noexcept { over_ = true; }
   bool IsOf(const RecordedData& callback) const noexcept { return callback_.get() == &callback; }
 
   // Closes the device; 0, or what StopRecord says. Any thread, again and again.
