@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/Desk.h"
+#include "tests/RandomClients.h"
 
 namespace {
 
@@ -120,6 +121,12 @@ TEST(RealClock, RecordsMicrophoneAndSpeakerAtOnce) {
     EXPECT_EQ(speaker.StopRecord(), 0U);
   }
   EXPECT_GT(bytes, 3 * 2 * 4096);
+}
+
+TEST(RealClock, ClientsAtRandomAndAnEndAtAnyMoment) {
+  for (std::uint64_t seed = 1; seed <= seeds(10) && !HasFailure(); ++seed) {
+    clientsAtRandom(seed, sim::Clock::realTime);
+  }
 }
 
 TEST(RealClock, StopsAtAnyMoment) {
