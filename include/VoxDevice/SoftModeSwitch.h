@@ -4,13 +4,11 @@
 #include <memory>
 
 #include "VoxDevice/Api.h"
-#include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
 class CAudioHidCenter;
 class CFormerLaserPen;
 class CFormerMouse;
-class CWorkerThread;
 
 // Every 8 s it looks which older devices are plugged in, and sets the working mode (CPreferences::GetHardWare) when
 // there is one kind only. When there are both, it watches the keys every 0.1 s and follows the one that is pressed. A
@@ -23,33 +21,22 @@ class VOXDEVICE_API CSoftModeSwitch {
   CSoftModeSwitch();
   // Ends the thread.
   ~CSoftModeSwitch();
-  CSoftModeSwitch(const CSoftModeSwitch&) = delete;
-  CSoftModeSwitch& operator=(const CSoftModeSwitch&) = delete;
+  CSoftModeSwitch(const CSoftModeSwitch& other);
+  CSoftModeSwitch& operator=(const CSoftModeSwitch& other);
 
   // pauseKeyCheck: a PauseCallback; without one no key switches the mode. Starts the thread when mouse, hub and pen are
   // given, which must outlive it; nothing happens while it runs.
   void StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
                   CFormerLaserPen* pen);
   // The thread ends within about 50 ms.
-  void StopCheck() { StopSwitch = true; }
+  void StopCheck();
   // Ends the thread by force.
   void Release();
   // Deliberately always true.
   bool ThreadIsClosed() const { return true; }
 
  private:
-  static void ChangeHardwareMode(VoxHardWare kind);
-  static unsigned ThreadProcChangeHardwareMode(void* self);
-  void OnThreadChangeHardwareMode();
-  void OnThreadCheck_ID();
-  void OnThreadCheck_Key();
-
-  std::unique_ptr<CWorkerThread> SwitchThread;
-  Shared<bool> StopSwitch{false};
-  Shared<bool> BothPresent{false};
-  CFormerLaserPen* LaserPen = nullptr;
-  CFormerMouse* Mouse = nullptr;
-  CAudioHidCenter* Hub = nullptr;
-  PauseCallback PauseKeyCheck = nullptr;
-  void* PauseContext = nullptr;
+  struct State;
+  struct Owner;
+  std::shared_ptr<Owner> owner_;
 };

@@ -96,8 +96,7 @@ CWorker::CWorker(HANDLE stop) : record_(std::make_shared<Record>(stop)) {}
 
 bool CWorker::Start(Body body) noexcept {
   Record& record = *record_;
-  if (record.asked) return true;
-  if (record.started.exchange(true)) return false;
+  if (record.asked || record.started.exchange(true)) return false;
   record.body = std::move(body);
   record.running = record_;
   unsigned id = 0;
