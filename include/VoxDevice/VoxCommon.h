@@ -10,8 +10,7 @@
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
-class CWorkerPool;
-class CWorkerThread;
+class CWorker;
 
 // Log categories.
 enum LogType : int {
@@ -42,8 +41,8 @@ enum MainMenuType : int {
 };
 
 // Receives what the library tells the client application. Every operation is called on the thread that caused it
-// (mostly one of a device's own threads), so several may run at the same time. Texts and lists are valid only during the
-// call. One that does not return within two seconds while its thread is stopped is ended there with the thread.
+// (mostly one of a device's own threads), so several may run at the same time. Texts and lists are valid only during
+// the call. One that does not return within two seconds while its thread is stopped is ended there with the thread.
 class VoxMessageSink {
  public:
   virtual ~VoxMessageSink() = default;
@@ -147,6 +146,8 @@ class VOXDEVICE_API CThread {
   };
 
  protected:
+  struct Threads;
+
   CThread();
   // A copy has no thread of its own.
   CThread(const CThread& other);
@@ -154,13 +155,18 @@ class VOXDEVICE_API CThread {
   // EndThreads must have been called: the threads run a member of the object that is going.
   ~CThread();
   // On the thread: waits for its next message. False when the thread is to end.
-  bool NextMessage(Message& message);
-  // Ends every thread that was started, those that wait for messages at once.
+  static bool NextMessage(Message& message);
+  // Asks every thread that was started to end, and waits for them, two seconds at most; no other starts any more. Those
+  // that wait for messages end at once. On one of them: that one ends when it comes back from what it is doing.
   void EndThreads() noexcept;
+  // The same as StartThread, for who may outlive the object: the thread runs its ThreadProc all the same, unless
+  // EndThreads has been called. It owns `owned` until it has ended. Null: it could not be started.
+  static std::shared_ptr<CWorker> Start(const std::shared_ptr<Threads>& threads, CThread* object,
+                                        std::shared_ptr<void> owned);
+  // On the thread: what it owns. Null on any other.
+  void* Owned() const noexcept;
 
- private:
-  std::unique_ptr<CWorkerPool> threads_;
-  CWorkerThread* latest_ = nullptr;
+  const std::shared_ptr<Threads> threads_;
 };
 
 // The Windows version as far as it matters here.

@@ -11,9 +11,9 @@
 // Construct, Init, then StartRecord and StopRecord around each utterance. 16 kHz, mono, signed 16-bit little-endian
 // PCM, in buffers of up to 4096 bytes (128 ms).
 //
-// Threads: Init, StartRecord, StopRecord, SetPen_MeetMode and the destructor belong to one client thread. The callback
-// runs on the object's record thread, the last end mark of a recording on the thread that calls StopRecord. It must not
-// call StopRecord, which waits for the record thread.
+// Threads: any thread may call anything at any time, also in a callback, and copy, assign or destroy the object while
+// others are inside. The callback runs on the record thread, the last end mark of a recording on the thread that calls
+// StopRecord; the library holds no lock meanwhile.
 // The destructor is not virtual: delete an object as what it is.
 class VOXDEVICE_API CVoxRecord : public CThread {
  public:
@@ -23,19 +23,26 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   using DataCallback = void (*)(const char* data, int byteCount, void* context);
 
   CVoxRecord();
-  // Ends a recording that still runs, without an end mark.
+  // Ends a recording that was started on this object, without an end mark. Returns within two seconds: a driver that
+  // takes longer is left alone; a callback that takes longer is ended with its thread. In a callback of the recording
+  // it returns at once, and nothing is called after that.
   ~CVoxRecord();
-  // Copies share the buffers and the device.
+  // A copy shares the recording that runs: either may stop it. It ends with the object that started it. A recording of
+  // the object that is assigned to ends as with the destructor, but that its callback is not ended by force.
   CVoxRecord(const CVoxRecord& other);
   CVoxRecord& operator=(const CVoxRecord& other);
 
   // dataCallback: a DataCallback, or null.
   void Init(void* dataCallback, void* context);
-  // Chooses a device, sets its input volume and starts recording: 1. 0 when that fails; log and tray say why.
+  // Chooses a device, sets its input volume and starts recording: 1. A recording that runs ends, without an end mark. 0
+  // when that fails, and log and tray say why; and when another thread is just starting one on this object.
   int StartRecord();
-  // Stops: 0, or 7 (stopping or closing failed), 11 (resetting failed). Waits, without a limit, until the driver has
-  // returned every buffer: with a driver that keeps one, or after the device refused a buffer in mid-recording, it does
-  // not come back.
+  // Stops: 0, or 7 (stopping or closing failed), 11 (resetting failed); 0 when nothing records. Waits until every
+  // buffer that the driver has is back and delivered: as long as the callbacks take, but three seconds at most for the
+  // driver, which gives 7. What could not be closed is, if possible, at the next start or with the object. No callback
+  // runs for the recording when this has returned. In a callback of the recording it does not wait: what the driver
+  // still has is not delivered. When another thread is just stopping it, this waits for that, three seconds at most
+  // (7), and calls no callback.
   unsigned int StopRecord();
   // Records, in laser-pen mode, the device with exactly this name. Forgotten when there is none.
   void SetPen_MeetMode(std::wstring deviceName);
@@ -55,25 +62,9 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   unsigned long ThreadProc() override;
 
  private:
-  struct Capture;
+  struct Buffers;
+  class Recording;
+  struct Recorder;
 
-  unsigned int FindDevice();
-  unsigned int OpenDevice();
-  unsigned int StartGetRecordData();
-  unsigned int StopGetRecordData();
-  void Uninitialize();
-  void Deliver(const char* data, int byteCount);
-  bool OnBuffer(std::intptr_t header);
-
-  Shared<DataCallback> m_pfnData{nullptr};
-  // The device, the buffers and their headers. The driver writes to them while the device is open, so they go with the
-  // last copy of this object, after the device.
-  std::shared_ptr<Capture> m_pCapture;
-  Shared<int> m_nReturned{0};        // buffers that are back since recording stopped
-  void* m_hAllReturned = nullptr;    // auto-reset event: all of them are
-  Shared<bool> m_bRecording{false};  // whether a buffer that comes back is queued again
-  int m_nDeviceId = -1;              // wave-in index
-  Shared<void*> m_pContext{nullptr};
-  bool m_bPenMeetMode = false;
-  std::wstring m_strPenMeetDevice;
+  const std::shared_ptr<Recorder> m_pRecorder;
 };

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <vector>
 
+#include "audio/Recording.h"
 #include "audio/SoundCard.h"
 #include "platform/os.h"
 
@@ -16,7 +18,6 @@ enum RecordResult : unsigned {
   kOk = 0,
   kThreadFailed = 3,
   kBufferFailed = 5,
-  kStopFailed = 7,
   kNotOpen = 8,
   kStartFailed = 9,
   kPauseFailed = 10,
@@ -93,210 +94,334 @@ Choice ChooseForMouse(const std::vector<std::wstring>& names) {
 }  // namespace
 
 // What the driver works on.
-struct CVoxRecord::Capture {
-  Capture() {
+struct CVoxRecord::Buffers {
+  Buffers() {
     for (std::size_t i = 0; i < kBuffers; ++i) {
       headers[i].lpData = data.data() + i * kBufferBytes;
       headers[i].dwBufferLength = kBufferBytes;
       headers[i].dwLoops = 1;
     }
   }
-  ~Capture() { Close(); }
-  Capture(const Capture&) = delete;
-  Capture& operator=(const Capture&) = delete;
+  Buffers(const Buffers&) = delete;
+  Buffers& operator=(const Buffers&) = delete;
 
-  bool Queue(std::size_t i) {
-    queued[i] = true;
-    if (os::waveInAddBuffer(device, &headers[i], sizeof headers[i]) == MMSYSERR_NOERROR) return true;
-    queued[i] = false;
-    return false;
-  }
-  bool Prepare(std::size_t i) {
-    return os::waveInPrepareHeader(device, &headers[i], sizeof headers[i]) == MMSYSERR_NOERROR;
-  }
-  void Unprepare(HWAVEIN from) {
-    for (WAVEHDR& header : headers) os::waveInUnprepareHeader(from, &header, sizeof header);
-  }
-  // Takes the buffers away from the driver, also where an earlier step has failed.
-  void Close() {
-    for (Shared<HWAVEIN>* field : {&device, &leftOpen}) {
-      const HWAVEIN open = field->exchange(nullptr);
-      if (!open) continue;
-      os::waveInReset(open);
-      Unprepare(open);
-      os::waveInClose(open);
-    }
-    std::fill(queued.begin(), queued.end(), false);
-  }
-
-  Shared<HWAVEIN> device{nullptr};
-  Shared<HWAVEIN> leftOpen{nullptr};  // could not be stopped
   std::array<WAVEHDR, kBuffers> headers{};
-  std::array<Shared<bool>, kBuffers> queued{};  // which the driver has
   std::array<char, kBuffers * kBufferBytes> data{};
 };
 
-CVoxRecord::CVoxRecord()
-    : m_pCapture(std::make_shared<Capture>()), m_hAllReturned(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+// One lock guards the device: which buffers the driver has, whether one may still be queued, and the driver's calls
+// that change that. So none is queued once the device is being stopped.
+class CVoxRecord::Recording final : public CRecording {
+ public:
+  Recording(std::shared_ptr<const RecordedData> callback, std::shared_ptr<Buffers> buffers)
+      : CRecording(std::move(callback)), buffers_(std::move(buffers)) {}
+  ~Recording() override {
+    if (Close() != kStopped) GiveUp(std::move(buffers_));
+  }
+
+  MMRESULT Open(int index, DWORD_PTR instance) noexcept {
+    HWAVEIN device = nullptr;
+    const MMRESULT error =
+        os::waveInOpen(&device, static_cast<UINT>(index), &kFormat, thread->Id(), instance, CALLBACK_THREAD);
+    if (error == MMSYSERR_NOERROR) device_ = device;
+    return error;
+  }
+  bool Queue() noexcept {
+    const CAutoLock lock(lock_);
+    for (std::size_t i = 0; i < kBuffers; ++i) {
+      if (os::waveInPrepareHeader(device_, &Header(i), sizeof(WAVEHDR)) != MMSYSERR_NOERROR || !Queue(i)) return false;
+    }
+    return true;
+  }
+  void Unprepare() noexcept {
+    const CAutoLock lock(lock_);
+    for (WAVEHDR& header : buffers_->headers) os::waveInUnprepareHeader(device_, &header, sizeof header);
+  }
+  unsigned StartGetRecordData() noexcept {
+    const CAutoLock lock(lock_);
+    if (!device_) return kNotOpen;
+    return os::waveInStart(device_) == MMSYSERR_NOERROR ? kOk : kStartFailed;
+  }
+  unsigned long Run();
+  unsigned Close() noexcept override;
+
+ protected:
+  unsigned StopSource() noexcept override;
+  bool SourceKeeps() noexcept override;
+
+ private:
+  static void GiveUp(std::shared_ptr<Buffers> buffers);
+
+  WAVEHDR& Header(std::size_t i) noexcept { return buffers_->headers[i]; }
+  // With the lock held.
+  bool Queue(std::size_t i) noexcept {
+    if (!device_ || !recording_) return false;
+    queued_[i] = true;
+    queued_[i] = os::waveInAddBuffer(device_, &Header(i), sizeof(WAVEHDR)) == MMSYSERR_NOERROR;
+    return queued_[i];
+  }
+  bool AllReturned() noexcept {
+    const CAutoLock lock(lock_);
+    return !recording_ && std::none_of(queued_.begin(), queued_.end(), [](bool queued) { return queued; });
+  }
+  bool OnBuffer(std::intptr_t header);
+
+  std::shared_ptr<Buffers> buffers_;
+  CLock lock_;  // for what follows
+  HWAVEIN device_ = nullptr;
+  bool recording_ = true;  // whether a buffer that comes back is queued again
+  bool reset_ = false;
+  std::array<bool, kBuffers> queued_{};  // which the driver has
+};
+
+// What stands behind a CVoxRecord.
+struct CVoxRecord::Recorder final : CRecorder {
+  Recorder(CThread* owner, std::shared_ptr<Threads> its) : object(owner), threads(std::move(its)) {}
+
+  Choice ChooseDevice();
+  unsigned FindDevice(int& index);
+  unsigned OpenDevice(int index, std::shared_ptr<Recording>& opened);
+  int StartRecord();
+  // The one that ran before ends, and its device is closed.
+  void EndEarlier() noexcept;
+  std::shared_ptr<Buffers> FreeBuffers();
+
+  CThread* const object;  // for its thread alone
+  const std::shared_ptr<Threads> threads;
+  // Under the lock.
+  bool penMeetMode = false;
+  std::wstring penMeetDevice;
+  std::shared_ptr<Buffers> buffers = std::make_shared<Buffers>();
+};
+
+CVoxRecord::CVoxRecord() : m_pRecorder(std::make_shared<Recorder>(this, threads_)) {}
 
 CVoxRecord::~CVoxRecord() {
-  m_pfnData = nullptr;
-  m_pContext = nullptr;
+  const RecorderOperation inside(m_pRecorder);
+  inside->callback->Set(nullptr, nullptr);
+  inside->Close(CDeadline(CWorker::kPatience));
   EndThreads();
 }
 
-CVoxRecord::CVoxRecord(const CVoxRecord& other) = default;
-CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) = default;
+CVoxRecord::CVoxRecord(const CVoxRecord& other) : CVoxRecord() { *this = other; }
+
+CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) {
+  const RecorderOperation from(other.m_pRecorder);
+  const RecorderOperation to(m_pRecorder);
+  if (&other == this) return *this;
+  bool penMeetMode = false;
+  std::wstring penMeetDevice;
+  {
+    const CAutoLock lock(from->lock);
+    penMeetMode = from->penMeetMode;
+    penMeetDevice = from->penMeetDevice;
+  }
+  {
+    const CAutoLock lock(to->lock);
+    to->penMeetMode = penMeetMode;
+    to->penMeetDevice.swap(penMeetDevice);
+  }
+  *to->callback = *from->callback;
+  to->ShareRecordingOf(*from.operator->());
+  return *this;
+}
 
 void CVoxRecord::Init(void* dataCallback, void* context) {
-  m_pfnData = reinterpret_cast<DataCallback>(dataCallback);
-  m_pContext = context;
+  RecorderOperation(m_pRecorder)->callback->Set(reinterpret_cast<DataCallback>(dataCallback), context);
 }
 
 void CVoxRecord::SetPen_MeetMode(std::wstring deviceName) {
-  m_bPenMeetMode = true;
-  m_strPenMeetDevice = std::move(deviceName);
+  const RecorderOperation inside(m_pRecorder);
+  const CAutoLock lock(inside->lock);
+  inside->penMeetMode = true;
+  inside->penMeetDevice.swap(deviceName);
 }
 
-CVoxRecord::Choice CVoxRecord::ChooseDevice() const {
+CVoxRecord::Choice CVoxRecord::ChooseDevice() const { return RecorderOperation(m_pRecorder)->ChooseDevice(); }
+int CVoxRecord::StartRecord() { return RecorderOperation(m_pRecorder)->StartRecord(); }
+unsigned int CVoxRecord::StopRecord() { return RecorderOperation(m_pRecorder)->Stop(); }
+
+unsigned long CVoxRecord::ThreadProc() {
+  // Nothing of this object from here on: it may go while its thread is in a callback.
+  if (auto* recording = static_cast<Recording*>(Owned())) return recording->Run();
+  for (Message message; NextMessage(message);) {
+  }
+  return 1;
+}
+
+// ---- Starting -------------------------------------------------------------------------------------------------------
+
+CVoxRecord::Choice CVoxRecord::Recorder::ChooseDevice() {
   const std::vector<std::wstring> names = WaveInDeviceNames();
   if (CPreferences::Instance()->GetHardWare() == HardWare_Mouse) return ChooseForMouse(names);
-  if (m_bPenMeetMode) {
-    return FirstOf(names, "the meeting's", [this](const std::wstring& name) { return name == m_strPenMeetDevice; });
+  const CAutoLock guard(lock);
+  if (penMeetMode) {
+    return FirstOf(names, "the meeting's", [this](const std::wstring& name) { return name == penMeetDevice; });
   }
   const std::wstring pen = L"VoxMouse Pipit";
   return FirstOf(
       names, "the laser pen's", [&](const std::wstring& name) { return Contains(name, pen.c_str()); }, pen);
 }
 
-unsigned int CVoxRecord::FindDevice() {
-  m_nDeviceId = -1;
+unsigned CVoxRecord::Recorder::FindDevice(int& index) {
   if (os::waveInGetNumDevs() == 0) return kNoDevice;
   const Choice choice = ChooseDevice();
   if (choice.index < 0) {
     if (CPreferences::Instance()->GetHardWare() != HardWare_Mouse) {
-      m_bPenMeetMode = false;
-      m_strPenMeetDevice.clear();
+      const CAutoLock guard(lock);
+      penMeetMode = false;
+      penMeetDevice.clear();
     }
     return kNoDevice;
   }
   SetInputVolume(choice.volumeName);
-  m_nDeviceId = choice.index;
+  index = choice.index;
   return kOk;
 }
 
-unsigned int CVoxRecord::OpenDevice() {
-  Capture& capture = *m_pCapture;
-  if (capture.device || capture.leftOpen) {
-    // Left open by an earlier failure. Its record thread goes first: what comes back now is nobody's.
-    EndThreads();
-    capture.Close();
+void CVoxRecord::Recorder::EndEarlier() noexcept {
+  const auto earlier = Current();
+  if (!earlier) return;
+  if (earlier->Claim()) {
+    earlier->End(CDeadline(CWorker::kPatience), false);
+  } else {
+    earlier->AwaitOver();
   }
-  if (!StartThread()) {
+  earlier->Close();
+}
+
+// Allocated once, but where a recording or a copy of this object's still has them.
+std::shared_ptr<CVoxRecord::Buffers> CVoxRecord::Recorder::FreeBuffers() {
+  const CAutoLock guard(lock);
+  if (buffers.use_count() > 1) buffers = std::make_shared<Buffers>();
+  return buffers;
+}
+
+unsigned CVoxRecord::Recorder::OpenDevice(int index, std::shared_ptr<Recording>& opened) {
+  EndEarlier();
+  const auto next = std::make_shared<Recording>(callback, FreeBuffers());
+  next->thread = CThread::Start(threads, object, next);
+  if (!next->thread) {
     LogError(L"开启录音线程失败");
     return kThreadFailed;
   }
-  HWAVEIN device = nullptr;
-  const MMRESULT error = os::waveInOpen(&device, static_cast<UINT>(m_nDeviceId), &kFormat, GetThreadID(),
-                                        reinterpret_cast<DWORD_PTR>(this), CALLBACK_THREAD);
+  const MMRESULT error = next->Open(index, reinterpret_cast<DWORD_PTR>(object));
   if (error != MMSYSERR_NOERROR) {
+    next->End(CDeadline(CWorker::kPatience), false);
     const auto known = std::find_if(std::begin(kOpenErrors), std::end(kOpenErrors),
                                     [error](const auto& entry) { return entry.error == error; });
     LogError(known != std::end(kOpenErrors) ? known->text : L"打开录音设备出现其他错误");
     return error;
   }
-  capture.device = device;
-  for (std::size_t i = 0; i < kBuffers; ++i) {
-    if (capture.Prepare(i) && capture.Queue(i)) continue;
+  if (!Publish(next)) return kThreadFailed;
+  if (!next->Queue()) {
     LogError(L"开始录音时出现错误");
-    capture.Unprepare(device);
+    next->Unprepare();
     return kBufferFailed;
   }
-  SetThreadPriority(THREAD_PRIORITY_ABOVE_NORMAL);
+  next->thread->SetPriority(THREAD_PRIORITY_ABOVE_NORMAL);
+  opened = next;
   return kOk;
 }
 
-int CVoxRecord::StartRecord() {
-  if (FindDevice() != kOk) {
-    Complain(L"没有找到录音设备");
-    return 0;
+int CVoxRecord::Recorder::StartRecord() {
+  if (starting.exchange(true)) return 0;
+  const wchar_t* failure = nullptr;
+  int index = -1;
+  std::shared_ptr<Recording> opened;
+  if (FindDevice(index) != kOk) {
+    failure = L"没有找到录音设备";
+  } else if (OpenDevice(index, opened) != kOk) {
+    failure = L"打开录音设备失败";
+  } else if (opened->StartGetRecordData() != kOk) {
+    failure = L"开始采集声音失败";
   }
-  if (OpenDevice() != kOk) {
-    Complain(L"打开录音设备失败");
-    return 0;
-  }
-  if (StartGetRecordData() == kOk) return 1;
-  Complain(L"开始采集声音失败");
-  return 0;
+  starting = false;
+  if (failure) Complain(failure);
+  return failure ? 0 : 1;
 }
 
-unsigned int CVoxRecord::StartGetRecordData() {
-  m_nReturned = 0;
-  m_bRecording = true;
-  const HWAVEIN device = m_pCapture->device;
-  if (!device) return kNotOpen;
-  return os::waveInStart(device) == MMSYSERR_NOERROR ? kOk : kStartFailed;
-}
+// ---- The record thread ----------------------------------------------------------------------------------------------
 
-unsigned int CVoxRecord::StopGetRecordData() {
-  const HWAVEIN device = m_pCapture->device;
-  if (!device) return kNotOpen;
-  m_bRecording = false;
-  return os::waveInStop(device) == MMSYSERR_NOERROR ? kOk : kPauseFailed;
-}
-
-void CVoxRecord::Deliver(const char* data, int byteCount) {
-  if (const DataCallback callback = m_pfnData) callback(byteCount > 0 ? data : nullptr, byteCount, m_pContext);
-}
-
-unsigned long CVoxRecord::ThreadProc() {
-  Message message;
-  while (NextMessage(message)) {
+unsigned long CVoxRecord::Recording::Run() {
+  while (!AllReturned()) {
+    Message message;
+    if (!NextMessage(message)) return 1;
     if (message.message == MM_WIM_CLOSE) Deliver(nullptr, 0);
     if (message.message == MM_WIM_DATA && !OnBuffer(message.lParam)) return 0;
   }
-  return 1;
+  Deliver(nullptr, 0);
+  return 0;
 }
 
-// A buffer is back. False when the record thread is to end.
-bool CVoxRecord::OnBuffer(std::intptr_t headerAddress) {
-  Capture& capture = *m_pCapture;
+// A buffer is back. False when it cannot be queued again.
+bool CVoxRecord::Recording::OnBuffer(std::intptr_t address) {
   for (std::size_t i = 0; i < kBuffers; ++i) {
-    if (reinterpret_cast<std::intptr_t>(&capture.headers[i]) != headerAddress) continue;
-    const WAVEHDR& header = capture.headers[i];
-    // A driver may say twice that a buffer is back, which by then is in its queue again, or is known to be back.
-    if ((header.dwFlags & WHDR_DONE) == 0 || !capture.queued[i].exchange(false)) return true;
-    Deliver(header.lpData, static_cast<int>(std::min<std::size_t>(header.dwBytesRecorded, kBufferBytes)));
-    if (m_bRecording) return capture.Queue(i);
-    m_nReturned = m_nReturned + 1;
-    if (m_nReturned != static_cast<int>(kBuffers)) return true;
-    m_nReturned = 0;
-    os::SetEvent(m_hAllReturned);
-    Deliver(nullptr, 0);
-    return false;
+    const WAVEHDR& header = Header(i);
+    if (reinterpret_cast<std::intptr_t>(&header) != address) continue;
+    {
+      const CAutoLock lock(lock_);
+      // A driver may say twice that a buffer is back, which by then is in its queue again, or is known to be back.
+      if ((header.dwFlags & WHDR_DONE) == 0 || !queued_[i]) return true;
+      queued_[i] = false;
+    }
+    Deliver(header.lpData, std::min<std::size_t>(header.dwBytesRecorded, kBufferBytes));
+    const CAutoLock lock(lock_);
+    return !recording_ || Queue(i);
   }
   return true;  // none of ours
 }
 
-unsigned int CVoxRecord::StopRecord() {
-  Capture& capture = *m_pCapture;
-  const HWAVEIN device = capture.device;
-  if (!device) return kOk;
-  m_bRecording = false;
-  unsigned result = kOk;
-  if (os::waveInStop(device) != MMSYSERR_NOERROR) {
+// ---- Ending ---------------------------------------------------------------------------------------------------------
+
+unsigned CVoxRecord::Recording::StopSource() noexcept {
+  constexpr UINT kLookAgain = 0;  // a message without a meaning: the thread may have nothing to wait for any more
+  if (!lock_.Lock(kDriverPatience)) return kStopFailed;
+  recording_ = false;
+  unsigned result = kStopped;
+  if (!device_) {
+    // Closed meanwhile, with the object that started it.
+  } else if (os::waveInStop(device_) != MMSYSERR_NOERROR) {
     result = kStopFailed;
-  } else if (os::waveInReset(device) != MMSYSERR_NOERROR) {
+  } else if (os::waveInReset(device_) != MMSYSERR_NOERROR) {
     result = kResetFailed;
   } else {
-    os::WaitForSingleObject(m_hAllReturned, INFINITE);
-    Uninitialize();
-    if (os::waveInClose(device) != MMSYSERR_NOERROR) result = kStopFailed;
+    reset_ = true;
   }
-  Deliver(nullptr, 0);
-  if (result != kOk) capture.leftOpen = device;
-  capture.device = nullptr;
+  lock_.Unlock();
+  os::PostThreadMessageW(thread->Id(), kLookAgain, 0, 0);
   return result;
 }
 
-void CVoxRecord::Uninitialize() { m_pCapture->Unprepare(m_pCapture->device); }
+bool CVoxRecord::Recording::SourceKeeps() noexcept {
+  const CAutoLock lock(lock_);
+  for (std::size_t i = 0; i < kBuffers; ++i) {
+    if (queued_[i] && (Header(i).dwFlags & WHDR_DONE) == 0) return true;
+  }
+  return false;
+}
+
+unsigned CVoxRecord::Recording::Close() noexcept {
+  if (!lock_.Lock(kDriverPatience)) return kStopFailed;
+  recording_ = false;
+  if (device_ && !reset_) reset_ = os::waveInReset(device_) == MMSYSERR_NOERROR;
+  if (device_ && reset_) {
+    Unprepare();
+    if (os::waveInClose(device_) == MMSYSERR_NOERROR) device_ = nullptr;
+  }
+  const bool closed = !device_;
+  lock_.Unlock();
+  return closed ? kStopped : kStopFailed;
+}
+
+// The driver may write to them at any time: they are never freed.
+void CVoxRecord::Recording::GiveUp(std::shared_ptr<Buffers> buffers) {
+  struct Kept {
+    std::shared_ptr<Buffers> buffers;
+    Kept* next;
+  };
+  static std::atomic<Kept*> latest{nullptr};
+  auto* kept = new Kept{std::move(buffers), latest};
+  while (!latest.compare_exchange_weak(kept->next, kept)) {
+  }
+}

@@ -8,8 +8,8 @@
 #include "VoxDevice/VoxCommon.h"
 #include "audio/ConvertTo16kMono.h"
 #include "audio/CoreAudio.h"
+#include "audio/Recording.h"
 #include "support/LogLine.h"
-#include "support/WorkerThread.h"
 
 namespace {
 
@@ -24,7 +24,8 @@ constexpr WORD kExtensionBytes = sizeof(WAVEFORMATEXTENSIBLE) - sizeof(WAVEFORMA
 constexpr GUID kFloatFormat{0x00000003, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
 constexpr GUID kPcmFormat{0x00000001, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0x00, 0x38, 0x9b, 0x71}};
 
-// Process-wide, as it always was: bytes in the staging buffer of the one object that records.
+// Process-wide, as it always was: bytes in the staging buffer of the one object that records. Never more than fit in
+// one, whoever sets it.
 std::atomic<std::size_t> fillCount{0};
 // Successful checks of a format: only the first one is logged.
 std::atomic<int> formatChecks{0};
@@ -44,23 +45,31 @@ void MakeIntegers(WAVEFORMATEX& format) {
 
 }  // namespace
 
-struct CVoxSpeakerRecord::Recording {
-  ~Recording();
+class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable_shared_from_this<Recording> {
+ public:
+  explicit Recording(std::shared_ptr<const RecordedData> callback) : CRecording(std::move(callback)) {
+    thread = std::make_shared<CWorker>();
+  }
+  ~Recording() override { Release(); }
 
   bool Prepare();
-  bool Run();
+  bool StartEngine() { return SUCCEEDED(m_pAudioClient->Start()); }
+  bool StartThread();
+  unsigned Close() noexcept override;
+
+ protected:
+  unsigned StopSource() noexcept override;
+  void LeaveThread() noexcept override;
+
+ private:
   int AdjustFormatTo16Bits(WAVEFORMATEX* format);
-  void Close();
-  static unsigned ThreadStartRoutine(void* self);
+  void Release() noexcept;
   void OnThreadStartRoutine();
   bool TakePacket();
   void Stage(std::span<const std::int16_t> packet);
-  void Deliver(const char* data, std::size_t byteCount) const {
-    if (const DataCallback callback = m_pfnData) callback(data, static_cast<int>(byteCount), m_pContext);
-  }
 
-  CWorkerThread m_hThread;
-  HANDLE m_hTask = nullptr;
+  CLock lock_;  // held while the engine is stopped or let go of: one who stops may meet a thread that ends
+  Shared<HANDLE> m_hTask{nullptr};
   HANDLE m_hWake = nullptr;  // event or waitable timer: there may be data
   ComPtr<IAudioCaptureClient> m_pCaptureClient;
   ComPtr<IAudioClient> m_pAudioClient;
@@ -70,46 +79,80 @@ struct CVoxSpeakerRecord::Recording {
   int m_nSampleRate = 0;
   int m_nChannels = 0;
   int m_nBits = 0;
-  Shared<DataCallback> m_pfnData{nullptr};
-  Shared<void*> m_pContext{nullptr};
   std::array<char, kStagingBytes> m_pBuffer{};
 };
 
-CVoxSpeakerRecord::CVoxSpeakerRecord() : m_pRecording(std::make_shared<Recording>()) {}
-CVoxSpeakerRecord::~CVoxSpeakerRecord() = default;
-CVoxSpeakerRecord& CVoxSpeakerRecord::operator=(const CVoxSpeakerRecord& other) = default;
+// What stands behind a CVoxSpeakerRecord.
+struct CVoxSpeakerRecord::Recorder final : CRecorder {
+  int StartRecord();
+  bool Run(const std::shared_ptr<Recording>& next);
+};
+
+CVoxSpeakerRecord::CVoxSpeakerRecord() : m_pRecorder(std::make_shared<Recorder>()) {}
+
+CVoxSpeakerRecord::~CVoxSpeakerRecord() {
+  const RecorderOperation inside(m_pRecorder);
+  inside->callback->Set(nullptr, nullptr);
+  inside->Close(CDeadline(CWorker::kPatience));
+}
+
+CVoxSpeakerRecord& CVoxSpeakerRecord::operator=(const CVoxSpeakerRecord& other) {
+  const RecorderOperation from(other.m_pRecorder);
+  const RecorderOperation to(m_pRecorder);
+  if (&other == this) return *this;
+  *to->callback = *from->callback;
+  to->ShareRecordingOf(*from.operator->());
+  return *this;
+}
 
 void CVoxSpeakerRecord::Init(void* dataCallback, void* context) {
-  m_pRecording->m_pfnData = reinterpret_cast<DataCallback>(dataCallback);
-  m_pRecording->m_pContext = context;
+  RecorderOperation(m_pRecorder)->callback->Set(reinterpret_cast<DataCallback>(dataCallback), context);
 }
 
 int CVoxSpeakerRecord::StartRecord() {
-  Recording& recording = *m_pRecording;
-  if (recording.m_pAudioClient) return 0;
-  const ComApartment com;
-  {
-    ComPtr<IMMDeviceEnumerator> enumerator;
-    if (FAILED(MakeDeviceEnumerator(enumerator)) ||
-        FAILED(enumerator->GetDefaultAudioEndpoint(eRender, eConsole, &recording.m_pDevice))) {
-      return 0;
-    }
-  }
-  recording.m_hStop = os::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  if (!recording.m_hStop) return 0;
-  if (recording.Prepare() && recording.Run()) return 1;
-  recording.Close();
+  const RecorderOperation inside(m_pRecorder);
+  if (inside->starting.exchange(true)) return 0;
+  const int result = inside->StartRecord();
+  inside->starting = false;
+  return result;
+}
+
+unsigned int CVoxSpeakerRecord::StopRecord() {
+  RecorderOperation(m_pRecorder)->Stop();
   return 0;
 }
 
-CVoxSpeakerRecord::Recording::~Recording() {
-  m_pfnData = nullptr;
-  if (m_hStop) os::SetEvent(m_hStop);
-  if (!m_hThread.Join(CWorkerThread::kPatience)) m_hThread.Terminate();
-  Close();
+int CVoxSpeakerRecord::Recorder::StartRecord() {
+  if (const auto earlier = Current(); earlier && !earlier->IsOver()) {
+    // Its thread ends by itself only when the engine has failed.
+    if (!earlier->thread->HasEnded() || !earlier->Claim()) return 0;
+    earlier->End(CDeadline(0), false);
+    earlier->Close();
+  }
+  const ComApartment com;
+  const auto next = std::make_shared<Recording>(callback);
+  return next->Prepare() && next->StartEngine() && Run(next) ? 1 : 0;
+}
+
+// Nobody sees the recording before its thread runs: who stops it closes what the thread needs.
+bool CVoxSpeakerRecord::Recorder::Run(const std::shared_ptr<Recording>& next) {
+  std::shared_ptr<CRecording> earlier = next;
+  const CAutoLock guard(lock);
+  if (closed || !next->StartThread()) return false;
+  recording.swap(earlier);
+  return true;
 }
 
 bool CVoxSpeakerRecord::Recording::Prepare() {
+  {
+    ComPtr<IMMDeviceEnumerator> enumerator;
+    if (FAILED(MakeDeviceEnumerator(enumerator)) ||
+        FAILED(enumerator->GetDefaultAudioEndpoint(eRender, eConsole, &m_pDevice))) {
+      return false;
+    }
+  }
+  m_hStop = os::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (!m_hStop) return false;
   if (FAILED(m_pDevice->Activate(kIidAudioClient, CLSCTX_ALL, nullptr, m_pAudioClient.PutVoid()))) return false;
   REFERENCE_TIME period = 0;
   REFERENCE_TIME minimum = 0;
@@ -139,8 +182,16 @@ bool CVoxSpeakerRecord::Recording::Prepare() {
   return os::SetWaitableTimer(m_hWake, &due, half, nullptr, nullptr, FALSE) != FALSE;
 }
 
-bool CVoxSpeakerRecord::Recording::Run() {
-  return SUCCEEDED(m_pAudioClient->Start()) && m_hThread.Start(&Recording::ThreadStartRoutine, this);
+bool CVoxSpeakerRecord::Recording::StartThread() {
+  return thread->Start([self = shared_from_this()] {
+    self->OnThreadStartRoutine();
+    // Who has asked it to end may not have waited for that.
+    if (CWorker::CurrentIsAsked()) {
+      const ComApartment com;
+      self->Release();
+    }
+    return 0U;
+  });
 }
 
 // Makes the engine deliver 16-bit integers. 0 when the format cannot be recorded, and deliberately also when it is one
@@ -179,23 +230,14 @@ int CVoxSpeakerRecord::Recording::AdjustFormatTo16Bits(WAVEFORMATEX* format) {
   return changed;
 }
 
-unsigned CVoxSpeakerRecord::Recording::ThreadStartRoutine(void* self) {
-  auto* recording = static_cast<Recording*>(self);
-  if (!recording->m_hThread.Begin()) return 0;
-  recording->OnThreadStartRoutine();
-  recording->m_hThread.Clear();
-  return 0;
-}
-
 void CVoxSpeakerRecord::Recording::OnThreadStartRoutine() {
   fillCount = 0;
   const ComApartment com;
-  const HANDLE events[] = {m_hStop, m_hWake};
+  const HANDLE events[] = {thread->StopEvent(), m_hStop, m_hWake};
   for (;;) {
-    DWORD signalled = WAIT_FAILED;
-    if (!m_hThread.Park([&] { signalled = os::WaitForMultipleObjects(2, events, FALSE, INFINITE); })) return;
-    if (signalled == WAIT_OBJECT_0) break;
-    if (signalled != WAIT_OBJECT_0 + 1 || !TakePacket()) return;
+    const DWORD signalled = os::WaitForMultipleObjects(3, events, FALSE, INFINITE);
+    if (signalled == WAIT_OBJECT_0 + 1) break;
+    if (signalled != WAIT_OBJECT_0 + 2 || !TakePacket()) return;
   }
   if (fillCount == 0) {
     const std::array<char, kSilenceBytes> silence{};
@@ -242,18 +284,25 @@ void CVoxSpeakerRecord::Recording::Stage(std::span<const std::int16_t> packet) {
   }
 }
 
-unsigned int CVoxSpeakerRecord::StopRecord() {
-  Recording& recording = *m_pRecording;
-  if (!recording.m_pAudioClient) return 0;
-  recording.m_pAudioClient->Stop();
-  os::SetEvent(recording.m_hStop);
-  recording.m_hThread.Join();
-  recording.Close();
-  recording.Deliver(nullptr, 0);
-  return 0;
+unsigned CVoxSpeakerRecord::Recording::StopSource() noexcept {
+  const CAutoLock lock(lock_);
+  if (m_pAudioClient) m_pAudioClient->Stop();
+  if (m_hStop) os::SetEvent(m_hStop);
+  return kStopped;
 }
 
-void CVoxSpeakerRecord::Recording::Close() {
+void CVoxSpeakerRecord::Recording::LeaveThread() noexcept {
+  if (const HANDLE task = m_hTask.exchange(nullptr)) os::AvRevertMmThreadCharacteristics(task);
+}
+
+// A thread that still runs does it when it ends.
+unsigned CVoxSpeakerRecord::Recording::Close() noexcept {
+  if (thread->HasEnded()) Release();
+  return kStopped;
+}
+
+void CVoxSpeakerRecord::Recording::Release() noexcept {
+  const CAutoLock lock(lock_);
   const auto close = [](HANDLE& handle) {
     if (handle) os::CloseHandle(std::exchange(handle, nullptr));
   };
@@ -262,6 +311,6 @@ void CVoxSpeakerRecord::Recording::Close() {
   if (m_pFormat) os::CoTaskMemFree(std::exchange(m_pFormat, nullptr));
   if (m_hWake && TimerMode()) os::CancelWaitableTimer(m_hWake);
   close(m_hWake);
-  if (m_hTask) os::AvRevertMmThreadCharacteristics(std::exchange(m_hTask, nullptr));
+  LeaveThread();
   m_pCaptureClient.Reset();
 }

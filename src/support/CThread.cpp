@@ -1,41 +1,100 @@
+#include <algorithm>
+#include <atomic>
 #include <memory>
+#include <vector>
 
 #include "VoxDevice/VoxCommon.h"
-#include "support/WorkerPool.h"
+#include "support/CLock.h"
+#include "support/Worker.h"
 
-CThread::CThread() : threads_(std::make_unique<CWorkerPool>()) {}
+struct CThread::Threads {
+  struct Thread {
+    CWorker worker;
+    void* owned = nullptr;  // kept alive by the worker's body
+  };
+
+  CLock lock;  // for what follows
+  bool closed = false;
+  std::vector<std::shared_ptr<Thread>> started;
+  std::shared_ptr<Thread> latest;
+  std::atomic<unsigned> latestId{0};
+};
+
+CThread::CThread() : threads_(std::make_shared<Threads>()) {}
 CThread::CThread(const CThread&) : CThread() {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is assigned.
 CThread& CThread::operator=(const CThread&) { return *this; }
 CThread::~CThread() = default;
 
-bool CThread::StartThread() {
+std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads, CThread* object,
+                                        std::shared_ptr<void> owned) {
+  constexpr DWORD kLook = 10;  // ms
   const HANDLE ready = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  CWorkerThread* thread = threads_->Start([this, ready](CWorkerThread&) {
-    MSG message;
-    os::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // makes the queue
-    os::SetEvent(ready);
-    return static_cast<unsigned>(ThreadProc());
-  });
-  if (thread) {
-    latest_ = thread;
-    os::WaitForSingleObject(ready, INFINITE);
+  if (!ready) return nullptr;
+  const auto thread = std::make_shared<Threads::Thread>();
+  thread->owned = owned.get();
+  bool started = false;
+  {
+    // Once it is in the list, EndThreads waits for it, so that the object is there when it is called.
+    const CAutoLock lock(threads->lock);
+    std::erase_if(threads->started, [](const auto& known) { return known->worker.HasEnded(); });
+    started = !threads->closed && thread->worker.Start([object, ready, owned = std::move(owned)] {
+      MSG message;
+      os::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // makes the queue
+      os::SetEvent(ready);
+      return static_cast<unsigned>(object->ThreadProc());
+    });
+    if (started) {
+      threads->started.push_back(thread);
+      threads->latest = thread;
+      threads->latestId = thread->worker.Id();
+    }
+  }
+  // One that is asked to end before it has begun is never ready.
+  DWORD result = WAIT_TIMEOUT;
+  while (started && result == WAIT_TIMEOUT) {
+    const bool ended = thread->worker.HasEnded();
+    result = os::WaitForSingleObject(ready, ended ? 0 : kLook);
+    if (ended) break;
   }
   os::CloseHandle(ready);
-  return thread != nullptr;
+  if (result != WAIT_OBJECT_0) return nullptr;
+  return {thread, &thread->worker};
 }
 
-unsigned CThread::GetThreadID() const noexcept { return latest_ ? latest_->Id() : 0; }
+bool CThread::StartThread() { return Start(threads_, this, nullptr) != nullptr; }
 
-bool CThread::SetThreadPriority(int priority) noexcept { return latest_ && latest_->SetPriority(priority); }
+unsigned CThread::GetThreadID() const noexcept { return threads_->latestId; }
+
+bool CThread::SetThreadPriority(int priority) noexcept {
+  const CAutoLock lock(threads_->lock);
+  return threads_->latest && threads_->latest->worker.SetPriority(priority);
+}
 
 bool CThread::NextMessage(Message& message) {
   MSG next{};
   BOOL got = FALSE;
-  CWorkerThread* thread = threads_->Current();
-  if (!thread || !thread->Park([&] { got = os::GetMessageW(&next, nullptr, 0, 0); }) || got <= 0) return false;
+  CWorker::Blocking([&] { got = os::GetMessageW(&next, nullptr, 0, 0); });
+  if (got <= 0 || CWorker::CurrentIsAsked()) return false;
   message = {next.message, next.wParam, next.lParam};
   return true;
 }
 
-void CThread::EndThreads() noexcept { threads_->EndAll(); }
+void* CThread::Owned() const noexcept {
+  const CAutoLock lock(threads_->lock);
+  const auto mine = std::find_if(threads_->started.begin(), threads_->started.end(),
+                                 [](const auto& thread) { return thread->worker.IsCurrent(); });
+  return mine != threads_->started.end() ? (*mine)->owned : nullptr;
+}
+
+void CThread::EndThreads() noexcept {
+  const CDeadline deadline(CWorker::kPatience);
+  std::vector<std::shared_ptr<Threads::Thread>> ending;
+  {
+    const CAutoLock lock(threads_->lock);
+    threads_->closed = true;
+    ending.swap(threads_->started);
+    for (const auto& thread : ending) thread->worker.Ask();
+  }
+  for (const auto& thread : ending) thread->worker.End(deadline);
+}

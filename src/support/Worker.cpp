@@ -96,7 +96,8 @@ CWorker::CWorker(HANDLE stop) : record_(std::make_shared<Record>(stop)) {}
 
 bool CWorker::Start(Body body) noexcept {
   Record& record = *record_;
-  if (record.asked || record.started.exchange(true)) return false;
+  if (record.asked) return true;
+  if (!record.stop || record.started.exchange(true)) return false;
   record.body = std::move(body);
   record.running = record_;
   unsigned id = 0;
@@ -128,9 +129,9 @@ unsigned CWorker::Run(void* argument) {
 
 bool CWorker::IsSet() const noexcept { return record_->set; }
 
-bool CWorker::HasEnded() const noexcept {
+bool CWorker::HasEnded(DWORD milliseconds) const noexcept {
   const HANDLE thread = record_->thread;
-  return !thread || os::WaitForSingleObject(thread, 0) == WAIT_OBJECT_0;
+  return !thread || os::WaitForSingleObject(thread, milliseconds) == WAIT_OBJECT_0;
 }
 
 DWORD CWorker::Id() const noexcept { return record_->id; }
@@ -208,11 +209,11 @@ DWORD CWorker::Wait(HANDLE other, DWORD milliseconds) const noexcept {
 }
 
 void CWorker::EnterSystem() noexcept {
-  if (IsCurrent()) record_->Go(kInSystem);
+  if (Record* record = Record::Current()) record->Go(kInSystem);
 }
 
 void CWorker::LeaveSystem() noexcept {
-  if (IsCurrent()) record_->Go(kInLibrary);
+  if (Record* record = Record::Current()) record->Go(kInLibrary);
 }
 
 void CWorker::Clear() noexcept { record_->set = false; }

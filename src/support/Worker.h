@@ -39,8 +39,8 @@ class CWorker {
   bool Start(Body body) noexcept;
   // What others see as the thread handle: true from Start until the thread clears it or has ended.
   bool IsSet() const noexcept;
-  // No thread is left: none was started, or it has executed its last instruction.
-  bool HasEnded() const noexcept;
+  // No thread is left: none was started, or it has executed its last instruction. Waits so long for that.
+  bool HasEnded(DWORD milliseconds = 0) const noexcept;
   bool IsCurrent() const noexcept;
   DWORD Id() const noexcept;
   bool SetPriority(int priority) const noexcept;
@@ -66,9 +66,9 @@ class CWorker {
   DWORD Wait(HANDLE other, DWORD milliseconds) const noexcept;
   // Runs `call`, a read, a write or a wait for messages of the system's that may block for ever.
   template <class Call>
-  void Blocking(Call&& call) noexcept {
+  static void Blocking(Call&& call) noexcept {
     EnterSystem();
-    if (!IsAsked()) call();
+    if (!CurrentIsAsked()) call();
     LeaveSystem();
   }
   // Clears the handle that others see. The thread may still run for a while.
@@ -82,8 +82,8 @@ class CWorker {
   static unsigned Run(void* record);
   // Asks again and again until the thread has ended. False when it has not, or `asked` is.
   bool AskUntilEnded(const CWorker* asked, CDeadline deadline) noexcept;
-  void EnterSystem() noexcept;
-  void LeaveSystem() noexcept;
+  static void EnterSystem() noexcept;
+  static void LeaveSystem() noexcept;
 
   const std::shared_ptr<Record> record_;
 };

@@ -1,0 +1,151 @@
+#include "audio/Recording.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr DWORD kLook = 10;     // ms between two looks at what other threads do
+constexpr DWORD kMoment = 100;  // ms for a thread that has nothing left to do
+
+}  // namespace
+
+bool CRecording::Claim() noexcept {
+  if (ended_.exchange(true)) return false;
+  ender_ = os::GetCurrentThreadId();
+  return true;
+}
+
+bool CRecording::AwaitOver() const noexcept {
+  const bool mine = ender_ == os::GetCurrentThreadId() || thread->IsCurrent();
+  for (const CDeadline deadline(kDriverPatience); !over_ && !mine; os::Sleep(1)) {
+    if (deadline.HasPassed()) return false;
+  }
+  return true;
+}
+
+unsigned CRecording::Stop(const RecordedData& mark) {
+  if (!Claim()) return AwaitOver() ? kStopped : kStopFailed;
+  const bool own = thread->IsCurrent();
+  unsigned result = StopSource();
+  if (result == kStopped && !own && !AwaitLast()) result = kStopFailed;
+  Silence();
+  thread->Ask();
+  if (!own) thread->AwaitEnd(CDeadline(kMoment));
+  if (result == kStopped) result = Close();
+  mark(static_cast<const char*>(nullptr), 0);
+  over_ = true;
+  return result;
+}
+
+// Waits until the thread has ended by itself and the driver keeps nothing. The time that the client takes does not
+// count.
+bool CRecording::AwaitLast() noexcept {
+  CDeadline deadline(kDriverPatience);
+  for (bool ended = false; !(ended = thread->HasEnded(ended ? 0 : kLook)) || SourceKeeps();) {
+    if (delivering_ && !ended) deadline = CDeadline(kDriverPatience);
+    if (deadline.HasPassed()) return false;
+    if (ended) os::Sleep(kLook);
+  }
+  return true;
+}
+
+// Nothing is delivered any more when this returns, but what is being delivered by this very thread.
+void CRecording::Silence() noexcept {
+  silent_ = true;
+  if (thread->IsCurrent()) return;
+  while (delivering_ && !thread->HasEnded()) os::Sleep(1);
+}
+
+void CRecording::Deliver(const char* data, std::size_t byteCount) {
+  delivering_ = true;
+  if (!silent_) (*callback_)(byteCount > 0 ? data : nullptr, static_cast<int>(byteCount));
+  delivering_ = false;
+}
+
+void CRecording::End(CDeadline deadline, bool force) noexcept {
+  Claim();
+  silent_ = true;
+  LeaveThread();
+  if (force || thread->IsCurrent()) {
+    thread->End(deadline);
+  } else {
+    thread->AwaitEnd(deadline);
+  }
+  over_ = true;
+}
+
+void CRecording::CloseElsewhere(std::shared_ptr<CRecording> recording, CDeadline deadline) noexcept {
+  CWorker closer;
+  const bool started = closer.Start([recording] {
+    recording->Close();
+    return 0U;
+  });
+  if (!started) recording->Close();
+  recording.reset();
+  closer.HasEnded(deadline.Left());
+}
+
+void CRecorder::Enter() noexcept {
+  const CAutoLock guard(lock);
+  inside_.push_back(os::GetCurrentThreadId());
+}
+
+void CRecorder::Exit() noexcept {
+  const CAutoLock guard(lock);
+  inside_.erase(std::find(inside_.begin(), inside_.end(), os::GetCurrentThreadId()));
+}
+
+std::shared_ptr<CRecording> CRecorder::Current() noexcept {
+  const CAutoLock guard(lock);
+  return recording;
+}
+
+bool CRecorder::Publish(std::shared_ptr<CRecording> next) noexcept {
+  const CAutoLock guard(lock);
+  if (!closed) recording.swap(next);
+  return !closed;
+}
+
+unsigned CRecorder::Stop() {
+  auto stopping = Current();
+  if (!stopping) return CRecording::kStopped;
+  const unsigned result = stopping->Stop(*callback);
+  if (result != CRecording::kStopped) return result;  // it may be open still: it is kept, and closed later
+  const CAutoLock guard(lock);
+  if (recording == stopping && stopping->IsOver()) recording.reset();
+  return result;
+}
+
+void CRecorder::Leave(std::shared_ptr<CRecording> left, CDeadline deadline, bool force) noexcept {
+  if (!left) return;
+  const bool mine = left->IsOf(*callback);
+  if (mine) left->End(deadline, force);
+  // Another object's goes on.
+  if (mine || left->IsOver()) CRecording::CloseElsewhere(std::move(left), deadline);
+}
+
+void CRecorder::Close(CDeadline deadline) noexcept {
+  std::shared_ptr<CRecording> left;
+  {
+    const CAutoLock guard(lock);
+    closed = true;
+    left.swap(recording);
+  }
+  Leave(std::move(left), deadline, true);
+  const auto othersInside = [this] {
+    const CAutoLock guard(lock);
+    return std::any_of(inside_.begin(), inside_.end(), [](DWORD id) { return id != os::GetCurrentThreadId(); });
+  };
+  while (othersInside() && !deadline.HasPassed()) os::Sleep(1);
+}
+
+void CRecorder::ShareRecordingOf(CRecorder& other) noexcept {
+  auto left = other.Current();
+  {
+    const CAutoLock guard(lock);
+    if (closed || left == recording) return;
+    left.swap(recording);
+  }
+  Leave(std::move(left), CDeadline(CWorker::kPatience), false);
+}
