@@ -13,6 +13,7 @@
 #include "platform/os.h"
 #include "sim/Text.h"
 #include "sim/devices/Legacy.h"
+#include "support/Worker.h"
 #include "tests/Desk.h"
 
 namespace {
@@ -918,7 +919,7 @@ struct Turmoil {
     if (depth > 2 || !desk.mouse || modesGone) return;
     ++depth;
     if (chance(4)) desk.run(within(200));
-    if (chance(3)) operate(*desk.mouse, *modes, 2000);
+    if (chance(3)) operate(*desk.mouse, *modes, CWorker::CurrentStopEvent() ? 100 : 2000);
     --depth;
   }
   static bool pause(void* context) {
