@@ -187,8 +187,12 @@ void CFormerMouse_Hid::State::OnKeyboardKey(int key, const CTask& thread) {
 
 CFormerMouse_Hid::CFormerMouse_Hid() : owner_(std::make_shared<Owner>()) {}
 CFormerMouse_Hid::~CFormerMouse_Hid() = default;
-CFormerMouse_Hid::CFormerMouse_Hid(const CFormerMouse_Hid&) = default;
-CFormerMouse_Hid& CFormerMouse_Hid::operator=(const CFormerMouse_Hid&) = default;
+CFormerMouse_Hid::CFormerMouse_Hid(const CFormerMouse_Hid& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CFormerMouse_Hid& CFormerMouse_Hid::operator=(const CFormerMouse_Hid& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
 
 void CFormerMouse_Hid::StartCheck() { owner_->Share()->StartCheck(); }
 
