@@ -802,6 +802,37 @@ TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
   desk.leftOpen.handles += 3;
 }
 
+TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
+  BusyDesk desk;
+  desk.mouse->Init();
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  int meetings = 0;
+  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string& message) {
+    if (message != "Tray") return;
+    desk.run(10ms);
+    CFormerMouse copy(*mouse);
+    for (CFormerMouse* each : {mouse, &copy}) {
+      EXPECT_LE(desk.duration([&] { each->Release(); }), 50);
+      each->Init();
+      each->StartCheck();
+      EXPECT_TRUE(each->ThreadIsClosed());
+      EXPECT_EQ(each->GetKey_M_L(), ButtonUp);
+      EXPECT_EQ(each->GetClickMode_L(), ClickNone);
+      ++meetings;
+    }
+  };
+  desk.lark->hid()->key(0x65);
+  desk.run(5ms);
+  EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 100);
+  EXPECT_EQ(meetings, 2);
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.run(4s);
+  EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  desk.leftOpen.handles += 1;
+}
+
 TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
   for (const bool pulled : {false, true}) {
     BusyDesk desk;
