@@ -77,7 +77,7 @@ void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CTask& thread) {
       KeyState_Right = ButtonUp;
     }
   }
-  DoubleClick.SetKeyState(ButtonUp);
+  if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
   // Nobody else asks again when one was on its way into its read.
   CTasks::Await(readers.Asked(), CDeadline(kEndWait));
 }

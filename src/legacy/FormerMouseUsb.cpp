@@ -78,7 +78,7 @@ void CFormerMouse_Usb::State::End() {
 void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CTask& thread) {
   while (thread.Sleep(kStopWait) && Poll(thread)) {
   }
-  DoubleClick.SetKeyState(ButtonUp);
+  if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
   KeyState_Left = ButtonUp;
   KeyState_Right = ButtonUp;
 }
