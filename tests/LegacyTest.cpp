@@ -13,6 +13,7 @@
 #include "platform/os.h"
 #include "sim/Text.h"
 #include "sim/devices/Legacy.h"
+#include "support/Worker.h"
 #include "tests/Desk.h"
 
 namespace {
@@ -645,6 +646,30 @@ TEST(LegacyThreads, AreReleasedInsideTheirOwnMessages) {
   }
 }
 
+TEST(LegacyThreads, AStopInsideAMessageOfThePollersLeavesNoKeyDown) {
+  BusyDesk desk;
+  CPreferences::Instance()->SetVoiceClickTimes(2);
+  desk.mouse.emplace();
+  desk.leftOpen.handles += 1;
+  desk.mouse->StartCheck();
+  desk.run(120ms);
+  desk.client.inMessage = [&](const std::string& message) {
+    if (message == "PostMainMenu") desk.mouse->StopCheck();
+  };
+  desk.peripherals().keyboard.press(kF20);
+  for (int i = 0; i < 2; ++i) {
+    desk.peripherals().keyboard.press(kF19);
+    desk.run(50ms);
+    EXPECT_EQ(desk.keys(), "LR");
+    desk.peripherals().keyboard.release(kF19);
+    desk.run(50ms);
+  }
+  EXPECT_EQ(desk.client.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
+  EXPECT_EQ(desk.keys(), "--");
+  EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickNone);
+  desk.leftOpen.handles += 1;
+}
+
 TEST(LegacyThreads, TwoMessagesThatReleaseEachOthersThreadsBothReturn) {
   BusyDesk desk;
   auto second = desk.device(LegacyKind::voiceKeyboard, "second");
@@ -652,9 +677,9 @@ TEST(LegacyThreads, TwoMessagesThatReleaseEachOthersThreadsBothReturn) {
   desk.mouse->StartCheck();
   desk.run(20ms);
   Lines took;
-  desk.client.inMessage = [&](const std::string&) {
+  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string&) {
     desk.run(10ms);
-    took.push_back(std::to_string(desk.duration([&] { desk.mouse->Release(); })));
+    took.push_back(std::to_string(desk.duration([&] { mouse->Release(); })));
   };
   desk.lark->hid()->key(0x65);
   second->hid()->key(0x65);
@@ -777,6 +802,37 @@ TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
   desk.leftOpen.handles += 3;
 }
 
+TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
+  BusyDesk desk;
+  desk.mouse->Init();
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  int meetings = 0;
+  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string& message) {
+    if (message != "Tray") return;
+    desk.run(10ms);
+    CFormerMouse copy(*mouse);
+    for (CFormerMouse* each : {mouse, &copy}) {
+      EXPECT_LE(desk.duration([&] { each->Release(); }), 50);
+      each->Init();
+      each->StartCheck();
+      EXPECT_TRUE(each->ThreadIsClosed());
+      EXPECT_EQ(each->GetKey_M_L(), ButtonUp);
+      EXPECT_EQ(each->GetClickMode_L(), ClickNone);
+      ++meetings;
+    }
+  };
+  desk.lark->hid()->key(0x65);
+  desk.run(5ms);
+  EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 100);
+  EXPECT_EQ(meetings, 2);
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.run(4s);
+  EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  desk.leftOpen.handles += 1;
+}
+
 TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
   for (const bool pulled : {false, true}) {
     BusyDesk desk;
@@ -836,9 +892,10 @@ struct Turmoil {
     if (chance(2)) desk.run(within(9000));
     // The last copies go, while messages still call them.
     EXPECT_LE(desk.duration([&] { modes.reset(); }), 2000);
-    modesGone = true;
-    if (chance(4)) desk.mouse->CloseThread();
+    theModes = nullptr;
+    if (chance(4)) theMouse->CloseThread();
     EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 2000);
+    theMouse = nullptr;
     const std::size_t told = desk.client.lines().size();
     for (const auto& device : devices) use(*device);
     desk.run(100ms);
@@ -854,12 +911,12 @@ struct Turmoil {
   }
 
   void client() {
-    CFormerMouse mouse(*desk.mouse);
-    CSoftModeSwitch switches(*modes);
+    CFormerMouse mouse(*theMouse);
+    CSoftModeSwitch switches(*theModes);
     for (int i = 0; i < 12; ++i) {
       desk.run(chance(3) ? within(4000) : within(60));
       use(*devices[random() % devices.size()]);
-      operate(chance(2) ? mouse : *desk.mouse, chance(2) ? switches : *modes, 2000);
+      operate(chance(2) ? mouse : *theMouse, chance(2) ? &switches : theModes, 2000);
     }
   }
   void use(sim::LegacyDevice& device) {
@@ -871,9 +928,9 @@ struct Turmoil {
     static constexpr std::uint8_t codes[] = {0x00, 0x11, 0x21, 0x41, 0x51, 0x65};
     device.hid()->key(codes[random() % 6]);
   }
-  // bound: milliseconds that a release may take.
-  void operate(CFormerMouse& mouse, CSoftModeSwitch& switches, std::int64_t bound) {
-    switch (random() % 11) {
+  // switches: null when there are none any more. bound: milliseconds that a release may take.
+  void operate(CFormerMouse& mouse, CSoftModeSwitch* switches, std::int64_t bound) {
+    switch (random() % (switches ? 11 : 8)) {
       case 0:
         return mouse.StopCheck();
       case 1:
@@ -881,11 +938,11 @@ struct Turmoil {
       case 2:
         EXPECT_LE(desk.duration([&] { mouse.Release(); }), bound);
         return;
-      case 3:
-        EXPECT_LE(desk.duration([&] { switches.Release(); }), bound);
+      case 8:
+        EXPECT_LE(desk.duration([&] { switches->Release(); }), bound);
         return;
-      case 4:
-        return switches.StopCheck();
+      case 9:
+        return switches->StopCheck();
       case 5: {
         CFormerMouse copy(mouse);
         copy.StartCheck();
@@ -900,25 +957,25 @@ struct Turmoil {
         mouse.ThreadIsClosed();
         mouse.ReCheckHardwareKind();
         return;
-      case 8: {
+      case 3: {
         CFormerMouse_Hid hid;
         hid.StartCheck();
         desk.run(within(40));
         return;  // its only copy goes, here or inside a message
       }
-      case 9:
+      case 4:
         return mouse.StartCheck();
       default: {
-        CSoftModeSwitch copy(switches);
-        copy.StartCheck(reinterpret_cast<void*>(pause), this, &*desk.mouse, desk.hub.get(), &keys);
+        CSoftModeSwitch copy(*switches);
+        copy.StartCheck(reinterpret_cast<void*>(pause), this, theMouse, desk.hub.get(), &keys);
       }
     }
   }
   void inMessage() {
-    if (depth > 2 || !desk.mouse || modesGone) return;
+    if (depth > 2) return;
     ++depth;
     if (chance(4)) desk.run(within(200));
-    if (chance(3)) operate(*desk.mouse, *modes, 2000);
+    if (theMouse && chance(3)) operate(*theMouse, theModes, CWorker::CurrentStopEvent() ? 100 : 2000);
     --depth;
   }
   static bool pause(void* context) {
@@ -931,7 +988,9 @@ struct Turmoil {
   std::vector<std::unique_ptr<sim::LegacyDevice>> devices;
   CFormerLaserPen keys;
   std::optional<CSoftModeSwitch> modes{std::in_place};
-  bool modesGone = false;
+  // As long as they may be called: also while they go.
+  CFormerMouse* theMouse = &*desk.mouse;
+  CSoftModeSwitch* theModes = &*modes;
   std::size_t openings = 0;
   int depth = 0;
 };

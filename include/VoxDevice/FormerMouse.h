@@ -3,14 +3,14 @@
 //
 // Threads: any operation may be called from any thread at any moment, also inside a message of the library's, and also
 // while another thread releases or destroys the object; only assigning to an object, which changes what it shares, must
-// not meet another call of that same object. Copies share everything: the threads, the keys and what was set up. What
-// runs ends with the last copy, or in Release.
+// not meet another call of that same object. A call that meets the destructor of the last copy finds everything ended.
+// Copies share everything: the threads, the keys and what was set up. What runs ends with the last copy, or in Release.
 //
 // A thread that is asked to end does so within 50 ms. Release, and the destructor of the last copy, wait until the
 // threads are gone, 2 s at most: a thread that a driver keeps is left to end when it comes back, one that is still
 // inside the client's code is then ended by force. Inside a message they wait 0.1 s at most, and use no force; the
-// thread of that message ends after it. Nothing more is told to the client for an object that has been released, until
-// it is started again.
+// thread of that message ends after it. Once they have returned nothing more is told to the client, until it starts
+// again.
 #pragma once
 
 #include <memory>

@@ -98,12 +98,18 @@ struct CFormerMouse::State : std::enable_shared_from_this<State> {
   Shared<bool> Announced{false};  // that checking has started
 };
 
-struct CFormerMouse::Owner : LastCopy<State> {};
+struct CFormerMouse::Owner : LastCopy<Owner, State> {
+  using LastCopy::LastCopy;
+};
 
 CFormerMouse::CFormerMouse() : owner_(std::make_shared<Owner>()) { owner_->state->CheckOnlyQlMouse(); }
 CFormerMouse::~CFormerMouse() = default;
-CFormerMouse::CFormerMouse(const CFormerMouse&) = default;
-CFormerMouse& CFormerMouse::operator=(const CFormerMouse&) = default;
+CFormerMouse::CFormerMouse(const CFormerMouse& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CFormerMouse& CFormerMouse::operator=(const CFormerMouse& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
 
 void CFormerMouse::State::Init() {
   const CAutoLock held(lock);

@@ -77,7 +77,7 @@ void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CTask& thread) {
       KeyState_Right = ButtonUp;
     }
   }
-  DoubleClick.SetKeyState(ButtonUp);
+  if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
   // Nobody else asks again when one was on its way into its read.
   CTasks::Await(readers.Asked(), CDeadline(kEndWait));
 }
@@ -187,8 +187,12 @@ void CFormerMouse_Hid::State::OnKeyboardKey(int key, const CTask& thread) {
 
 CFormerMouse_Hid::CFormerMouse_Hid() : owner_(std::make_shared<Owner>()) {}
 CFormerMouse_Hid::~CFormerMouse_Hid() = default;
-CFormerMouse_Hid::CFormerMouse_Hid(const CFormerMouse_Hid&) = default;
-CFormerMouse_Hid& CFormerMouse_Hid::operator=(const CFormerMouse_Hid&) = default;
+CFormerMouse_Hid::CFormerMouse_Hid(const CFormerMouse_Hid& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CFormerMouse_Hid& CFormerMouse_Hid::operator=(const CFormerMouse_Hid& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
 
 void CFormerMouse_Hid::StartCheck() { owner_->Share()->StartCheck(); }
 

@@ -78,7 +78,7 @@ void CFormerMouse_Usb::State::End() {
 void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CTask& thread) {
   while (thread.Sleep(kStopWait) && Poll(thread)) {
   }
-  DoubleClick.SetKeyState(ButtonUp);
+  if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
   KeyState_Left = ButtonUp;
   KeyState_Right = ButtonUp;
 }
@@ -116,8 +116,12 @@ void CFormerMouse_Usb::State::ImitateKeyM_R() const {
 
 CFormerMouse_Usb::CFormerMouse_Usb() : owner_(std::make_shared<Owner>()) { owner_->state->StartThread(); }
 CFormerMouse_Usb::~CFormerMouse_Usb() = default;
-CFormerMouse_Usb::CFormerMouse_Usb(const CFormerMouse_Usb&) = default;
-CFormerMouse_Usb& CFormerMouse_Usb::operator=(const CFormerMouse_Usb&) = default;
+CFormerMouse_Usb::CFormerMouse_Usb(const CFormerMouse_Usb& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CFormerMouse_Usb& CFormerMouse_Usb::operator=(const CFormerMouse_Usb& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
 
 void CFormerMouse_Usb::StartCheck() { owner_->state->Checking = true; }
 

@@ -41,12 +41,18 @@ struct CSoftModeSwitch::State : std::enable_shared_from_this<State> {
   Shared<bool> BothPresent{false};
 };
 
-struct CSoftModeSwitch::Owner : LastCopy<State> {};
+struct CSoftModeSwitch::Owner : LastCopy<Owner, State> {
+  using LastCopy::LastCopy;
+};
 
 CSoftModeSwitch::CSoftModeSwitch() : owner_(std::make_shared<Owner>()) {}
 CSoftModeSwitch::~CSoftModeSwitch() = default;
-CSoftModeSwitch::CSoftModeSwitch(const CSoftModeSwitch&) = default;
-CSoftModeSwitch& CSoftModeSwitch::operator=(const CSoftModeSwitch&) = default;
+CSoftModeSwitch::CSoftModeSwitch(const CSoftModeSwitch& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CSoftModeSwitch& CSoftModeSwitch::operator=(const CSoftModeSwitch& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
 
 void CSoftModeSwitch::StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
                                  CFormerLaserPen* pen) {

@@ -71,5 +71,10 @@ struct CFormerMouse_Hid::State : std::enable_shared_from_this<State> {
   KzCheckDoubleClick DoubleClick;
 };
 
-struct CFormerMouse_Usb::Owner : LastCopy<State> {};
-struct CFormerMouse_Hid::Owner : LastCopy<State> {};
+struct CFormerMouse_Usb::Owner : LastCopy<Owner, State> {
+  using LastCopy::LastCopy;
+};
+
+struct CFormerMouse_Hid::Owner : LastCopy<Owner, State> {
+  using LastCopy::LastCopy;
+};

@@ -130,15 +130,20 @@ class CTasks {
 
 // What the copies of an object share; it ends what runs when the last of them goes. Threads, and calls in which that
 // may happen, share the state alone.
-template <class State>
-struct LastCopy {
-  const std::shared_ptr<State> state = std::make_shared<State>();
-
-  LastCopy() = default;
+template <class Owner, class State>
+struct LastCopy : std::enable_shared_from_this<Owner> {
+  explicit LastCopy(std::shared_ptr<State> of = std::make_shared<State>()) : state(std::move(of)) {}
   ~LastCopy() { state->EndForGood(); }
   LastCopy(const LastCopy&) = delete;
   LastCopy& operator=(const LastCopy&) = delete;
 
   // For the time of a call.
   std::shared_ptr<State> Share() const { return state; }
+  // For another copy; of an object that is just going, one that has ended.
+  std::shared_ptr<Owner> Copy() {
+    const std::shared_ptr<Owner> alive = this->weak_from_this().lock();
+    return alive ? alive : std::make_shared<Owner>(state);
+  }
+
+  const std::shared_ptr<State> state;
 };
