@@ -83,6 +83,7 @@ std::uintptr_t _beginthreadex(void*, unsigned, unsigned (*start)(void*), void* a
                               unsigned* threadId) {
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();
+  if (machine.sound().fault("_beginthreadex") != 0) return 0;
   const auto thread =
       machine.kernel().createThread([start, argument] { start(argument); }, (flags & CREATE_SUSPENDED) != 0);
   if (threadId) *threadId = thread->id;
@@ -222,6 +223,7 @@ BOOL PostThreadMessageW(DWORD thread, UINT message, WPARAM wParam, LPARAM lParam
 HANDLE CreateEventW(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const WCHAR*) {
   Machine& machine = Machine::current();
   const Kernel::Lock lock = machine.kernel().enter();
+  if (machine.sound().fault("CreateEventW") != 0) return nullptr;
   return machine.kernel().open(std::make_shared<sim::Event>(manualReset != FALSE, initialState != FALSE));
 }
 

@@ -25,8 +25,9 @@ SoundSystem& sound() { return Machine::current().sound(); }
 HRESULT injected(const char* call) { return static_cast<HRESULT>(sound().fault(call)); }
 
 // Enters the machine for one call; a fault of that name ends it.
-#define SIM_ENTER(call)                                          \
-  const Kernel::Lock lock = Machine::current().kernel().enter(); \
+#define SIM_ENTER(call)                                    \
+  Kernel::Lock lock = Machine::current().kernel().enter(); \
+  sound().stalled(lock, call);                             \
   if (const HRESULT error = injected(call); FAILED(error)) return error
 
 template <class Interface>

@@ -33,7 +33,7 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
   }
   void reset(Kernel& kernel) {
     stop(kernel);
-    while (!queue.empty()) giveBack(kernel, 0);
+    while (queue.size() > (microphone->keepsOne ? 1 : 0)) giveBack(kernel, 0);
   }
   void post(Kernel& kernel, UINT message, LPARAM parameter) {
     MSG sent{};
@@ -109,7 +109,8 @@ MMRESULT injected(const char* call) { return static_cast<MMRESULT>(Machine::curr
 template <class Body>
 MMRESULT withDevice(const char* call, HWAVEIN handle, Body body) {
   Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
+  Kernel::Lock lock = machine.kernel().enter();
+  machine.sound().stalled(lock, call);
   if (const MMRESULT error = injected(call); error != 0) return error;
   const auto device = machine.kernel().find<WaveIn>(handle);
   if (!device) {
@@ -152,7 +153,8 @@ UINT waveInGetNumDevs() {
 
 MMRESULT waveInGetDevCapsW(UINT_PTR device, WAVEINCAPSW* caps, UINT size) {
   Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
+  Kernel::Lock lock = machine.kernel().enter();
+  machine.sound().stalled(lock, "waveInGetDevCapsW");
   const auto& microphones = machine.sound().microphones;
   if (const MMRESULT error = sim::injected("waveInGetDevCapsW"); error != 0) return error;
   if (device >= microphones.size()) return MMSYSERR_BADDEVICEID;
@@ -166,7 +168,8 @@ MMRESULT waveInGetDevCapsW(UINT_PTR device, WAVEINCAPSW* caps, UINT size) {
 MMRESULT waveInOpen(HWAVEIN* handle, UINT device, const WAVEFORMATEX* format, DWORD_PTR callback, DWORD_PTR,
                     DWORD flags) {
   Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
+  Kernel::Lock lock = machine.kernel().enter();
+  machine.sound().stalled(lock, "waveInOpen");
   if (const MMRESULT error = sim::injected("waveInOpen"); error != 0) return error;
   if (device >= machine.sound().microphones.size()) return MMSYSERR_BADDEVICEID;
   if (format->wFormatTag != WAVE_FORMAT_PCM || format->nChannels != 1 || format->nSamplesPerSec != sim::kRate ||

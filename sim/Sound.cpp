@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "sim/Machine.h"
+
 namespace sim {
 
 SoundSystem::~SoundSystem() {
@@ -12,6 +14,10 @@ std::int64_t SoundSystem::fault(const std::string& call) {
   const auto it = faults_.find(call);
   if (it == faults_.end() || it->second.after-- > 0) return 0;
   return it->second.result;
+}
+
+void SoundSystem::stalled(Kernel::Lock& lock, const std::string& call) {
+  if (const auto it = stalls_.find(call); it != stalls_.end()) machine_.kernel().sleep(lock, it->second);
 }
 
 std::vector<std::uint8_t> mixFormat(int rate, int channels, bool isFloat, bool extensible) {

@@ -29,6 +29,7 @@ struct Microphone {
   bool overstates = false;    // claims more bytes than the buffer holds
   bool returnsTwice = false;  // says twice that a buffer is back
   Time late{0};               // before it says that a buffer is back
+  bool keepsOne = false;      // does not give the last buffer back when it is reset
 };
 
 // A mixer with its wave-in destination.
@@ -96,7 +97,13 @@ class SoundSystem {
 
   // Makes a call fail with this result, after so many that succeed. Names as "waveInOpen", "IAudioClient::Start".
   void fail(const std::string& call, std::int64_t result, int after = 0) { faults_[call] = {result, after}; }
-  void repair() { faults_.clear(); }
+  void repair() {
+    faults_.clear();
+    stalls_.clear();
+  }
+  // Makes a call of wave-in or of an audio interface take so long.
+  void stall(const std::string& call, Time time) { stalls_[call] = time; }
+  void stalled(Kernel::Lock& lock, const std::string& call);
   // 0 when the call is to succeed.
   std::int64_t fault(const std::string& call);
 
@@ -122,6 +129,7 @@ class SoundSystem {
   };
   Machine& machine_;
   std::map<std::string, Fault> faults_;
+  std::map<std::string, Time> stalls_;
 };
 
 }  // namespace sim

@@ -1,14 +1,18 @@
 // Older microphones: which one is chosen, how loud it is set, what it records, and how its driver can misbehave.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <vector>
 
 #include "audio/SoundCard.h"
 #include "platform/os.h"
 #include "tests/Desk.h"
+#include "tests/RecorderClients.h"
 
 namespace {
 
@@ -263,6 +267,285 @@ TEST(Microphone, EndsCleanlyAtAnyMoment) {
     desk.run(500ms);
     EXPECT_EQ(desk.machine.balance().threads, 0U);
   }
+}
+
+// ---- How recordings end ----
+
+constexpr std::int64_t kBound = 2000;  // ms in which every destructor returns
+
+// Runs `action`, and returns how long it took, in milliseconds.
+template <class Action>
+std::int64_t timeOf(Desk& desk, Action action) {
+  const auto began = desk.milliseconds();
+  action();
+  return desk.milliseconds() - began;
+}
+
+TEST(Microphone, AStopThatMeetsAReturningBufferReturnsAndNothingFollows) {
+  for (std::uint64_t seed = 1; seed <= 300; ++seed) {
+    RecordDesk desk({L"VoxMouse Tern"}, seed);
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    const int buffers = 1 + static_cast<int>(seed % 3);
+    desk.run(128ms * buffers);  // to the moment
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    const auto said = desk.sizes;
+    EXPECT_EQ(std::accumulate(said.begin(), said.end(), 0), buffers * 4096) << "seed " << seed;
+    EXPECT_EQ(said[said.size() - 2] + said.back(), 0);
+    desk.run(1s);
+    EXPECT_EQ(desk.sizes, said) << "seed " << seed;
+  }
+}
+
+TEST(Microphone, AFailedStopSpoilsNoLaterOne) {
+  RecordDesk desk;
+  ASSERT_EQ(desk.recorder->StartRecord(), 1);
+  desk.run(200ms);
+  desk.sound().fail("waveInStop", 1);
+  EXPECT_EQ(desk.recorder->StopRecord(), 7U);
+  desk.sound().repair();
+  desk.run(2s);
+  EXPECT_EQ(desk.sizes, (std::vector{4096, 0})) << "nothing after it has returned";
+  for (int i = 0; i < 20; ++i) {
+    desk.sizes.clear();
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(300ms);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_EQ(desk.sizes, (std::vector{4096, 4096, 44 * 32, 0, 0, 0, 0, 0, 0, 0, 0, 0})) << i;
+  }
+}
+
+TEST(Microphone, AStopWaitsForWhatTheDriverHasAndNoMore) {
+  const struct {
+    const char* call;
+    int after;
+    int started;
+    std::vector<int> sizes;
+  } cases[] = {
+      {"waveInPrepareHeader", 0, 0, {0, 0}},  // the end marks of both threads
+      {"waveInPrepareHeader", 3, 0, {0, 0, 0, 0, 0}},
+      {"waveInAddBuffer", 0, 0, {0, 0}},
+      {"waveInAddBuffer", 7, 0, std::vector<int>(9)},
+      {"waveInAddBuffer", 8, 1, {4096, 0}},  // refused when it came back: the record thread has ended
+  };
+  for (const auto& c : cases) {
+    for (const bool byCopy : {false, true}) {
+      SCOPED_TRACE(c.call + std::to_string(c.after));
+      RecordDesk desk;
+      desk.sound().fail(c.call, 1, c.after);
+      EXPECT_EQ(desk.recorder->StartRecord(), c.started);
+      desk.run(300ms);
+      CVoxRecord copy(*desk.recorder);
+      EXPECT_EQ(byCopy ? copy.StopRecord() : desk.recorder->StopRecord(), 0U);
+      EXPECT_EQ(desk.sizes, c.sizes);
+      EXPECT_EQ(copy.StopRecord(), 0U);
+      EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+      EXPECT_EQ(desk.sizes, c.sizes) << "it is over";
+      EXPECT_EQ(desk.machine.balance(), (sim::Balance{.handles = desk.machine.balance().handles})) << "and closed";
+    }
+  }
+  // A driver that keeps a buffer, whatever it has said.
+  RecordDesk desk;
+  ASSERT_EQ(desk.recorder->StartRecord(), 1);
+  desk.microphone().keepsOne = true;
+  EXPECT_NEAR(static_cast<double>(timeOf(desk, [&] { EXPECT_EQ(desk.recorder->StopRecord(), 7U); })), 3000, 20);
+  EXPECT_EQ(desk.sizes.back(), 0);
+  EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+  desk.close();
+  desk.leftOpen = desk.machine.balance();
+  EXPECT_EQ(desk.leftOpen, (sim::Balance{.handles = 1, .sound = {.preparedHeaders = 1}})) << "the one that is kept";
+}
+
+TEST(Microphone, FailedStartsKeepNoThread) {
+  for (const char* call : {"waveInOpen", "_beginthreadex", "CreateEventW"}) {
+    RecordDesk desk;
+    desk.sound().endpoints = {{L"VoxMouse Tern"}};
+    const auto before = desk.machine.balance();
+    desk.sound().fail(call, 4);
+    EXPECT_EQ(desk.recorder->StartRecord(), 0);
+    // The handle and the stop event of the thread that ended last may be kept until the next start.
+    const std::size_t kept = desk.machine.balance().handles - before.handles;
+    EXPECT_LE(kept, 2U);
+    for (int i = 1; i < 50; ++i) EXPECT_EQ(desk.recorder->StartRecord(), 0);
+    EXPECT_EQ(desk.machine.balance(), (sim::Balance{.handles = before.handles + kept})) << call;
+    EXPECT_EQ(desk.record.lines("Tray 1 打开录音设备失败").size(), 50U);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    desk.sound().repair();
+    EXPECT_EQ(desk.recorder->StartRecord(), 1);
+  }
+}
+
+TEST(Microphone, ADriverThatKeepsTheBuffersKeepsNobodyElse) {
+  // What it refuses, or does not come back from for 10 s. The destructor returns; the memory is not freed under it.
+  const struct {
+    const char* call;
+    bool refuses;
+  } cases[] = {{"waveInReset", true},  {"waveInClose", true},      {"waveInReset", false},
+               {"waveInClose", false}, {"waveInAddBuffer", false}, {"waveInUnprepareHeader", false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.call);
+    RecordDesk desk;
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(100ms);
+    c.refuses ? desk.sound().fail(c.call, 1) : desk.sound().stall(c.call, 10s);
+    desk.run(100ms);
+    EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+    const auto said = desk.sizes;
+    desk.run(2s);
+    desk.sound().repair();
+    desk.run(200s);
+    EXPECT_EQ(desk.sizes, said);
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+    desk.close();
+    if (c.refuses) desk.leftOpen = desk.machine.balance();
+    EXPECT_EQ(desk.machine.balance().handles, c.refuses ? 1U : 0U) << "the device";
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+  }
+  // The same while another client's thread is just starting or stopping.
+  for (const char* call : {"waveInGetDevCapsW", "waveInOpen", "waveInPrepareHeader", "waveInStart", "waveInStop"}) {
+    SCOPED_TRACE(call);
+    RecordDesk desk;
+    auto* recorder = desk.recorder.get();
+    desk.sound().stall(call, 10s);
+    auto client = desk.machine.spawn([&] {
+      recorder->StartRecord();
+      if (desk.recorder) recorder->StopRecord();
+    });
+    desk.run(100ms);
+    EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
+    desk.sound().repair();
+    client.join();
+    EXPECT_EQ(desk.sizes, std::vector<int>{});
+  }
+}
+
+TEST(Microphone, ACallbackThatIsKeptTooLongIsEndedWithItsThread) {
+  static DWORD time;
+  static bool finished;
+  for (const DWORD milliseconds : {1500U, 9000U}) {
+    RecordDesk desk;
+    time = milliseconds;
+    finished = false;
+    const auto slow = [](const char*, int, void*) {
+      os::Sleep(time);
+      finished = true;
+    };
+    desk.recorder->Init(reinterpret_cast<void*>(+slow), nullptr);
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(200ms);
+    EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+    EXPECT_EQ(finished, milliseconds < kBound);
+    EXPECT_EQ(desk.machine.forcedEnds(), milliseconds < kBound ? 0U : 1U);
+    desk.run(10ms);  // the device is closed by now
+    desk.close();
+    EXPECT_EQ(desk.machine.balance(), sim::Balance{});
+  }
+}
+
+TEST(Microphone, AnythingMayBeDoneInACallback) {
+  // Inside the first delivery of a recording, and inside the end mark of a stop on the client's thread.
+  static RecordDesk* desk;
+  static std::function<void()> action;
+  static DWORD client;
+  static bool atMark;
+  const auto act = [](const char* data, int byteCount, void*) {
+    RecordDesk::onData(data, byteCount, desk);
+    const bool mark = !data && os::GetCurrentThreadId() == client;
+    if (mark != atMark || !action) return;
+    EXPECT_LE(timeOf(*desk, std::exchange(action, nullptr)), 20);
+  };
+  const struct {
+    const char* name;
+    std::function<void()> action;
+    std::vector<int> after[2];  // what is delivered within 300 ms, the first buffer apart; after the stop's mark
+  } cases[] = {
+      {"stop", [] { EXPECT_EQ(desk->recorder->StopRecord(), 0U); }, {{0}, {}}},
+      {"start", [] { EXPECT_EQ(desk->recorder->StartRecord(), 1); }, {{4096}, {4096, 4096}}},
+      {"assign", [] { *desk->recorder = Recorder(); }, {{}, {}}},
+      {"destroy", [] { desk->recorder.reset(); }, {{}, {}}},
+  };
+  for (const auto& c : cases) {
+    for (const bool mark : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (mark ? " at the mark" : ""));
+      RecordDesk mine;
+      desk = &mine;
+      action = c.action;
+      client = os::GetCurrentThreadId();
+      atMark = mark;
+      mine.recorder->Init(reinterpret_cast<void*>(+act), nullptr);
+      ASSERT_EQ(mine.recorder->StartRecord(), 1);
+      std::vector<int> expected{4096};
+      if (mark) {
+        mine.recorder->StopRecord();
+        expected.assign(10, 0);
+      }
+      mine.run(300ms);
+      expected.insert(expected.end(), c.after[mark].begin(), c.after[mark].end());
+      EXPECT_EQ(mine.sizes, expected);
+      EXPECT_EQ(mine.machine.balance().threads, std::string(c.name) == "start" ? 1U : 0U);
+      mine.recorder.reset();
+      EXPECT_EQ(mine.machine.balance().sound, sim::SoundSystem::Open{});
+    }
+  }
+}
+
+TEST(Microphone, OneRecordingRecorderMayBeAssignedToAnotherInItsCallback) {
+  static Recorder* first;
+  static Recorder* second;
+  static int calls;
+  calls = 0;
+  RecordDesk desk;
+  Recorder other;
+  first = desk.recorder.get();
+  second = &other;
+  const auto assign = [](const char*, int, void*) {
+    if (++calls == 1) *first = *second;
+  };
+  other.Init(reinterpret_cast<void*>(&RecordDesk::onData), &desk);
+  first->Init(reinterpret_cast<void*>(+assign), nullptr);
+  ASSERT_EQ(first->StartRecord(), 1);
+  desk.run(60ms);
+  ASSERT_EQ(other.StartRecord(), 1);
+  desk.run(140ms);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(desk.machine.balance().threads, 1U) << "the first's recording has ended";
+  EXPECT_EQ(first->StopRecord(), 0U) << "stops the one that it shares now";
+  EXPECT_EQ(desk.sizes.front(), 4096);
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+// Clients at random, a driver that fails and stalls at random, and an end at any moment.
+void clientsAtRandom(std::uint64_t seed) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const bool coarse = seed % 4 == 0;
+  Desk desk({.seed = seed, .timerPeriod = std::chrono::microseconds(coarse ? 15'625 : 0)});
+  desk.machine.sound().microphones = {std::make_shared<sim::Microphone>(L"VoxMouse Tern")};
+  sim::Microphone& microphone = *desk.machine.sound().microphones[0];
+  microphone.returnsTwice = seed % 5 == 0;
+  microphone.late = std::chrono::milliseconds(seed % 7 == 0 ? 90 : 0);
+  std::vector<const char*> calls{"waveInOpen", "waveInPrepareHeader", "waveInAddBuffer", "waveInStart", "waveInStop"};
+  // Where these fail, what the driver has is never freed.
+  const bool givesUp = seed % 3 == 0;
+  if (givesUp) calls.insert(calls.end(), {"waveInReset", "waveInClose", "waveInUnprepareHeader"});
+  RecorderClients<Recorder>(desk, seed, kBound + (coarse ? 32 : 5),
+                            {[](Recorder& recorder) {
+                               Recorder copy(recorder);
+                               copy.StopRecord();
+                             },
+                             [](Recorder& recorder) {
+                               Recorder copy(recorder);
+                               copy.StartRecord();
+                             },
+                             [](Recorder& recorder) { recorder.SetPen_MeetMode(L"Meeting"); },
+                             [](Recorder& recorder) { recorder.StartThread(); }},
+                            calls)
+      .run();
+  desk.close();
+  if (givesUp) desk.leftOpen = desk.machine.balance();
+}
+
+TEST(Microphone, ClientsAtRandomAndAnEndAtAnyMoment) {
+  if (const char* one = std::getenv("VOXDEVICE_SEED")) return clientsAtRandom(std::strtoull(one, nullptr, 10));
+  for (std::uint64_t seed = 1; seed <= seeds(500) && !HasFailure(); ++seed) clientsAtRandom(seed);
 }
 
 TEST(SoundCard, IsFoundByItsNameAndRecorded) {

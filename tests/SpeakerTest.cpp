@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <numbers>
 #include <string>
@@ -11,6 +13,7 @@
 #include "audio/ConvertTo16kMono.h"
 #include "platform/os.h"
 #include "tests/Desk.h"
+#include "tests/RecorderClients.h"
 
 namespace {
 
@@ -30,8 +33,9 @@ std::vector<std::int16_t> tone(int rate, int channels, double seconds, double le
 }
 
 struct SpeakerDesk : Desk {
-  explicit SpeakerDesk(int rate = 48000, int channels = 2, bool isFloat = true, bool extensible = true)
-      : recorder(std::make_unique<CVoxSpeakerRecord>()) {
+  explicit SpeakerDesk(int rate = 48000, int channels = 2, bool isFloat = true, bool extensible = true,
+                       std::uint64_t seed = 0)
+      : Desk({.seed = seed}), recorder(std::make_unique<CVoxSpeakerRecord>()) {
     sound().hasSpeaker = true;
     sound().speaker.mixFormat = sim::mixFormat(rate, channels, isFloat, extensible);
     recorder->Init(reinterpret_cast<void*>(&onData), this);
@@ -299,6 +303,212 @@ TEST(Speaker, FailuresOfEveryStepLeaveOnlyTheDeviceOpen) {
     desk.recorder->StopRecord();
     EXPECT_EQ(desk.sizes, std::vector{0});
   }
+}
+
+// ---- How recordings end ----
+
+constexpr std::int64_t kBound = 2000;  // ms in which every destructor returns
+
+// Runs `action`, and returns how long it took, in milliseconds.
+template <class Action>
+std::int64_t timeOf(Desk& desk, Action action) {
+  const auto began = desk.milliseconds();
+  action();
+  return desk.milliseconds() - began;
+}
+
+TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {
+  SpeakerDesk desk;
+  desk.sound().speaker.plays = tone(48000, 2, 2);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(desk.start(), 1);
+    EXPECT_EQ(desk.recorder->StartRecord(), 0) << "it records already";
+    desk.run(55ms);
+    desk.sound().fail("IAudioCaptureClient::GetNextPacketSize", E_FAIL);
+    desk.run(50ms);
+    desk.sound().repair();
+  }
+  EXPECT_EQ(desk.sizes, std::vector<int>{}) << "no end mark for what has failed";
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(55ms);
+  desk.recorder->StopRecord();
+  EXPECT_EQ(desk.sizes, (std::vector{5 * 320, 0}));
+}
+
+TEST(Speaker, FailedThreadsAndEventsKeepNothing) {
+  for (const char* call : {"_beginthreadex", "CreateEventW"}) {
+    SpeakerDesk desk;
+    const auto before = desk.machine.balance();
+    desk.sound().fail(call, 1);
+    EXPECT_EQ(desk.start(), 0);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_EQ(desk.machine.balance(), (sim::Balance{.handles = before.handles, .sound = {.comReferences = 1}})) << call;
+    desk.sound().repair();
+    EXPECT_EQ(desk.start(), 1);
+  }
+}
+
+TEST(Speaker, AnEngineThatDoesNotComeBackKeepsNoDestructor) {
+  // While it captures, and while another client's thread is just starting or stopping.
+  for (const char* call : {"IAudioCaptureClient::GetNextPacketSize", "IAudioCaptureClient::GetBuffer",
+                           "IAudioCaptureClient::ReleaseBuffer", "IAudioClient::Initialize", "IAudioClient::Start",
+                           "IAudioClient::Stop"}) {
+    SCOPED_TRACE(call);
+    const bool captures = std::string(call).find("Capture") != std::string::npos;
+    SpeakerDesk desk;
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    auto* recorder = desk.recorder.get();
+    if (captures) {
+      ASSERT_EQ(desk.start(), 1);
+    }
+    desk.sound().stall(call, 10s);
+    auto client = desk.machine.spawn([&] {
+      if (captures) return;
+      recorder->StartRecord();
+      if (desk.recorder) recorder->StopRecord();
+    });
+    desk.run(100ms);
+    EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
+    desk.sound().repair();
+    client.join();
+    desk.run(20s);
+    EXPECT_EQ(desk.sizes, std::vector<int>{});
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+    desk.leftOpen.sound.comReferences = 1;
+  }
+  // A stop is kept no longer than three seconds.
+  SpeakerDesk desk;
+  desk.sound().speaker.plays = tone(48000, 2, 1);
+  ASSERT_EQ(desk.start(), 1);
+  desk.sound().stall("IAudioCaptureClient::GetBuffer", 10s);
+  desk.run(50ms);
+  EXPECT_LE(timeOf(desk, [&] { desk.recorder->StopRecord(); }), 3200);
+  EXPECT_EQ(desk.sizes, std::vector{0});
+  desk.run(10s);
+  EXPECT_EQ(desk.sizes, std::vector{0}) << "nothing after it has returned";
+}
+
+TEST(Speaker, ACallbackThatIsKeptTooLongIsEndedWithItsThread) {
+  static DWORD time;
+  static bool finished;
+  for (const DWORD milliseconds : {1500U, 9000U}) {
+    SpeakerDesk desk;
+    time = milliseconds;
+    finished = false;
+    const auto slow = [](const char*, int, void*) {
+      os::Sleep(time);
+      finished = true;
+    };
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    desk.recorder->Init(reinterpret_cast<void*>(+slow), nullptr);
+    ASSERT_EQ(desk.start(), 1);
+    desk.run(300ms);
+    EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+    EXPECT_EQ(finished, milliseconds < kBound);
+    EXPECT_EQ(desk.machine.forcedEnds(), milliseconds < kBound ? 0U : 1U);
+    desk.run(10ms);
+    // The apartment of a thread that was ended by force is what Windows takes back.
+    if (milliseconds > kBound) desk.leftOpen.sound.apartments = 1;
+  }
+}
+
+TEST(Speaker, AnythingMayBeDoneInACallback) {
+  // Inside the first delivery of a recording, and inside the end mark of a stop on the client's thread.
+  static SpeakerDesk* desk;
+  static std::function<void()> action;
+  static bool atMark;
+  const struct {
+    const char* name;
+    std::function<void()> action;
+    std::vector<int> after[2];  // what is delivered within 300 ms, the first block apart; after the stop's mark
+  } cases[] = {
+      {"stop", [] { EXPECT_EQ(desk->recorder->StopRecord(), 0U); }, {{0}, {}}},
+      {"start",
+       [] { EXPECT_EQ(desk->recorder->StartRecord(), 0) << "it records, or is just being stopped"; },
+       {{4160}, {}}},
+      {"assign", [] { *desk->recorder = CVoxSpeakerRecord(); }, {{}, {}}},
+      {"destroy", [] { desk->recorder.reset(); }, {{}, {}}},
+      {"stop and start",
+       [] {
+         desk->recorder->StopRecord();
+         EXPECT_EQ(desk->recorder->StartRecord(), atMark ? 0 : 1);
+       },
+       {{0, 4160}, {}}},
+  };
+  const auto act = [](const char* data, int byteCount, void*) {
+    SpeakerDesk::onData(data, byteCount, desk);
+    if (atMark != (data == nullptr) || !action) return;
+    EXPECT_LE(timeOf(*desk, std::exchange(action, nullptr)), 20);
+  };
+  for (const auto& c : cases) {
+    for (const bool mark : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (mark ? " at the mark" : ""));
+      SpeakerDesk mine;
+      desk = &mine;
+      action = c.action;
+      atMark = mark;
+      mine.sound().speaker.plays = tone(48000, 2, 1);
+      mine.recorder->Init(reinterpret_cast<void*>(+act), nullptr);
+      ASSERT_EQ(mine.start(), 1);
+      std::vector<int> expected{4160};
+      if (mark) {
+        mine.recorder->StopRecord();
+        expected = {320, 0};
+      }
+      mine.run(300ms);
+      mine.leftOpen.sound.comReferences = std::string(c.name) == "stop and start" && !mark ? 2 : 1;
+      expected.insert(expected.end(), c.after[mark].begin(), c.after[mark].end());
+      EXPECT_EQ(mine.sizes, expected);
+    }
+  }
+}
+
+TEST(Speaker, TwoThatRecordAtOnceSpoilNoMemory) {
+  for (std::uint64_t seed = 1; seed <= 10; ++seed) {
+    SpeakerDesk desk(192000, 2, true, true, seed);
+    desk.sound().speaker.plays = tone(192000, 2, 3);
+    desk.sound().speaker.packetFrames = 40000;
+    CVoxSpeakerRecord other;
+    other.Init(reinterpret_cast<void*>(&SpeakerDesk::onData), &desk);
+    ASSERT_EQ(desk.start(), 1);
+    ASSERT_EQ(other.StartRecord(), 1);
+    desk.leftOpen.sound.comReferences = 2;
+    desk.run(200ms);
+    desk.recorder->StopRecord();
+    other.StopRecord();
+    for (const int size : desk.sizes) EXPECT_LE(size, 8192);
+    EXPECT_GT(desk.heard.size(), 30000U);
+  }
+}
+
+// Clients at random, an engine that fails and stalls at random, and an end at any moment.
+void clientsAtRandom(std::uint64_t seed) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const bool coarse = seed % 4 == 0;
+  Desk desk({.seed = seed, .timerPeriod = std::chrono::microseconds(coarse ? 15'625 : 0)});
+  desk.machine.sound().hasSpeaker = true;
+  desk.machine.sound().speaker.mixFormat = sim::mixFormat(48000, 2, true, true);
+  desk.machine.sound().speaker.plays = tone(48000, 2, 1);
+  CEnvironmentMonitor::SetOsVersion(seed % 3 == 0 ? WindowsVersion_TimerCapture : WindowsVersion_Current);
+  RecorderClients<CVoxSpeakerRecord>(
+      desk, seed, kBound + (coarse ? 32 : 5), {[](CVoxSpeakerRecord& recorder) {
+        CVoxSpeakerRecord copy;
+        copy = recorder;
+        copy.StopRecord();
+      }},
+      {"CoCreateInstance", "IMMDevice::Activate", "IAudioClient::Initialize", "IAudioClient::SetEventHandle",
+       "IAudioClient::Start", "IAudioClient::Stop", "IAudioCaptureClient::GetNextPacketSize",
+       "IAudioCaptureClient::GetBuffer", "IAudioCaptureClient::ReleaseBuffer", "_beginthreadex"})
+      .run();
+  // The device of every start is deliberately never released; nothing else is left.
+  desk.leftOpen.sound.comReferences = desk.machine.balance().sound.comReferences;
+  for (sim::ComObject* object : desk.machine.sound().objects) EXPECT_TRUE(dynamic_cast<IMMDevice*>(object));
+}
+
+TEST(Speaker, ClientsAtRandomAndAnEndAtAnyMoment) {
+  if (const char* one = std::getenv("VOXDEVICE_SEED")) return clientsAtRandom(std::strtoull(one, nullptr, 10));
+  for (std::uint64_t seed = 1; seed <= seeds(500) && !HasFailure(); ++seed) clientsAtRandom(seed);
 }
 
 }  // namespace

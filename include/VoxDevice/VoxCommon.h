@@ -156,9 +156,9 @@ class VOXDEVICE_API CThread {
   ~CThread();
   // On the thread: waits for its next message. False when the thread is to end.
   static bool NextMessage(Message& message);
-  // Asks every thread that was started to end, and waits for them, two seconds at most; no other starts any more. Those
-  // that wait for messages end at once. On one of them: that one ends when it comes back from what it is doing.
-  void EndThreads() noexcept;
+  // Asks every thread that was started to end, and waits for them, so many milliseconds at most; no other starts any
+  // more. Those that wait for messages end at once. On one of them: that one ends when it comes back from what it does.
+  void EndThreads(unsigned milliseconds = 2000) noexcept;
   // The same as StartThread, for who may outlive the object: the thread runs its ThreadProc all the same, unless
   // EndThreads has been called. It owns `owned` until it has ended. Null: it could not be started.
   static std::shared_ptr<CWorker> Start(const std::shared_ptr<Threads>& threads, CThread* object,

@@ -37,8 +37,9 @@ class VOXDEVICE_API CVoxSpeakerRecord {
   int StartRecord();
   // Stops, waits for the last block and marks the end: always 0. Waits as long as the callbacks take, three seconds at
   // most for the engine. No callback runs for the recording when this has returned.
-  // In a callback of the recording it does not wait, and nothing more is delivered. When another thread is just
-  // stopping it, this waits for that, three seconds at most, and calls no callback.
+  // In a callback of another recording it waits three seconds at most. In one of this recording it does not wait, and
+  // nothing more is delivered. When another thread is just stopping it, this waits for that, three seconds at most, and
+  // calls no callback.
   unsigned int StopRecord();
 
  private:

@@ -10,6 +10,20 @@ constexpr DWORD kMoment = 100;  // ms for a thread that has nothing left to do
 
 }  // namespace
 
+// Of somebody who stops a recording. The time that the client takes does not count, unless it is a callback that stops:
+// that of another recording may be waiting for this one's.
+class CRecording::CPatience {
+ public:
+  bool IsOver(bool clientIsCalled) noexcept {
+    if (clientIsCalled && !onWorker_) deadline_ = CDeadline(kDriverPatience);
+    return deadline_.HasPassed() || CWorker::CurrentIsAsked();
+  }
+
+ private:
+  const bool onWorker_ = CWorker::CurrentStopEvent() != nullptr;
+  CDeadline deadline_{kDriverPatience};
+};
+
 bool CRecording::Claim() noexcept {
   if (ended_.exchange(true)) return false;
   ender_ = os::GetCurrentThreadId();
@@ -28,8 +42,9 @@ unsigned CRecording::Stop(const RecordedData& mark) {
   if (!Claim()) return AwaitOver() ? kStopped : kStopFailed;
   const bool own = thread->IsCurrent();
   unsigned result = StopSource();
-  if (result == kStopped && !own && !AwaitLast()) result = kStopFailed;
-  Silence();
+  CPatience patience;
+  if (result == kStopped && !own && !AwaitLast(patience)) result = kStopFailed;
+  Silence(patience);
   thread->Ask();
   if (!own) thread->AwaitEnd(CDeadline(kMoment));
   if (result == kStopped) result = Close();
@@ -38,23 +53,20 @@ unsigned CRecording::Stop(const RecordedData& mark) {
   return result;
 }
 
-// Waits until the thread has ended by itself and the driver keeps nothing. The time that the client takes does not
-// count.
-bool CRecording::AwaitLast() noexcept {
-  CDeadline deadline(kDriverPatience);
+// Waits until the thread has ended by itself and the driver keeps nothing.
+bool CRecording::AwaitLast(CPatience& patience) noexcept {
   for (bool ended = false; !(ended = thread->HasEnded(ended ? 0 : kLook)) || SourceKeeps();) {
-    if (delivering_ && !ended) deadline = CDeadline(kDriverPatience);
-    if (deadline.HasPassed()) return false;
+    if (patience.IsOver(delivering_ && !ended)) return false;
     if (ended) os::Sleep(kLook);
   }
   return true;
 }
 
 // Nothing is delivered any more when this returns, but what is being delivered by this very thread.
-void CRecording::Silence() noexcept {
+void CRecording::Silence(CPatience& patience) noexcept {
   silent_ = true;
   if (thread->IsCurrent()) return;
-  while (delivering_ && !thread->HasEnded()) os::Sleep(1);
+  while (delivering_ && !thread->HasEnded() && !patience.IsOver(true)) os::Sleep(1);
 }
 
 void CRecording::Deliver(const char* data, std::size_t byteCount) {

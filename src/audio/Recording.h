@@ -59,8 +59,9 @@ class CRecording {
   void Deliver(const char* data, std::size_t byteCount);
 
  private:
-  bool AwaitLast() noexcept;
-  void Silence() noexcept;
+  class CPatience;
+  bool AwaitLast(CPatience& patience) noexcept;
+  void Silence(CPatience& patience) noexcept;
 
   const std::shared_ptr<const RecordedData> callback_;
   std::atomic<bool> ended_{false};
@@ -105,8 +106,16 @@ class CRecorder {
   std::vector<DWORD> inside_;  // the threads of operations; under the lock
 };
 
-// An operation of the client's that is inside. In a callback its thread is not ended by force meanwhile. The object's
-// destructor waits for those of other threads.
+// While one lives, its thread, on which the client may be in a callback, is not ended by force: what it refers to does
+// not get lost.
+struct CNotCutOff {
+  CNotCutOff() noexcept { CHeldLock::Begin(); }
+  ~CNotCutOff() { CHeldLock::End(); }
+  CNotCutOff(const CNotCutOff&) = delete;
+  CNotCutOff& operator=(const CNotCutOff&) = delete;
+};
+
+// An operation of the client's that is inside. The object's destructor waits for those of other threads.
 template <class Recorder>
 class RecorderOperation {
  public:
@@ -117,10 +126,6 @@ class RecorderOperation {
   Recorder* operator->() const noexcept { return recorder_.get(); }
 
  private:
-  struct Held {
-    Held() noexcept { CHeldLock::Begin(); }
-    ~Held() { CHeldLock::End(); }
-  };
-  const Held held_;  // first: the reference below must not get lost
+  const CNotCutOff whole_;
   const std::shared_ptr<Recorder> recorder_;
 };

@@ -128,6 +128,7 @@ class CVoxRecord::Recording final : public CRecording {
   }
   bool Queue() noexcept {
     const CAutoLock lock(lock_);
+    if (!device_) return false;
     for (std::size_t i = 0; i < kBuffers; ++i) {
       if (os::waveInPrepareHeader(device_, &Header(i), sizeof(WAVEHDR)) != MMSYSERR_NOERROR || !Queue(i)) return false;
     }
@@ -135,6 +136,7 @@ class CVoxRecord::Recording final : public CRecording {
   }
   void Unprepare() noexcept {
     const CAutoLock lock(lock_);
+    if (!device_) return;
     for (WAVEHDR& header : buffers_->headers) os::waveInUnprepareHeader(device_, &header, sizeof header);
   }
   unsigned StartGetRecordData() noexcept {
@@ -175,9 +177,10 @@ class CVoxRecord::Recording final : public CRecording {
 };
 
 // What stands behind a CVoxRecord.
-struct CVoxRecord::Recorder final : CRecorder {
+struct CVoxRecord::Recorder final : CRecorder, std::enable_shared_from_this<Recorder> {
   Recorder(CThread* owner, std::shared_ptr<Threads> its) : object(owner), threads(std::move(its)) {}
 
+  void CopyFrom(const std::shared_ptr<Recorder>& other);
   Choice ChooseDevice();
   unsigned FindDevice(int& index);
   unsigned OpenDevice(int index, std::shared_ptr<Recording>& opened);
@@ -199,31 +202,41 @@ CVoxRecord::CVoxRecord() : m_pRecorder(std::make_shared<Recorder>(this, threads_
 CVoxRecord::~CVoxRecord() {
   const RecorderOperation inside(m_pRecorder);
   inside->callback->Set(nullptr, nullptr);
-  inside->Close(CDeadline(CWorker::kPatience));
-  EndThreads();
+  const CDeadline deadline(CWorker::kPatience);
+  inside->Close(deadline);
+  EndThreads(deadline.Left());
 }
 
-CVoxRecord::CVoxRecord(const CVoxRecord& other) : CVoxRecord() { *this = other; }
+// The original may go while it is copied: a reference to what stands behind it is taken first.
+CVoxRecord::CVoxRecord(const CVoxRecord& other) : CVoxRecord(other.m_pRecorder) {}
+
+CVoxRecord::CVoxRecord(std::shared_ptr<Recorder> original) : CVoxRecord() { m_pRecorder->CopyFrom(original); }
 
 CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) {
-  const RecorderOperation from(other.m_pRecorder);
-  const RecorderOperation to(m_pRecorder);
-  if (&other == this) return *this;
-  bool penMeetMode = false;
-  std::wstring penMeetDevice;
-  {
-    const CAutoLock lock(from->lock);
-    penMeetMode = from->penMeetMode;
-    penMeetDevice = from->penMeetDevice;
-  }
-  {
-    const CAutoLock lock(to->lock);
-    to->penMeetMode = penMeetMode;
-    to->penMeetDevice.swap(penMeetDevice);
-  }
-  *to->callback = *from->callback;
-  to->ShareRecordingOf(*from.operator->());
+  const CNotCutOff whole;
+  const auto from = other.m_pRecorder;
+  const auto to = m_pRecorder;
+  if (from != to) to->CopyFrom(from);
   return *this;
+}
+
+void CVoxRecord::Recorder::CopyFrom(const std::shared_ptr<Recorder>& other) {
+  bool meets = false;
+  std::wstring device;
+  const RecorderOperation from(other);
+  const RecorderOperation to(shared_from_this());
+  {
+    const CAutoLock guard(from->lock);
+    meets = from->penMeetMode;
+    device = from->penMeetDevice;
+  }
+  {
+    const CAutoLock guard(lock);
+    penMeetMode = meets;
+    penMeetDevice.swap(device);
+  }
+  *callback = *from->callback;
+  ShareRecordingOf(*other);
 }
 
 void CVoxRecord::Init(void* dataCallback, void* context) {

@@ -97,11 +97,14 @@ CVoxSpeakerRecord::~CVoxSpeakerRecord() {
 }
 
 CVoxSpeakerRecord& CVoxSpeakerRecord::operator=(const CVoxSpeakerRecord& other) {
-  const RecorderOperation from(other.m_pRecorder);
-  const RecorderOperation to(m_pRecorder);
-  if (&other == this) return *this;
-  *to->callback = *from->callback;
-  to->ShareRecordingOf(*from.operator->());
+  const CNotCutOff whole;  // first, as either object may go meanwhile: references to what stands behind them
+  const auto theirs = other.m_pRecorder;
+  const auto mine = m_pRecorder;
+  if (theirs == mine) return *this;
+  const RecorderOperation from(theirs);
+  const RecorderOperation to(mine);
+  *mine->callback = *theirs->callback;
+  mine->ShareRecordingOf(*theirs);
   return *this;
 }
 

@@ -87,8 +87,8 @@ void* CThread::Owned() const noexcept {
   return mine != threads_->started.end() ? (*mine)->owned : nullptr;
 }
 
-void CThread::EndThreads() noexcept {
-  const CDeadline deadline(CWorker::kPatience);
+void CThread::EndThreads(unsigned milliseconds) noexcept {
+  const CDeadline deadline(milliseconds);
   std::vector<std::shared_ptr<Threads::Thread>> ending;
   {
     const CAutoLock lock(threads_->lock);

@@ -1,0 +1,132 @@
+// Clients of a recorder at random: threads that call anything on objects that they share, copy, assign and destroy.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/Desk.h"
+
+template <class Recorder>
+class RecorderClients {
+ public:
+  using Operation = std::function<void(Recorder&)>;
+
+  // more: operations that only this kind of recorder has. calls: of its driver, which fail and stall at random.
+  RecorderClients(Desk& desk, std::uint64_t seed, std::int64_t bound, std::vector<Operation> more,
+                  std::vector<const char*> calls)
+      : desk_(desk), random_(seed), bound_(bound), more_(std::move(more)), calls_(std::move(calls)) {}
+
+  // Returns when every object has gone and whatever a driver has kept has come back.
+  void run() {
+    current() = this;
+    for (auto& object : objects_) create(object);
+    std::vector<sim::Machine::Spawned> clients;
+    for (std::uint64_t i = 0, count = 2 + below(2); i < count; ++i) {
+      clients.push_back(desk_.machine.spawn([this] {
+        for (int n = 0; n < 12; ++n) {
+          desk_.run(std::chrono::milliseconds(below(250)));
+          act();
+        }
+      }));
+    }
+    for (int n = 0; n < 4; ++n) {
+      desk_.run(std::chrono::milliseconds(below(700)));
+      const char* call = calls_[below(calls_.size())];
+      switch (below(4)) {
+        case 0:
+          desk_.machine.sound().fail(call, -1, static_cast<int>(below(4)));
+          break;
+        case 1:
+          desk_.machine.sound().stall(call, std::chrono::milliseconds(below(5000)));
+          break;
+        default:
+          desk_.machine.sound().repair();
+      }
+    }
+    if (below(2) == 0) {
+      for (auto& client : clients) client.join();
+    }
+    for (auto& object : objects_) destroy(object);
+    ended_ = true;
+    for (auto& client : clients) client.join();
+    for (auto& object : objects_) destroy(object);
+    const auto said = deliveries_;
+    desk_.machine.sound().repair();
+    desk_.run(30s);
+    EXPECT_EQ(deliveries_, said) << "nothing is delivered any more";
+    EXPECT_EQ(desk_.machine.balance().threads, 0U) << desk_.machine.waiting();
+    EXPECT_EQ(desk_.machine.forcedEnds(), 0U);
+  }
+
+ private:
+  static RecorderClients*& current() {
+    static RecorderClients* clients;
+    return clients;
+  }
+  static void onData(const char* data, int byteCount, void*) {
+    RecorderClients& self = *current();
+    ++self.deliveries_;
+    unsigned sum = 0;
+    for (int i = 0; data && i < byteCount; ++i) sum += static_cast<unsigned char>(data[i]);
+    self.sum_ += sum;
+    const auto choice = self.below(24);
+    if (choice == 0) self.act();
+    if (choice == 1) desk(self).run(std::chrono::milliseconds(self.below(300)));
+  }
+  static Desk& desk(RecorderClients& self) { return self.desk_; }
+  std::uint64_t below(std::uint64_t limit) { return random_() % limit; }
+
+  void create(std::unique_ptr<Recorder>& object) {
+    auto made = std::make_unique<Recorder>();
+    made->Init(reinterpret_cast<void*>(&onData), nullptr);
+    if (!object && !ended_) object = std::move(made);
+  }
+  void destroy(std::unique_ptr<Recorder>& object) {
+    auto going = std::move(object);  // who looks at it now finds none
+    const auto began = desk_.milliseconds();
+    going.reset();
+    EXPECT_LE(desk_.milliseconds() - began, bound_);
+  }
+  void act() {
+    auto& object = objects_[below(objects_.size())];
+    Recorder* recorder = object.get();
+    if (!recorder) return create(object);
+    Recorder* other = objects_[below(objects_.size())].get();
+    switch (below(12)) {
+      case 0:
+        recorder->Init(reinterpret_cast<void*>(&onData), nullptr);
+        break;
+      case 1:
+        destroy(object);
+        break;
+      case 2:
+        if (other) *recorder = *other;
+        break;
+      case 3:
+      case 4:
+        more_[below(more_.size())](*recorder);
+        break;
+      case 5:
+      case 6:
+      case 7:
+        recorder->StopRecord();
+        break;
+      default:
+        recorder->StartRecord();
+    }
+  }
+
+  Desk& desk_;
+  std::mt19937_64 random_;
+  const std::int64_t bound_;
+  const std::vector<Operation> more_;
+  const std::vector<const char*> calls_;
+  std::array<std::unique_ptr<Recorder>, 3> objects_;
+  bool ended_ = false;
+  std::uint64_t deliveries_ = 0;
+  std::uint64_t sum_ = 0;  // of what has been read: it must be there
+};
