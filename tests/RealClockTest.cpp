@@ -105,7 +105,7 @@ TEST(RealClock, RecordsMicrophoneAndSpeakerAtOnce) {
     sound.speaker.mixFormat = sim::mixFormat(48000, 2, true, true);
     sound.speaker.plays.assign(96000, 1000);
   });
-  desk.leftOpen = {.handles = 1, .sound = {.comReferences = 3}};
+  desk.leftOpen = {.sound = {.comReferences = 3}};
   static std::atomic<int> bytes;
   bytes = 0;
   const CVoxRecord::DataCallback callback = [](const char*, int count, void*) { bytes += count; };
