@@ -461,8 +461,8 @@ std::string Kernel::waiting() const {
 }
 
 void Kernel::stuck(const char* why) {
-  std::fprintf(stderr, "sim: the machine is stuck at %lld ms: %s\n%s", static_cast<long long>(now().count() / 1000), why,
-               waiting().c_str());
+  std::fprintf(stderr, "sim: the machine is stuck at %lld ms: %s\n%s", static_cast<long long>(now().count() / 1000),
+               why, waiting().c_str());
   std::abort();
 }
 

@@ -3,30 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "platform/os.h"
 #include "tests/Desk.h"
+#include "tests/RandomClients.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-constexpr std::int64_t kBound = 2000;  // ms in which everything ends
-
-// Runs `action`, and returns how long it took, in milliseconds.
-std::int64_t timeOf(Desk& desk, const std::function<void()>& action) {
-  const auto begin = desk.milliseconds();
-  action();
-  return desk.milliseconds() - begin;
-}
-
-void* slot(void (*function)(int, int, void*)) { return reinterpret_cast<void*>(function); }
 
 // ---- While other threads are inside ----
 
@@ -379,145 +367,10 @@ TEST(Ends, AShortPacketReachesTheCodecFilledWithSilence) {
   EXPECT_EQ(seen, expected);
 }
 
-// ---- Clients at random ----
-
-// What a client thread may do at any moment; every operation of the hub's.
-using Operation = std::function<void(CAudioHidCenter&, std::mt19937_64&)>;
-int anyDevice(std::mt19937_64& random) { return static_cast<int>(random() % 5) - 1; }
-const Operation kOperations[] = {
-    [](auto& hub, auto& random) { hub.SetDpi(anyDevice(random), 800); },
-    [](auto& hub, auto& random) { hub.GetMouseState(anyDevice(random)); },
-    [](auto& hub, auto& random) { hub.GetDongleState(anyDevice(random)); },
-    [](auto& hub, auto& random) {
-      unsigned char url[] = "vox.example/a";
-      hub.SetDownloadURL(anyDevice(random), url, 13);
-    },
-    [](auto& hub, auto& random) { hub.getMKeyTypeList_Key1(anyDevice(random)); },
-    [](auto& hub, auto& random) { hub.setMKeyType_Key1(anyDevice(random), static_cast<MouseMKeyType>(random() % 5)); },
-    [](auto& hub, auto& random) { hub.setMKeyType_Key2(anyDevice(random), MouseMKeyType_Screenshot); },
-    [](auto& hub, auto& random) { hub.ChooseWorkHidDevice(anyDevice(random)); },
-    [](auto& hub, auto&) { hub.OpenHidRecord(); },
-    [](auto& hub, auto&) { hub.CloseHidRecord(); },
-    [](auto& hub, auto& random) {
-      hub.StartOTA(anyDevice(random), static_cast<FwUpdateType>(random() % 4 + 1), "/nowhere", "");
-    },
-    [](auto& hub, auto&) {
-      std::vector<int> numbers;
-      std::vector<std::wstring> names;
-      hub.GetValidHidList(numbers, names);
-      EXPECT_EQ(numbers.size(), names.size());
-    },
-    [](auto& hub, auto& random) { hub.GetHidMouseType(anyDevice(random)); },
-    [](auto& hub, auto&) { hub.RecordDeviceIsHidDevice(L"Microphone (VoxMouse Wren)"); },
-    [](auto& hub, auto&) { hub.GetButtonState_Left(), hub.LeftKeyDown_Up(), hub.WorkHidIsWren(), hub.IsConnect(); },
-    [](auto& hub, auto& random) {
-      CAudioHidCenter copy(hub);
-      if (random() % 2 == 0) copy = hub;
-      copy.GetMouseState(-1);
-    },
-    [](auto& hub, auto&) { hub.SetCallback_DpiSet(nullptr, nullptr); },
-};
-const Operation kStops[] = {
-    [](auto& hub, auto&) { hub.CloseDevice(); },
-    [](auto& hub, auto&) { hub.Release(); },
-    [](auto& hub, auto&) { hub.OpenDevice(nullptr, nullptr); },
-    [](auto& hub, auto&) { hub.ThreadIsClosed(); },
-};
-// The most that one may take, in ms: two seconds for what writes, and what is said of those that wait for each device.
-constexpr std::int64_t kLongest = 3 * 3500;
-
-// Clients on threads of their own, devices that come and go and misbehave, and an end at any moment.
-void clientsAtRandom(std::uint64_t seed) {
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937_64 random(seed);
-  static std::mt19937_64* shared;
-  static Desk* desk;
-  const bool coarse = seed % 4 == 0;
-  const std::int64_t bound = kBound + (coarse ? 32 : 0);
-  Desk mine({.seed = seed, .timerPeriod = std::chrono::microseconds(coarse ? 15'625 : 0)});
-  desk = &mine;
-  shared = &random;
-  const auto within = [&](std::uint64_t milliseconds) { return std::chrono::milliseconds(random() % milliseconds); };
-
-  static const char* const models[] = {"Wren", "Tern", "Swift", "Heron Plus", "Finch"};
-  std::vector<std::shared_ptr<sim::VirtualMouse>> devices;
-  for (std::uint64_t i = 0, count = 1 + random() % 3; i < count; ++i) {
-    const char* model = models[random() % 5];
-    const bool usb = std::string(model) != "Finch" && random() % 2 == 0;
-    devices.push_back(mine.make(model, usb ? sim::Link::usb : sim::Link::bluetooth));
-    if (random() % 3 == 0) devices.back()->faults.writeTime = within(40);
-    mine.machine.plug(devices.back());
-  }
-  // Clients act inside callbacks, too.
-  mine.hub->SetCallback_PowerReport(slot([](int, int, void*) {
-                                      if (!desk->hub) return;
-                                      auto& pick = *shared;
-                                      const auto choice = pick() % 24;
-                                      if (choice < std::size(kOperations)) kOperations[choice](*desk->hub, pick);
-                                      if (choice == 23) kStops[pick() % 3](*desk->hub, pick);
-                                    }),
-                                    nullptr);
-  mine.open();
-
-  std::vector<sim::Machine::Spawned> clients;
-  for (std::uint64_t i = 0, count = 2 + random() % 2; i < count; ++i) {
-    clients.push_back(mine.machine.spawn([&] {
-      for (int n = 0; n < 10; ++n) {
-        mine.run(within(700));
-        CAudioHidCenter* hub = mine.hub.get();
-        if (!hub) return;
-        const bool stops = random() % 16 == 0;
-        const Operation& operation = stops ? kStops[random() % 4] : kOperations[random() % std::size(kOperations)];
-        EXPECT_LE(timeOf(mine, [&] { operation(*hub, random); }), stops ? bound : kLongest);
-      }
-    }));
-  }
-  for (int n = 0; n < 6; ++n) {
-    mine.run(within(900));
-    const auto& device = devices[random() % devices.size()];
-    switch (random() % 8) {
-      case 0:
-        device->plugged() ? mine.machine.unplug(device) : mine.machine.plug(device);
-        break;
-      case 1:
-        mine.machine.unplug(device);
-        mine.machine.plug(device);
-        break;
-      case 2:
-        device->faults.writeTime = 5s;
-        device->faults.ignoreCancel = random() % 2 == 0;
-        break;
-      case 3:
-        device->answer(0, {.silent = true, .times = 3});
-        break;
-      case 4:
-        device->sleep(random() % 2 == 0);
-        break;
-      default:
-        device->reportPower(1);
-        break;
-    }
-  }
-  const auto end = random() % 4;
-  const auto stop = [&](auto&& action) { EXPECT_LE(timeOf(mine, action), bound) << "end " << end; };
-  if (end == 0) stop([&] { mine.hub->CloseDevice(); });
-  if (end <= 1) stop([&] { mine.hub->Release(); });
-  stop([&] {
-    // The pointer first: who looks at it now finds no hub.
-    const auto hub = std::move(mine.hub);
-  });
-  mine.record.clear();
-  for (auto& client : clients) client.join();
-  for (const auto& device : devices) mine.machine.unplug(device);
-  mine.run(6s);  // what drivers have kept has come back
-  EXPECT_EQ(mine.record.lines(), Lines{}) << "nobody is told any more";
-  EXPECT_EQ(mine.machine.balance().threads, 0U) << mine.machine.waiting();
-  EXPECT_EQ(mine.machine.forcedEnds(), 0U);
-}
-
 TEST(Ends, ClientsAtRandomAndAnEndAtAnyMoment) {
-  if (const char* one = std::getenv("VOXDEVICE_SEED")) return clientsAtRandom(std::strtoull(one, nullptr, 10));
-  for (std::uint64_t seed = 1; seed <= seeds(2000) && !HasFailure(); ++seed) clientsAtRandom(seed);
+  for (std::uint64_t seed = 1; seed <= seeds(2000) && !HasFailure(); ++seed) {
+    clientsAtRandom(seed, sim::Clock::virtualTime);
+  }
 }
 
 }  // namespace

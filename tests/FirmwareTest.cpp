@@ -627,9 +627,9 @@ TEST(Firmware, UpdatesAndRetriesAtRandomEndWithTheLastOne) {
                                       }),
                                       nullptr);
     behave(false);
-    std::vector<sim::Machine::Spawned> clients;
-    for (int client = 0; client < 2; ++client) {
-      clients.push_back(mine.machine.spawn([&] {
+    std::vector<sim::Machine::Spawned> clients(2);
+    for (auto& spawned : clients) {
+      spawned = (mine.machine.spawn([&] {
         for (int n = 0; n < 3; ++n) {
           if (!mine.hub) return;
           mine.start(static_cast<FwUpdateType>(random() % 3 + 1), file, file);

@@ -1,6 +1,8 @@
 // Older hardware: what is plugged in, its keys, and the working mode that follows it.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
@@ -11,6 +13,7 @@
 #include "platform/os.h"
 #include "sim/Text.h"
 #include "sim/devices/Legacy.h"
+#include "support/Worker.h"
 #include "tests/Desk.h"
 
 namespace {
@@ -187,8 +190,7 @@ TEST(UsbKeys, ArePolledEvery13MillisecondsWhileChecking) {
   EXPECT_EQ(desk.keys(), "L-");
   const auto waits = desk.machine.waits();
   desk.run(1300ms);
-  // A cycle waits twice; the rescan of HID devices looks every 30 ms.
-  EXPECT_NEAR(static_cast<double>(desk.machine.waits() - waits), 200 + 43, 3);
+  EXPECT_NEAR(static_cast<double>(desk.machine.waits() - waits), 200, 3) << "a cycle waits twice";
   usb->press(kF19, false);
   desk.run(14ms);
   EXPECT_EQ(desk.keys(), "--");
@@ -234,7 +236,7 @@ TEST(UsbKeys, PollingAllocatesNothing) {
       for (;;) {
         os::WaitForSingleObject(never, 10);
         for (const int key : {kXButton1, kF19, kXButton2, kF20}) os::GetAsyncKeyState(key);
-        os::Sleep(3);
+        os::WaitForSingleObject(never, 3);
       }
     });
     machines = inHundredSeconds(machine);
@@ -398,7 +400,8 @@ TEST(LegacyHid, AStartIsNeverLost) {
     desk.mouse->StopCheck();
     desk.run(100ms);
     desk.mouse.reset();
-    const std::size_t files = desk.machine.balance().handles - 2;  // the hub's lock, the poller's event
+    desk.close();
+    const std::size_t files = desk.machine.balance().handles - 1;  // the poller's event
     EXPECT_TRUE(files == 1 || files == 2) << files << " files of released devices";
     desk.leftOpen.handles = files + 1;
   }
@@ -412,7 +415,6 @@ TEST(LegacyHid, EndsCleanlyAtAnyMoment) {
     Desk desk({.seed = seed});
     auto mouse = std::make_unique<sim::LegacyDevice>(desk.machine, LegacyKind::hidMouse);
     auto lark = std::make_unique<sim::LegacyDevice>(desk.machine, LegacyKind::voiceKeyboard);
-    std::size_t files = 0;  // of released devices
     {
       CFormerMouse former;
       CFormerLaserPen pen;
@@ -453,9 +455,9 @@ TEST(LegacyHid, EndsCleanlyAtAnyMoment) {
       }
     }
     EXPECT_EQ(desk.machine.balance().threads, 0U);
-    files = desk.machine.balance().handles - 2;  // the hub's lock, the poller's event
-    EXPECT_LE(files, 4U);
-    desk.leftOpen.handles = files + 1;
+    desk.close();
+    desk.leftOpen.handles = desk.machine.balance().handles;
+    EXPECT_LE(desk.leftOpen.handles, 5U) << "the poller's event, files of released devices";
   }
 }
 
@@ -542,6 +544,464 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
   desk.run(60ms);
   usb->plug();
   EXPECT_EQ(happens(20s), Lines{});
+}
+
+// A client that does something inside its messages.
+struct BusyClient : Record {
+  void Log(const wchar_t* text, LogType type) override {
+    Record::Log(text, type);
+    tell("Log");
+  }
+  void DebugLog(const wchar_t* text, LogType type) override {
+    Record::DebugLog(text, type);
+    tell("DebugLog");
+  }
+  void MainWndWork(UserWorkType work) override {
+    Record::MainWndWork(work);
+    tell("MainWndWork");
+  }
+  void Tray(const wchar_t* text, VoxTrayParams parameters) override {
+    Record::Tray(text, parameters);
+    tell("Tray");
+  }
+  void MainMenu(MainMenuType menu) override {
+    Record::MainMenu(menu);
+    tell("MainMenu");
+  }
+  void PostMainMenu(MainMenuType menu) override {
+    Record::PostMainMenu(menu);
+    tell("PostMainMenu");
+  }
+  void tell(const std::string& message) {
+    if (inMessage) inMessage(message);
+  }
+  std::function<void(const std::string&)> inMessage;
+};
+
+// A desk with a busy client and a voice keyboard, and without a facade until the test makes one.
+struct BusyDesk : LegacyDesk {
+  explicit BusyDesk(std::uint64_t seed = 0) : LegacyDesk(seed) {
+    VoxMessage::SetSink(&client);
+    lark->plug();
+  }
+  ~BusyDesk() { mouse.reset(); }
+  template <class Call>
+  std::int64_t duration(Call call) {
+    const std::int64_t before = milliseconds();
+    call();
+    return milliseconds() - before;
+  }
+  std::size_t threads() { return machine.balance().threads; }
+  // Whether a key of the device is seen.
+  bool reads(sim::LegacyDevice& device) {
+    run(20ms);
+    device.hid()->key(0x11);
+    run(15ms);
+    const bool down = mouse->GetKey_M_R() == ButtonDown;
+    device.hid()->key(0x00);
+    run(15ms);
+    return down;
+  }
+
+  BusyClient client;
+  std::unique_ptr<sim::LegacyDevice> lark = device(LegacyKind::voiceKeyboard);
+};
+
+TEST(LegacyThreads, AreReleasedInsideTheirOwnMessages) {
+  const Lines log{"Log 23 检测到 语音键盘 导航键按下，打开VoxMouse导航"};
+  const Lines menu{log[0], "MainMenu 8"};
+  const Lines tray{"Tray 1 语音键盘电量低，请充电"};
+  const struct {
+    const char* message;
+    std::uint8_t key;
+    const Lines& told;
+  } cases[] = {{"Log", 0x41, log}, {"MainMenu", 0x41, menu}, {"Tray", 0x65, tray}};
+  for (const auto& c : cases) {
+    for (const bool destroys : {false, true}) {
+      SCOPED_TRACE(c.message);
+      BusyDesk desk;
+      std::optional<CFormerMouse_Hid> hid(std::in_place);
+      hid->StartCheck();
+      desk.run(20ms);
+      std::int64_t took = -1;
+      desk.client.inMessage = [&](const std::string& message) {
+        if (message == c.message) took = desk.duration([&] { destroys ? hid.reset() : hid->Release(); });
+      };
+      desk.lark->hid()->key(c.key);
+      desk.run(50ms);
+      EXPECT_EQ(desk.client.lines(), c.told) << "and nothing more";
+      EXPECT_TRUE(took >= 0 && took < 50) << took;
+      EXPECT_EQ(desk.threads(), 1U) << "the facade's poller";
+      if (!destroys) {
+        EXPECT_TRUE(hid->ThreadIsClosed());
+        hid->StartCheck();
+        desk.run(20ms);
+        desk.lark->hid()->key(0x21);
+        desk.run(5ms);
+        EXPECT_EQ(hid->GetKey_M_L(), ButtonDown);
+        hid->Release();
+      }
+      desk.leftOpen.handles += destroys ? 1 : 2;
+    }
+  }
+}
+
+TEST(LegacyThreads, AStopInsideAMessageOfThePollersLeavesNoKeyDown) {
+  BusyDesk desk;
+  CPreferences::Instance()->SetVoiceClickTimes(2);
+  desk.mouse.emplace();
+  desk.leftOpen.handles += 1;
+  desk.mouse->StartCheck();
+  desk.run(120ms);
+  desk.client.inMessage = [&](const std::string& message) {
+    if (message == "PostMainMenu") desk.mouse->StopCheck();
+  };
+  desk.peripherals().keyboard.press(kF20);
+  for (int i = 0; i < 2; ++i) {
+    desk.peripherals().keyboard.press(kF19);
+    desk.run(50ms);
+    EXPECT_EQ(desk.keys(), "LR");
+    desk.peripherals().keyboard.release(kF19);
+    desk.run(50ms);
+  }
+  EXPECT_EQ(desk.client.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
+  EXPECT_EQ(desk.keys(), "--");
+  EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickNone);
+  desk.leftOpen.handles += 1;
+}
+
+TEST(LegacyThreads, TwoMessagesThatReleaseEachOthersThreadsBothReturn) {
+  BusyDesk desk;
+  auto second = desk.device(LegacyKind::voiceKeyboard, "second");
+  second->plug();
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  Lines took;
+  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string&) {
+    desk.run(10ms);
+    took.push_back(std::to_string(desk.duration([&] { mouse->Release(); })));
+  };
+  desk.lark->hid()->key(0x65);
+  second->hid()->key(0x65);
+  desk.run(1ms);
+  EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 120);
+  EXPECT_EQ(took, (Lines{"100", "100"}));
+  EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  desk.leftOpen.handles += 2;
+}
+
+TEST(LegacyThreads, StartRightAfterTheyWereStopped) {
+  using Stop = void (*)(CFormerMouse&);
+  const Stop stops[] = {[](CFormerMouse& mouse) { mouse.StopCheck(); },
+                        [](CFormerMouse& mouse) { mouse.CloseThread(); }, [](CFormerMouse& mouse) { mouse.Release(); }};
+  for (const Stop stop : stops) {
+    BusyDesk desk;
+    auto ql = desk.device(LegacyKind::usbMouseQl);
+    ql->plug();
+    desk.mouse->Init();
+    desk.mouse->StartCheck();
+    EXPECT_TRUE(desk.reads(*desk.lark));
+    stop(*desk.mouse);
+    desk.mouse->Init();
+    desk.mouse->StartCheck();
+    EXPECT_FALSE(desk.mouse->ThreadIsClosed());
+    EXPECT_TRUE(desk.reads(*desk.lark));
+    EXPECT_EQ(desk.mouse->IsConnect(), 0);
+    desk.run(4s);
+    EXPECT_EQ(desk.mouse->IsConnect(), -1) << "the variant was looked for";
+    desk.leftOpen.handles += 2;
+  }
+  for (const bool release : {false, true}) {
+    BusyDesk desk;
+    CFormerLaserPen keys;
+    CSoftModeSwitch modes;
+    auto pen = desk.device(LegacyKind::laserPen);
+    pen->plug();
+    const auto start = [&] { modes.StartCheck(nullptr, nullptr, &*desk.mouse, desk.hub.get(), &keys); };
+    start();
+    desk.run(1s);
+    release ? modes.Release() : modes.StopCheck();
+    start();
+    desk.run(7940ms);
+    EXPECT_EQ(desk.client.lines("MainWndWork"), Lines{});
+    desk.run(20ms);
+    EXPECT_EQ(desk.client.lines("MainWndWork"), Lines{"MainWndWork 2"});
+  }
+}
+
+TEST(LegacyThreads, EndWithin50MillisecondsFromWhereverTheyWait) {
+  for (int moment = 0; moment < 120; moment += 7) {
+    BusyDesk desk;
+    CFormerLaserPen keys;
+    CSoftModeSwitch modes;
+    desk.mouse->Init();
+    desk.mouse->StartCheck();
+    modes.StartCheck(nullptr, nullptr, &*desk.mouse, desk.hub.get(), &keys);
+    desk.run(std::chrono::milliseconds(200 + moment));
+    EXPECT_EQ(desk.threads(), 5U) << "poller, rescan, reader, variant, switch";
+    desk.mouse->StopCheck();
+    desk.run(std::chrono::milliseconds(moment));
+    desk.mouse->CloseThread();
+    modes.StopCheck();
+    desk.run(50ms);
+    EXPECT_TRUE(desk.mouse->ThreadIsClosed());
+    EXPECT_EQ(desk.threads(), 0U);
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+    desk.leftOpen.handles += 1;
+  }
+}
+
+TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
+  BusyDesk desk;
+  desk.mouse->Release();  // the poller
+  std::optional<CFormerMouse_Usb> usb(std::in_place);
+  CFormerMouse_Usb other;
+  std::optional<CFormerMouse_Usb> copy(*usb);
+  EXPECT_EQ(desk.threads(), 2U);
+  other = *copy;
+  EXPECT_EQ(desk.threads(), 1U) << "the last of its copies was assigned to";
+  usb->StartCheck();
+  EXPECT_TRUE(other.IsChecking());
+  desk.peripherals().keyboard.press(kF19);
+  desk.run(150ms);
+  EXPECT_EQ(other.GetKey_M_L(), ButtonDown);
+  usb.reset();
+  copy->StopCheck();
+  EXPECT_EQ(other.GetKey_M_L(), ButtonUp);
+  other.StartCheck();
+  desk.run(150ms);
+  EXPECT_EQ(copy->GetKey_M_L(), ButtonDown);
+  copy.reset();
+  EXPECT_FALSE(other.ThreadIsClosed());
+  other.Release();
+  EXPECT_TRUE(other.ThreadIsClosed());
+  EXPECT_EQ(desk.threads(), 0U);
+
+  CFormerLaserPen keys;
+  std::optional<CSoftModeSwitch> modes(std::in_place);
+  modes->StartCheck(nullptr, nullptr, &*desk.mouse, desk.hub.get(), &keys);
+  std::optional<CSoftModeSwitch> following(*modes);
+  modes.reset();
+  auto pen = desk.device(LegacyKind::laserPen);
+  pen->plug();
+  desk.run(8s);
+  EXPECT_EQ(desk.client.lines("MainWndWork"), Lines{"MainWndWork 2"});
+  EXPECT_EQ(desk.threads(), 1U);
+  following.reset();
+  EXPECT_EQ(desk.threads(), 0U);
+
+  std::optional<CFormerMouse> facade(*desk.mouse);
+  facade->Init();
+  facade->StartCheck();
+  EXPECT_TRUE(desk.reads(*desk.lark));
+  facade.reset();
+  EXPECT_EQ(desk.threads(), 3U) << "rescan, reader, variant";
+  desk.mouse.reset();
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.leftOpen.handles += 3;
+}
+
+TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
+  BusyDesk desk;
+  desk.mouse->Init();
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  int meetings = 0;
+  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string& message) {
+    if (message != "Tray") return;
+    desk.run(10ms);
+    CFormerMouse copy(*mouse);
+    for (CFormerMouse* each : {mouse, &copy}) {
+      EXPECT_LE(desk.duration([&] { each->Release(); }), 50);
+      each->Init();
+      each->StartCheck();
+      EXPECT_TRUE(each->ThreadIsClosed());
+      EXPECT_EQ(each->GetKey_M_L(), ButtonUp);
+      EXPECT_EQ(each->GetClickMode_L(), ClickNone);
+      ++meetings;
+    }
+  };
+  desk.lark->hid()->key(0x65);
+  desk.run(5ms);
+  EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 100);
+  EXPECT_EQ(meetings, 2);
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.run(4s);
+  EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  desk.leftOpen.handles += 1;
+}
+
+TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
+  for (const bool pulled : {false, true}) {
+    BusyDesk desk;
+    desk.lark->hid()->faults.ignoreCancel = true;
+    desk.mouse->StartCheck();
+    desk.run(20ms);
+    desk.mouse->StopCheck();
+    desk.run(50ms);
+    EXPECT_EQ(desk.threads(), 2U) << "poller, reader";
+    EXPECT_EQ(desk.duration([&] { desk.mouse->Release(); }), 2000);
+    EXPECT_TRUE(desk.mouse->ThreadIsClosed());
+    EXPECT_EQ(desk.duration([&] { desk.mouse.reset(); }), 2000);
+    EXPECT_EQ(desk.threads(), 1U);
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+    pulled ? desk.lark->unplug() : desk.lark->hid()->key(0x41);
+    desk.run(1ms);
+    EXPECT_EQ(desk.threads(), 0U);
+    EXPECT_EQ(desk.client.lines("MainMenu"), Lines{});
+    desk.leftOpen.handles += pulled ? 0 : 1;
+  }
+  BusyDesk desk;
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  desk.client.inMessage = [&](const std::string&) { desk.run(1h); };
+  desk.lark->hid()->key(0x65);
+  desk.run(20ms);
+  EXPECT_EQ(desk.duration([&] { desk.mouse->Release(); }), 2000);
+  EXPECT_EQ(desk.machine.forcedEnds(), 1U) << "inside the client's code";
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.client.inMessage = nullptr;
+  desk.mouse->StartCheck();
+  EXPECT_TRUE(desk.reads(*desk.lark));
+  desk.leftOpen.handles += 2;
+}
+
+// Clients that call anything, on threads of their own and inside messages, while devices come and go.
+struct Turmoil {
+  explicit Turmoil(std::uint64_t seed) : random(seed), desk(seed) {
+    CPreferences::Instance()->SetHardWare(HardWare_LaserPen);
+    desk.client.inMessage = [this](const std::string&) { inMessage(); };
+    for (const LegacyKind kind : {LegacyKind::hidMouse, LegacyKind::usbMouse, LegacyKind::laserPen}) {
+      devices.push_back(desk.device(kind));
+    }
+    devices.push_back(std::move(desk.lark));
+    for (const auto& device : devices) {
+      if (device->hid()) device->hid()->faults.refuseOpen = [this](int) { return openings++, random() % 8 == 0; };
+    }
+  }
+
+  bool chance(unsigned in) { return random() % in == 0; }
+  std::chrono::milliseconds within(unsigned bound) { return std::chrono::milliseconds(random() % bound); }
+
+  void run() {
+    std::vector<sim::Machine::Spawned> clients;
+    for (std::uint64_t i = 2 + random() % 2; i > 0; --i) clients.push_back(desk.machine.spawn([this] { client(); }));
+    for (auto& thread : clients) thread.join();
+    if (chance(2)) desk.run(within(9000));
+    // The last copies go, while messages still call them.
+    EXPECT_LE(desk.duration([&] { modes.reset(); }), 2000);
+    theModes = nullptr;
+    if (chance(4)) theMouse->CloseThread();
+    EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 2000);
+    theMouse = nullptr;
+    const std::size_t told = desk.client.lines().size();
+    for (const auto& device : devices) use(*device);
+    desk.run(100ms);
+    for (const auto& device : devices) device->unplug();  // the driver lets go
+    desk.run(100ms);
+    EXPECT_EQ(desk.client.lines().size(), told) << "nothing runs on";
+    EXPECT_EQ(desk.threads(), 0U);
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+    desk.close();
+    // The poller's event, and the files of devices that were plugged in when they were released.
+    desk.leftOpen.handles = desk.machine.balance().handles;
+    EXPECT_TRUE(desk.leftOpen.handles >= 1 && desk.leftOpen.handles <= 1 + openings);
+  }
+
+  void client() {
+    CFormerMouse mouse(*theMouse);
+    CSoftModeSwitch switches(*theModes);
+    for (int i = 0; i < 12; ++i) {
+      desk.run(chance(3) ? within(4000) : within(60));
+      use(*devices[random() % devices.size()]);
+      operate(chance(2) ? mouse : *theMouse, chance(2) ? &switches : theModes, 2000);
+    }
+  }
+  void use(sim::LegacyDevice& device) {
+    if (!device.plugged()) return device.plug();
+    if (chance(5)) return device.unplug();
+    if (!device.hid()) return device.press(chance(2) ? kF19 : kF23, chance(2));
+    device.hid()->faults.ignoreCancel = chance(6);
+    device.hid()->faults.failReads = chance(12);
+    static constexpr std::uint8_t codes[] = {0x00, 0x11, 0x21, 0x41, 0x51, 0x65};
+    device.hid()->key(codes[random() % 6]);
+  }
+  // switches: null when there are none any more. bound: milliseconds that a release may take.
+  void operate(CFormerMouse& mouse, CSoftModeSwitch* switches, std::int64_t bound) {
+    switch (random() % (switches ? 11 : 8)) {
+      case 0:
+        return mouse.StopCheck();
+      case 1:
+        return mouse.CloseThread();
+      case 2:
+        EXPECT_LE(desk.duration([&] { mouse.Release(); }), bound);
+        return;
+      case 8:
+        EXPECT_LE(desk.duration([&] { switches->Release(); }), bound);
+        return;
+      case 9:
+        return switches->StopCheck();
+      case 5: {
+        CFormerMouse copy(mouse);
+        copy.StartCheck();
+        return;
+      }
+      case 6:
+        mouse.Init();
+        mouse.LeftKeyDown_Up();
+        mouse.IsConnect();
+        return;
+      case 7:
+        mouse.ThreadIsClosed();
+        mouse.ReCheckHardwareKind();
+        return;
+      case 3: {
+        CFormerMouse_Hid hid;
+        hid.StartCheck();
+        desk.run(within(40));
+        return;  // its only copy goes, here or inside a message
+      }
+      case 4:
+        return mouse.StartCheck();
+      default: {
+        CSoftModeSwitch copy(*switches);
+        copy.StartCheck(reinterpret_cast<void*>(pause), this, theMouse, desk.hub.get(), &keys);
+      }
+    }
+  }
+  void inMessage() {
+    if (depth > 2) return;
+    ++depth;
+    if (chance(4)) desk.run(within(200));
+    if (theMouse && chance(3)) operate(*theMouse, theModes, CWorker::CurrentStopEvent() ? 100 : 2000);
+    --depth;
+  }
+  static bool pause(void* context) {
+    static_cast<Turmoil*>(context)->inMessage();
+    return false;
+  }
+
+  std::mt19937_64 random;
+  BusyDesk desk;
+  std::vector<std::unique_ptr<sim::LegacyDevice>> devices;
+  CFormerLaserPen keys;
+  std::optional<CSoftModeSwitch> modes{std::in_place};
+  // As long as they may be called: also while they go.
+  CFormerMouse* theMouse = &*desk.mouse;
+  CSoftModeSwitch* theModes = &*modes;
+  std::size_t openings = 0;
+  int depth = 0;
+};
+
+TEST(LegacyThreads, SurviveAnyCallAtAnyMoment) {
+  const char* times = std::getenv("VOXDEVICE_SEEDS");
+  const std::uint64_t seeds = 200 * (times ? std::strtoull(times, nullptr, 10) : 1);
+  for (std::uint64_t seed = 1; seed <= seeds && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Turmoil(seed).run();
+  }
 }
 
 }  // namespace

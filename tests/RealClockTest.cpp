@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/Desk.h"
+#include "tests/RandomClients.h"
 
 namespace {
 
@@ -104,7 +105,7 @@ TEST(RealClock, RecordsMicrophoneAndSpeakerAtOnce) {
     sound.speaker.mixFormat = sim::mixFormat(48000, 2, true, true);
     sound.speaker.plays.assign(96000, 1000);
   });
-  desk.leftOpen = {.handles = 1, .sound = {.comReferences = 3}};
+  desk.leftOpen = {.sound = {.comReferences = 3}};
   static std::atomic<int> bytes;
   bytes = 0;
   const CVoxRecord::DataCallback callback = [](const char*, int count, void*) { bytes += count; };
@@ -120,6 +121,12 @@ TEST(RealClock, RecordsMicrophoneAndSpeakerAtOnce) {
     EXPECT_EQ(speaker.StopRecord(), 0U);
   }
   EXPECT_GT(bytes, 3 * 2 * 4096);
+}
+
+TEST(RealClock, ClientsAtRandomAndAnEndAtAnyMoment) {
+  for (std::uint64_t seed = 1; seed <= seeds(10) && !HasFailure(); ++seed) {
+    clientsAtRandom(seed, sim::Clock::realTime);
+  }
 }
 
 TEST(RealClock, StopsAtAnyMoment) {

@@ -58,11 +58,11 @@ class VOXDEVICE_API CAudioHidCenter {
 
   // Takes the double-click preferences, once.
   CAudioHidCenter();
-  // Ends what still runs, as Release does, but sends nothing. On one of the hub's own threads (in a callback) that thread
-  // ends after the callback. Waits, within the two seconds, for operations that other threads are inside.
+  // Ends what still runs, as Release does, but sends nothing. On one of the hub's own threads (in a callback) that
+  // thread ends after the callback. Waits, within the two seconds, for operations that other threads are inside.
   virtual ~CAudioHidCenter();
-  // A copy has the values, the callbacks and the devices of its original, and no thread. The devices stay the original's:
-  // it alone is told what they send, and they end with it; Release of a copy ends them, too.
+  // A copy has the values, the callbacks and the devices of its original, and no thread. The devices stay the
+  // original's: it alone is told what they send, and they end with it; Release of a copy ends them, too.
   CAudioHidCenter(const CAudioHidCenter& other);
   CAudioHidCenter& operator=(const CAudioHidCenter& other);
 
@@ -73,13 +73,13 @@ class VOXDEVICE_API CAudioHidCenter {
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null. After CloseDevice
   // it finds new devices; those that were open are found again only after Release.
   void OpenDevice(void* audioCallback, void* audioContext);
-  // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer returns.
-  // When it returns, neither callbacks nor messages run, unless it was called from one. A firmware update that runs is
-  // dropped without a result. The devices stay open, and known, until Release.
+  // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer
+  // returns. When it returns, neither callbacks nor messages run, unless it was called from one. A firmware update that
+  // runs is dropped without a result. The devices stay open, and known, until Release.
   void CloseDevice();
   // Sends AppExit to every live device (after CloseDevice none is), ends every thread, closes every handle and forgets
-  // every device. On a thread of the hub's own (in a callback) it leaves that one thread to end after the callback, which
-  // then closes what it uses.
+  // every device. On a thread of the hub's own (in a callback) it leaves that one thread to end after the callback,
+  // which then closes what it uses.
   void Release();
   // Deliberately the shipped rule: true when discovery has ended and some reader thread still runs.
   bool ThreadIsClosed();
@@ -93,8 +93,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // 0 when no live device has exactly this number (-1 matches nothing); also below.
   MouseType GetHidMouseType(int device);
   DataChannel GetDeviceConnectMode(int device);
-  // The M key's function as the device last reported it; 0 also unless `which` is 1. A device that takes the row of one of
-  // its model that has gone begins with that one's function and list.
+  // The M key's function as the device last reported it; 0 also unless `which` is 1. A device that takes the row of one
+  // of its model that has gone begins with that one's function and list.
   MouseMKeyType GetMKeyType_Key1(int device, int which);
   MouseMKeyType GetMKeyType_Key2(int device, int which);
   // Live devices and their names, in the order of the device table: a device takes the row of one of its model that has
@@ -135,8 +135,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // that same device it can only time out.
   bool OpenHidRecord();
   // Closes the work device's voice channel (every live device's when there is no work device), delivers the rest of
-  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second; in
-  // a callback of that same device it can only time out. True when the hub is stopped meanwhile.
+  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second;
+  // in a callback of that same device it can only time out. True when the hub is stopped meanwhile.
   bool CloseHidRecord();
   // Updates the firmware of the live device with exactly this number: the first file goes to the device itself, the
   // second to its receiver (over Bluetooth LE there is none; FwUpdate_Both then sends the first alone). Nothing
@@ -145,11 +145,11 @@ class VOXDEVICE_API CAudioHidCenter {
   //
   // Progress comes through VoxMessageSink::OtaProgress, results through FwOtaResult: one or more for each image, with
   // its channel, and FwUpdate_Over with channel 0 once at the end. Both on the device's read thread for answers and on
-  // a wait thread of the update for steps that get no answer within 3.1 s of the request's being written (which are also
-  // printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read leaves
-  // its image empty; what then happens is the device's decision, so check files first. While an update runs, the device
-  // takes no other command and gets no heartbeat. When the device goes, the update reports FwUpdate_DeviceGone after
-  // the 3.1 s, and its end.
+  // a wait thread of the update for steps that get no answer within 3.1 s of the request's being written (which are
+  // also printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read
+  // leaves its image empty; what then happens is the device's decision, so check files first. While an update runs, the
+  // device takes no other command and gets no heartbeat. When the device goes, the update reports FwUpdate_DeviceGone
+  // after the 3.1 s, and its end.
   //
   // A second call while an update runs, from a result callback too, takes its place: its images, its plan, and from its
   // return on its results only. Of several at the same time the last one wins.

@@ -1,130 +1,91 @@
 // The older hardware: a USB mouse and a laser pen whose keys arrive as keyboard keys, and the older HID devices (a
 // mouse and a voice keyboard).
+//
+// Threads: any operation may be called from any thread at any moment, also inside a message of the library's, and also
+// while another thread releases or destroys the object; only assigning to an object, which changes what it shares, must
+// not meet another call of that same object. A call that meets the destructor of the last copy finds everything ended.
+// Copies share everything: the threads, the keys and what was set up. What runs ends with the last copy, or in Release.
+//
+// A thread that is asked to end does so within 50 ms. Release, and the destructor of the last copy, wait until the
+// threads are gone, 2 s at most: a thread that a driver keeps is left to end when it comes back, one that is still
+// inside the client's code is then ended by force. Inside a message they wait 0.1 s at most, and use no force; the
+// thread of that message ends after it. Once they have returned nothing more is told to the client, until it starts
+// again.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-#include <list>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "VoxDevice/Api.h"
-#include "VoxDevice/KzCheckDoubleClick.h"
-#include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
-class CLock;
-class CWorkerThread;
-
 // The keys of the older USB mouse, polled on a thread of its own about every 13 ms while checking.
-//
-// Threads: the constructor, StartCheck to Release and the destructor belong to one client thread; getters may be called
-// from any thread.
 class VOXDEVICE_API CFormerMouse_Usb {
  public:
   // Takes the key layout and the double-click preferences, once, and starts the thread, which idles.
   CFormerMouse_Usb();
-  // Ends the thread, if that still runs. Deliberately does not close the stop event.
+  // Deliberately does not close the stop event.
   ~CFormerMouse_Usb();
-  CFormerMouse_Usb(const CFormerMouse_Usb&) = delete;
-  CFormerMouse_Usb& operator=(const CFormerMouse_Usb&) = delete;
+  CFormerMouse_Usb(const CFormerMouse_Usb& other);
+  CFormerMouse_Usb& operator=(const CFormerMouse_Usb& other);
 
-  void StartCheck() { Checking = true; }
-  bool IsChecking() const { return Checking; }
+  void StartCheck();
+  bool IsChecking() const;
   // Releases the keys and forgets clicks.
   void StopCheck();
-  // Asks the thread to end; it does so within about 0.1 s.
+  // Asks the thread to end, for good.
   void CloseThread();
   bool ThreadIsClosed() const;
-  // Ends the thread by force.
+  // Ends the thread, for good.
   void Release();
 
-  VoxButtonState GetKey_M_L() const { return KeyState_Left; }
-  VoxButtonState GetKey_M_R() const { return KeyState_Right; }
-  VoxClickMode GetClickMode_L() const { return DoubleClick.GetClickMode(); }
+  VoxButtonState GetKey_M_L() const;
+  VoxButtonState GetKey_M_R() const;
+  VoxClickMode GetClickMode_L() const;
   // Send the release of a key to the system.
   void ImitateKeyM_L() const;
   void ImitateKeyM_R() const;
 
  private:
   friend class CFormerMouse;
-  static unsigned ThreadCheckButtonProc(void* self);
-  // One cycle. False when the thread is being ended.
-  bool OnThreadCheckButtonProc();
-  void ThisTerminate();
-  VoxButtonState CheckM_L() const;
-  VoxButtonState CheckM_R() const;
-
-  std::unique_ptr<CWorkerThread> PollThread;
-  void* StopEvent;
-  Shared<bool> Checking{false};
-  const int ToggleButton;
-  Shared<VoxButtonState> KeyState_Left{ButtonUp};
-  Shared<VoxButtonState> KeyState_Right{ButtonUp};
-  KzCheckDoubleClick DoubleClick;
-  Shared<int> ImitateRevision{2};
-  Shared<int> MouseRevision{2};  // 0 first, 1 second, 2 none found
+  struct State;
+  struct Owner;
+  std::shared_ptr<Owner> owner_;
 };
 
 // The keys of the older HID devices: rescanned every 3 s, each device read on a thread of its own.
 //
-// Threads: as CFormerMouse_Usb.
+// 0x21 is the left key, 0x11 the right one. On a voice keyboard 0x41 opens the navigation and 0x51 takes a screenshot,
+// once until the keys are armed again: by any key byte of a keyboard other than 0x41, 0x51, 0x65 (a low battery), 0x21
+// and 0x11, and by no report of a mouse.
 class VOXDEVICE_API CFormerMouse_Hid {
  public:
   CFormerMouse_Hid();
-  // Ends every thread.
   ~CFormerMouse_Hid();
-  CFormerMouse_Hid(const CFormerMouse_Hid&) = delete;
-  CFormerMouse_Hid& operator=(const CFormerMouse_Hid&) = delete;
+  CFormerMouse_Hid(const CFormerMouse_Hid& other);
+  CFormerMouse_Hid& operator=(const CFormerMouse_Hid& other);
 
   void StartCheck();
-  // Asks the re-check thread to release every device and end; it does so within about 30 ms.
-  void StopCheck() { StopHidCheck = true; }
-  void CloseThread() { StopHidCheck = true; }
+  // Ask the re-check thread and the readers to end: the keys are up, and all devices are forgotten. Deliberately the
+  // files of devices that are still plugged in stay open; so they do in Release.
+  void StopCheck();
+  void CloseThread() { StopCheck(); }
+  // True when the re-check thread has ended.
   bool ThreadIsClosed() const;
-  // Ends the readers by force and forgets all devices. Deliberately does not close their files.
-  void Release() { ReleaseHidDevice(); }
+  // Ends the re-check thread and the readers.
+  void Release();
 
-  VoxButtonState GetKey_M_L() const { return KeyState_Left; }
-  VoxButtonState GetKey_M_R() const { return KeyState_Right; }
-  VoxClickMode GetClickMode_L() const { return DoubleClick.GetClickMode(); }
+  VoxButtonState GetKey_M_L() const;
+  VoxButtonState GetKey_M_R() const;
+  VoxClickMode GetClickMode_L() const;
 
  private:
   friend class CFormerMouse;
-  struct HidReaderContext;
-  struct FormerHidEntry;
-
-  static unsigned ThreadReCheckHidProc(void* self);
-  void OnThreadReCheckHidProc();
-  static unsigned ReaderThreadProc(void* context);
-  static void ReadDevice(HidReaderContext& context);
-  void OpenPresentDevices();
-  void OpenHidDevice(const std::vector<std::wstring>& paths);
-  void OpenHidInterface(const std::wstring& path);
-  void AddInvalidHidDevice(const std::string& key);
-  bool KeyIsKnown(const std::string& key);
-  std::shared_ptr<HidReaderContext> TakeContext();
-  void ReleaseHidDevice();
-  static void HidDeviceUnConnectCallback(void* owner, int number);
-  static void HidKeyCallback(void* owner, int key, HidDeviceKind kind);
-  void OnHidDeviceUnConnectCallback(int number);
-  void OnHidKeyCallback(int key, HidDeviceKind kind);
-  void OnKeyboardKey(int key);
-
-  Shared<bool> StopHidCheck{false};
-  std::unique_ptr<CWorkerThread> ReCheckThread;
-  Shared<bool> ShortcutArmed{true};
-  // Guards the list, and the start and end of the re-check thread; never held while a thread is ended by force or a
-  // client is called.
-  std::unique_ptr<CLock> devicesLock;
-  std::list<FormerHidEntry> HidDevices;
-  Shared<VoxButtonState> KeyState_Left{ButtonUp};
-  Shared<VoxButtonState> KeyState_Right{ButtonUp};
-  KzCheckDoubleClick DoubleClick;
+  struct State;
+  struct Owner;
+  std::shared_ptr<Owner> owner_;
 };
 
-// The keys of the laser pen, asked for when they are wanted. Any thread.
+// The keys of the laser pen, asked for when they are wanted.
 class VOXDEVICE_API CFormerLaserPen {
  public:
   VoxButtonState GetKey_P_subtitle() const;
@@ -144,18 +105,21 @@ class VOXDEVICE_API CFormerMouse {
  public:
   // Starts the poller of the USB mouse, and looks once whether only mice of the Ql variant are there.
   CFormerMouse();
-  // Ends what still runs; CloseThread or Release first.
   ~CFormerMouse();
-  CFormerMouse(const CFormerMouse&) = delete;
-  CFormerMouse& operator=(const CFormerMouse&) = delete;
+  CFormerMouse(const CFormerMouse& other);
+  CFormerMouse& operator=(const CFormerMouse& other);
 
   // Starts to look for the Ql variant every 4 s.
   void Init();
+  // Starts the checking of both sources. The USB mouse's poller is there from the constructor to CloseThread or
+  // Release.
   void StartCheck();
   void StopCheck();
+  // Asks all threads to end. Init and StartCheck start theirs again, but for the USB mouse's.
   void CloseThread();
-  // True when all of its threads have ended.
+  // True when all threads have ended, those that read HID devices apart.
   bool ThreadIsClosed() const;
+  // Ends all threads.
   void Release();
 
   // What is plugged in: 1 a mouse (or nothing), 2 a laser pen, 3 both. Its identity goes to CVoxDeviceInfo.
@@ -165,27 +129,18 @@ class VOXDEVICE_API CFormerMouse {
   // The index of the mouse's sound function in the media device class; -1 when there is none.
   int IsConnect();
   // The hardware revision that IsConnect found last: 0 the first, 1 the second, 2 none.
-  int GetMouseRevision() const { return Usb.MouseRevision; }
+  int GetMouseRevision() const;
 
   VoxButtonState GetKey_M_L() const;
   VoxButtonState GetKey_M_R() const;
   VoxClickMode GetClickMode_L() const;
-  // True once for each completed press of the left key. One polling thread.
+  // True once for each press of the left key that one call has seen down and the next sees up.
   bool LeftKeyDown_Up();
-  void ImitateKeyM_L() const { Usb.ImitateKeyM_L(); }
-  void ImitateKeyM_R() const { Usb.ImitateKeyM_R(); }
+  void ImitateKeyM_L() const;
+  void ImitateKeyM_R() const;
 
  private:
-  void CheckOnlyQlMouse();
-  static unsigned ThreadProcCheckOnlyQlMouse(void* self);
-  void OnThreadCheckOnlyQlMouse();
-
-  CFormerMouse_Usb Usb;
-  CFormerMouse_Hid Hid;
-  Shared<VoxButtonState> LastState_Left{ButtonUp};
-  std::unique_ptr<CWorkerThread> QlCheckThread;
-  Shared<bool> StopQlCheck{false};
-  Shared<bool> OnlyQlMouse{false};
-  const std::vector<std::string> HardwareIds_Rev1;
-  const std::vector<std::string> HardwareIds_Rev2;
+  struct State;
+  struct Owner;
+  std::shared_ptr<Owner> owner_;
 };

@@ -4,52 +4,40 @@
 #include <memory>
 
 #include "VoxDevice/Api.h"
-#include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
 class CAudioHidCenter;
 class CFormerLaserPen;
 class CFormerMouse;
-class CWorkerThread;
 
 // Every 8 s it looks which older devices are plugged in, and sets the working mode (CPreferences::GetHardWare) when
 // there is one kind only. When there are both, it watches the keys every 0.1 s and follows the one that is pressed. A
 // switch is told to the main window, the log and the tray.
+//
+// Threads, copies and the end: as in FormerMouse.h.
 class VOXDEVICE_API CSoftModeSwitch {
  public:
   // True: no key may switch the mode now. On the switch thread.
   using PauseCallback = bool (*)(void* context);
 
   CSoftModeSwitch();
-  // Ends the thread.
   ~CSoftModeSwitch();
-  CSoftModeSwitch(const CSoftModeSwitch&) = delete;
-  CSoftModeSwitch& operator=(const CSoftModeSwitch&) = delete;
+  CSoftModeSwitch(const CSoftModeSwitch& other);
+  CSoftModeSwitch& operator=(const CSoftModeSwitch& other);
 
   // pauseKeyCheck: a PauseCallback; without one no key switches the mode. Starts the thread when mouse, hub and pen are
-  // given, which must outlive it; nothing happens while it runs.
+  // given, which must live until it has ended: until Release, or the destructor of the last copy, has returned. Nothing
+  // happens while one runs that was not stopped.
   void StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
                   CFormerLaserPen* pen);
-  // The thread ends within about 50 ms.
-  void StopCheck() { StopSwitch = true; }
-  // Ends the thread by force.
+  // The thread ends within 50 ms; a check that it is at is carried through.
+  void StopCheck();
   void Release();
   // Deliberately always true.
   bool ThreadIsClosed() const { return true; }
 
  private:
-  static void ChangeHardwareMode(VoxHardWare kind);
-  static unsigned ThreadProcChangeHardwareMode(void* self);
-  void OnThreadChangeHardwareMode();
-  void OnThreadCheck_ID();
-  void OnThreadCheck_Key();
-
-  std::unique_ptr<CWorkerThread> SwitchThread;
-  Shared<bool> StopSwitch{false};
-  Shared<bool> BothPresent{false};
-  CFormerLaserPen* LaserPen = nullptr;
-  CFormerMouse* Mouse = nullptr;
-  CAudioHidCenter* Hub = nullptr;
-  PauseCallback PauseKeyCheck = nullptr;
-  void* PauseContext = nullptr;
+  struct State;
+  struct Owner;
+  std::shared_ptr<Owner> owner_;
 };

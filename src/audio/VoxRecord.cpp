@@ -212,6 +212,7 @@ CVoxRecord::CVoxRecord(const CVoxRecord& other) : CVoxRecord(other.m_pRecorder) 
 
 CVoxRecord::CVoxRecord(std::shared_ptr<Recorder> original) : CVoxRecord() { m_pRecorder->CopyFrom(original); }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
 CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) {
   const CNotCutOff whole;
   const auto from = other.m_pRecorder;

@@ -96,6 +96,7 @@ CVoxSpeakerRecord::~CVoxSpeakerRecord() {
   inside->Close(CDeadline(CWorker::kPatience));
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
 CVoxSpeakerRecord& CVoxSpeakerRecord::operator=(const CVoxSpeakerRecord& other) {
   const CNotCutOff whole;  // first, as either object may go meanwhile: references to what stands behind them
   const auto theirs = other.m_pRecorder;

@@ -97,7 +97,8 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
   }
 }
 
-// With tableLock held. A copy shares the readers of its original. It ends them when it is told to, and leaves them alone when it goes.
+// With tableLock held. A copy shares the readers of its original. It ends them when it is told to, and leaves them
+// alone when it goes.
 CHub::Readers CHub::ReadersToEnd() {
   Readers readers;
   for (const auto& leaving : leaving_) {

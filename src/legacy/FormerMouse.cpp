@@ -1,14 +1,13 @@
 // What older hardware is plugged in, and the keys of both of its sources.
-#include "VoxDevice/FormerMouse.h"
-
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 
 #include "VoxDevice/VoxCommon.h"
 #include "VoxDevice/VoxNet.h"
+#include "legacy/States.h"
 #include "platform/os.h"
 #include "support/DeviceLists.h"
-#include "support/WorkerThread.h"
 
 namespace {
 
@@ -16,8 +15,8 @@ constexpr GUID kUsbDevices{0xa5dcbf10, 0x6530, 0x11d2, {0x90, 0x1f, 0x00, 0xc0, 
 constexpr GUID kMediaDevices{0x4d36e96c, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
 constexpr std::size_t kDetailBytes = 1024;       // of an interface's detail
 constexpr std::size_t kHardwareIdBytes = 16384;  // of the ids of one device
-constexpr DWORD kQlLook = 40;                    // ms
-constexpr int kQlPeriod = 4000;                  // ms
+constexpr DWORD kFirstQlCheck = 3960;            // ms
+constexpr DWORD kQlPeriod = 4000;                // ms
 constexpr const wchar_t* kLaserPenMark = L"vx0pipit";
 constexpr const wchar_t* kQlMark = L"vx9ql";
 constexpr int kFirstRevision = 0;
@@ -60,8 +59,14 @@ bool CutSerial(const std::wstring& tail, std::wstring& serial) {
   return true;
 }
 
-bool MatchesAny(const std::string& text, const std::vector<std::string>& ids) {
-  for (const std::string& id : ids) {
+// Both spellings on purpose: the match is case-sensitive.
+constexpr const char* kHardwareIds_Rev1[] = {"VID_0D8C&PID_0132&REV_0100&MI_00", "VID_0D8C&PID_0134&REV_0100&MI_00",
+                                             "Vid_0d8c&Pid_0132&Rev_0100&MI_00", "Vid_0d8c&Pid_0134&Rev_0100&MI_00"};
+constexpr const char* kHardwareIds_Rev2[] = {"VID_0D8C&PID_0132&REV_0200&MI_00", "Vid_0d8c&Pid_0132&Rev_0200&MI_00",
+                                             "VID_0D8C&PID_0135&REV_0200&MI_00", "Vid_0d8c&Pid_0135&Rev_0200&MI_00"};
+
+bool MatchesAny(const std::string& text, std::span<const char* const> ids) {
+  for (const char* id : ids) {
     if (text.find(id) != std::string::npos) return true;
   }
   return false;
@@ -69,55 +74,104 @@ bool MatchesAny(const std::string& text, const std::vector<std::string>& ids) {
 
 }  // namespace
 
-// Both spellings on purpose: the match is case-sensitive.
-CFormerMouse::CFormerMouse()
-    : QlCheckThread(std::make_unique<CWorkerThread>()),
-      HardwareIds_Rev1{"VID_0D8C&PID_0132&REV_0100&MI_00", "VID_0D8C&PID_0134&REV_0100&MI_00",
-                       "Vid_0d8c&Pid_0132&Rev_0100&MI_00", "Vid_0d8c&Pid_0134&Rev_0100&MI_00"},
-      HardwareIds_Rev2{"VID_0D8C&PID_0132&REV_0200&MI_00", "Vid_0d8c&Pid_0132&Rev_0200&MI_00",
-                       "VID_0D8C&PID_0135&REV_0200&MI_00", "Vid_0d8c&Pid_0135&Rev_0200&MI_00"} {
-  CheckOnlyQlMouse();
+struct CFormerMouse::State : std::enable_shared_from_this<State> {
+  State() { usb->StartThread(); }
+
+  void Init();
+  void StartCheck();
+  void StopCheck();
+  void CloseThread();
+  bool ThreadIsClosed() const;
+  void Release(bool forGood);
+  void EndForGood() { Release(true); }
+  void CheckOnlyQlMouse();
+
+  // Makes the operations on all three kinds of threads one; never held while the client is called or a thread is
+  // waited for.
+  CLock lock;
+  bool closed = false;
+  const std::shared_ptr<CFormerMouse_Usb::State> usb = std::make_shared<CFormerMouse_Usb::State>();
+  const std::shared_ptr<CFormerMouse_Hid::State> hid = std::make_shared<CFormerMouse_Hid::State>();
+  CTasks qlChecks{lock};
+  Shared<VoxButtonState> LastState_Left{ButtonUp};
+  Shared<bool> OnlyQlMouse{false};
+  Shared<bool> Announced{false};  // that checking has started
+};
+
+struct CFormerMouse::Owner : LastCopy<Owner, State> {
+  using LastCopy::LastCopy;
+};
+
+CFormerMouse::CFormerMouse() : owner_(std::make_shared<Owner>()) { owner_->state->CheckOnlyQlMouse(); }
+CFormerMouse::~CFormerMouse() = default;
+CFormerMouse::CFormerMouse(const CFormerMouse& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CFormerMouse& CFormerMouse::operator=(const CFormerMouse& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
 }
 
-CFormerMouse::~CFormerMouse() { QlCheckThread->Terminate(); }
-
-void CFormerMouse::Init() {
-  StopQlCheck = false;
-  if (QlCheckThread->IsSet()) return;
-  QlCheckThread->Join();
-  QlCheckThread->Start(&CFormerMouse::ThreadProcCheckOnlyQlMouse, this);
+void CFormerMouse::State::Init() {
+  const CAutoLock held(lock);
+  if (qlChecks.IsRunning()) return;
+  qlChecks.Start([self = shared_from_this()](CTask& thread) {
+    for (DWORD wait = kFirstQlCheck; thread.Sleep(wait); wait = kQlPeriod) self->CheckOnlyQlMouse();
+  });
 }
 
-void CFormerMouse::StartCheck() {
-  if (!Usb.Checking) {
-    VoxMessage::DebugLog(L"连接了VoxMouse硬件，开始键值检测", LogType_KeyChecking);
-    Usb.Checking = true;
-  }
-  Hid.StartCheck();
+void CFormerMouse::State::StartCheck() {
+  if (!Announced.exchange(true)) VoxMessage::DebugLog(L"连接了VoxMouse硬件，开始键值检测", LogType_KeyChecking);
+  const CAutoLock held(lock);
+  if (closed) return;
+  Announced = true;
+  usb->Checking = true;
+  hid->StartCheck();
 }
 
-void CFormerMouse::StopCheck() {
+void CFormerMouse::State::StopCheck() {
   VoxMessage::DebugLog(L"未连接VoxMouse硬件，停止键值检测", LogType_KeyChecking);
-  Usb.StopCheck();
+  const CAutoLock held(lock);
+  Announced = false;
+  usb->StopCheck();
   LastState_Left = ButtonUp;
-  Hid.StopHidCheck = true;
+  hid->StopCheck();
 }
 
-void CFormerMouse::CloseThread() {
-  Usb.CloseThread();
-  Hid.CloseThread();
-  StopQlCheck = true;
+void CFormerMouse::State::CloseThread() {
+  const CAutoLock held(lock);
+  usb->pollers.Ask();
+  hid->StopCheck();
+  qlChecks.Ask();
 }
 
-bool CFormerMouse::ThreadIsClosed() const {
-  return Usb.ThreadIsClosed() && Hid.ThreadIsClosed() && !QlCheckThread->IsSet();
+bool CFormerMouse::State::ThreadIsClosed() const {
+  return !usb->pollers.IsSet() && !hid->reChecks.IsSet() && !qlChecks.IsSet();
 }
 
-void CFormerMouse::Release() {
-  Usb.Release();
-  Hid.ReleaseHidDevice();
-  QlCheckThread->Terminate();
+void CFormerMouse::State::Release(bool forGood) {
+  CTasks::List released;
+  {
+    const CAutoLock held(lock);
+    closed = closed || forGood;
+    if (forGood) qlChecks.Close();
+    usb->Release(released);
+    hid->Release(released);
+    qlChecks.Release(released);
+  }
+  CTasks::End(released);
 }
+
+void CFormerMouse::Init() { owner_->Share()->Init(); }
+
+void CFormerMouse::StartCheck() { owner_->Share()->StartCheck(); }
+
+void CFormerMouse::StopCheck() { owner_->Share()->StopCheck(); }
+
+void CFormerMouse::CloseThread() { owner_->Share()->CloseThread(); }
+
+bool CFormerMouse::ThreadIsClosed() const { return owner_->Share()->ThreadIsClosed(); }
+
+void CFormerMouse::Release() { owner_->Share()->Release(false); }
 
 int CFormerMouse::ReCheckHardwareKind() {
   const std::vector<std::wstring> tails = OlderDeviceTails();
@@ -149,7 +203,7 @@ VoxHardWare CFormerMouse::InitVoxHardwareKind() {
   return pen && !other ? HardWare_LaserPen : HardWare_Mouse;
 }
 
-void CFormerMouse::CheckOnlyQlMouse() {
+void CFormerMouse::State::CheckOnlyQlMouse() {
   bool ql = false;
   bool other = false;
   for (const std::wstring& tail : OlderDeviceTails()) {
@@ -159,29 +213,11 @@ void CFormerMouse::CheckOnlyQlMouse() {
   OnlyQlMouse = ql && !other;
 }
 
-unsigned CFormerMouse::ThreadProcCheckOnlyQlMouse(void* argument) {
-  auto* self = static_cast<CFormerMouse*>(argument);
-  if (!self->QlCheckThread->Begin()) return 0;
-  self->OnThreadCheckOnlyQlMouse();
-  self->QlCheckThread->Clear();
-  return 0;
-}
-
-void CFormerMouse::OnThreadCheckOnlyQlMouse() {
-  int counter = 0;
-  while (!StopQlCheck) {
-    counter += static_cast<int>(kQlLook);
-    if (counter == kQlPeriod) {
-      counter = 0;
-      CheckOnlyQlMouse();
-    }
-    if (!QlCheckThread->Park([] { os::Sleep(kQlLook); })) return;
-  }
-}
-
 int CFormerMouse::IsConnect() {
-  if (OnlyQlMouse) return -1;
-  Usb.ImitateRevision = Usb.MouseRevision;
+  const auto state = owner_->state;
+  if (state->OnlyQlMouse) return -1;
+  CFormerMouse_Usb::State& usb = *state->usb;
+  usb.ImitateRevision = usb.MouseRevision;
   DeviceSet devices(kMediaDevices);
   std::string ids;
   for (DWORD index = 0; devices.Select(index); ++index) {
@@ -193,35 +229,43 @@ int CFormerMouse::IsConnect() {
           static_cast<unsigned>(index), ids.size(), kHardwareIdBytes - 1);
       std::abort();
     }
-    const bool first = MatchesAny(ids, HardwareIds_Rev1);
-    const bool second = MatchesAny(ids, HardwareIds_Rev2);
+    const bool first = MatchesAny(ids, kHardwareIds_Rev1);
+    const bool second = MatchesAny(ids, kHardwareIds_Rev2);
     if (!first && !second) continue;
     // Ids of both revisions: the revision known so far is asked for first.
-    const bool firstWins = first && (!second || Usb.MouseRevision == kFirstRevision);
-    Usb.MouseRevision = firstWins ? kFirstRevision : kSecondRevision;
+    const bool firstWins = first && (!second || usb.MouseRevision == kFirstRevision);
+    usb.MouseRevision = firstWins ? kFirstRevision : kSecondRevision;
     return static_cast<int>(index);
   }
-  Usb.MouseRevision = kNoRevision;
+  usb.MouseRevision = kNoRevision;
   return -1;
 }
 
+int CFormerMouse::GetMouseRevision() const { return owner_->state->usb->MouseRevision; }
+
 VoxButtonState CFormerMouse::GetKey_M_L() const {
-  return Hid.KeyState_Left == ButtonUp && Usb.KeyState_Left == ButtonUp ? ButtonUp : ButtonDown;
+  const State& state = *owner_->state;
+  return state.hid->KeyState_Left == ButtonUp && state.usb->KeyState_Left == ButtonUp ? ButtonUp : ButtonDown;
 }
 
 VoxButtonState CFormerMouse::GetKey_M_R() const {
-  return Hid.KeyState_Right == ButtonUp && Usb.KeyState_Right == ButtonUp ? ButtonUp : ButtonDown;
+  const State& state = *owner_->state;
+  return state.hid->KeyState_Right == ButtonUp && state.usb->KeyState_Right == ButtonUp ? ButtonUp : ButtonDown;
 }
 
 VoxClickMode CFormerMouse::GetClickMode_L() const {
-  const VoxClickMode hid = Hid.GetClickMode_L();
-  const VoxClickMode usb = Usb.GetClickMode_L();
+  const VoxClickMode hid = owner_->state->hid->DoubleClick.GetClickMode();
+  const VoxClickMode usb = owner_->state->usb->DoubleClick.GetClickMode();
   if (hid == ClickDouble || usb == ClickDouble) return ClickDouble;
   return hid == ClickDoubleNoNet || usb == ClickDoubleNoNet ? ClickDoubleNoNet : ClickNone;
 }
 
 bool CFormerMouse::LeftKeyDown_Up() {
   const VoxButtonState current = GetKey_M_L();
-  const VoxButtonState previous = LastState_Left.exchange(current);
+  const VoxButtonState previous = owner_->state->LastState_Left.exchange(current);
   return previous == ButtonDown && current == ButtonUp;
 }
+
+void CFormerMouse::ImitateKeyM_L() const { owner_->Share()->usb->ImitateKeyM_L(); }
+
+void CFormerMouse::ImitateKeyM_R() const { owner_->Share()->usb->ImitateKeyM_R(); }

@@ -1,8 +1,7 @@
 // The older USB mouse and the laser pen: keys that the system sees as keys of the keyboard.
-#include "VoxDevice/FormerMouse.h"
 #include "VoxDevice/VoxCommon.h"
+#include "legacy/States.h"
 #include "platform/os.h"
-#include "support/WorkerThread.h"
 
 namespace {
 
@@ -56,70 +55,95 @@ VoxButtonState CheckPair(KeyPair pair, int revision) {
 
 }  // namespace
 
-CFormerMouse_Usb::CFormerMouse_Usb()
-    : PollThread(std::make_unique<CWorkerThread>()),
-      StopEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      ToggleButton(CPreferences::Instance()->GetToggleButton()) {
-  PollThread->Start(&CFormerMouse_Usb::ThreadCheckButtonProc, this);
+// The event is manual-reset, since the thread looks at it in more than one place.
+CFormerMouse_Usb::State::State()
+    : StopEvent(os::CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+      ToggleButton(CPreferences::Instance()->GetToggleButton()) {}
+
+void CFormerMouse_Usb::State::StartThread() {
+  if (StopEvent)
+    pollers.Start([self = shared_from_this()](CTask& thread) { self->OnThreadCheckButtonProc(thread); }, StopEvent);
 }
 
-CFormerMouse_Usb::~CFormerMouse_Usb() { Release(); }
+void CFormerMouse_Usb::State::StopCheck() {
+  if (Checking.exchange(false)) KeysUp();
+}
 
-void CFormerMouse_Usb::StopCheck() {
-  if (!Checking) return;
-  Checking = false;
+void CFormerMouse_Usb::State::End() {
+  CTasks::List released;
+  Release(released);
+  CTasks::End(released);
+}
+
+void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CTask& thread) {
+  while (thread.Sleep(kStopWait) && Poll(thread)) {
+  }
+  if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
+  KeyState_Left = ButtonUp;
+  KeyState_Right = ButtonUp;
+}
+
+bool CFormerMouse_Usb::State::Poll(const CTask& thread) {
+  if (!Checking) return thread.Sleep(kIdleSleep);
+  KeyState_Left = CheckM_L();
+  DoubleClick.SetKeyState(KeyState_Left);  // the level, at every cycle
+  KeyState_Right = CheckM_R();
+  if (!Checking) KeysUp();  // stopped meanwhile
+  return thread.Sleep(kCheckingSleep);
+}
+
+void CFormerMouse_Usb::State::KeysUp() {
   DoubleClick.Clear();
   KeyState_Left = ButtonUp;
   KeyState_Right = ButtonUp;
 }
 
-void CFormerMouse_Usb::CloseThread() { os::SetEvent(StopEvent); }
+VoxButtonState CFormerMouse_Usb::State::CheckM_L() const { return CheckPair(Pair(kLeft, ToggleButton), MouseRevision); }
 
-bool CFormerMouse_Usb::ThreadIsClosed() const { return !PollThread->IsSet(); }
-
-void CFormerMouse_Usb::Release() { PollThread->Terminate(); }
-
-unsigned CFormerMouse_Usb::ThreadCheckButtonProc(void* argument) {
-  auto* self = static_cast<CFormerMouse_Usb*>(argument);
-  if (!self->PollThread->Begin()) return 0;
-  for (;;) {
-    DWORD stop = WAIT_TIMEOUT;
-    if (!self->PollThread->Park([&] { stop = os::WaitForSingleObject(self->StopEvent, kStopWait); })) return 0;
-    if (stop == WAIT_OBJECT_0) break;
-    if (!self->OnThreadCheckButtonProc()) return 0;
-  }
-  self->ThisTerminate();
-  return 0;
+VoxButtonState CFormerMouse_Usb::State::CheckM_R() const {
+  return CheckPair(Pair(kRight, ToggleButton), MouseRevision);
 }
 
-bool CFormerMouse_Usb::OnThreadCheckButtonProc() {
-  if (!Checking) return PollThread->Park([] { os::Sleep(kIdleSleep); });
-  KeyState_Left = CheckM_L();
-  DoubleClick.SetKeyState(KeyState_Left);  // the level, at every cycle
-  KeyState_Right = CheckM_R();
-  return PollThread->Park([] { os::Sleep(kCheckingSleep); });
-}
-
-void CFormerMouse_Usb::ThisTerminate() {
-  DoubleClick.SetKeyState(ButtonUp);
-  KeyState_Left = ButtonUp;
-  KeyState_Right = ButtonUp;
-  PollThread->Clear();
-}
-
-VoxButtonState CFormerMouse_Usb::CheckM_L() const { return CheckPair(Pair(kLeft, ToggleButton), MouseRevision); }
-
-VoxButtonState CFormerMouse_Usb::CheckM_R() const { return CheckPair(Pair(kRight, ToggleButton), MouseRevision); }
-
-void CFormerMouse_Usb::ImitateKeyM_L() const {
+void CFormerMouse_Usb::State::ImitateKeyM_L() const {
   const KeyPair pair = Pair(kLeft, ToggleButton);
   ReleaseKey(ImitateRevision == kSecondRevision ? pair.second : pair.other);
 }
 
-void CFormerMouse_Usb::ImitateKeyM_R() const {
+void CFormerMouse_Usb::State::ImitateKeyM_R() const {
   const KeyPair pair = Pair(kRight, ToggleButton);
   ReleaseKey(ImitateRevision == kSecondRevision ? pair.second : pair.other);
 }
+
+CFormerMouse_Usb::CFormerMouse_Usb() : owner_(std::make_shared<Owner>()) { owner_->state->StartThread(); }
+CFormerMouse_Usb::~CFormerMouse_Usb() = default;
+CFormerMouse_Usb::CFormerMouse_Usb(const CFormerMouse_Usb& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CFormerMouse_Usb& CFormerMouse_Usb::operator=(const CFormerMouse_Usb& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
+
+void CFormerMouse_Usb::StartCheck() { owner_->state->Checking = true; }
+
+bool CFormerMouse_Usb::IsChecking() const { return owner_->state->Checking; }
+
+void CFormerMouse_Usb::StopCheck() { owner_->state->StopCheck(); }
+
+void CFormerMouse_Usb::CloseThread() { owner_->Share()->pollers.Ask(); }
+
+bool CFormerMouse_Usb::ThreadIsClosed() const { return !owner_->Share()->pollers.IsSet(); }
+
+void CFormerMouse_Usb::Release() { owner_->Share()->End(); }
+
+VoxButtonState CFormerMouse_Usb::GetKey_M_L() const { return owner_->state->KeyState_Left; }
+
+VoxButtonState CFormerMouse_Usb::GetKey_M_R() const { return owner_->state->KeyState_Right; }
+
+VoxClickMode CFormerMouse_Usb::GetClickMode_L() const { return owner_->state->DoubleClick.GetClickMode(); }
+
+void CFormerMouse_Usb::ImitateKeyM_L() const { owner_->Share()->ImitateKeyM_L(); }
+
+void CFormerMouse_Usb::ImitateKeyM_R() const { owner_->Share()->ImitateKeyM_R(); }
 
 // ---- The laser pen ----
 

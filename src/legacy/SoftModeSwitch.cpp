@@ -3,8 +3,8 @@
 #include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/FormerMouse.h"
 #include "VoxDevice/VoxCommon.h"
+#include "legacy/Tasks.h"
 #include "platform/os.h"
-#include "support/WorkerThread.h"
 
 namespace {
 
@@ -19,88 +19,130 @@ constexpr int kBoth = 3;
 
 }  // namespace
 
-CSoftModeSwitch::CSoftModeSwitch() : SwitchThread(std::make_unique<CWorkerThread>()) {}
+struct CSoftModeSwitch::State : std::enable_shared_from_this<State> {
+  // What one thread works with: the objects are the client's.
+  struct Run {
+    PauseCallback PauseKeyCheck;
+    void* PauseContext;
+    CFormerMouse* Mouse;
+    CAudioHidCenter* Hub;
+    CFormerLaserPen* LaserPen;
+  };
 
-CSoftModeSwitch::~CSoftModeSwitch() { Release(); }
+  void StartCheck(const Run& run);
+  void Release(bool forGood);
+  void EndForGood() { Release(true); }
+  void OnThreadChangeHardwareMode(const Run& run, const CTask& thread);
+  void OnThreadCheck_ID(const Run& run, const CTask& thread);
+  static void OnThreadCheck_Key(const Run& run, const CTask& thread);
+
+  CLock lock;
+  CTasks switches{lock};
+  Shared<bool> BothPresent{false};
+};
+
+struct CSoftModeSwitch::Owner : LastCopy<Owner, State> {
+  using LastCopy::LastCopy;
+};
+
+CSoftModeSwitch::CSoftModeSwitch() : owner_(std::make_shared<Owner>()) {}
+CSoftModeSwitch::~CSoftModeSwitch() = default;
+CSoftModeSwitch::CSoftModeSwitch(const CSoftModeSwitch& other) : owner_(other.owner_->Copy()) {}
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
+CSoftModeSwitch& CSoftModeSwitch::operator=(const CSoftModeSwitch& other) {
+  owner_ = other.owner_->Copy();
+  return *this;
+}
 
 void CSoftModeSwitch::StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
                                  CFormerLaserPen* pen) {
-  if (SwitchThread->IsSet()) return;
-  SwitchThread->Join();
-  PauseKeyCheck = reinterpret_cast<PauseCallback>(pauseKeyCheck);
-  PauseContext = pauseContext;
-  Mouse = mouse;
-  Hub = hub;
-  LaserPen = pen;
   if (!mouse || !hub || !pen) return;
-  StopSwitch = false;
-  SwitchThread->Start(&CSoftModeSwitch::ThreadProcChangeHardwareMode, this);
+  const auto state = owner_->state;
+  state->StartCheck({reinterpret_cast<PauseCallback>(pauseKeyCheck), pauseContext, mouse, hub, pen});
 }
 
-void CSoftModeSwitch::Release() { SwitchThread->Terminate(); }
+void CSoftModeSwitch::StopCheck() { owner_->Share()->switches.Ask(); }
 
-void CSoftModeSwitch::ChangeHardwareMode(VoxHardWare kind) {
+void CSoftModeSwitch::Release() { owner_->Share()->Release(false); }
+
+void CSoftModeSwitch::State::StartCheck(const Run& run) {
+  const CAutoLock held(lock);
+  if (switches.IsRunning()) return;
+  switches.Start([self = shared_from_this(), run](CTask& thread) { self->OnThreadChangeHardwareMode(run, thread); });
+}
+
+void CSoftModeSwitch::State::Release(bool forGood) {
+  CTasks::List released;
+  if (forGood) switches.Close();
+  switches.Release(released);
+  CTasks::End(released);
+}
+
+namespace {
+
+// False when the thread is released meanwhile.
+bool ChangeHardwareMode(VoxHardWare kind, const CTask& thread) {
   CPreferences::Instance()->SetHardWare(kind);
   VoxMessage::MainWndWork(HardWareChanged);
+  if (thread.IsReleased()) return false;
   VoxMessage::Log(kind == HardWare_Mouse ? kMouseText : kLaserPenText, LogType_DoubleClick);
+  if (thread.IsReleased()) return false;
   VoxMessage::Tray(kMouseText, VoxTray_Message);  // deliberately this text, whatever the kind
+  return !thread.IsReleased();
 }
 
-unsigned CSoftModeSwitch::ThreadProcChangeHardwareMode(void* argument) {
-  auto* self = static_cast<CSoftModeSwitch*>(argument);
-  if (!self->SwitchThread->Begin()) return 0;
-  self->OnThreadChangeHardwareMode();
-  self->SwitchThread->Clear();
-  return 0;
+bool MayKeysSwitch(CSoftModeSwitch::PauseCallback pause, void* context) {
+  const CClientCode inside;
+  return !pause(context);
 }
 
-void CSoftModeSwitch::OnThreadChangeHardwareMode() {
+}  // namespace
+
+void CSoftModeSwitch::State::OnThreadChangeHardwareMode(const Run& run, const CTask& thread) {
   int sinceHardware = 0;
   int sinceKeys = 0;
-  while (!StopSwitch) {
+  do {
     sinceHardware += kCycle;
     if (sinceHardware == kHardwarePeriod) {
       sinceHardware = 0;
-      OnThreadCheck_ID();
+      OnThreadCheck_ID(run, thread);
     }
     sinceKeys = BothPresent ? sinceKeys + kCycle : 0;
     if (sinceKeys == kKeyPeriod) {
       sinceKeys = 0;
-      OnThreadCheck_Key();
+      if (!thread.IsReleased()) OnThreadCheck_Key(run, thread);
     }
-    if (!SwitchThread->Park([] { os::Sleep(kCycle); })) return;
-  }
+  } while (thread.Sleep(kCycle));
 }
 
-void CSoftModeSwitch::OnThreadCheck_ID() {
+void CSoftModeSwitch::State::OnThreadCheck_ID(const Run& run, const CTask& thread) {
   if (!CDeviceData::Instance()->IsHardwareChecked()) {
     BothPresent = false;
     return;
   }
   const int current = CPreferences::Instance()->GetHardWare();
-  const int kind = Mouse->ReCheckHardwareKind();
-  if (kind == kBoth || (kind == kLaserPen && Hub->IsConnect())) {
+  const int kind = run.Mouse->ReCheckHardwareKind();
+  if (thread.IsReleased()) return;
+  if (kind == kBoth || (kind == kLaserPen && run.Hub->IsConnect())) {
     BothPresent = true;
-    if (current == kLaserPen && kind == kBoth) Mouse->StartCheck();
+    if (current == kLaserPen && kind == kBoth) run.Mouse->StartCheck();
     return;
   }
   BothPresent = false;
   if (kind == current) return;
   if (current == kLaserPen) {
-    ChangeHardwareMode(HardWare_Mouse);
-    Mouse->StartCheck();
+    if (ChangeHardwareMode(HardWare_Mouse, thread)) run.Mouse->StartCheck();
   } else {
-    ChangeHardwareMode(HardWare_LaserPen);
-    Mouse->StopCheck();
+    if (ChangeHardwareMode(HardWare_LaserPen, thread)) run.Mouse->StopCheck();
   }
 }
 
 // A switch by a key deliberately neither starts nor stops the checking of the older mouse's keys.
-void CSoftModeSwitch::OnThreadCheck_Key() {
-  if (!PauseKeyCheck || PauseKeyCheck(PauseContext)) return;
+void CSoftModeSwitch::State::OnThreadCheck_Key(const Run& run, const CTask& thread) {
+  if (!run.PauseKeyCheck || !MayKeysSwitch(run.PauseKeyCheck, run.PauseContext) || thread.IsReleased()) return;
   if (CPreferences::Instance()->GetHardWare() == kMouse) {
-    if (LaserPen->GetKey_P_control() == ButtonDown) ChangeHardwareMode(HardWare_LaserPen);
-  } else if (Mouse->GetKey_M_L() == ButtonDown || Hub->GetButtonState_Left() == ButtonDown) {
-    ChangeHardwareMode(HardWare_Mouse);
+    if (run.LaserPen->GetKey_P_control() == ButtonDown) ChangeHardwareMode(HardWare_LaserPen, thread);
+  } else if (run.Mouse->GetKey_M_L() == ButtonDown || run.Hub->GetButtonState_Left() == ButtonDown) {
+    ChangeHardwareMode(HardWare_Mouse, thread);
   }
 }

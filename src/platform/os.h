@@ -3,7 +3,7 @@
 // chooses. A function enters this header when the library calls it, not before.
 //
 // The simulated machine ends a thread (TerminateThread) at the call of this header in which it waits, or at its next
-// one. So code above this seam holds nothing across a call that it could not lose, or parks first (see WorkerThread.h).
+// one. Code above this seam ends none of its threads so but one that is stuck in the client's code (see Worker.h).
 #pragma once
 
 #include <cstdint>

@@ -23,11 +23,14 @@ class CLock {
 // Holds a CLock for a scope.
 class CAutoLock {
  public:
-  explicit CAutoLock(CLock& lock) noexcept : lock_(lock) { lock_.Lock(); }
-  ~CAutoLock() { lock_.Unlock(); }
+  explicit CAutoLock(CLock& lock) noexcept : lock_(lock), held_(lock.Lock()) {}
+  ~CAutoLock() {
+    if (held_) lock_.Unlock();
+  }
   CAutoLock(const CAutoLock&) = delete;
   CAutoLock& operator=(const CAutoLock&) = delete;
 
  private:
   CLock& lock_;
+  const bool held_;  // false where there is no mutex
 };

@@ -35,7 +35,7 @@ class CWorker {
   CWorker& operator=(const CWorker&) = delete;
 
   // ---- For its owner ----
-  // Runs `body` on a new thread; not at all when it has been asked to end already. False when it cannot be started.
+  // Runs `body` on a new thread. False when it cannot be started, or has been asked to end already.
   bool Start(Body body) noexcept;
   // What others see as the thread handle: true from Start until the thread clears it or has ended.
   bool IsSet() const noexcept;

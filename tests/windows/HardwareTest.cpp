@@ -210,7 +210,7 @@ TEST_F(Hardware, StopsWithinASecondAndLeavesNothingRunning) {
   desk.open();
   ASSERT_TRUE(desk.machine.waitFor([&] { return count("MouseState") == 4; }, 10s));
   const auto meanwhile = open();
-  EXPECT_EQ(meanwhile[0], before[0] + 5) << "discovery, and two threads for each device";
+  EXPECT_EQ(meanwhile[0], before[0] + 7) << "discovery, and three threads for each device";
   EXPECT_EQ(meanwhile[1], before[1] + 4) << "each device is opened twice";
   desk.hub->ChooseWorkHidDevice(desk.hub->GetEffectiveDevice());
   ASSERT_TRUE(desk.hub->OpenHidRecord());

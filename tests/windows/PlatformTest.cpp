@@ -10,7 +10,7 @@
 #include "audio/SoundCard.h"
 #include "sim/windows/HidPort.h"
 #include "support/CLock.h"
-#include "support/WorkerThread.h"
+#include "support/CUtil.h"
 
 namespace {
 
@@ -18,26 +18,25 @@ TEST(Platform, ALockSurvivesTheForcedEndOfItsHolder) {
   struct Holder {
     CLock lock;
     HANDLE locked = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    CWorkerThread thread;
   } holder;
-  ASSERT_TRUE(holder.thread.Start(
+  unsigned id = 0;
+  const auto thread = reinterpret_cast<HANDLE>(os::_beginthreadex(
+      nullptr, 0,
       [](void* argument) -> unsigned {
         auto* mine = static_cast<Holder*>(argument);
-        if (!mine->thread.Begin()) return 0;
         mine->lock.Lock();
-        mine->thread.Park([mine] {
-          SetEvent(mine->locked);
-          Sleep(INFINITE);
-        });
+        SetEvent(mine->locked);
+        Sleep(INFINITE);
         return 0;
       },
-      &holder));
+      &holder, 0, &id));
+  ASSERT_NE(thread, nullptr);
   ASSERT_EQ(WaitForSingleObject(holder.locked, 5000), WAIT_OBJECT_0);
   EXPECT_FALSE(holder.lock.Lock(50)) << "held by the other thread";
-  holder.thread.Terminate();
-  EXPECT_TRUE(holder.thread.IsIdle());
+  CUtil::VoxTerminateThread(thread, 0);
   ASSERT_TRUE(holder.lock.Lock(1000));
   holder.lock.Unlock();
+  CloseHandle(thread);
   CloseHandle(holder.locked);
 }
 

@@ -92,7 +92,7 @@ void listSound(const Options& options) {
                            ? "Speaker: " + std::to_string(speaker->rate) + " Hz, " + std::to_string(speaker->channels) +
                                  (speaker->channels == 1 ? " channel" : " channels")
                            : "No speaker.");
-  session.finish({.handles = 1});  // a recorder's event stays open, deliberately
+  session.finish();
 }
 
 void recordMicrophone(const Options& options) {
@@ -119,7 +119,7 @@ void recordMicrophone(const Options& options) {
     const double length = source.seconds.value_or(HUGE_VAL);
     recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
   }
-  session.finish({.handles = 1});  // the recorder's event
+  session.finish();
 }
 
 void recordSpeaker(const Options& options) {

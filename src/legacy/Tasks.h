@@ -1,0 +1,149 @@
+// The threads of the older hardware's objects.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "VoxDevice/Shared.h"
+#include "support/CLock.h"
+#include "support/Worker.h"
+
+class CTask : public CWorker {
+ public:
+  using CWorker::CWorker;
+  // Not only asked to end, but released: the client hears nothing more, and what it has lent may be gone.
+  bool IsReleased() const noexcept { return released_; }
+
+ private:
+  friend class CTasks;
+  Shared<bool> released_{false};
+};
+
+// Threads of one kind: each start gets one of its own, so that none is lost while an earlier one is about to end.
+class CTasks {
+ public:
+  using List = std::vector<std::shared_ptr<CTask>>;
+  using Body = std::function<void(CTask&)>;
+
+  // Milliseconds in which every thread ends that neither a driver nor a client keeps.
+  static constexpr DWORD kMoment = 100;
+
+  // lock: the owner's, which it also holds when it decides on more than one call.
+  explicit CTasks(CLock& lock) noexcept : lock_(lock) {}
+
+  // False when no thread can be started, and after Close. stop: as for CWorker.
+  bool Start(Body body, HANDLE stop = nullptr) {
+    const CAutoLock lock(lock_);
+    if (closed_) return false;
+    std::erase_if(tasks_, [](const auto& task) { return task->HasEnded(); });
+    auto task = std::make_shared<CTask>(stop);
+    if (!task->StopEvent() || !task->CWorker::Start([task, body = std::move(body)] {
+          body(*task);
+          return 0U;
+        })) {
+      return false;
+    }
+    tasks_.push_back(std::move(task));
+    return true;
+  }
+
+  // One is at work that was not asked to end.
+  bool IsRunning() const {
+    return Any([](const CTask& task) { return task.IsSet() && !task.IsAsked(); });
+  }
+  bool IsSet() const {
+    return Any([](const CTask& task) { return task.IsSet(); });
+  }
+
+  void Ask() {
+    const CAutoLock lock(lock_);
+    for (const auto& task : tasks_) task->Ask();
+  }
+  // Asks, and adds them to `released`, for End.
+  void Release(List& released) {
+    const CAutoLock lock(lock_);
+    for (const auto& task : tasks_) {
+      task->released_ = true;
+      task->Ask();
+      released.push_back(task);
+    }
+  }
+  // No start succeeds any more.
+  void Close() {
+    const CAutoLock lock(lock_);
+    closed_ = true;
+  }
+  List Asked() const {
+    const CAutoLock lock(lock_);
+    List asked;
+    for (const auto& task : tasks_) {
+      if (task->IsAsked()) asked.push_back(task);
+    }
+    return asked;
+  }
+
+  // Without a lock. Asks again, since a thread may have been on its way into a blocking call, until they are gone or
+  // the deadline has passed.
+  static void Await(const List& tasks, CDeadline deadline) {
+    for (;;) {
+      bool gone = true;
+      for (const auto& task : tasks) {
+        if (task->IsCurrent() || task->HasEnded()) continue;
+        task->Ask();
+        gone = false;
+      }
+      if (gone || deadline.HasPassed()) return;
+      os::Sleep(1);
+    }
+  }
+  // Without a lock. On a thread of the library, inside a message, it only waits a moment: two messages that release
+  // each other's threads would wait for ever, and a third that waits for them would lose its patience.
+  static void End(const List& tasks) {
+    const bool inMessage = CWorker::CurrentStopEvent() != nullptr;
+    const CDeadline deadline(inMessage ? kMoment : CWorker::kPatience);
+    Await(tasks, deadline);
+    for (const auto& task : tasks) {
+      if (inMessage) {
+        task->Clear();
+      } else {
+        task->End(deadline);
+      }
+    }
+  }
+
+ private:
+  template <class Condition>
+  bool Any(Condition condition) const {
+    const CAutoLock lock(lock_);
+    for (const auto& task : tasks_) {
+      if (condition(*task)) return true;
+    }
+    return false;
+  }
+
+  CLock& lock_;
+  List tasks_;
+  bool closed_ = false;
+};
+
+// What the copies of an object share; it ends what runs when the last of them goes. Threads, and calls in which that
+// may happen, share the state alone.
+template <class Owner, class State>
+struct LastCopy : std::enable_shared_from_this<Owner> {
+  explicit LastCopy(std::shared_ptr<State> of = std::make_shared<State>()) : state(std::move(of)) {}
+  ~LastCopy() { state->EndForGood(); }
+  LastCopy(const LastCopy&) = delete;
+  LastCopy& operator=(const LastCopy&) = delete;
+
+  // For the time of a call.
+  std::shared_ptr<State> Share() const { return state; }
+  // For another copy; of an object that is just going, one that has ended.
+  std::shared_ptr<Owner> Copy() {
+    const std::shared_ptr<Owner> alive = this->weak_from_this().lock();
+    return alive ? alive : std::make_shared<Owner>(state);
+  }
+
+  const std::shared_ptr<State> state;
+};
