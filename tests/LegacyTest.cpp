@@ -915,7 +915,7 @@ struct Turmoil {
     CSoftModeSwitch switches(*theModes);
     for (int i = 0; i < 12; ++i) {
       desk.run(chance(3) ? within(4000) : within(60));
-      use(*devices[random() % devices.size()]);
+      use(*devices[static_cast<std::size_t>(random() % devices.size())]);
       operate(chance(2) ? mouse : *theMouse, chance(2) ? &switches : theModes, 2000);
     }
   }

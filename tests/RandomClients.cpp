@@ -86,7 +86,7 @@ class Hands {
     }
   }
   void act() {
-    const auto& device = devices_[random_() % devices_.size()];
+    const auto& device = devices_[static_cast<std::size_t>(random_() % devices_.size())];
     switch (random_() % 8) {
       case 0:
         device->plugged() ? desk_.machine.unplug(device) : desk_.machine.plug(device);

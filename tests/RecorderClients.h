@@ -78,7 +78,7 @@ class RecorderClients {
     if (choice == 1) desk(self).run(std::chrono::milliseconds(self.below(300)));
   }
   static Desk& desk(RecorderClients& self) { return self.desk_; }
-  std::uint64_t below(std::uint64_t limit) { return random_() % limit; }
+  std::size_t below(std::size_t limit) { return static_cast<std::size_t>(random_() % limit); }
 
   void create(std::unique_ptr<Recorder>& object) {
     auto made = std::make_unique<Recorder>();
