@@ -253,34 +253,6 @@ TEST(Lifecycle, ThreadIsClosedKeepsItsInvertedRule) {
   EXPECT_FALSE(desk.hub->ThreadIsClosed());
 }
 
-TEST(Lifecycle, CloseDeviceLetsACallbackFinish) {
-  Desk desk;
-  static bool finished;
-  desk.open();
-  auto wren = desk.connect("Wren");
-  for (const DWORD milliseconds : {1900U, 5000U}) {  // CloseDevice waits two seconds for it
-    finished = false;
-    static DWORD time;
-    time = milliseconds;
-    desk.hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) {
-                                        os::Sleep(time);
-                                        finished = true;
-                                      }),
-                                      nullptr);
-    wren->reportPower(1);
-    desk.run(10ms);
-    const auto begin = desk.milliseconds();
-    desk.hub->CloseDevice();
-    EXPECT_EQ(desk.milliseconds() - begin, std::min<DWORD>(milliseconds - 10, 2000));
-    EXPECT_EQ(finished, milliseconds < 2000);
-    desk.hub->Release();
-    desk.open();
-    desk.run(3s);
-  }
-  desk.run(2s);
-  EXPECT_FALSE(finished) << "ended where it was";
-}
-
 TEST(Lifecycle, SecondOpenDeviceAndCopiesAreHarmless) {
   Desk desk;
   desk.open();

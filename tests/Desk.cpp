@@ -64,22 +64,31 @@ void Record::clear() {
   lines_.clear();
 }
 
-void Record::Log(const wchar_t* text, LogType type) { add(line("Log", static_cast<int>(type), sim::utf8(text))); }
+void Record::Log(const wchar_t* text, LogType type) {
+  add(line("Log", static_cast<int>(type), sim::utf8(text)));
+  tell("Log " + std::to_string(static_cast<int>(type)));
+}
 void Record::DebugLog(const wchar_t* text, LogType type) {
   add(line("DebugLog", static_cast<int>(type), sim::utf8(text)));
+  tell("DebugLog");
 }
-void Record::MainWndWork(UserWorkType work) { add(line("MainWndWork", static_cast<int>(work))); }
 void Record::Tray(const wchar_t* text, VoxTrayParams parameters) {
   add(line("Tray", static_cast<int>(parameters), sim::utf8(text)));
+  tell("Tray");
 }
-void Record::HidConnect(int device) { add(line("HidConnect", device)); }
-void Record::HidDisconnect(int device) { add(line("HidDisconnect", device)); }
+void Record::say(const char* what, int value) {
+  add(line(what, value));
+  tell(what);
+}
+void Record::MainWndWork(UserWorkType work) { say("MainWndWork", work); }
+void Record::HidConnect(int device) { say("HidConnect", device); }
+void Record::HidDisconnect(int device) { say("HidDisconnect", device); }
+void Record::MainMenu(MainMenuType menu) { say("MainMenu", menu); }
+void Record::PostMainMenu(MainMenuType menu) { say("PostMainMenu", menu); }
 void Record::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {
   add(line("MKeyTypeSet", device, key, hex({types, types + length})));
 }
 void Record::OtaProgress(int done, int total) { add(line("OtaProgress", done, total)); }
-void Record::MainMenu(MainMenuType menu) { add(line("MainMenu", static_cast<int>(menu))); }
-void Record::PostMainMenu(MainMenuType menu) { add(line("PostMainMenu", static_cast<int>(menu))); }
 
 Desk::Desk(sim::MachineOptions options) : machine(options) {
   CPreferences::Instance()->SetVoiceClickTimes(1);
@@ -171,4 +180,10 @@ void Desk::onAudio(const unsigned char* data, int byteCount, void* desk) {
   const std::lock_guard lock(self->audioMutex);
   self->deliveries.push_back(byteCount);
   if (data) self->audio.insert(self->audio.end(), data, data + byteCount);
+}
+
+std::int64_t timeOf(Desk& desk, const std::function<void()>& action) {
+  const auto begin = desk.milliseconds();
+  action();
+  return desk.milliseconds() - begin;
 }

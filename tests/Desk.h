@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,6 +25,8 @@ class Record : public VoxMessageSink {
   std::vector<std::string> lines(const std::string& beginning);
   std::string last();
   void clear();
+  // What a client does inside its messages; called after the line is there, with "HidConnect", "Log 43", ...
+  std::function<void(const std::string&)> during;
 
   void Log(const wchar_t* text, LogType type) override;
   void DebugLog(const wchar_t* text, LogType type) override;
@@ -37,6 +40,11 @@ class Record : public VoxMessageSink {
   void PostMainMenu(MainMenuType menu) override;
 
  private:
+  void say(const char* what, int value);
+  void tell(const std::string& message) {
+    if (during) during(message);
+  }
+
   std::mutex mutex_;
   std::vector<std::string> lines_;
 };
@@ -76,3 +84,8 @@ class Desk {
   static void onAudio(const unsigned char* data, int byteCount, void* desk);
   int instances_ = 0;
 };
+
+constexpr std::int64_t kBound = 2000;  // ms in which everything ends
+
+// Runs `action`, and returns how long it took, in milliseconds.
+std::int64_t timeOf(Desk& desk, const std::function<void()>& action);

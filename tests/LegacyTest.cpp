@@ -1,8 +1,6 @@
 // Older hardware: what is plugged in, its keys, and the working mode that follows it.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
@@ -407,60 +405,6 @@ TEST(LegacyHid, AStartIsNeverLost) {
   }
 }
 
-TEST(LegacyHid, EndsCleanlyAtAnyMoment) {
-  for (std::uint64_t seed = 1; seed <= 1000 && !::testing::Test::HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937_64 random(seed);
-    const auto within = [&](unsigned bound) { return std::chrono::milliseconds(random() % bound); };
-    Desk desk({.seed = seed});
-    auto mouse = std::make_unique<sim::LegacyDevice>(desk.machine, LegacyKind::hidMouse);
-    auto lark = std::make_unique<sim::LegacyDevice>(desk.machine, LegacyKind::voiceKeyboard);
-    {
-      CFormerMouse former;
-      CFormerLaserPen pen;
-      CSoftModeSwitch modes;
-      former.Init();
-      former.StartCheck();
-      modes.StartCheck(nullptr, nullptr, &former, desk.hub.get(), &pen);
-      mouse->plug();
-      desk.run(within(4000));
-      lark->plug();
-      desk.run(within(4000));
-      mouse->hid()->key(0x21);
-      if (random() % 2 == 0) desk.run(within(30));
-      if (random() % 3 == 0) mouse->unplug();
-      if (random() % 3 == 0) {
-        former.StopCheck();
-        if (random() % 2 == 0) desk.run(within(40));
-        former.StartCheck();
-      }
-      switch (random() % 4) {
-        case 0:
-          former.CloseThread();
-          modes.StopCheck();
-          desk.run(200ms);
-          EXPECT_TRUE(former.ThreadIsClosed());
-          break;
-        case 1:
-          former.Release();
-          break;
-        case 2:
-          former.CloseThread();
-          desk.run(within(200));
-          former.Release();
-          modes.Release();
-          break;
-        default:
-          break;  // destructors alone
-      }
-    }
-    EXPECT_EQ(desk.machine.balance().threads, 0U);
-    desk.close();
-    desk.leftOpen.handles = desk.machine.balance().handles;
-    EXPECT_LE(desk.leftOpen.handles, 5U) << "the poller's event, files of released devices";
-  }
-}
-
 TEST(ModeSwitch, FollowsTheUserForAnHour) {
   LegacyDesk desk;
   auto usb = desk.device(LegacyKind::usbMouse);
@@ -546,51 +490,10 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
   EXPECT_EQ(happens(20s), Lines{});
 }
 
-// A client that does something inside its messages.
-struct BusyClient : Record {
-  void Log(const wchar_t* text, LogType type) override {
-    Record::Log(text, type);
-    tell("Log");
-  }
-  void DebugLog(const wchar_t* text, LogType type) override {
-    Record::DebugLog(text, type);
-    tell("DebugLog");
-  }
-  void MainWndWork(UserWorkType work) override {
-    Record::MainWndWork(work);
-    tell("MainWndWork");
-  }
-  void Tray(const wchar_t* text, VoxTrayParams parameters) override {
-    Record::Tray(text, parameters);
-    tell("Tray");
-  }
-  void MainMenu(MainMenuType menu) override {
-    Record::MainMenu(menu);
-    tell("MainMenu");
-  }
-  void PostMainMenu(MainMenuType menu) override {
-    Record::PostMainMenu(menu);
-    tell("PostMainMenu");
-  }
-  void tell(const std::string& message) {
-    if (inMessage) inMessage(message);
-  }
-  std::function<void(const std::string&)> inMessage;
-};
-
-// A desk with a busy client and a voice keyboard, and without a facade until the test makes one.
+// A desk with a voice keyboard, whose client may be busy.
 struct BusyDesk : LegacyDesk {
-  explicit BusyDesk(std::uint64_t seed = 0) : LegacyDesk(seed) {
-    VoxMessage::SetSink(&client);
-    lark->plug();
-  }
+  explicit BusyDesk(std::uint64_t seed = 0) : LegacyDesk(seed) { lark->plug(); }
   ~BusyDesk() { mouse.reset(); }
-  template <class Call>
-  std::int64_t duration(Call call) {
-    const std::int64_t before = milliseconds();
-    call();
-    return milliseconds() - before;
-  }
   std::size_t threads() { return machine.balance().threads; }
   // Whether a key of the device is seen.
   bool reads(sim::LegacyDevice& device) {
@@ -603,7 +506,6 @@ struct BusyDesk : LegacyDesk {
     return down;
   }
 
-  BusyClient client;
   std::unique_ptr<sim::LegacyDevice> lark = device(LegacyKind::voiceKeyboard);
 };
 
@@ -615,7 +517,7 @@ TEST(LegacyThreads, AreReleasedInsideTheirOwnMessages) {
     const char* message;
     std::uint8_t key;
     const Lines& told;
-  } cases[] = {{"Log", 0x41, log}, {"MainMenu", 0x41, menu}, {"Tray", 0x65, tray}};
+  } cases[] = {{"Log 23", 0x41, log}, {"MainMenu", 0x41, menu}, {"Tray", 0x65, tray}};
   for (const auto& c : cases) {
     for (const bool destroys : {false, true}) {
       SCOPED_TRACE(c.message);
@@ -624,12 +526,12 @@ TEST(LegacyThreads, AreReleasedInsideTheirOwnMessages) {
       hid->StartCheck();
       desk.run(20ms);
       std::int64_t took = -1;
-      desk.client.inMessage = [&](const std::string& message) {
-        if (message == c.message) took = desk.duration([&] { destroys ? hid.reset() : hid->Release(); });
+      desk.record.during = [&](const std::string& message) {
+        if (message == c.message) took = timeOf(desk, [&] { destroys ? hid.reset() : hid->Release(); });
       };
       desk.lark->hid()->key(c.key);
       desk.run(50ms);
-      EXPECT_EQ(desk.client.lines(), c.told) << "and nothing more";
+      EXPECT_EQ(desk.record.lines(), c.told) << "and nothing more";
       EXPECT_TRUE(took >= 0 && took < 50) << took;
       EXPECT_EQ(desk.threads(), 1U) << "the facade's poller";
       if (!destroys) {
@@ -653,7 +555,7 @@ TEST(LegacyThreads, AStopInsideAMessageOfThePollersLeavesNoKeyDown) {
   desk.leftOpen.handles += 1;
   desk.mouse->StartCheck();
   desk.run(120ms);
-  desk.client.inMessage = [&](const std::string& message) {
+  desk.record.during = [&](const std::string& message) {
     if (message == "PostMainMenu") desk.mouse->StopCheck();
   };
   desk.peripherals().keyboard.press(kF20);
@@ -664,7 +566,7 @@ TEST(LegacyThreads, AStopInsideAMessageOfThePollersLeavesNoKeyDown) {
     desk.peripherals().keyboard.release(kF19);
     desk.run(50ms);
   }
-  EXPECT_EQ(desk.client.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
+  EXPECT_EQ(desk.record.lines("PostMainMenu"), Lines{"PostMainMenu 8"});
   EXPECT_EQ(desk.keys(), "--");
   EXPECT_EQ(desk.mouse->GetClickMode_L(), ClickNone);
   desk.leftOpen.handles += 1;
@@ -677,14 +579,14 @@ TEST(LegacyThreads, TwoMessagesThatReleaseEachOthersThreadsBothReturn) {
   desk.mouse->StartCheck();
   desk.run(20ms);
   Lines took;
-  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string&) {
+  desk.record.during = [&, mouse = &*desk.mouse](const std::string&) {
     desk.run(10ms);
-    took.push_back(std::to_string(desk.duration([&] { mouse->Release(); })));
+    took.push_back(std::to_string(timeOf(desk, [&] { mouse->Release(); })));
   };
   desk.lark->hid()->key(0x65);
   second->hid()->key(0x65);
   desk.run(1ms);
-  EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 120);
+  EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 120);
   EXPECT_EQ(took, (Lines{"100", "100"}));
   EXPECT_EQ(desk.threads(), 0U);
   EXPECT_EQ(desk.machine.forcedEnds(), 0U);
@@ -724,9 +626,9 @@ TEST(LegacyThreads, StartRightAfterTheyWereStopped) {
     release ? modes.Release() : modes.StopCheck();
     start();
     desk.run(7940ms);
-    EXPECT_EQ(desk.client.lines("MainWndWork"), Lines{});
+    EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{});
     desk.run(20ms);
-    EXPECT_EQ(desk.client.lines("MainWndWork"), Lines{"MainWndWork 2"});
+    EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{"MainWndWork 2"});
   }
 }
 
@@ -786,7 +688,7 @@ TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
   auto pen = desk.device(LegacyKind::laserPen);
   pen->plug();
   desk.run(8s);
-  EXPECT_EQ(desk.client.lines("MainWndWork"), Lines{"MainWndWork 2"});
+  EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{"MainWndWork 2"});
   EXPECT_EQ(desk.threads(), 1U);
   following.reset();
   EXPECT_EQ(desk.threads(), 0U);
@@ -808,12 +710,12 @@ TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
   desk.mouse->StartCheck();
   desk.run(20ms);
   int meetings = 0;
-  desk.client.inMessage = [&, mouse = &*desk.mouse](const std::string& message) {
+  desk.record.during = [&, mouse = &*desk.mouse](const std::string& message) {
     if (message != "Tray") return;
     desk.run(10ms);
     CFormerMouse copy(*mouse);
     for (CFormerMouse* each : {mouse, &copy}) {
-      EXPECT_LE(desk.duration([&] { each->Release(); }), 50);
+      EXPECT_LE(timeOf(desk, [&] { each->Release(); }), 50);
       each->Init();
       each->StartCheck();
       EXPECT_TRUE(each->ThreadIsClosed());
@@ -824,7 +726,7 @@ TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
   };
   desk.lark->hid()->key(0x65);
   desk.run(5ms);
-  EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 100);
+  EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 100);
   EXPECT_EQ(meetings, 2);
   EXPECT_EQ(desk.threads(), 0U);
   desk.run(4s);
@@ -842,27 +744,27 @@ TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
     desk.mouse->StopCheck();
     desk.run(50ms);
     EXPECT_EQ(desk.threads(), 2U) << "poller, reader";
-    EXPECT_EQ(desk.duration([&] { desk.mouse->Release(); }), 2000);
+    EXPECT_EQ(timeOf(desk, [&] { desk.mouse->Release(); }), 2000);
     EXPECT_TRUE(desk.mouse->ThreadIsClosed());
-    EXPECT_EQ(desk.duration([&] { desk.mouse.reset(); }), 2000);
+    EXPECT_EQ(timeOf(desk, [&] { desk.mouse.reset(); }), 2000);
     EXPECT_EQ(desk.threads(), 1U);
     EXPECT_EQ(desk.machine.forcedEnds(), 0U);
     pulled ? desk.lark->unplug() : desk.lark->hid()->key(0x41);
     desk.run(1ms);
     EXPECT_EQ(desk.threads(), 0U);
-    EXPECT_EQ(desk.client.lines("MainMenu"), Lines{});
+    EXPECT_EQ(desk.record.lines("MainMenu"), Lines{});
     desk.leftOpen.handles += pulled ? 0 : 1;
   }
   BusyDesk desk;
   desk.mouse->StartCheck();
   desk.run(20ms);
-  desk.client.inMessage = [&](const std::string&) { desk.run(1h); };
+  desk.record.during = [&](const std::string&) { desk.run(1h); };
   desk.lark->hid()->key(0x65);
   desk.run(20ms);
-  EXPECT_EQ(desk.duration([&] { desk.mouse->Release(); }), 2000);
+  EXPECT_EQ(timeOf(desk, [&] { desk.mouse->Release(); }), 2000);
   EXPECT_EQ(desk.machine.forcedEnds(), 1U) << "inside the client's code";
   EXPECT_EQ(desk.threads(), 0U);
-  desk.client.inMessage = nullptr;
+  desk.record.during = nullptr;
   desk.mouse->StartCheck();
   EXPECT_TRUE(desk.reads(*desk.lark));
   desk.leftOpen.handles += 2;
@@ -872,7 +774,7 @@ TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
 struct Turmoil {
   explicit Turmoil(std::uint64_t seed) : random(seed), desk(seed) {
     CPreferences::Instance()->SetHardWare(HardWare_LaserPen);
-    desk.client.inMessage = [this](const std::string&) { inMessage(); };
+    desk.record.during = [this](const std::string&) { inMessage(); };
     for (const LegacyKind kind : {LegacyKind::hidMouse, LegacyKind::usbMouse, LegacyKind::laserPen}) {
       devices.push_back(desk.device(kind));
     }
@@ -891,17 +793,17 @@ struct Turmoil {
     for (auto& thread : clients) thread.join();
     if (chance(2)) desk.run(within(9000));
     // The last copies go, while messages still call them.
-    EXPECT_LE(desk.duration([&] { modes.reset(); }), 2000);
+    EXPECT_LE(timeOf(desk, [&] { modes.reset(); }), 2000);
     theModes = nullptr;
     if (chance(4)) theMouse->CloseThread();
-    EXPECT_LE(desk.duration([&] { desk.mouse.reset(); }), 2000);
+    EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 2000);
     theMouse = nullptr;
-    const std::size_t told = desk.client.lines().size();
+    const std::size_t told = desk.record.lines().size();
     for (const auto& device : devices) use(*device);
     desk.run(100ms);
     for (const auto& device : devices) device->unplug();  // the driver lets go
     desk.run(100ms);
-    EXPECT_EQ(desk.client.lines().size(), told) << "nothing runs on";
+    EXPECT_EQ(desk.record.lines().size(), told) << "nothing runs on";
     EXPECT_EQ(desk.threads(), 0U);
     EXPECT_EQ(desk.machine.forcedEnds(), 0U);
     desk.close();
@@ -936,10 +838,10 @@ struct Turmoil {
       case 1:
         return mouse.CloseThread();
       case 2:
-        EXPECT_LE(desk.duration([&] { mouse.Release(); }), bound);
+        EXPECT_LE(timeOf(desk, [&] { mouse.Release(); }), bound);
         return;
       case 8:
-        EXPECT_LE(desk.duration([&] { switches->Release(); }), bound);
+        EXPECT_LE(timeOf(desk, [&] { switches->Release(); }), bound);
         return;
       case 9:
         return switches->StopCheck();
@@ -996,9 +898,7 @@ struct Turmoil {
 };
 
 TEST(LegacyThreads, SurviveAnyCallAtAnyMoment) {
-  const char* times = std::getenv("VOXDEVICE_SEEDS");
-  const std::uint64_t seeds = 200 * (times ? std::strtoull(times, nullptr, 10) : 1);
-  for (std::uint64_t seed = 1; seed <= seeds && !HasFailure(); ++seed) {
+  for (std::uint64_t seed = 1; seed <= seeds(200) && !HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Turmoil(seed).run();
   }

@@ -2,14 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 
 #include "tests/Desk.h"
-
-constexpr std::int64_t kBound = 2000;  // ms in which everything ends
-
-// Runs `action`, and returns how long it took, in milliseconds.
-std::int64_t timeOf(Desk& desk, const std::function<void()>& action);
 
 // One run, drawn from the seed: expects that every call keeps its bound, that nobody is told anything after the end,
 // and that nothing is left. On the real clock the seed draws what is done, not the schedule, and the hub is destroyed

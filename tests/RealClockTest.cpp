@@ -129,23 +129,4 @@ TEST(RealClock, ClientsAtRandomAndAnEndAtAnyMoment) {
   }
 }
 
-TEST(RealClock, StopsAtAnyMoment) {
-  for (const int milliseconds : {0, 310, 960, 1003, 1961, 2112, 2500}) {
-    Desk desk({.clock = sim::Clock::realTime});
-    desk.open();
-    auto wren = desk.make("Wren");
-    auto plus = desk.make("Heron Plus", sim::Link::bluetooth);
-    wren->faults.writeTime = 3ms;
-    desk.machine.plug(wren);
-    desk.machine.plug(plus);
-    desk.run(std::chrono::milliseconds(milliseconds));
-    desk.hub->ChooseWorkHidDevice(1);
-    if (milliseconds > 2000) desk.hub->OpenHidRecord();
-    if (milliseconds % 2 == 0) desk.hub->CloseDevice();
-    if (milliseconds % 3 == 0) desk.machine.unplug(wren);
-    desk.hub->Release();
-    EXPECT_EQ(desk.machine.balance().threads, 0U);
-  }
-}
-
 }  // namespace

@@ -2,13 +2,72 @@
 #pragma once
 
 #include <array>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "platform/os.h"
 #include "tests/Desk.h"
+
+// What has been delivered to a client.
+struct Deliveries {
+  static void onData(const char* data, int byteCount, void* self) {
+    auto& [sizes, heard] = *static_cast<Deliveries*>(self);
+    sizes.push_back(data ? byteCount : 0);
+    if (!data) return;
+    const std::size_t at = heard.size();
+    heard.resize(at + static_cast<std::size_t>(byteCount) / 2);
+    std::memcpy(heard.data() + at, data, static_cast<std::size_t>(byteCount));
+  }
+  std::vector<int> sizes;  // 0 is an end mark
+  std::vector<std::int16_t> heard;
+};
+
+// A callback that does not return for so long, while the recorder is destroyed. The desk owns the recorder.
+template <class RecorderDesk>
+void aCallbackIsKept(RecorderDesk& desk, DWORD milliseconds) {
+  struct Slow {
+    const DWORD time;
+    bool finished = false;
+  } slow{milliseconds};
+  const auto onData = [](const char*, int, void* context) {
+    auto& [time, finished] = *static_cast<Slow*>(context);
+    os::Sleep(time);
+    finished = true;
+  };
+  desk.recorder->Init(reinterpret_cast<void*>(+onData), &slow);
+  ASSERT_EQ(desk.recorder->StartRecord(), 1);
+  desk.run(300ms);
+  EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+  EXPECT_EQ(slow.finished, milliseconds < kBound);
+  EXPECT_EQ(desk.machine.forcedEnds(), milliseconds < kBound ? 0U : 1U);
+  desk.run(10ms);  // the device is closed by now
+}
+
+// Records, and calls `action` inside the first delivery, or inside the end mark of a stop on this thread.
+template <class RecorderDesk>
+void actInACallback(RecorderDesk& desk, bool atMark, void (*action)(RecorderDesk&)) {
+  struct Context {
+    RecorderDesk& desk;
+    const DWORD thread;
+    void (*action)(RecorderDesk&);
+  } context{desk, atMark ? os::GetCurrentThreadId() : 0, action};
+  const auto onData = [](const char* data, int byteCount, void* argument) {
+    auto& [mine, thread, act] = *static_cast<Context*>(argument);
+    Deliveries::onData(data, byteCount, static_cast<Deliveries*>(&mine));
+    if (!act || (thread != 0 ? data || os::GetCurrentThreadId() != thread : !data)) return;
+    EXPECT_LE(timeOf(mine, [&] { std::exchange(act, nullptr)(mine); }), 20);
+  };
+  desk.recorder->Init(reinterpret_cast<void*>(+onData), &context);
+  ASSERT_EQ(desk.recorder->StartRecord(), 1);
+  if (atMark) desk.recorder->StopRecord();
+  desk.run(300ms);
+  if (desk.recorder) desk.recorder->Init(nullptr, nullptr);
+}
 
 template <class Recorder>
 class RecorderClients {

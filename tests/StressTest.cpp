@@ -52,58 +52,6 @@ TEST(Stress, AHundredDevicesForAnHour) {
   EXPECT_EQ(desk.machine.balance().threads, 1U) << "discovery alone";
 }
 
-// Devices at work, and a stop at a moment and in a schedule that the seed chooses. The desk checks the balance.
-void stopAtAnyMoment(std::uint64_t seed) {
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  Desk desk({.seed = seed});
-  std::mt19937_64 random(seed);
-  const auto within = [&](std::uint64_t bound) { return std::chrono::microseconds(random() % bound * 1000); };
-  desk.open();
-  auto wren = desk.make("Wren");
-  auto tern = desk.make("Tern");
-  auto plus = desk.make("Heron Plus", sim::Link::bluetooth);
-  for (const auto& device : {wren, tern, plus}) {
-    device->faults.writeTime = within(30);
-    desk.machine.plug(device);
-  }
-  desk.run(within(4000));
-  desk.hub->ChooseWorkHidDevice(static_cast<int>(random() % 4));
-  desk.hub->OpenHidRecord();
-  desk.run(within(1500));
-  if (random() % 3 == 0) {
-    desk.machine.unplug(wren);
-    if (random() % 2 == 0) desk.machine.plug(wren);
-    desk.run(within(3));
-  }
-  if (random() % 3 == 0) desk.machine.after(within(3), [&] { desk.machine.hid().unplug(tern); });
-  if (random() % 4 == 0) wren->faults.writeTime = 2s;  // longer than the patience of other writers
-  if (random() % 2 == 0) desk.run(within(1200));
-  switch (random() % 4) {
-    case 0:
-      desk.hub->CloseDevice();
-      desk.hub->Release();
-      break;
-    case 1:
-      desk.hub->Release();
-      break;
-    case 2:
-      desk.hub->CloseHidRecord();
-      desk.hub->CloseDevice();
-      desk.run(within(1500));
-      desk.hub->Release();
-      break;
-    default:
-      desk.hub.reset();  // a client that forgets both
-      break;
-  }
-  desk.machine.unplug(plus);
-  EXPECT_EQ(desk.machine.balance().threads, 0U);
-}
-
-TEST(Stress, StopsCleanlyAtAThousandMoments) {
-  for (std::uint64_t seed = 1; seed <= 1000 && !HasFailure(); ++seed) stopAtAnyMoment(seed);
-}
-
 // The read thread has ended before its start has returned.
 TEST(Stress, ReadsThatFailAtOnceLeaveNothingRunning) {
   for (std::uint64_t seed = 1; seed <= 100 && !HasFailure(); ++seed) {
