@@ -57,10 +57,10 @@ void actInACallback(RecorderDesk& desk, bool atMark, void (*action)(RecorderDesk
     void (*action)(RecorderDesk&);
   } context{desk, atMark ? os::GetCurrentThreadId() : 0, action};
   const auto onData = [](const char* data, int byteCount, void* argument) {
-    auto& [mine, thread, act] = *static_cast<Context*>(argument);
-    Deliveries::onData(data, byteCount, static_cast<Deliveries*>(&mine));
-    if (!act || (thread != 0 ? data || os::GetCurrentThreadId() != thread : !data)) return;
-    EXPECT_LE(timeOf(mine, [&] { std::exchange(act, nullptr)(mine); }), 20);
+    auto& it = *static_cast<Context*>(argument);
+    Deliveries::onData(data, byteCount, static_cast<Deliveries*>(&it.desk));
+    if (!it.action || (it.thread != 0 ? data || os::GetCurrentThreadId() != it.thread : !data)) return;
+    EXPECT_LE(timeOf(it.desk, [&] { std::exchange(it.action, nullptr)(it.desk); }), 20);
   };
   desk.recorder->Init(reinterpret_cast<void*>(+onData), &context);
   ASSERT_EQ(desk.recorder->StartRecord(), 1);

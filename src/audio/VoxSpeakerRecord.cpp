@@ -243,11 +243,12 @@ void CVoxSpeakerRecord::Recording::OnThreadStartRoutine() {
     if (signalled == WAIT_OBJECT_0 + 1) break;
     if (signalled != WAIT_OBJECT_0 + 2 || !TakePacket()) return;
   }
-  if (fillCount == 0) {
+  // Read once, here and below: another object that records changes it.
+  if (const std::size_t rest = fillCount; rest != 0) {
+    Deliver(m_pBuffer.data(), rest);
+  } else {
     const std::array<char, kSilenceBytes> silence{};
     Deliver(silence.data(), silence.size());
-  } else {
-    Deliver(m_pBuffer.data(), fillCount);
   }
   fillCount = 0;
 }
@@ -280,10 +281,11 @@ void CVoxSpeakerRecord::Recording::Stage(std::span<const std::int16_t> packet) {
     const std::size_t count = std::min(total - done, (kStagingBytes - fill) / 2);
     convert.Convert(packet, done, std::span(pcm).first(count));
     std::memcpy(m_pBuffer.data() + fill, pcm.data(), 2 * count);
-    fillCount = fill + 2 * count;
+    const std::size_t filled = fill + 2 * count;
+    fillCount = filled;
     done += count;
-    if (fillCount < kDeliveryBytes) continue;
-    Deliver(m_pBuffer.data(), fillCount);
+    if (filled < kDeliveryBytes) continue;
+    Deliver(m_pBuffer.data(), filled);
     fillCount = 0;
   }
 }
