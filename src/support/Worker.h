@@ -13,8 +13,7 @@
 //
 // - It waits for its stop event beside whatever else it waits for (Sleep, Wait). A read or write in which it is blocked
 //   (Blocking) is cancelled; a wait for messages gets WM_QUIT. It then ends within milliseconds.
-// - Its body owns, by shared pointers, all that it works on, and lets go of it as its last act. So nobody has to wait
-// for
+// - Its body owns, by shared pointers, all that it works on, and lets go of it as its last act. So nobody waits for
 //   a thread that is stuck in a driver that does not let go: it frees everything when it comes back.
 // - Force (CUtil::VoxTerminateThread) is what remains for a thread that is still inside the client's code when the
 //   patience is over: never before it has begun, inside the system, or while it holds a CLock.
