@@ -47,13 +47,14 @@ bool Mutex::release(Kernel& kernel, const Thread& by) {
   return true;
 }
 
-Kernel::Kernel(Clock clock, std::uint64_t seed, DWORD firstTick, Time timerPeriod)
+Kernel::Kernel(Clock clock, std::uint64_t seed, const ScheduleOptions& schedule, DWORD firstTick, Time timerPeriod)
     : clock_(clock),
-      shuffled_(seed != 0 && clock == Clock::virtualTime),
+      explores_((seed != 0 || schedule.given) && clock == Clock::virtualTime),
       firstTick_(firstTick),
       timerPeriod_(timerPeriod),
       generation_(++kernels),
-      random_(seed) {
+      random_(seed),
+      chooser_(seed, schedule) {
   main_ = std::make_shared<Thread>();
   main_->id = nextThreadId_;
   main_->foreign = true;
@@ -98,13 +99,19 @@ Kernel::Lock Kernel::enter() {
   return lock;
 }
 
-void Kernel::mayBeOvertaken() {
-  if (!shuffled_) return;
-  fireDue();
-  if (ready_.empty() || random_() % 4 != 0) return;
-  Thread& me = self();
-  ready(me);
+void Kernel::mayBeOvertaken(int weight) {
+  if (!explores_) return;
+  Thread& me = *current_;
+  if ((ready_.empty() && due() == 0) || !chooser_.interrupts(me, weight)) return chooser_.pass(me);
+  me.state = Thread::State::ready;
+  ready_.insert(ready_.begin(), &me);  // in order, it goes on
   switchAway(me);
+}
+
+void Kernel::atSharedField() {
+  if (!explores_) return;
+  const Lock lock(mutex_, std::try_to_lock);
+  if (lock) mayBeOvertaken(1);
 }
 
 Thread& Kernel::self() {
@@ -242,15 +249,14 @@ void Kernel::ready(Thread& thread) {
   thread.state = Thread::State::ready;
   if (virtualTime()) {
     ready_.push_back(&thread);
+    chooser_.becameReady();
   } else {
     thread.wake.notify_all();
   }
 }
 
 Kernel::TimerKey Kernel::addTimer(Time at, Timer timer) {
-  // Equal times keep the order in which they were asked for, unless the schedule is shuffled.
-  const std::uint64_t order = ++sequence_ | (shuffled_ ? (random_() << 40) : 0);
-  const TimerKey key{at, order};
+  const TimerKey key{at, ++sequence_};
   timers_.emplace(key, std::move(timer));
   return key;
 }
@@ -260,38 +266,51 @@ void Kernel::after(Time delay, Action action) {
   if (!virtualTime()) timelineWake_.notify_all();
 }
 
-// Everything that is due happens now: equal times are one moment, in which any thread may go first.
-void Kernel::fireDue() {
-  while (!timers_.empty() && timers_.begin()->first.first <= virtualNow_) {
-    auto due = timers_.extract(timers_.begin());
-    if (Thread* thread = due.mapped().thread) {
-      thread->timer.reset();
-      wakeUp(*thread, kTimeOut);
-    } else {
-      due.mapped().action();
-    }
+// How many timers are due: one stands for all when nothing is explored.
+std::size_t Kernel::due() const {
+  constexpr std::size_t kMost = 4;
+  std::size_t count = 0;
+  for (auto it = timers_.begin(); it != timers_.end() && it->first.first <= virtualNow_ && count < kMost; ++it) {
+    ++count;
+    if (!explores_) break;
+  }
+  return count;
+}
+
+void Kernel::fire(std::size_t which) {
+  auto timer = timers_.extract(std::next(timers_.begin(), static_cast<std::ptrdiff_t>(which)));
+  if (Thread* thread = timer.mapped().thread) {
+    thread->timer.reset();
+    wakeUp(*thread, kTimeOut);
+  } else {
+    timer.mapped().action();
   }
 }
 
-Thread& Kernel::nextThread() {
+Thread& Kernel::nextThread(Thread& me) {
   for (;;) {
-    fireDue();
-    if (!ready_.empty()) {
-      const auto pick = static_cast<std::ptrdiff_t>(shuffled_ ? random_() % ready_.size() : 0);
-      const auto next = ready_.begin() + pick;
-      Thread& thread = **next;
-      ready_.erase(next);
-      return thread;
+    const std::size_t timers = due();
+    if (timers + ready_.size() == 0) {
+      if (timers_.empty()) stuck("every thread waits without a limit");
+      virtualNow_ = timers_.begin()->first.first;
+      if (virtualNow_ > kLongestRun) stuck("the simulated time has no end");
+      continue;
     }
-    if (timers_.empty()) stuck("every thread waits without a limit");
-    virtualNow_ = timers_.begin()->first.first;
-    if (virtualNow_ > kLongestRun) stuck("the simulated time has no end");
+    const std::size_t which = explores_ && timers + ready_.size() > 1 ? chooser_.choose(me, timers, ready_) : 0;
+    if (which < timers) {
+      fire(which);
+      continue;
+    }
+    const auto next = ready_.begin() + static_cast<std::ptrdiff_t>(which - timers);
+    Thread& thread = **next;
+    ready_.erase(next);
+    return thread;
   }
 }
 
 // The caller has put itself on a list, or has ended; the lock goes along to the next thread and comes back with it.
 void Kernel::switchAway(Thread& me) {
-  Thread& next = nextThread();
+  Thread& next = nextThread(me);
   next.state = Thread::State::running;
   if (&next == &me) return;
   current_ = &next;

@@ -31,6 +31,7 @@
 #include "platform/audio_types.h"
 #include "platform/types.h"
 #include "sim/Fiber.h"
+#include "sim/Schedule.h"
 
 namespace sim {
 
@@ -128,6 +129,7 @@ class Thread final : public Object {
   DWORD lastError = 0;
   std::shared_ptr<MessageQueue> messages;  // from the thread's first look at them on
   std::array<void*, 8> locals{};           // by the index that TlsAlloc gives
+  Turns turns;
 
  private:
   friend class Kernel;
@@ -155,10 +157,10 @@ class Kernel {
   static constexpr int kTimeOut = -1;
   static constexpr int kCancelled = -2;
 
-  // seed 0: threads take turns in the order in which they became ready; any other seed shuffles them and lets a thread
-  // be overtaken at every call of the seam.
+  // seed 0: threads take turns in the order in which they became ready, and what is due at one moment happens before
+  // any of them goes on; any other seed explores schedules (virtual clock only).
   // timerPeriod: waits with a limit end at its multiples only, as with the timer of a real system; zero: to the moment.
-  Kernel(Clock clock, std::uint64_t seed, DWORD firstTick, Time timerPeriod);
+  Kernel(Clock clock, std::uint64_t seed, const ScheduleOptions& schedule, DWORD firstTick, Time timerPeriod);
   ~Kernel();
   Kernel(const Kernel&) = delete;
   Kernel& operator=(const Kernel&) = delete;
@@ -167,7 +169,9 @@ class Kernel {
   // first.
   Lock enter();
   // A call has let other threads run on: here, too, one of them may go first.
-  void mayBeOvertaken();
+  void mayBeOvertaken(int weight = 4);
+  // The running thread looks at, or changes, a field that it shares with others; needs no lock.
+  void atSharedField();
   // Enters from outside the simulated threads' rules (a test that looks at a count).
   Lock enterQuietly() { return Lock(mutex_); }
 
@@ -246,8 +250,9 @@ class Kernel {
   void cancelWait(Thread& thread);
   void suspendSelf(Lock& lock, Thread& me, std::optional<Time> until);
   void switchAway(Thread& me);
-  void fireDue();
-  Thread& nextThread();
+  std::size_t due() const;
+  void fire(std::size_t which);
+  Thread& nextThread(Thread& me);
   void finish(Thread& thread);
   [[noreturn]] void endSelf(Thread& me);
   [[noreturn]] void stuck(const char* why);
@@ -258,13 +263,14 @@ class Kernel {
   bool virtualTime() const { return clock_ == Clock::virtualTime; }
 
   const Clock clock_;
-  const bool shuffled_;
+  const bool explores_;
   const DWORD firstTick_;
   const Time timerPeriod_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   const std::uint64_t generation_;
   mutable std::mutex mutex_;
   std::mt19937_64 random_;
+  Chooser chooser_;
   std::uint64_t sequence_ = 0;
   std::uint64_t waits_ = 0;
   std::uint64_t misuses_ = 0;
@@ -279,7 +285,7 @@ class Kernel {
   // Virtual clock.
   Time virtualNow_{0};
   Thread* current_ = nullptr;
-  std::deque<Thread*> ready_;
+  std::vector<Thread*> ready_;
   std::vector<std::unique_ptr<Fiber>> ended_;  // stacks of ended threads, freed by whoever runs next
 
   // Real clock.

@@ -13,7 +13,7 @@ Machine* instance = nullptr;
 }  // namespace
 
 Machine::Machine(MachineOptions options)
-    : hid_(*this), sound_(*this), kernel_(options.clock, options.seed, options.firstTick, options.timerPeriod) {
+    : hid_(*this), sound_(*this), kernel_(options.clock, options.seed, options.schedule, options.firstTick, options.timerPeriod) {
   if (instance) {
     std::fputs("sim: a second machine while the first is on\n", stderr);
     std::abort();

@@ -18,7 +18,8 @@ namespace sim {
 
 struct MachineOptions {
   Clock clock = Clock::virtualTime;
-  std::uint64_t seed = 0;       // shuffles the schedule (virtual clock); 0 leaves it in order
+  std::uint64_t seed = 0;       // explores schedules (virtual clock); 0 leaves threads in order
+  ScheduleOptions schedule{};
   DWORD firstTick = 1'000'000;  // GetTickCount when the machine is switched on, milliseconds
   // Waits with a limit end at multiples of this only: 15,625 us is Windows' usual. Zero: to the moment.
   Time timerPeriod{0};

@@ -29,11 +29,14 @@ CAudioHidCenter::~CAudioHidCenter() {
 }
 
 CAudioHidCenter::CAudioHidCenter(const CAudioHidCenter& other) : m_pHub(std::make_shared<CHub>()) {
-  m_pHub->CopyFrom(*other.m_pHub);
+  const Operation from(other.m_pHub);
+  m_pHub->CopyFrom(*from);
 }
 
 CAudioHidCenter& CAudioHidCenter::operator=(const CAudioHidCenter& other) {
-  if (this != &other) m_pHub->CopyFrom(*other.m_pHub);
+  const Operation from(other.m_pHub);
+  const Operation to(m_pHub);
+  if (this != &other) to->CopyFrom(*from);
   return *this;
 }
 
@@ -46,7 +49,7 @@ void CAudioHidCenter::Release() { Operation(m_pHub)->Release(); }
 bool CAudioHidCenter::ThreadIsClosed() { return Operation(m_pHub)->ThreadIsClosed(); }
 
 // ---- Queries ----
-bool CAudioHidCenter::IsConnect() const { return m_pHub->anyDeviceConnected; }
+bool CAudioHidCenter::IsConnect() const { return Operation(m_pHub)->anyDeviceConnected; }
 int CAudioHidCenter::GetEffectiveDevice() { return Operation(m_pHub)->GetEffectiveDevice(); }
 MouseType CAudioHidCenter::GetHidMouseType(int device) { return Operation(m_pHub)->GetHidMouseType(device); }
 DataChannel CAudioHidCenter::GetDeviceConnectMode(int device) {
@@ -64,7 +67,7 @@ bool CAudioHidCenter::RecordDeviceIsHidDevice(std::wstring recordingDeviceName) 
   return Operation(m_pHub)->RecordDeviceIsHidDevice(recordingDeviceName);
 }
 bool CAudioHidCenter::WorkHidIsWren() { return Operation(m_pHub)->WorkHidIsWren(); }
-void CAudioHidCenter::ChooseWorkHidDevice(int device) { m_pHub->workDevice = device; }
+void CAudioHidCenter::ChooseWorkHidDevice(int device) { Operation(m_pHub)->workDevice = device; }
 
 // ---- Commands ----
 void CAudioHidCenter::GetMouseState(int device) { Operation(m_pHub)->GetMouseState(device); }
@@ -94,32 +97,32 @@ VoxButtonState CAudioHidCenter::GetButtonState_Key1() { return Operation(m_pHub)
 VoxButtonState CAudioHidCenter::GetButtonState_Key2() { return Operation(m_pHub)->GetButtonState_Key2(); }
 bool CAudioHidCenter::LeftKeyDown_Up() { return Operation(m_pHub)->LeftKeyDown_Up(); }
 bool CAudioHidCenter::Tern_IsShortPress_R() { return Operation(m_pHub)->Tern_IsShortPress_R(); }
-VoxClickMode CAudioHidCenter::GetClickMode_L() const { return m_pHub->DoubleClick.GetClickMode(); }
+VoxClickMode CAudioHidCenter::GetClickMode_L() const { return Operation(m_pHub)->DoubleClick.GetClickMode(); }
 
 // ---- Callbacks ----
 void CAudioHidCenter::SetCallback_MouseConnect(void* function, void* context) {
-  Register(m_pHub->mouseConnectCallback, function, context);
+  Register(Operation(m_pHub)->mouseConnectCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_VoiceOperate(void* function, void* context) {
-  Register(m_pHub->voiceOperateCallback, function, context);
+  Register(Operation(m_pHub)->voiceOperateCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_DpiSet(void* function, void* context) {
-  Register(m_pHub->dpiSetCallback, function, context);
+  Register(Operation(m_pHub)->dpiSetCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_MouseState(void* function, void* context) {
-  Register(m_pHub->mouseStateCallback, function, context);
+  Register(Operation(m_pHub)->mouseStateCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_DongleState(void* function, void* context) {
-  Register(m_pHub->dongleStateCallback, function, context);
+  Register(Operation(m_pHub)->dongleStateCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_PowerReport(void* function, void* context) {
-  Register(m_pHub->powerReportCallback, function, context);
+  Register(Operation(m_pHub)->powerReportCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_DownloadUrl(void* function, void* context) {
-  Register(m_pHub->downloadUrlCallback, function, context);
+  Register(Operation(m_pHub)->downloadUrlCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_FwOtaResult(void* function, void* context) {
-  Register(m_pHub->fwOtaResultCallback, function, context);
+  Register(Operation(m_pHub)->fwOtaResultCallback, function, context);
 }
 
 void CAudioHidCenter::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,

@@ -63,6 +63,7 @@ class CHub : public std::enable_shared_from_this<CHub> {
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
     CHub* operator->() const noexcept { return hub_.get(); }
+    CHub& operator*() const noexcept { return *hub_; }
 
    private:
     const std::shared_ptr<CHub> hub_;
