@@ -26,6 +26,11 @@ Machine::~Machine() {
   instance = nullptr;
 }
 
+// What the library's shared fields call in builds for it.
+extern "C" void voxAtSharedField() noexcept {
+  if (instance) instance->kernel().atSharedField();
+}
+
 void (*Machine::standIn)() = nullptr;
 
 Machine& Machine::current() {

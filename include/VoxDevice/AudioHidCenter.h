@@ -1,12 +1,12 @@
 // CAudioHidCenter: every current model, over USB or Bluetooth LE, through one object.
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "VoxDevice/Api.h"
+#include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
 class CHub;
@@ -195,5 +195,5 @@ class VOXDEVICE_API CAudioHidCenter {
  private:
   const std::shared_ptr<CHub> m_pHub;  // what the hub's threads and operations work on; goes with the last of them
 
-  static std::atomic<CAudioHidCenter*> s_pHidDeviceCenter;
+  static Atomic<CAudioHidCenter*> s_pHidDeviceCenter;
 };

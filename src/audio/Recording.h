@@ -1,10 +1,10 @@
 // What both recorders have in common: one recording, who ends it, and what stands behind the object of the client's.
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <vector>
 
+#include "VoxDevice/Shared.h"
 #include "support/CLock.h"
 #include "support/CallbackSlot.h"
 #include "support/Deadline.h"
@@ -63,11 +63,11 @@ class CRecording {
   void Silence(CPatience& patience) noexcept;
 
   const std::shared_ptr<const RecordedData> callback_;
-  std::atomic<bool> ended_{false};
-  std::atomic<DWORD> ender_{0};  // the thread that ends it
-  std::atomic<bool> over_{false};
-  std::atomic<bool> silent_{false};  // nothing is delivered any more
-  std::atomic<bool> delivering_{false};
+  Atomic<bool> ended_{false};
+  Atomic<DWORD> ender_{0};  // the thread that ends it
+  Atomic<bool> over_{false};
+  Atomic<bool> silent_{false};  // nothing is delivered any more
+  Atomic<bool> delivering_{false};
 };
 
 // What stands behind the object of the client's. Operations hold it, so that the object may go meanwhile.
@@ -92,7 +92,7 @@ class CRecorder {
   bool closed = false;
   std::shared_ptr<CRecording> recording;
 
-  std::atomic<bool> starting{false};
+  Atomic<bool> starting{false};
   const std::shared_ptr<RecordedData> callback = std::make_shared<RecordedData>();
 
  private:

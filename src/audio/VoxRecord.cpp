@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <vector>
 
 #include "audio/Recording.h"
@@ -434,7 +433,7 @@ void CVoxRecord::Recording::GiveUp(std::shared_ptr<Buffers> buffers) {
     std::shared_ptr<Buffers> buffers;
     Kept* next;
   };
-  static std::atomic<Kept*> latest{nullptr};
+  static Atomic<Kept*> latest{nullptr};
   auto* kept = new Kept{std::move(buffers), latest};
   while (!latest.compare_exchange_weak(kept->next, kept)) {
   }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstring>
 
 #include "VoxDevice/VoxCommon.h"
@@ -26,9 +25,9 @@ constexpr GUID kPcmFormat{0x00000001, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xaa, 0
 
 // Process-wide, as it always was: bytes in the staging buffer of the one object that records. Never more than fit in
 // one, whoever sets it.
-std::atomic<std::size_t> fillCount{0};
+Atomic<std::size_t> fillCount{0};
 // Successful checks of a format: only the first one is logged.
-std::atomic<int> formatChecks{0};
+Atomic<int> formatChecks{0};
 
 bool TimerMode() { return CEnvironmentMonitor::OsVersion() == WindowsVersion_TimerCapture; }
 

@@ -39,7 +39,7 @@ class CDeviceReader::File {
   }
 
  private:
-  std::atomic<HANDLE> handle_;
+  Atomic<HANDLE> handle_;
 };
 
 CDeviceReader::CDeviceReader()

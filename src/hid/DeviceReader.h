@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -269,7 +268,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool IsOfThisUpdate(OtaStep step) const noexcept { return static_cast<int>(step - otaFirstStep_) >= 0; }
 
   const HANDLE stopped_;  // manual-reset event: the hub has stopped the reader
-  std::atomic<bool> hasStopped_{false};
+  Atomic<bool> hasStopped_{false};
   std::shared_ptr<File> readFile_;
   std::shared_ptr<File> writeFile_;
   // The report on its way. The token is an auto-reset event: whoever has taken it may fill the slot below and post it,
@@ -289,5 +288,5 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool otaAwaits_ = false;              // a request of this step is out
   std::shared_ptr<CWorker> otaWaiter_;  // the wait thread; ends by itself when no update runs any more
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
-  std::atomic<LogEntry*> logBuffers{nullptr};
+  Atomic<LogEntry*> logBuffers{nullptr};
 };

@@ -16,7 +16,7 @@ void Register(CallbackSlot<Function>& slot, void* function, void* context) {
 
 }  // namespace
 
-std::atomic<CAudioHidCenter*> CAudioHidCenter::s_pHidDeviceCenter{nullptr};
+Atomic<CAudioHidCenter*> CAudioHidCenter::s_pHidDeviceCenter{nullptr};
 
 CAudioHidCenter* CAudioHidCenter::Instance() noexcept { return s_pHidDeviceCenter; }
 

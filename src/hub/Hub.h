@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -213,16 +212,16 @@ class CHub : public std::enable_shared_from_this<CHub> {
   void CopyAudioFrom(CHub& other);
   void UnloadAscDecoder();
 
-  std::atomic<int> inside_{0};
-  std::atomic<bool> closed_{false};
+  Atomic<int> inside_{0};
+  Atomic<bool> closed_{false};
   CLock tableLock;
   std::vector<HidDeviceEntry> devices;
   std::vector<std::weak_ptr<CDeviceReader>> leaving_;  // whose devices have gone, as long as a thread of theirs runs
   std::vector<std::shared_ptr<Detection>> detections;
   std::shared_ptr<Detection> detectionThread;    // the one started last
-  std::atomic<Detection*> passRunning{nullptr};  // two take turns
+  Atomic<Detection*> passRunning{nullptr};  // two take turns
   Shared<bool> stopDetection{false};
-  std::atomic<int> lastDeviceNumber{0};
+  Atomic<int> lastDeviceNumber{0};
   std::vector<LegalHidId> legalIds;
   // The process's decoders. Their lock also guards the staging buffer; it is never held while a callback runs.
   const std::shared_ptr<Decoders> decoders_;

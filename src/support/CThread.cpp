@@ -1,8 +1,8 @@
 #include <algorithm>
-#include <atomic>
 #include <memory>
 #include <vector>
 
+#include "VoxDevice/Shared.h"
 #include "VoxDevice/VoxCommon.h"
 #include "support/CLock.h"
 #include "support/Worker.h"
@@ -17,7 +17,7 @@ struct CThread::Threads {
   bool closed = false;
   std::vector<std::shared_ptr<Thread>> started;
   std::shared_ptr<Thread> latest;
-  std::atomic<unsigned> latestId{0};
+  Atomic<unsigned> latestId{0};
 };
 
 CThread::CThread() : threads_(std::make_shared<Threads>()) {}

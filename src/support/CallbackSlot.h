@@ -1,9 +1,9 @@
 // Callbacks that the client has registered.
 #pragma once
 
-#include <atomic>
 #include <utility>
 
+#include "VoxDevice/Shared.h"
 #include "support/Worker.h"
 
 // A registered callback: a function and the context it is called with, which readers always see as one pair. Earlier
@@ -47,5 +47,5 @@ class CallbackSlot {
   }
 
  private:
-  std::atomic<const Pair*> latest_{nullptr};
+  Atomic<const Pair*> latest_{nullptr};
 };

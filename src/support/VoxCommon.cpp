@@ -1,14 +1,13 @@
 #include "VoxDevice/VoxCommon.h"
 
-#include <atomic>
 
 #include "support/Worker.h"
 
 namespace {
 
-std::atomic<VoxMessageSink*> registeredSink{nullptr};
-std::atomic<bool> netReachable{true};
-std::atomic<WindowsVersion> osVersion{WindowsVersion_Current};
+Atomic<VoxMessageSink*> registeredSink{nullptr};
+Atomic<bool> netReachable{true};
+Atomic<WindowsVersion> osVersion{WindowsVersion_Current};
 
 template <class Call>
 void Tell(Call call) noexcept {

@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "VoxDevice/Shared.h"
 #include "support/CUtil.h"
 
 namespace {
@@ -81,13 +82,13 @@ struct CWorker::Record {
 
   const HANDLE ownStop;
   const HANDLE stop;  // manual-reset
-  std::atomic<bool> asked{false};
-  std::atomic<bool> set{false};
-  std::atomic<bool> started{false};
-  std::atomic<bool> left{false};  // has not ended within somebody's patience
-  std::atomic<unsigned> word{kNotBegun};
-  std::atomic<HANDLE> thread{nullptr};
-  std::atomic<DWORD> id{0};
+  Atomic<bool> asked{false};
+  Atomic<bool> set{false};
+  Atomic<bool> started{false};
+  Atomic<bool> left{false};  // has not ended within somebody's patience
+  Atomic<unsigned> word{kNotBegun};
+  Atomic<HANDLE> thread{nullptr};
+  Atomic<DWORD> id{0};
   Body body;
   std::shared_ptr<Record> running;  // itself, as long as the thread runs
 };

@@ -1,7 +1,6 @@
 // A thread of the library: asked to end by whoever wants it to, and ended by itself.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 
