@@ -1,7 +1,6 @@
 #include "tests/Desk.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -27,12 +26,6 @@ std::string hex(const std::vector<std::uint8_t>& bytes) {
     text += digits[value & 15];
   }
   return text;
-}
-
-std::uint64_t seeds(std::uint64_t usual) {
-  const char* factor = std::getenv("VOXDEVICE_SEEDS");
-  if (!factor) return usual;
-  return std::max<std::uint64_t>(1, static_cast<std::uint64_t>(static_cast<double>(usual) * std::atof(factor)));
 }
 
 void Record::add(const std::string& text) {

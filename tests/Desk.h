@@ -51,9 +51,6 @@ class Record : public VoxMessageSink {
 
 std::string hex(const std::vector<std::uint8_t>& bytes);
 
-// How many seeds a test runs: as many as usual, times VOXDEVICE_SEEDS where that is set (10, or 0.1).
-std::uint64_t seeds(std::uint64_t usual);
-
 // Owns the machine, the hub and the record; checks at its end that nothing is left open and no handle was misused.
 class Desk {
  public:

@@ -326,10 +326,8 @@ TEST(Ends, AShortPacketReachesTheCodecFilledWithSilence) {
   EXPECT_EQ(seen, expected);
 }
 
-TEST(Ends, ClientsAtRandomAndAnEndAtAnyMoment) {
-  for (std::uint64_t seed = 1; seed <= seeds(2000) && !HasFailure(); ++seed) {
-    clientsAtRandom(seed, sim::Clock::virtualTime);
-  }
-}
+const Scenario hub("hub", "hub reader worker", hubClients);
+
+TEST(Ends, ClientsAtRandomAndAnEndAtAnyMoment) { explore(hub, 2000); }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "platform/os.h"
 #include "tests/Desk.h"
+#include "tests/Explore.h"
 
 namespace {
 
@@ -49,8 +50,9 @@ class Files {
 
 // A desk with one device at the hub.
 struct UpdateDesk : Desk {
-  explicit UpdateDesk(const std::string& model, sim::Link link = sim::Link::usb, std::uint64_t seed = 0)
-      : Desk({.seed = seed}) {
+  explicit UpdateDesk(const std::string& model, sim::Link link = sim::Link::usb,
+                      const sim::MachineOptions& options = {})
+      : Desk(options) {
     open();
     device = connect(model, link);
     fresh();
@@ -400,7 +402,7 @@ TEST(Firmware, AnswerAndTimeOutMayMeetInAnyOrder) {
   for (std::uint64_t seed = 1; seed <= 200 && !::testing::Test::HasFailure(); ++seed) {
     const char* const models[] = {"Wren", "Swift", "Tern"};
     SCOPED_TRACE("seed " + std::to_string(seed));
-    UpdateDesk desk(models[seed % 3], sim::Link::usb, seed);
+    UpdateDesk desk(models[seed % 3], sim::Link::usb, {.seed = seed});
     for (const Updated which : {Updated::mouse, Updated::receiver}) {
       desk.device->update(which, {.size = 33, .thinking = 3098ms});  // every answer comes with the time-out
     }
@@ -496,7 +498,7 @@ TEST(Firmware, AStartThatMeetsATimeOutOrAnotherStartWinsWhole) {
   for (std::uint64_t seed = 1; seed <= seeds(300) && !::testing::Test::HasFailure(); ++seed) {
     const char* const models[] = {"Wren", "Swift", "Tern"};
     SCOPED_TRACE("seed " + std::to_string(seed));
-    UpdateDesk desk(models[seed % 3], sim::Link::usb, seed);
+    UpdateDesk desk(models[seed % 3], sim::Link::usb, {.seed = seed});
     std::mt19937_64 random(seed);
     const Bytes image = pattern(90, 3);
     const std::string before = desk.files.with(pattern(50));
@@ -563,75 +565,77 @@ TEST(Firmware, AWriteThatTakesItsTimeIsNoMissingAnswer) {
 }
 
 // Clients that start updates at any moment and from anywhere, a device that refuses, falls silent, goes and comes.
-TEST(Firmware, UpdatesAndRetriesAtRandomEndWithTheLastOne) {
-  for (std::uint64_t seed = 1; seed <= seeds(150) && !::testing::Test::HasFailure(); ++seed) {
-    const char* const models[] = {"Wren", "Swift", "Tern"};
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    static UpdateDesk* desk;
-    static std::mt19937_64 random;
-    static std::string file;
-    UpdateDesk mine(models[seed % 3], sim::Link::usb, seed);
-    desk = &mine;
-    random.seed(seed);
-    file = mine.files.with(pattern(70));
-    const auto behave = [](bool well) {
-      for (const Updated which : {Updated::mouse, Updated::receiver}) {
-        sim::UpdateScript script{.size = 70, .thinking = std::chrono::milliseconds(random() % 30)};
-        const UpdateStep steps[] = {UpdateStep::prepare, UpdateStep::open, UpdateStep::data, UpdateStep::complete};
-        if (!well && random() % 3 == 0) script.silentAt = steps[random() % 4];
-        if (!well && random() % 3 == 0) script.refuseAt = steps[random() % 4];
-        if (!well && random() % 4 == 0) script.thinking = std::chrono::milliseconds(3090 + random() % 20);
-        if (!well && random() % 4 == 0) script.endsAborts = false;
-        desk->device->update(which, script);
+void updateClients(Trial& run) {
+  const char* const models[] = {"Wren", "Swift", "Tern"};
+  static UpdateDesk* desk;
+  static Trial* dice;
+  static std::string file;
+  dice = &run;
+  static const auto random = [] { return (*dice)(); };
+  UpdateDesk mine(models[random() % 3], sim::Link::usb, run.machine);
+  desk = &mine;
+  file = mine.files.with(pattern(70));
+  const auto behave = [](bool well) {
+    for (const Updated which : {Updated::mouse, Updated::receiver}) {
+      sim::UpdateScript script{.size = 70, .thinking = std::chrono::milliseconds(random() % 30)};
+      const UpdateStep steps[] = {UpdateStep::prepare, UpdateStep::open, UpdateStep::data, UpdateStep::complete};
+      if (!well && random() % 3 == 0) script.silentAt = steps[random() % 4];
+      if (!well && random() % 3 == 0) script.refuseAt = steps[random() % 4];
+      if (!well && random() % 4 == 0) script.thinking = std::chrono::milliseconds(3090 + random() % 20);
+      if (!well && random() % 4 == 0) script.endsAborts = false;
+      desk->device->update(which, script);
+    }
+  };
+  mine.hub->SetCallback_FwOtaResult(reinterpret_cast<void*>(+[](int device, DataChannel, FwUpdateState, void*) {
+                                      if (random() % 3 == 0) os::Sleep(static_cast<DWORD>(random() % 100));
+                                      if (random() % 4 == 0) desk->hub->StartOTA(device, FwUpdate_First, file, "");
+                                    }),
+                                    nullptr);
+  behave(false);
+  std::vector<sim::Machine::Spawned> clients(2);
+  for (auto& spawned : clients) {
+    spawned = (mine.machine.spawn([&] {
+      for (int n = 0; n < 3; ++n) {
+        if (!mine.hub) return;
+        mine.start(static_cast<FwUpdateType>(random() % 3 + 1), file, file);
+        mine.run(std::chrono::milliseconds(random() % 4000));
+        if (random() % 2 == 0) behave(false);
       }
-    };
-    mine.hub->SetCallback_FwOtaResult(reinterpret_cast<void*>(+[](int device, DataChannel, FwUpdateState, void*) {
-                                        if (random() % 3 == 0) os::Sleep(static_cast<DWORD>(random() % 100));
-                                        if (random() % 4 == 0) desk->hub->StartOTA(device, FwUpdate_First, file, "");
-                                      }),
-                                      nullptr);
-    behave(false);
-    std::vector<sim::Machine::Spawned> clients(2);
-    for (auto& spawned : clients) {
-      spawned = (mine.machine.spawn([&] {
-        for (int n = 0; n < 3; ++n) {
-          if (!mine.hub) return;
-          mine.start(static_cast<FwUpdateType>(random() % 3 + 1), file, file);
-          mine.run(std::chrono::milliseconds(random() % 4000));
-          if (random() % 2 == 0) behave(false);
-        }
-      }));
-    }
-    if (seed % 5 == 0) {
-      mine.run(std::chrono::milliseconds(random() % 6000));
-      mine.machine.unplug(mine.device);
-      mine.run(std::chrono::milliseconds(random() % 1500));
-      mine.machine.plug(mine.device);
-    }
-    if (seed % 7 == 0) {
-      mine.run(std::chrono::milliseconds(random() % 4000));
-      mine.close();
-      for (auto& client : clients) client.join();
-      EXPECT_EQ(mine.machine.balance().threads, 0U);
-      continue;
-    }
-    for (auto& client : clients) client.join();
-    mine.run(60s);
-    // Whatever has been: the next one is told of, and arrives.
-    mine.hub->SetCallback_FwOtaResult(
-        reinterpret_cast<void*>(+[](int, DataChannel link, FwUpdateState state, void*) {
-          desk->record.add("FwOtaResult " + std::to_string(int{link}) + " " + std::to_string(int{state}));
-        }),
-        nullptr);
-    mine.fresh();
-    behave(true);
-    mine.start(FwUpdate_Both, file, file);
-    EXPECT_TRUE(mine.machine.waitFor([&] { return mine.record.last() == "FwOtaResult 0 11"; }, 60s));
-    mine.run(5s);
-    EXPECT_EQ(mine.record.lines("FwOtaResult"), (Lines{"FwOtaResult 2 8", "FwOtaResult 3 8", "FwOtaResult 0 11"}));
-    EXPECT_EQ(mine.machine.balance().threads, 4U);
-    EXPECT_EQ(mine.machine.forcedEnds(), 0U);
+    }));
   }
+  if (random() % 5 == 4) {
+    mine.run(std::chrono::milliseconds(random() % 6000));
+    mine.machine.unplug(mine.device);
+    mine.run(std::chrono::milliseconds(random() % 1500));
+    mine.machine.plug(mine.device);
+  }
+  if (random() % 7 == 6) {
+    mine.run(std::chrono::milliseconds(random() % 4000));
+    mine.close();
+    for (auto& client : clients) client.join();
+    EXPECT_EQ(mine.machine.balance().threads, 0U);
+    return;
+  }
+  for (auto& client : clients) client.join();
+  mine.run(60s);
+  // Whatever has been: the next one is told of, and arrives.
+  mine.hub->SetCallback_FwOtaResult(
+      reinterpret_cast<void*>(+[](int, DataChannel link, FwUpdateState state, void*) {
+        desk->record.add("FwOtaResult " + std::to_string(int{link}) + " " + std::to_string(int{state}));
+      }),
+      nullptr);
+  mine.fresh();
+  behave(true);
+  mine.start(FwUpdate_Both, file, file);
+  EXPECT_TRUE(mine.machine.waitFor([&] { return mine.record.last() == "FwOtaResult 0 11"; }, 60s));
+  mine.run(5s);
+  EXPECT_EQ(mine.record.lines("FwOtaResult"), (Lines{"FwOtaResult 2 8", "FwOtaResult 3 8", "FwOtaResult 0 11"}));
+  EXPECT_EQ(mine.machine.balance().threads, 4U);
+  EXPECT_EQ(mine.machine.forcedEnds(), 0U);
 }
+
+const Scenario updates("updates", "update reader", updateClients);
+
+TEST(Firmware, UpdatesAndRetriesAtRandomEndWithTheLastOne) { explore(updates, 150); }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "sim/devices/Legacy.h"
 #include "support/Worker.h"
 #include "tests/Desk.h"
+#include "tests/Explore.h"
 
 namespace {
 
@@ -24,7 +25,8 @@ constexpr int kXButton1 = 0x05, kXButton2 = 0x06, kF9 = 0x78, kF15 = 0x7E, kF19 
 // A desk with an older-hardware facade. The events of its pollers and, once devices have been released, the files of
 // HID devices stay open by design.
 struct LegacyDesk : Desk {
-  explicit LegacyDesk(std::uint64_t seed = 0, int toggleButton = 1, int clickTimes = 1) : Desk({.seed = seed}) {
+  explicit LegacyDesk(const sim::MachineOptions& options = {}, int toggleButton = 1, int clickTimes = 1)
+      : Desk(options) {
     CPreferences::Instance()->SetToggleButton(toggleButton);
     CPreferences::Instance()->SetVoiceClickTimes(clickTimes);
     leftOpen.handles = 1;
@@ -138,7 +140,7 @@ TEST(UsbKeys, EveryPairForEveryLayout) {
                  {0, {kF20, kXButton2}, {kF19, kXButton1}}};
   const int all[] = {kXButton1, kXButton2, kF9, kF19, kF20};
   for (const auto& layout : layouts) {
-    LegacyDesk desk(0, layout.toggleButton);
+    LegacyDesk desk({}, layout.toggleButton);
     auto usb = desk.device(LegacyKind::usbMouse);
     desk.mouse->StartCheck();
     desk.run(120ms);
@@ -166,7 +168,7 @@ TEST(UsbKeys, TheirReleaseIsImitatedByLayoutAndRevision) {
                {0, true, kF20, kF19},      {1, false, kXButton1, kXButton2},
                {2, false, kF9, kXButton1}, {0, false, kXButton2, kXButton1}};
   for (const auto& c : cases) {
-    LegacyDesk desk(0, c.toggleButton);
+    LegacyDesk desk({}, c.toggleButton);
     desk.device(LegacyKind::usbMouseRev2)->plug();
     for (int i = 0; i < (c.secondRevision ? 2 : 0); ++i) EXPECT_EQ(desk.mouse->IsConnect(), 0);
     desk.mouse->ImitateKeyM_L();
@@ -176,7 +178,7 @@ TEST(UsbKeys, TheirReleaseIsImitatedByLayoutAndRevision) {
 }
 
 TEST(UsbKeys, ArePolledEvery13MillisecondsWhileChecking) {
-  LegacyDesk desk(0, 1, 2);
+  LegacyDesk desk({}, 1, 2);
   auto usb = desk.device(LegacyKind::usbMouse);
   usb->press(kF19);
   desk.run(1s);
@@ -285,7 +287,7 @@ TEST(LaserPen, AnswersItsKeysAndImitatesTheirRelease) {
 }
 
 TEST(LegacyHid, KeysOfBothKindsAndTheirArming) {
-  LegacyDesk desk(0, 1, 2);
+  LegacyDesk desk({}, 1, 2);
   auto mouse = desk.device(LegacyKind::hidMouse);
   auto lark = desk.device(LegacyKind::voiceKeyboard);
   mouse->plug();
@@ -379,7 +381,7 @@ TEST(LegacyHid, RefusedDevicesAreForgottenAtTheNextStart) {
 TEST(LegacyHid, AStartIsNeverLost) {
   for (std::uint64_t seed = 1; seed <= 300 && !::testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    LegacyDesk desk(seed);
+    LegacyDesk desk({.seed = seed});
     auto device = desk.device(LegacyKind::hidMouse);
     device->plug();
     desk.mouse->StartCheck();
@@ -492,7 +494,7 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
 
 // A desk with a voice keyboard, whose client may be busy.
 struct BusyDesk : LegacyDesk {
-  explicit BusyDesk(std::uint64_t seed = 0) : LegacyDesk(seed) { lark->plug(); }
+  explicit BusyDesk(const sim::MachineOptions& options = {}) : LegacyDesk(options) { lark->plug(); }
   ~BusyDesk() { mouse.reset(); }
   std::size_t threads() { return machine.balance().threads; }
   // Whether a key of the device is seen.
@@ -772,7 +774,7 @@ TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
 
 // Clients that call anything, on threads of their own and inside messages, while devices come and go.
 struct Turmoil {
-  explicit Turmoil(std::uint64_t seed) : random(seed), desk(seed) {
+  explicit Turmoil(Trial& run) : random(run), desk(run.machine) {
     CPreferences::Instance()->SetHardWare(HardWare_LaserPen);
     desk.record.during = [this](const std::string&) { inMessage(); };
     for (const LegacyKind kind : {LegacyKind::hidMouse, LegacyKind::usbMouse, LegacyKind::laserPen}) {
@@ -784,19 +786,16 @@ struct Turmoil {
     }
   }
 
-  bool chance(unsigned in) { return random() % in == 0; }
-  std::chrono::milliseconds within(unsigned bound) { return std::chrono::milliseconds(random() % bound); }
-
   void run() {
     std::vector<sim::Machine::Spawned> clients;
     for (std::uint64_t i = 2 + random() % 2; i > 0; --i) clients.push_back(desk.machine.spawn([this] { client(); }));
     for (auto& thread : clients) thread.join();
-    if (chance(2)) desk.run(within(9000));
+    if (random.chance(2)) desk.run(random.within(9000));
     // The last copies go, while messages still call them.
-    EXPECT_LE(timeOf(desk, [&] { modes.reset(); }), 2000);
+    EXPECT_LE(timeOf(desk, [&] { modes.reset(); }), 2000 + late());
     theModes = nullptr;
-    if (chance(4)) theMouse->CloseThread();
-    EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 2000);
+    if (random.chance(4)) theMouse->CloseThread();
+    EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 2000 + late());
     theMouse = nullptr;
     const std::size_t told = desk.record.lines().size();
     for (const auto& device : devices) use(*device);
@@ -812,21 +811,23 @@ struct Turmoil {
     EXPECT_TRUE(desk.leftOpen.handles >= 1 && desk.leftOpen.handles <= 1 + openings);
   }
 
+  // Milliseconds that a coarse timer adds.
+  std::int64_t late() const { return random.coarse() ? 32 : 0; }
   void client() {
     CFormerMouse mouse(*theMouse);
     CSoftModeSwitch switches(*theModes);
     for (int i = 0; i < 12; ++i) {
-      desk.run(chance(3) ? within(4000) : within(60));
+      desk.run(random.chance(3) ? random.within(4000) : random.within(60));
       use(*devices[static_cast<std::size_t>(random() % devices.size())]);
-      operate(chance(2) ? mouse : *theMouse, chance(2) ? &switches : theModes, 2000);
+      operate(random.chance(2) ? mouse : *theMouse, random.chance(2) ? &switches : theModes, 2000 + late());
     }
   }
   void use(sim::LegacyDevice& device) {
     if (!device.plugged()) return device.plug();
-    if (chance(5)) return device.unplug();
-    if (!device.hid()) return device.press(chance(2) ? kF19 : kF23, chance(2));
-    device.hid()->faults.ignoreCancel = chance(6);
-    device.hid()->faults.failReads = chance(12);
+    if (random.chance(5)) return device.unplug();
+    if (!device.hid()) return device.press(random.chance(2) ? kF19 : kF23, random.chance(2));
+    device.hid()->faults.ignoreCancel = random.chance(6);
+    device.hid()->faults.failReads = random.chance(12);
     static constexpr std::uint8_t codes[] = {0x00, 0x11, 0x21, 0x41, 0x51, 0x65};
     device.hid()->key(codes[random() % 6]);
   }
@@ -862,7 +863,7 @@ struct Turmoil {
       case 3: {
         CFormerMouse_Hid hid;
         hid.StartCheck();
-        desk.run(within(40));
+        desk.run(random.within(40));
         return;  // its only copy goes, here or inside a message
       }
       case 4:
@@ -876,8 +877,9 @@ struct Turmoil {
   void inMessage() {
     if (depth > 2) return;
     ++depth;
-    if (chance(4)) desk.run(within(200));
-    if (theMouse && chance(3)) operate(*theMouse, theModes, CWorker::CurrentStopEvent() ? 100 : 2000);
+    if (random.chance(4)) desk.run(random.within(200));
+    if (theMouse && random.chance(3))
+      operate(*theMouse, theModes, CWorker::CurrentStopEvent() ? 100 + late() : 2000 + late());
     --depth;
   }
   static bool pause(void* context) {
@@ -885,7 +887,7 @@ struct Turmoil {
     return false;
   }
 
-  std::mt19937_64 random;
+  Trial& random;
   BusyDesk desk;
   std::vector<std::unique_ptr<sim::LegacyDevice>> devices;
   CFormerLaserPen keys;
@@ -897,11 +899,8 @@ struct Turmoil {
   int depth = 0;
 };
 
-TEST(LegacyThreads, SurviveAnyCallAtAnyMoment) {
-  for (std::uint64_t seed = 1; seed <= seeds(200) && !HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    Turmoil(seed).run();
-  }
-}
+const Scenario legacy("legacy", "legacy worker", [](Trial& run) { Turmoil(run).run(); });
+
+TEST(LegacyThreads, SurviveAnyCallAtAnyMoment) { explore(legacy, 200); }
 
 }  // namespace

@@ -4,33 +4,14 @@
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <mutex>
-#include <random>
 #include <string>
 #include <vector>
 
 namespace {
 
-// Random numbers for several threads.
-class Dice {
- public:
-  explicit Dice(std::uint64_t seed) : random_(seed) {}
-  std::uint64_t operator()() {
-    const std::lock_guard lock(mutex_);
-    return random_();
-  }
-  std::chrono::milliseconds within(std::uint64_t milliseconds) {
-    return std::chrono::milliseconds((*this)() % milliseconds);
-  }
-
- private:
-  std::mutex mutex_;
-  std::mt19937_64 random_;
-};
-
 // What a client thread may do at any moment; every operation of the hub's.
-using Operation = std::function<void(CAudioHidCenter&, Dice&)>;
-int anyDevice(Dice& random) { return static_cast<int>(random() % 5) - 1; }
+using Operation = std::function<void(CAudioHidCenter&, Trial&)>;
+int anyDevice(Trial& random) { return static_cast<int>(random() % 5) - 1; }
 const Operation kOperations[] = {
     [](auto& hub, auto& random) { hub.SetDpi(anyDevice(random), 800); },
     [](auto& hub, auto& random) { hub.GetMouseState(anyDevice(random)); },
@@ -76,7 +57,7 @@ constexpr std::int64_t kLongest = 3 * 3500;
 // The devices, and what happens to them.
 class Hands {
  public:
-  Hands(Desk& desk, Dice& random, bool quick) : desk_(desk), random_(random), quick_(quick) {
+  Hands(Desk& desk, Trial& random, bool quick) : desk_(desk), random_(random), quick_(quick) {
     static const char* const models[] = {"Wren", "Tern", "Swift", "Heron Plus", "Finch"};
     for (std::uint64_t i = 0, count = 1 + random() % 3; i < count; ++i) {
       const std::string model = models[random() % 5];
@@ -119,20 +100,17 @@ class Hands {
 
  private:
   Desk& desk_;
-  Dice& random_;
+  Trial& random_;
   const bool quick_;
   std::vector<std::shared_ptr<sim::VirtualMouse>> devices_;
 };
 
 }  // namespace
 
-void clientsAtRandom(std::uint64_t seed, sim::Clock clock) {
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  const bool real = clock == sim::Clock::realTime;
-  const bool coarse = !real && seed % 4 == 0;  // as the timer of a real system
-  const std::int64_t bound = kBound + (coarse ? 32 : real ? 500 : 0);
-  Dice random(seed);
-  Desk desk({.clock = clock, .seed = seed, .timerPeriod = std::chrono::microseconds(coarse ? 15'625 : 0)});
+void hubClients(Trial& random) {
+  const bool real = random.machine.clock == sim::Clock::realTime;
+  const std::int64_t bound = kBound + (random.coarse() ? 32 : real ? 500 : 0);
+  Desk desk(random.machine);
   const auto pause = [&](std::uint64_t milliseconds) {
     desk.run(random.within(real ? milliseconds / 5 : milliseconds));
   };
@@ -141,7 +119,7 @@ void clientsAtRandom(std::uint64_t seed, sim::Clock clock) {
   // Clients act inside callbacks, too.
   struct Context {
     std::atomic<CAudioHidCenter*> hub;
-    Dice& random;
+    Trial& random;
   } context{desk.hub.get(), random};
   desk.hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void* argument) {
                                       auto& [hub, dice] = *static_cast<Context*>(argument);

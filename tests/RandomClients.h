@@ -1,11 +1,10 @@
 // Clients that call anything at any moment, on a hub whose devices misbehave and which ends at any moment.
 #pragma once
 
-#include <cstdint>
-
 #include "tests/Desk.h"
+#include "tests/Explore.h"
 
-// One run, drawn from the seed: expects that every call keeps its bound, that nobody is told anything after the end,
-// and that nothing is left. On the real clock the seed draws what is done, not the schedule, and the hub is destroyed
-// only when its clients have gone, since a call may not begin later.
-void clientsAtRandom(std::uint64_t seed, sim::Clock clock);
+// Expects that every call keeps its bound, that nobody is told anything after the end, and that nothing is left. On the
+// real clock the seed draws what is done, not the schedule, and the hub is destroyed only when its clients have gone,
+// since a call may not begin later.
+void hubClients(Trial& random);

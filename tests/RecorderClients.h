@@ -5,13 +5,13 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/os.h"
 #include "tests/Desk.h"
+#include "tests/Explore.h"
 
 // What has been delivered to a client.
 struct Deliveries {
@@ -75,9 +75,12 @@ class RecorderClients {
   using Operation = std::function<void(Recorder&)>;
 
   // more: operations that only this kind of recorder has. calls: of its driver, which fail and stall at random.
-  RecorderClients(Desk& desk, std::uint64_t seed, std::int64_t bound, std::vector<Operation> more,
-                  std::vector<const char*> calls)
-      : desk_(desk), random_(seed), bound_(bound), more_(std::move(more)), calls_(std::move(calls)) {}
+  RecorderClients(Desk& desk, Trial& random, std::vector<Operation> more, std::vector<const char*> calls)
+      : desk_(desk),
+        random_(random),
+        bound_(kBound + (random.coarse() ? 32 : 5)),
+        more_(std::move(more)),
+        calls_(std::move(calls)) {}
 
   // Returns when every object has gone and whatever a driver has kept has come back.
   void run() {
@@ -137,7 +140,7 @@ class RecorderClients {
     if (choice == 1) desk(self).run(std::chrono::milliseconds(self.below(300)));
   }
   static Desk& desk(RecorderClients& self) { return self.desk_; }
-  std::size_t below(std::size_t limit) { return static_cast<std::size_t>(random_() % limit); }
+  std::size_t below(std::size_t limit) { return random_.below(limit); }
 
   void create(std::unique_ptr<Recorder>& object) {
     auto made = std::make_unique<Recorder>();
@@ -180,7 +183,7 @@ class RecorderClients {
   }
 
   Desk& desk_;
-  std::mt19937_64 random_;
+  Trial& random_;
   const std::int64_t bound_;
   const std::vector<Operation> more_;
   const std::vector<const char*> calls_;

@@ -430,16 +430,14 @@ TEST(Speaker, TwoThatRecordAtOnceSpoilNoMemory) {
 }
 
 // Clients at random, an engine that fails and stalls at random, and an end at any moment.
-void clientsAtRandom(std::uint64_t seed) {
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  const bool coarse = seed % 4 == 0;
-  Desk desk({.seed = seed, .timerPeriod = std::chrono::microseconds(coarse ? 15'625 : 0)});
+void speakerClients(Trial& random) {
+  Desk desk(random.machine);
   desk.machine.sound().hasSpeaker = true;
   desk.machine.sound().speaker.mixFormat = sim::mixFormat(48000, 2, true, true);
   desk.machine.sound().speaker.plays = tone(48000, 2, 1);
-  CEnvironmentMonitor::SetOsVersion(seed % 3 == 0 ? WindowsVersion_TimerCapture : WindowsVersion_Current);
+  CEnvironmentMonitor::SetOsVersion(random() % 3 == 2 ? WindowsVersion_TimerCapture : WindowsVersion_Current);
   RecorderClients<CVoxSpeakerRecord>(
-      desk, seed, kBound + (coarse ? 32 : 5), {[](CVoxSpeakerRecord& recorder) {
+      desk, random, {[](CVoxSpeakerRecord& recorder) {
         CVoxSpeakerRecord copy;
         copy = recorder;
         copy.StopRecord();
@@ -453,8 +451,8 @@ void clientsAtRandom(std::uint64_t seed) {
   for (sim::ComObject* object : desk.machine.sound().objects) EXPECT_TRUE(dynamic_cast<IMMDevice*>(object));
 }
 
-TEST(Speaker, ClientsAtRandomAndAnEndAtAnyMoment) {
-  for (std::uint64_t seed = 1; seed <= seeds(500) && !HasFailure(); ++seed) clientsAtRandom(seed);
-}
+const Scenario speaker("speaker", "recording speaker", speakerClients);
+
+TEST(Speaker, ClientsAtRandomAndAnEndAtAnyMoment) { explore(speaker, 500); }
 
 }  // namespace
