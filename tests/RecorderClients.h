@@ -116,8 +116,10 @@ class RecorderClients {
     ended_ = true;
     for (auto& client : clients) client.join();
     for (auto& object : objects_) destroy(object);
-    const auto said = deliveries_;
     desk_.machine.sound().repair();
+    // A copy that lives in a callback, which a driver keeps.
+    EXPECT_TRUE(desk_.machine.waitFor([this] { return acting_ == 0; }, 10s));
+    const auto said = deliveries_;
     desk_.run(30s);
     EXPECT_EQ(deliveries_, said) << "nothing is delivered any more";
     EXPECT_EQ(desk_.machine.balance().threads, 0U) << desk_.machine.waiting();
@@ -154,6 +156,11 @@ class RecorderClients {
     EXPECT_LE(desk_.milliseconds() - began, bound_);
   }
   void act() {
+    ++acting_;
+    operate();
+    --acting_;
+  }
+  void operate() {
     auto& object = objects_[below(objects_.size())];
     Recorder* recorder = object.get();
     if (!recorder) return create(object);
@@ -189,6 +196,7 @@ class RecorderClients {
   const std::vector<const char*> calls_;
   std::array<std::unique_ptr<Recorder>, 3> objects_;
   bool ended_ = false;
+  int acting_ = 0;  // operations in progress
   std::uint64_t deliveries_ = 0;
   std::uint64_t sum_ = 0;  // of what has been read: it must be there
 };
