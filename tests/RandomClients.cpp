@@ -9,7 +9,10 @@
 
 namespace {
 
-// What a client thread may do at any moment; every operation of the hub's.
+// Null once it is going: no call may begin from then on.
+std::atomic<CAudioHidCenter*> theHub;
+
+// What a client thread may do at any moment, a call of the hub's each; every operation of the hub's.
 using Operation = std::function<void(CAudioHidCenter&, Trial&)>;
 int anyDevice(Trial& random) { return static_cast<int>(random() % 5) - 1; }
 const Operation kOperations[] = {
@@ -37,10 +40,13 @@ const Operation kOperations[] = {
     },
     [](auto& hub, auto& random) { hub.GetHidMouseType(anyDevice(random)); },
     [](auto& hub, auto&) { hub.RecordDeviceIsHidDevice(L"Microphone (VoxMouse Wren)"); },
-    [](auto& hub, auto&) { hub.GetButtonState_Left(), hub.LeftKeyDown_Up(), hub.WorkHidIsWren(), hub.IsConnect(); },
+    [](auto& hub, auto&) { hub.GetButtonState_Left(); },
+    [](auto& hub, auto&) { hub.LeftKeyDown_Up(); },
+    [](auto& hub, auto&) { hub.WorkHidIsWren(); },
+    [](auto& hub, auto&) { hub.IsConnect(); },
     [](auto& hub, auto& random) {
       CAudioHidCenter copy(hub);
-      if (random() % 2 == 0) copy = hub;
+      if (CAudioHidCenter* now = theHub; now && random() % 2 == 1) copy = *now;
       copy.GetMouseState(-1);
     },
     [](auto& hub, auto&) { hub.SetCallback_DpiSet(nullptr, nullptr); },
@@ -117,19 +123,16 @@ void hubClients(Trial& random) {
   Hands hands(desk, random, real);
 
   // Clients act inside callbacks, too.
-  struct Context {
-    std::atomic<CAudioHidCenter*> hub;
-    Trial& random;
-  } context{desk.hub.get(), random};
+  theHub = desk.hub.get();
   desk.hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void* argument) {
-                                      auto& [hub, dice] = *static_cast<Context*>(argument);
-                                      CAudioHidCenter* mine = hub;
+                                      auto& dice = *static_cast<Trial*>(argument);
+                                      CAudioHidCenter* mine = theHub;
                                       if (!mine) return;
-                                      const auto choice = dice() % 24;
+                                      const auto choice = dice() % 28;
                                       if (choice < std::size(kOperations)) kOperations[choice](*mine, dice);
-                                      if (choice == 23) kStops[dice() % 3](*mine, dice);
+                                      if (choice == 27) kStops[dice() % 3](*mine, dice);
                                     }),
-                                    &context);
+                                    &random);
   desk.open();
   if (real) desk.run(random.within(1500));  // also before, and just when, the devices are found
 
@@ -138,7 +141,7 @@ void hubClients(Trial& random) {
     clients.push_back(desk.machine.spawn([&] {
       for (int n = 0; n < 10; ++n) {
         pause(700);
-        CAudioHidCenter* hub = context.hub;
+        CAudioHidCenter* hub = theHub;
         if (!hub) return;
         const bool stops = random() % 16 == 0;
         const Operation& operation = stops ? kStops[random() % 4] : kOperations[random() % std::size(kOperations)];
@@ -157,7 +160,7 @@ void hubClients(Trial& random) {
   };
   if (end == 0) stop([&] { desk.hub->CloseDevice(); });
   if (end <= 1) stop([&] { desk.hub->Release(); });
-  context.hub = nullptr;  // who looks now finds none
+  theHub = nullptr;  // who looks now finds none
   if (real) leave();
   stop([&] { desk.hub.reset(); });
   desk.record.clear();

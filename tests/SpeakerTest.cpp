@@ -434,7 +434,8 @@ void speakerClients(Trial& random) {
   Desk desk(random.machine);
   desk.machine.sound().hasSpeaker = true;
   desk.machine.sound().speaker.mixFormat = sim::mixFormat(48000, 2, true, true);
-  desk.machine.sound().speaker.plays = tone(48000, 2, 1);
+  static const auto played = tone(48000, 2, 1);
+  desk.machine.sound().speaker.plays = played;
   CEnvironmentMonitor::SetOsVersion(random() % 3 == 2 ? WindowsVersion_TimerCapture : WindowsVersion_Current);
   RecorderClients<CVoxSpeakerRecord>(
       desk, random, {[](CVoxSpeakerRecord& recorder) {

@@ -28,10 +28,8 @@ CAudioHidCenter::~CAudioHidCenter() {
   m_pHub->Close();
 }
 
-CAudioHidCenter::CAudioHidCenter(const CAudioHidCenter& other) : m_pHub(std::make_shared<CHub>()) {
-  const Operation from(other.m_pHub);
-  m_pHub->CopyFrom(*from);
-}
+// The original may go while it is copied: what stands behind it is taken first.
+CAudioHidCenter::CAudioHidCenter(const CAudioHidCenter& other) : m_pHub(CHub::CopyOf(other.m_pHub)) {}
 
 CAudioHidCenter& CAudioHidCenter::operator=(const CAudioHidCenter& other) {
   const Operation from(other.m_pHub);

@@ -46,6 +46,7 @@ class CHub : public std::enable_shared_from_this<CHub> {
   CHub(const CHub&) = delete;
   CHub& operator=(const CHub&) = delete;
   void CopyFrom(CHub& other);
+  static std::shared_ptr<CHub> CopyOf(std::shared_ptr<CHub> original);
 
   // An operation of the client's that is inside. The last call of CAudioHidCenter, Close, waits for the others.
   class Operation {

@@ -62,6 +62,13 @@ void CHub::CopyFrom(CHub& other) {
   fwOtaResultCallback = other.fwOtaResultCallback;
 }
 
+std::shared_ptr<CHub> CHub::CopyOf(std::shared_ptr<CHub> original) {
+  const Operation from(original);
+  auto copy = std::make_shared<CHub>();
+  copy->CopyFrom(*from);
+  return copy;
+}
+
 void CHub::OpenDevice(void* callback, void* context) {
   audioCallback.Set(reinterpret_cast<AudioCallback>(callback), context);
   const CAutoLock lock(tableLock);
