@@ -283,7 +283,9 @@ void Kernel::fire(std::size_t which) {
     thread->timer.reset();
     wakeUp(*thread, kTimeOut);
   } else {
+    firing_ = true;
     timer.mapped().action();
+    firing_ = false;
   }
 }
 

@@ -183,6 +183,8 @@ class Kernel {
 
   // ---- With the lock held ----
   Thread& self();
+  // The id of the thread that acts; 0 while what was due happens by itself.
+  DWORD acting() { return firing_ ? 0 : self().id; }
   std::shared_ptr<Thread> createThread(std::function<void()> entry, bool suspended);
   void resume(Thread& thread);
   // Ends a thread at the call in which it waits, or at its next one. Ends the caller at once.
@@ -284,6 +286,7 @@ class Kernel {
 
   // Virtual clock.
   Time virtualNow_{0};
+  bool firing_ = false;
   Thread* current_ = nullptr;
   std::vector<Thread*> ready_;
   std::vector<std::unique_ptr<Fiber>> ended_;  // stacks of ended threads, freed by whoever runs next

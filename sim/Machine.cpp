@@ -13,12 +13,28 @@ Machine* instance = nullptr;
 }  // namespace
 
 Machine::Machine(MachineOptions options)
-    : hid_(*this), sound_(*this), kernel_(options.clock, options.seed, options.schedule, options.firstTick, options.timerPeriod) {
+    : hid_(*this),
+      sound_(*this),
+      kernel_(options.clock, options.seed, tellingChoices(options.schedule), options.firstTick, options.timerPeriod) {
   if (instance) {
     std::fputs("sim: a second machine while the first is on\n", stderr);
     std::abort();
   }
   instance = this;
+  if (!options.logFile.empty()) {
+    logFile_.reset(std::fopen(options.logFile.c_str(), "w"));
+    recording_ = logFile_ != nullptr;
+  }
+}
+
+ScheduleOptions Machine::tellingChoices(ScheduleOptions schedule) {
+  schedule.told = [this](const Choice& choice) {
+    if (!recording_) return;
+    noteLocked("choice " +
+               (choice.next > 0 ? "thread " + std::to_string(choice.next) : "timer " + std::to_string(-choice.next)) +
+               " goes first");
+  };
+  return schedule;
 }
 
 Machine::~Machine() {
@@ -45,13 +61,13 @@ Machine& Machine::current() {
 void Machine::plug(const std::shared_ptr<HidDevice>& device) {
   locked([&] {
     hid_.plug(device);
-    noteLocked("plug " + std::string(device->path().begin(), device->path().end()));
+    noteLocked("plug", device.get());
   });
 }
 
 void Machine::unplug(const std::shared_ptr<HidDevice>& device) {
   locked([&] {
-    noteLocked("unplug " + std::string(device->path().begin(), device->path().end()));
+    noteLocked("unplug", device.get());
     hid_.unplug(device);
   });
 }
@@ -139,12 +155,29 @@ void Machine::note(const std::string& line) {
   locked([&] { noteLocked(line); });
 }
 
-void Machine::noteLocked(const std::string& line) {
+void Machine::noteLocked(const std::string& line, const HidDevice* device, HANDLE handle) {
   if (!recording_) return;
-  std::array<char, 32> time{};
+  std::array<char, 32> number{};
   const long long now = kernel_.now().count();
-  std::snprintf(time.data(), time.size(), "%lld.%03lld ", now / 1000, now % 1000);
-  log_ += time.data() + line + "\n";
+  std::snprintf(number.data(), number.size(), "%lld.%03lld ", now / 1000, now % 1000);
+  std::string text = number.data() + line + " (thread " + std::to_string(kernel_.acting());
+  if (device) {
+    // Without what all paths have.
+    const std::string path(device->path().begin(), device->path().end());
+    text += ", device " + path.substr(path.find('#') + 1, path.rfind('#') - path.find('#') - 1);
+  }
+  if (handle) {
+    std::snprintf(number.data(), number.size(), ", handle %llx",
+                  static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(handle)));
+    text += number.data();
+  }
+  text += ")\n";
+  if (logFile_) {
+    std::fputs(text.c_str(), logFile_.get());
+    std::fflush(logFile_.get());
+  } else {
+    log_ += text;
+  }
 }
 
 std::string Machine::log() {

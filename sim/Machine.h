@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,11 +19,12 @@ namespace sim {
 
 struct MachineOptions {
   Clock clock = Clock::virtualTime;
-  std::uint64_t seed = 0;       // explores schedules (virtual clock); 0 leaves threads in order
+  std::uint64_t seed = 0;  // explores schedules (virtual clock); 0 leaves threads in order
   ScheduleOptions schedule{};
   DWORD firstTick = 1'000'000;  // GetTickCount when the machine is switched on, milliseconds
   // Waits with a limit end at multiples of this only: 15,625 us is Windows' usual. Zero: to the moment.
   Time timerPeriod{0};
+  std::string logFile{};  // where the log is written as it comes; what happens to the process does not take it
 };
 
 // What is still open. All zero after a clean stop.
@@ -81,7 +83,7 @@ class Machine {
   std::string waiting();       // which threads wait for what, a line each
   std::uint64_t forcedEnds();  // threads that were ended by force
 
-  // The log: what happened, with its time, when recording is on. Tests add their own lines.
+  // The log: what happened, with its time, thread, device and handle, when recording is on. Tests add their own lines.
   void record(bool on);
   void note(const std::string& line);
   std::string log();
@@ -92,14 +94,18 @@ class Machine {
   SoundSystem& sound() { return sound_; }
   Peripherals& peripherals() { return peripherals_; }
   bool recording() const { return recording_; }
-  void noteLocked(const std::string& line);
+  // What happened, and where it did, at which device.
+  void noteLocked(const std::string& line, const HidDevice* device = nullptr, HANDLE handle = nullptr);
   const Library* library(const std::wstring& fileName) const;
   std::size_t deviceLists = 0;
   std::size_t preparsedData = 0;
 
  private:
+  ScheduleOptions tellingChoices(ScheduleOptions schedule);
+
   bool recording_ = false;
   std::string log_;
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> logFile_{nullptr, std::fclose};
   std::map<std::wstring, Library> libraries_;
   HidBus hid_;
   SoundSystem sound_;

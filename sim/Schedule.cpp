@@ -65,14 +65,16 @@ std::size_t Chooser::choose(Thread& me, std::size_t due, std::span<Thread* const
   pass(me);
   if (options_.journal) options_.journal->points = points_;
   Turns& mine = turns(me);
-  if (options_.given) return repeat(mine, me.id, due, ready);
-  const std::size_t which = options_.strategy == Strategy::shuffle ? draw(due, ready) : highest(due, ready);
+  const std::size_t which = options_.given                           ? repeat(mine, me.id, due, ready)
+                            : options_.strategy == Strategy::shuffle ? draw(due, ready)
+                                                                     : highest(due, ready);
   if (which >= due && ready[which - due] != &me) mine.streak = 0;
-  if (which != 0 && options_.journal) {
-    options_.journal->add(Choice{me.id, mine.points,
-                                 which < due ? -static_cast<std::int32_t>(which)
-                                             : static_cast<std::int32_t>(ready[which - due]->id)});
-  }
+  if (which == 0) return which;
+  const Choice made{
+      me.id, mine.points,
+      which < due ? -static_cast<std::int32_t>(which) : static_cast<std::int32_t>(ready[which - due]->id)};
+  if (options_.journal) options_.journal->add(made);
+  if (options_.told) options_.told(made);
   return which;
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <span>
 #include <unordered_map>
@@ -15,7 +16,8 @@ namespace sim {
 class Thread;
 
 enum class Strategy {
-  // Any thread that is ready may go on, and one may be overtaken at every point: at each call of the seam, and in builds
+  // Any thread that is ready may go on, and one may be overtaken at every point: at each call of the seam, and in
+  // builds
   // for it at each access of a shared field.
   shuffle,
   // The ready thread with the highest priority goes on. At a few points, drawn beforehand, the running one falls behind
@@ -47,10 +49,11 @@ struct Journal {
 
 struct ScheduleOptions {
   Strategy strategy = Strategy::shuffle;
-  unsigned changes = 3;            // of priorities, in a run
-  std::uint64_t points = 10'000;   // that a run is expected to have; the changes lie among them
-  const Schedule* given = nullptr; // the choices of another run, to be made again
-  Journal* journal = nullptr;      // where the choices are kept
+  unsigned changes = 3;             // of priorities, in a run
+  std::uint64_t points = 10'000;    // that a run is expected to have; the changes lie among them
+  const Schedule* given = nullptr;  // the choices of another run, to be made again
+  Journal* journal = nullptr;       // where the choices are kept
+  std::function<void(const Choice&)> told{};
 };
 
 // What a thread's turns are decided by.

@@ -22,7 +22,8 @@ Trial::Trial(std::uint64_t theSeed, sim::Clock clock, sim::Journal* journal) : s
   if (clock == sim::Clock::virtualTime && seed % 8 < 2) machine.timerPeriod = std::chrono::microseconds(15'625);
 }
 
-Trial::Trial(std::uint64_t theSeed, std::vector<std::uint32_t> draws, const sim::Schedule& schedule, sim::Journal* journal)
+Trial::Trial(std::uint64_t theSeed, std::vector<std::uint32_t> draws, const sim::Schedule& schedule,
+             sim::Journal* journal)
     : Trial(theSeed, sim::Clock::virtualTime, journal) {
   repeats_ = true;
   given_ = std::move(draws);

@@ -21,6 +21,7 @@
 
 #include "support/Probe.h"
 #include "tests/Explore.h"
+#include "tests/Picture.h"
 
 namespace {
 
@@ -170,9 +171,10 @@ int runOnce(Trial& run, const Scenario& scenario) {
   return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0;
 }
 
-std::string outcome(const Case& it, std::string* output = nullptr) {
+std::string outcome(const Case& it, std::string* output = nullptr, const std::string& logFile = {}) {
   Child child([&] {
     Trial run(it.seed, it.draws, it.schedule, nullptr);
+    run.machine.logFile = logFile;
     return runOnce(run, scenarioOf(it.scenario));
   });
   const auto end = Clock::now() + kLongestRun;
@@ -373,6 +375,16 @@ int replay(const Options& options) {
     write(it, options.replay);
     outcome(it, &output);
   }
+  if (!options.picture.empty()) {
+    const std::string logFile = options.picture + ".log";
+    outcome(it, nullptr, logFile);
+    std::stringstream log;
+    log << std::ifstream(logFile).rdbuf();
+    if (!(std::ofstream(options.picture) << picture(options.replay, log.str()))) {
+      throw std::runtime_error("cannot write " + options.picture);
+    }
+    std::printf("%s shows it; %s is the log\n", options.picture.c_str(), logFile.c_str());
+  }
   std::printf("%s%s: %s\n", output.c_str(), options.replay.c_str(),
               failure.empty() ? "does not fail" : ("fails: " + failure).c_str());
   return failure.empty() ? 0 : 1;
@@ -393,6 +405,8 @@ int main(int argc, char** argv) {
   app.add_option("--strategy", options.strategy, "only this one of the two")
       ->check(CLI::IsMember({"shuffle", "priorities"}));
   app.add_option("--jobs", options.jobs, "processes at a time")->capture_default_str()->check(CLI::Range(1, 256));
+  app.add_option("--picture", options.picture,
+                 "with --replay: a page to look at, with a lane for each thread and device");
   app.add_flag("--shrink", options.shrink, "leave out of a run that fails what it does not need");
   CLI11_PARSE(app, argc, argv);
   if (options.seeds == 0 && options.minutes <= 0) options.seeds = 1000;
