@@ -104,8 +104,8 @@ void Kernel::mayBeOvertaken(int weight) {
   Thread& me = *current_;
   if ((ready_.empty() && due() == 0) || !chooser_.interrupts(me, weight)) return chooser_.pass(me);
   me.state = Thread::State::ready;
-  ready_.insert(ready_.begin(), &me);  // in order, it goes on
-  switchAway(me);
+  ready_.insert(ready_.begin(), &me);
+  switchAway(me, true);
 }
 
 void Kernel::atSharedField() {
@@ -289,7 +289,7 @@ void Kernel::fire(std::size_t which) {
   }
 }
 
-Thread& Kernel::nextThread(Thread& me) {
+Thread& Kernel::nextThread(Thread& me, bool goesOn) {
   for (;;) {
     const std::size_t timers = due();
     if (timers + ready_.size() == 0) {
@@ -298,7 +298,10 @@ Thread& Kernel::nextThread(Thread& me) {
       if (virtualNow_ > kLongestRun) stuck("the simulated time has no end");
       continue;
     }
-    const std::size_t which = explores_ && timers + ready_.size() > 1 ? chooser_.choose(me, timers, ready_) : 0;
+    // Whoever came to a point of its own goes on; otherwise what is due comes first.
+    const std::size_t inOrder = goesOn ? timers : 0;
+    const bool several = explores_ && timers + ready_.size() > 1;
+    const std::size_t which = several ? chooser_.choose(me, inOrder, timers, ready_) : inOrder;
     if (which < timers) {
       fire(which);
       continue;
@@ -311,8 +314,8 @@ Thread& Kernel::nextThread(Thread& me) {
 }
 
 // The caller has put itself on a list, or has ended; the lock goes along to the next thread and comes back with it.
-void Kernel::switchAway(Thread& me) {
-  Thread& next = nextThread(me);
+void Kernel::switchAway(Thread& me, bool goesOn) {
+  Thread& next = nextThread(me, goesOn);
   next.state = Thread::State::running;
   if (&next == &me) return;
   current_ = &next;

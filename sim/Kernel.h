@@ -251,10 +251,11 @@ class Kernel {
   void wakeUp(Thread& thread, int by);
   void cancelWait(Thread& thread);
   void suspendSelf(Lock& lock, Thread& me, std::optional<Time> until);
-  void switchAway(Thread& me);
+  // goesOn: in order, `me` does, which is the first of those that are ready.
+  void switchAway(Thread& me, bool goesOn = false);
   std::size_t due() const;
   void fire(std::size_t which);
-  Thread& nextThread(Thread& me);
+  Thread& nextThread(Thread& me, bool goesOn);
   void finish(Thread& thread);
   [[noreturn]] void endSelf(Thread& me);
   [[noreturn]] void stuck(const char* why);

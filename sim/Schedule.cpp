@@ -61,15 +61,15 @@ bool Chooser::interrupts(Thread& me, int weight) {
   return falls || look_;
 }
 
-std::size_t Chooser::choose(Thread& me, std::size_t due, std::span<Thread* const> ready) {
+std::size_t Chooser::choose(Thread& me, std::size_t inOrder, std::size_t due, std::span<Thread* const> ready) {
   pass(me);
   if (options_.journal) options_.journal->points = points_;
   Turns& mine = turns(me);
-  const std::size_t which = options_.given                           ? repeat(mine, me.id, due, ready)
+  const std::size_t which = options_.given                           ? repeat(me, inOrder, due, ready)
                             : options_.strategy == Strategy::shuffle ? draw(due, ready)
                                                                      : highest(due, ready);
   if (which >= due && ready[which - due] != &me) mine.streak = 0;
-  if (which == 0) return which;
+  if (which == inOrder) return which;
   const Choice made{
       me.id, mine.points,
       which < due ? -static_cast<std::int32_t>(which) : static_cast<std::int32_t>(ready[which - due]->id)};
@@ -98,16 +98,15 @@ std::size_t Chooser::highest(std::size_t due, std::span<Thread* const> ready) {
   return which;
 }
 
-std::size_t Chooser::repeat(const Turns& mine, std::uint32_t thread, std::size_t due,
-                            std::span<Thread* const> ready) const {
-  const auto known = given_.find(key(thread, mine.points));
-  if (known == given_.end()) return 0;
+std::size_t Chooser::repeat(Thread& me, std::size_t inOrder, std::size_t due, std::span<Thread* const> ready) const {
+  const auto known = given_.find(key(me.id, turns(me).points));
+  if (known == given_.end()) return inOrder;
   const std::int32_t next = known->second;
-  if (next <= 0) return std::min(static_cast<std::size_t>(-next), due > 0 ? due - 1 : 0);
+  if (next <= 0) return static_cast<std::size_t>(-next) < due ? static_cast<std::size_t>(-next) : inOrder;
   for (std::size_t i = 0; i < ready.size(); ++i) {
     if (ready[i]->id == static_cast<std::uint32_t>(next)) return due + i;
   }
-  return 0;
+  return inOrder;
 }
 
 }  // namespace sim

@@ -74,14 +74,14 @@ class Chooser {
   void pass(Thread& me) { ++turns(me).points, ++points_; }
   // A thread has become ready.
   void becameReady() { look_ = true; }
-  // Which goes first: below `due`, a timer that is due; from there on, a thread. The first is the one in order.
-  std::size_t choose(Thread& me, std::size_t due, std::span<Thread* const> ready);
+  // Which goes first: below `due`, a timer that is due; from there on, a thread. inOrder: which would, otherwise.
+  std::size_t choose(Thread& me, std::size_t inOrder, std::size_t due, std::span<Thread* const> ready);
 
  private:
   static Turns& turns(Thread& thread);
   std::size_t draw(std::size_t due, std::span<Thread* const> ready);
   std::size_t highest(std::size_t due, std::span<Thread* const> ready);
-  std::size_t repeat(const Turns& mine, std::uint32_t thread, std::size_t due, std::span<Thread* const> ready) const;
+  std::size_t repeat(Thread& me, std::size_t inOrder, std::size_t due, std::span<Thread* const> ready) const;
 
   const ScheduleOptions options_;
   std::mt19937_64 random_;

@@ -44,12 +44,13 @@ const Operation kOperations[] = {
     [](auto& hub, auto&) { hub.LeftKeyDown_Up(); },
     [](auto& hub, auto&) { hub.WorkHidIsWren(); },
     [](auto& hub, auto&) { hub.IsConnect(); },
-    [](auto& hub, auto& random) {
-      CAudioHidCenter copy(hub);
-      if (CAudioHidCenter* now = theHub; now && random() % 2 == 1) copy = *now;
-      copy.GetMouseState(-1);
-    },
     [](auto& hub, auto&) { hub.SetCallback_DpiSet(nullptr, nullptr); },
+};
+// It goes on when the hub has gone.
+const Operation kCopy = [](auto& hub, auto& random) {
+  CAudioHidCenter copy(hub);
+  if (CAudioHidCenter* now = theHub; now && random() % 2 == 1) copy = *now;
+  copy.GetMouseState(-1);
 };
 const Operation kStops[] = {
     [](auto& hub, auto&) { hub.CloseDevice(); },
@@ -136,6 +137,7 @@ void hubClients(Trial& random) {
   desk.open();
   if (real) desk.run(random.within(1500));  // also before, and just when, the devices are found
 
+  std::atomic<int> inside{0};  // operations of these
   std::vector<sim::Machine::Spawned> clients;
   for (std::uint64_t i = 0, count = 2 + random() % 2; i < count; ++i) {
     clients.push_back(desk.machine.spawn([&] {
@@ -143,9 +145,13 @@ void hubClients(Trial& random) {
         pause(700);
         CAudioHidCenter* hub = theHub;
         if (!hub) return;
-        const bool stops = random() % 16 == 0;
-        const Operation& operation = stops ? kStops[random() % 4] : kOperations[random() % std::size(kOperations)];
+        const bool stops = random() % 16 == 15;
+        const auto choice = random() % (std::size(kOperations) + 1);
+        const bool copies = !stops && choice == std::size(kOperations);
+        const Operation& operation = stops ? kStops[choice % 4] : copies ? kCopy : kOperations[choice];
+        inside += !copies;
         EXPECT_LE(timeOf(desk, [&] { operation(*hub, random); }), stops ? bound : kLongest);
+        inside -= !copies;
       }
     }));
   }
@@ -163,6 +169,7 @@ void hubClients(Trial& random) {
   theHub = nullptr;  // who looks now finds none
   if (real) leave();
   stop([&] { desk.hub.reset(); });
+  EXPECT_EQ(inside, 0) << "whoever was inside has come out";
   desk.record.clear();
   leave();
   hands.unplugAll();
