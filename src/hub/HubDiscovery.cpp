@@ -31,6 +31,7 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
 }  // namespace
 
 void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+  const CNotCutOff whole;
   GUID hid;
   os::HidD_GetHidGuid(&hid);
   const std::vector<std::wstring> present = PresentInterfaces(hid);

@@ -103,10 +103,7 @@ struct CFormerMouse::Owner : LastCopy<Owner, State> {
 };
 
 CFormerMouse::CFormerMouse() : owner_(MakeWhole<Owner>()) { owner_->Share()->CheckOnlyQlMouse(); }
-CFormerMouse::~CFormerMouse() {
-  const CNotCutOff whole;
-  owner_.reset();
-}
+CFormerMouse::~CFormerMouse() = default;
 CFormerMouse::CFormerMouse(const CFormerMouse& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CFormerMouse& CFormerMouse::operator=(const CFormerMouse& other) {
@@ -178,6 +175,7 @@ bool CFormerMouse::ThreadIsClosed() const { return owner_->Share()->ThreadIsClos
 void CFormerMouse::Release() { owner_->Share()->Release(false); }
 
 int CFormerMouse::ReCheckHardwareKind() {
+  const CNotCutOff whole;
   const std::vector<std::wstring> tails = OlderDeviceTails();
   std::wstring identity = L"no_ID";
   bool named = false;
@@ -200,6 +198,7 @@ int CFormerMouse::ReCheckHardwareKind() {
 }
 
 VoxHardWare CFormerMouse::InitVoxHardwareKind() {
+  const CNotCutOff whole;
   bool pen = false;
   bool other = false;
   // Deliberately the mark is looked for in the whole tail.

@@ -187,10 +187,7 @@ void CFormerMouse_Hid::State::OnKeyboardKey(int key) {
 }
 
 CFormerMouse_Hid::CFormerMouse_Hid() : owner_(MakeWhole<Owner>()) {}
-CFormerMouse_Hid::~CFormerMouse_Hid() {
-  const CNotCutOff whole;
-  owner_.reset();
-}
+CFormerMouse_Hid::~CFormerMouse_Hid() = default;
 CFormerMouse_Hid::CFormerMouse_Hid(const CFormerMouse_Hid& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CFormerMouse_Hid& CFormerMouse_Hid::operator=(const CFormerMouse_Hid& other) {

@@ -115,10 +115,7 @@ void CFormerMouse_Usb::State::ImitateKeyM_R() const {
 }
 
 CFormerMouse_Usb::CFormerMouse_Usb() : owner_(MakeWhole<Owner>()) { owner_->Share()->StartThread(); }
-CFormerMouse_Usb::~CFormerMouse_Usb() {
-  const CNotCutOff whole;
-  owner_.reset();
-}
+CFormerMouse_Usb::~CFormerMouse_Usb() = default;
 CFormerMouse_Usb::CFormerMouse_Usb(const CFormerMouse_Usb& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CFormerMouse_Usb& CFormerMouse_Usb::operator=(const CFormerMouse_Usb& other) {

@@ -46,10 +46,7 @@ struct CSoftModeSwitch::Owner : LastCopy<Owner, State> {
 };
 
 CSoftModeSwitch::CSoftModeSwitch() : owner_(MakeWhole<Owner>()) {}
-CSoftModeSwitch::~CSoftModeSwitch() {
-  const CNotCutOff whole;
-  owner_.reset();
-}
+CSoftModeSwitch::~CSoftModeSwitch() = default;
 CSoftModeSwitch::CSoftModeSwitch(const CSoftModeSwitch& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CSoftModeSwitch& CSoftModeSwitch::operator=(const CSoftModeSwitch& other) {

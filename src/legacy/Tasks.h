@@ -109,7 +109,10 @@ class CTasks {
 template <class Owner, class State>
 struct LastCopy : std::enable_shared_from_this<Owner> {
   explicit LastCopy(std::shared_ptr<State> of = std::make_shared<State>()) : state(std::move(of)) {}
-  ~LastCopy() { state->EndForGood(); }
+  ~LastCopy() {
+    const CNotCutOff whole;
+    state->EndForGood();
+  }
   LastCopy(const LastCopy&) = delete;
   LastCopy& operator=(const LastCopy&) = delete;
 
