@@ -24,6 +24,7 @@ using Bytes = std::vector<std::uint8_t>;
 struct HidFaults {
   // Asked at every CreateFileW with the number of opens so far (from 0); true refuses it.
   std::function<bool(int)> refuseOpen;
+  Time openTime{0};              // how long a CreateFileW takes
   bool noAttributes = false;     // HidD_GetAttributes fails
   bool noPreparsedData = false;  // HidD_GetPreparsedData fails
   bool noCaps = false;           // HidP_GetCaps fails

@@ -317,7 +317,7 @@ std::int64_t _time64(std::int64_t* result) {
 
 HANDLE CreateFileW(const WCHAR* path, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE) {
   Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
+  Kernel::Lock lock = machine.kernel().enter();
   const std::wstring text(path);
   const auto& usb = machine.peripherals().usb;
   const auto device =
@@ -328,6 +328,9 @@ HANDLE CreateFileW(const WCHAR* path, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD,
   auto file = machine.hid().open(text);
   if (machine.recording()) {
     machine.noteLocked((file ? "open " : "open refused ") + std::string(text.begin(), text.end()));
+  }
+  if (file && file->device->faults.openTime.count() > 0) {
+    machine.kernel().waitAny(lock, {}, file->device->faults.openTime);
   }
   return file ? machine.kernel().open(std::move(file)) : INVALID_HANDLE_VALUE;
 }

@@ -75,6 +75,7 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
       wren->faults.ignoreCancel = ignoreCancel;
       EXPECT_EQ(timeOf(desk, [&] { desk.hub->SetDpi(1, 800); }), 1000) << "the first to meet it";
       EXPECT_EQ(timeOf(desk, [&] { desk.hub->GetMouseState(-1); }), 1000) << "the next";
+      desk.run(1ms);
       EXPECT_EQ(tern->received(0x0C).size(), 2U) << "the other device is asked all the same";
       tern->forget();
       const auto took = timeOf(desk, [&] {

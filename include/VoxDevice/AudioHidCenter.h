@@ -30,11 +30,14 @@ struct HidPathIdentity {
 // two devices may run at the same time; the library holds no lock meanwhile. A callback should return soon: its device
 // is not read until it does.
 //
-// Time: CloseDevice, Release and the destructor return within two seconds, whatever devices and drivers do. Whatever
-// sends to devices waits for them to take it one second at most, for all addressed devices together; what a driver is
-// still busy with then goes on its way without the caller, and the next report waits or is dropped. A thread that is
-// stuck in a driver is left to itself, and frees what it holds when it comes back. A callback or message that has not
-// returned when the two seconds of a stop are over is ended with its thread, in the middle of the client's code.
+// Time: CloseDevice, Release and the destructor return within two seconds, whatever devices and drivers do; in a
+// callback or message within 0.1 s. Whatever sends to devices waits for them to take it one second at most, for all
+// addressed devices together (setMKeyType_Key1: for each); what a driver is still busy with then goes on its way
+// without the caller, and the next report waits or is dropped. A thread that is stuck in a driver is left to itself,
+// and frees what it holds when it comes back. A callback or message that has not returned when the two seconds of a
+// stop are over is ended with its thread, in the middle of the client's code. It is left to come back, and its thread
+// ends then, where the stop is called in a callback or message itself, and while it is inside an operation of the
+// library's, or inside what that one tells.
 class VOXDEVICE_API CAudioHidCenter {
  public:
   // data: signed 16-bit little-endian mono PCM, 16 kHz, valid during the call only; byteCount bytes of it.
@@ -59,10 +62,13 @@ class VOXDEVICE_API CAudioHidCenter {
   // Takes the double-click preferences, once.
   CAudioHidCenter();
   // Ends what still runs, as Release does, but sends nothing. On one of the hub's own threads (in a callback) that
-  // thread ends after the callback. Waits, within the two seconds, for operations that other threads are inside.
+  // thread ends after the callback. Waits, within the same time, for operations that other threads are inside. Nothing
+  // is told after it, but what an operation that it no longer waits for is just telling.
   virtual ~CAudioHidCenter();
   // A copy has the values, the callbacks and the devices of its original, and no thread. The devices stay the
-  // original's: it alone is told what they send, and they end with it; Release of a copy ends them, too.
+  // original's: it alone is told what they send, and they end with it; CloseDevice and Release of a copy end them, too.
+  // The results of an update go to who has started it, and end with that. An object that is assigned to goes on with
+  // its own discovery; its own devices that the other does not have are asked to end.
   CAudioHidCenter(const CAudioHidCenter& other);
   CAudioHidCenter& operator=(const CAudioHidCenter& other);
 
@@ -71,11 +77,13 @@ class VOXDEVICE_API CAudioHidCenter {
 
   // ---- Lifecycle ----
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null. After CloseDevice
-  // it finds new devices; those that were open are found again only after Release.
+  // it finds new devices; one that was open is found again only after Release, or when a device of its model has taken
+  // its row.
   void OpenDevice(void* audioCallback, void* audioContext);
   // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer
-  // returns. When it returns, neither callbacks nor messages run, unless it was called from one. A firmware update that
-  // runs is dropped without a result. The devices stay open, and known, until Release.
+  // returns. When it returns, neither callbacks nor messages run, unless it was called from one; but what an operation
+  // tells on its caller's thread (the end mark of CloseHidRecord) may go on there. A firmware update that runs is
+  // dropped without a result. The devices stay open, and known, until Release.
   void CloseDevice();
   // Sends AppExit to every live device (after CloseDevice none is), ends every thread, closes every handle and forgets
   // every device. On a thread of the hub's own (in a callback) it leaves that one thread to end after the callback,
@@ -131,12 +139,13 @@ class VOXDEVICE_API CAudioHidCenter {
   SetMKeyTypeStatus setMKeyType_Key1(int device, MouseMKeyType type);
   // Deliberately sends nothing: 5 when a live device was addressed, else 1.
   SetMKeyTypeStatus setMKeyType_Key2(int device, MouseMKeyType type);
-  // Opens the work device's voice channel: true when it confirms within a second. Blocks meanwhile; in a callback of
-  // that same device it can only time out.
+  // Opens the work device's voice channel: true when it confirms within a second of being asked. Blocks meanwhile; in a
+  // callback of that same device it can only time out.
   bool OpenHidRecord();
   // Closes the work device's voice channel (every live device's when there is no work device), delivers the rest of
-  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second;
-  // in a callback of that same device it can only time out. True when the hub is stopped meanwhile.
+  // the audio and then the end mark, both on the calling thread. False when a device did not confirm within a second,
+  // which each is waited for in turn; in a callback of that same device it can only time out. True when the hub is
+  // stopped meanwhile.
   bool CloseHidRecord();
   // Updates the firmware of the live device with exactly this number: the first file goes to the device itself, the
   // second to its receiver (over Bluetooth LE there is none; FwUpdate_Both then sends the first alone). Nothing
@@ -144,7 +153,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // request is sent, or after a second when the device has not taken that by then.
   //
   // Progress comes through VoxMessageSink::OtaProgress, results through FwOtaResult: one or more for each image, with
-  // its channel, and FwUpdate_Over with channel 0 once at the end. Both on the device's read thread for answers and on
+  // its channel, and FwUpdate_Over with channel 0 once at the end (at once when the system has no thread for the
+  // update). Both on the device's read thread for answers and on
   // a wait thread of the update for steps that get no answer within 3.1 s of the request's being written (which are
   // also printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read
   // leaves its image empty; what then happens is the device's decision, so check files first. While an update runs, the
@@ -152,7 +162,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // after the 3.1 s, and its end.
   //
   // A second call while an update runs, from a result callback too, takes its place: its images, its plan, and from its
-  // return on its results only. Of several at the same time the last one wins.
+  // return on its results only, but for one that another thread is just about to tell. Of several at the same time the
+  // last one wins.
   void StartOTA(int device, FwUpdateType type, std::string firstPath, std::string secondPath);
 
   // ---- Keys: polled by the client; each getter makes the device that last pressed its button the work device ----

@@ -42,7 +42,8 @@ enum MainMenuType : int {
 
 // Receives what the library tells the client application. Every operation is called on the thread that caused it
 // (mostly one of a device's own threads), so several may run at the same time. Texts and lists are valid only during
-// the call. One that does not return within two seconds while its thread is stopped is ended there with the thread.
+// the call. One that does not return within two seconds while its thread is stopped is ended there with the thread,
+// unless an operation tells it that the client has called in a callback or message.
 class VoxMessageSink {
  public:
   virtual ~VoxMessageSink() = default;
@@ -158,6 +159,8 @@ class VOXDEVICE_API CThread {
   static bool NextMessage(Message& message);
   // Asks every thread that was started to end, and waits for them, so many milliseconds at most; no other starts any
   // more. Those that wait for messages end at once. On one of them: that one ends when it comes back from what it does.
+  // One that is inside the client's code when the time is over is ended by force, unless this is called on a thread of
+  // the library's.
   void EndThreads(unsigned milliseconds = 2000) noexcept;
   // The same as StartThread, for who may outlive the object: the thread runs its ThreadProc all the same, unless
   // EndThreads has been called. It owns `owned` until it has ended. Null: it could not be started.

@@ -25,7 +25,8 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   CVoxRecord();
   // Ends a recording that was started on this object, without an end mark. Returns within two seconds: a driver that
   // takes longer is left alone; a callback that takes longer is ended with its thread. In a callback of the recording
-  // it returns at once, and nothing is called after that.
+  // it returns at once, and nothing is called after that; in any other callback or message of the library's within 0.1
+  // s, and a callback that takes longer is left to come back.
   ~CVoxRecord();
   // A copy shares the recording that runs: either may stop it. It ends with the object that started it. A recording of
   // the object that is assigned to ends as with the destructor, but that its callback is not ended by force.
@@ -34,12 +35,14 @@ class VOXDEVICE_API CVoxRecord : public CThread {
 
   // dataCallback: a DataCallback, or null.
   void Init(void* dataCallback, void* context);
-  // Chooses a device, sets its input volume and starts recording: 1. A recording that runs ends, without an end mark. 0
-  // when that fails, and log and tray say why; and when another thread is just starting one on this object.
+  // Chooses a device, sets its input volume and starts recording: 1. A recording that runs ends, without an end mark,
+  // once a device is chosen. 0 when that fails, and log and tray say why; and when another thread is just starting one
+  // on this object.
   int StartRecord();
   // Stops: 0, or 7 (stopping or closing failed), 11 (resetting failed); 0 when nothing records. Waits until every
   // buffer that the driver has is back and delivered: as long as the callbacks take, but three seconds at most for the
-  // driver, which gives 7. What could not be closed is closed, if possible, at the next start or with the object. When
+  // driver to give them back, or else 7. (A driver that does not return from the call that stops it keeps this as
+  // long.) What could not be closed is closed, if possible, at the next start or with the object. When
   // this has returned, no callback runs for the recording, except where it has not waited for it:
   // - In a callback of the recording it waits for nothing; what the driver still has is not delivered.
   // - In a callback of another recording it waits three seconds at most, also for callbacks (7).

@@ -20,7 +20,8 @@ class VOXDEVICE_API CVoxSpeakerRecord {
   CVoxSpeakerRecord();
   // Ends a recording that was started on this object, without its last block and an end mark. Returns within two
   // seconds: an engine that takes longer is left alone; a callback that takes longer is ended with its thread. In a
-  // callback of the recording it returns at once, and nothing is called after that.
+  // callback of the recording it returns at once, and nothing is called after that; in any other callback or message of
+  // the library's within 0.1 s, and a callback that takes longer is left to come back.
   ~CVoxSpeakerRecord();
   // An assigned object shares the recording of the other: either may stop it. It ends with the object that started it.
   // A recording of the object that is assigned to ends as with the destructor, but that its callback is not ended by

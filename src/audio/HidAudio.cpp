@@ -1,7 +1,6 @@
 // Speech in HID reports: decoding, staging, delivery.
 #include <algorithm>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "audio/AscDecoder.h"
@@ -34,7 +33,7 @@ std::shared_ptr<CHub::Decoders> CHub::SharedDecoders() {
   static std::mutex mutex;
   static std::weak_ptr<Decoders> shared;
   auto made = std::make_shared<Decoders>();
-  const std::lock_guard guard(mutex);
+  const CMutexGuard guard(mutex);
   if (auto known = shared.lock()) return known;
   shared = made;
   return made;
@@ -110,9 +109,10 @@ void CHub::FlushHidAudio() {
     const CAutoLock lock(decoders_->lock);
     TakeAudio(rest);
   }
-  const CClientCode inside;
+  const CClientCode client;
+  if (!client) return;
   if (rest.count > 0) callback.function(rest.bytes.data(), rest.count, callback.context);
-  callback.function(nullptr, 0, callback.context);
+  if (!closed_) callback.function(nullptr, 0, callback.context);
 }
 
 void CHub::CopyAudioFrom(CHub& other) {

@@ -1,6 +1,5 @@
 #include "audio/Recording.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace {
@@ -53,9 +52,10 @@ unsigned CRecording::Stop(const RecordedData& mark) {
   return result;
 }
 
-// Waits until the thread has ended by itself and the driver keeps nothing.
+// Waits until the thread has ended by itself and the driver keeps nothing, or somebody ends it without another word.
 bool CRecording::AwaitLast(CPatience& patience) noexcept {
   for (bool ended = false; !(ended = thread->HasEnded(ended ? 0 : kLook)) || SourceKeeps();) {
+    if (silent_) return true;
     if (patience.IsOver(delivering_ && !ended)) return false;
     if (ended) os::Sleep(kLook);
   }
@@ -98,16 +98,6 @@ void CRecording::CloseElsewhere(std::shared_ptr<CRecording> recording, CDeadline
   closer.HasEnded(deadline.Left());
 }
 
-void CRecorder::Enter() noexcept {
-  const CAutoLock guard(lock);
-  inside_.push_back(os::GetCurrentThreadId());
-}
-
-void CRecorder::Exit() noexcept {
-  const CAutoLock guard(lock);
-  inside_.erase(std::find(inside_.begin(), inside_.end(), os::GetCurrentThreadId()));
-}
-
 std::shared_ptr<CRecording> CRecorder::Current() noexcept {
   const CAutoLock guard(lock);
   return recording;
@@ -117,6 +107,11 @@ bool CRecorder::Publish(std::shared_ptr<CRecording> next) noexcept {
   const CAutoLock guard(lock);
   if (!closed) recording.swap(next);
   return !closed;
+}
+
+bool CRecorder::IsClosed() noexcept {
+  const CAutoLock guard(lock);
+  return closed;
 }
 
 unsigned CRecorder::Stop() {
@@ -144,12 +139,9 @@ void CRecorder::Close(CDeadline deadline) noexcept {
     closed = true;
     left.swap(recording);
   }
+  const bool own = left && left->thread->IsCurrent();
   Leave(std::move(left), deadline, true);
-  const auto othersInside = [this] {
-    const CAutoLock guard(lock);
-    return std::any_of(inside_.begin(), inside_.end(), [](DWORD id) { return id != os::GetCurrentThreadId(); });
-  };
-  while (othersInside() && !deadline.HasPassed()) os::Sleep(1);
+  if (!own) inside.AwaitOthers(deadline);
 }
 
 void CRecorder::ShareRecordingOf(CRecorder& other) noexcept {
@@ -159,5 +151,5 @@ void CRecorder::ShareRecordingOf(CRecorder& other) noexcept {
     if (closed || left == recording) return;
     left.swap(recording);
   }
-  Leave(std::move(left), CDeadline(CWorker::kPatience), false);
+  Leave(std::move(left), CWorker::Patience(), false);
 }

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <memory>
-#include <vector>
 
 #include "VoxDevice/Shared.h"
 #include "support/CLock.h"
 #include "support/CallbackSlot.h"
 #include "support/Deadline.h"
+#include "support/Operation.h"
 #include "support/Worker.h"
 
 using RecordedData = CallbackSlot<void (*)(const char* data, int byteCount, void* context)>;
@@ -79,7 +79,7 @@ class CRecorder {
 
   unsigned Stop();
   // For the object's destructor: ends the recording, if it is this object's, and waits for who is inside. Nothing is
-  // recorded any more.
+  // recorded any more. In a callback of the recording it waits for nobody.
   void Close(CDeadline deadline) noexcept;
   // Shares the other's recording. One of this object's own ends.
   void ShareRecordingOf(CRecorder& other) noexcept;
@@ -87,6 +87,7 @@ class CRecorder {
   std::shared_ptr<CRecording> Current() noexcept;
   // From now on, this is the recording. False when the object has gone meanwhile.
   bool Publish(std::shared_ptr<CRecording> next) noexcept;
+  bool IsClosed() noexcept;
 
   CLock lock;  // for what follows
   bool closed = false;
@@ -95,36 +96,8 @@ class CRecorder {
   Atomic<bool> starting{false};
   const std::shared_ptr<RecordedData> callback = std::make_shared<RecordedData>();
 
+  CInside inside{lock};
+
  private:
-  template <class Recorder>
-  friend class RecorderOperation;
-  void Enter() noexcept;
-  void Exit() noexcept;
   void Leave(std::shared_ptr<CRecording> left, CDeadline deadline, bool force) noexcept;
-
-  std::vector<DWORD> inside_;  // the threads of operations; under the lock
-};
-
-// While one lives, its thread, on which the client may be in a callback, is not ended by force: what it refers to does
-// not get lost.
-struct CNotCutOff {
-  CNotCutOff() noexcept { CHeldLock::Begin(); }
-  ~CNotCutOff() { CHeldLock::End(); }
-  CNotCutOff(const CNotCutOff&) = delete;
-  CNotCutOff& operator=(const CNotCutOff&) = delete;
-};
-
-// An operation of the client's that is inside. The object's destructor waits for those of other threads.
-template <class Recorder>
-class RecorderOperation {
- public:
-  explicit RecorderOperation(const std::shared_ptr<Recorder>& recorder) : recorder_(recorder) { recorder_->Enter(); }
-  ~RecorderOperation() { recorder_->Exit(); }
-  RecorderOperation(const RecorderOperation&) = delete;
-  RecorderOperation& operator=(const RecorderOperation&) = delete;
-  Recorder* operator->() const noexcept { return recorder_.get(); }
-
- private:
-  const CNotCutOff whole_;
-  const std::shared_ptr<Recorder> recorder_;
 };

@@ -182,6 +182,7 @@ std::vector<std::wstring> WaveInDeviceNames() {
 }
 
 int CVoxRecord::VoxCheckSoundCard() {
+  const CNotCutOff whole;
   CVoxDeviceInfo& info = *CVoxDeviceInfo::Instance();
   const std::vector<std::wstring> names = WaveInDeviceNames();
   if (names.empty()) {

@@ -38,13 +38,6 @@ constexpr struct {
     {WAVERR_BADFORMAT, L"录音设备不支持请求的波形格式"},
 };
 
-void LogError(const wchar_t* text) { VoxMessage::Log(text, LogType_Recording); }
-
-void Complain(const wchar_t* text) {
-  LogError(text);
-  VoxMessage::Tray(text, VoxTray_Message);
-}
-
 bool Contains(const std::wstring& text, const wchar_t* part) { return text.find(part) != std::wstring::npos; }
 
 void SetInputVolume(const std::wstring& deviceName) {
@@ -184,6 +177,10 @@ struct CVoxRecord::Recorder final : CRecorder, std::enable_shared_from_this<Reco
   unsigned FindDevice(int& index);
   unsigned OpenDevice(int index, std::shared_ptr<Recording>& opened);
   int StartRecord();
+  // Inside a message the client may destroy the object: then nothing more is told.
+  void LogError(const wchar_t* text) {
+    if (!IsClosed()) VoxMessage::Log(text, LogType_Recording);
+  }
   // The one that ran before ends, and its device is closed.
   void EndEarlier() noexcept;
   std::shared_ptr<Buffers> FreeBuffers();
@@ -196,12 +193,12 @@ struct CVoxRecord::Recorder final : CRecorder, std::enable_shared_from_this<Reco
   std::shared_ptr<Buffers> buffers = std::make_shared<Buffers>();
 };
 
-CVoxRecord::CVoxRecord() : m_pRecorder(std::make_shared<Recorder>(this, threads_)) {}
+CVoxRecord::CVoxRecord() : m_pRecorder(MakeWhole<Recorder>(this, threads_)) {}
 
 CVoxRecord::~CVoxRecord() {
-  const RecorderOperation inside(m_pRecorder);
+  const Operation inside(m_pRecorder);
   inside->callback->Set(nullptr, nullptr);
-  const CDeadline deadline(CWorker::kPatience);
+  const CDeadline deadline = CWorker::Patience();
   inside->Close(deadline);
   EndThreads(deadline.Left());
 }
@@ -223,8 +220,8 @@ CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) {
 void CVoxRecord::Recorder::CopyFrom(const std::shared_ptr<Recorder>& other) {
   bool meets = false;
   std::wstring device;
-  const RecorderOperation from(other);
-  const RecorderOperation to(shared_from_this());
+  const Operation from(other);
+  const Operation to(shared_from_this());
   {
     const CAutoLock guard(from->lock);
     meets = from->penMeetMode;
@@ -240,19 +237,19 @@ void CVoxRecord::Recorder::CopyFrom(const std::shared_ptr<Recorder>& other) {
 }
 
 void CVoxRecord::Init(void* dataCallback, void* context) {
-  RecorderOperation(m_pRecorder)->callback->Set(reinterpret_cast<DataCallback>(dataCallback), context);
+  Operation(m_pRecorder)->callback->Set(reinterpret_cast<DataCallback>(dataCallback), context);
 }
 
 void CVoxRecord::SetPen_MeetMode(std::wstring deviceName) {
-  const RecorderOperation inside(m_pRecorder);
+  const Operation inside(m_pRecorder);
   const CAutoLock lock(inside->lock);
   inside->penMeetMode = true;
   inside->penMeetDevice.swap(deviceName);
 }
 
-CVoxRecord::Choice CVoxRecord::ChooseDevice() const { return RecorderOperation(m_pRecorder)->ChooseDevice(); }
-int CVoxRecord::StartRecord() { return RecorderOperation(m_pRecorder)->StartRecord(); }
-unsigned int CVoxRecord::StopRecord() { return RecorderOperation(m_pRecorder)->Stop(); }
+CVoxRecord::Choice CVoxRecord::ChooseDevice() const { return Operation(m_pRecorder)->ChooseDevice(); }
+int CVoxRecord::StartRecord() { return Operation(m_pRecorder)->StartRecord(); }
+unsigned int CVoxRecord::StopRecord() { return Operation(m_pRecorder)->Stop(); }
 
 unsigned long CVoxRecord::ThreadProc() {
   // Nothing of this object from here on: it may go while its thread is in a callback.
@@ -296,7 +293,7 @@ void CVoxRecord::Recorder::EndEarlier() noexcept {
   const auto earlier = Current();
   if (!earlier) return;
   if (earlier->Claim()) {
-    earlier->End(CDeadline(CWorker::kPatience), false);
+    earlier->End(CWorker::Patience(), false);
   } else {
     earlier->AwaitOver();
   }
@@ -320,7 +317,7 @@ unsigned CVoxRecord::Recorder::OpenDevice(int index, std::shared_ptr<Recording>&
   }
   const MMRESULT error = next->Open(index, reinterpret_cast<DWORD_PTR>(object));
   if (error != MMSYSERR_NOERROR) {
-    next->End(CDeadline(CWorker::kPatience), false);
+    next->End(CWorker::Patience(), false);
     const auto known = std::find_if(std::begin(kOpenErrors), std::end(kOpenErrors),
                                     [error](const auto& entry) { return entry.error == error; });
     LogError(known != std::end(kOpenErrors) ? known->text : L"打开录音设备出现其他错误");
@@ -350,7 +347,8 @@ int CVoxRecord::Recorder::StartRecord() {
     failure = L"开始采集声音失败";
   }
   starting = false;
-  if (failure) Complain(failure);
+  if (failure) LogError(failure);
+  if (failure && !IsClosed()) VoxMessage::Tray(failure, VoxTray_Message);
   return failure ? 0 : 1;
 }
 

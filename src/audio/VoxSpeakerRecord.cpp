@@ -87,12 +87,12 @@ struct CVoxSpeakerRecord::Recorder final : CRecorder {
   bool Run(const std::shared_ptr<Recording>& next);
 };
 
-CVoxSpeakerRecord::CVoxSpeakerRecord() : m_pRecorder(std::make_shared<Recorder>()) {}
+CVoxSpeakerRecord::CVoxSpeakerRecord() : m_pRecorder(MakeWhole<Recorder>()) {}
 
 CVoxSpeakerRecord::~CVoxSpeakerRecord() {
-  const RecorderOperation inside(m_pRecorder);
+  const Operation inside(m_pRecorder);
   inside->callback->Set(nullptr, nullptr);
-  inside->Close(CDeadline(CWorker::kPatience));
+  inside->Close(CWorker::Patience());
 }
 
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
@@ -101,19 +101,19 @@ CVoxSpeakerRecord& CVoxSpeakerRecord::operator=(const CVoxSpeakerRecord& other) 
   const auto theirs = other.m_pRecorder;
   const auto mine = m_pRecorder;
   if (theirs == mine) return *this;
-  const RecorderOperation from(theirs);
-  const RecorderOperation to(mine);
+  const Operation from(theirs);
+  const Operation to(mine);
   *mine->callback = *theirs->callback;
   mine->ShareRecordingOf(*theirs);
   return *this;
 }
 
 void CVoxSpeakerRecord::Init(void* dataCallback, void* context) {
-  RecorderOperation(m_pRecorder)->callback->Set(reinterpret_cast<DataCallback>(dataCallback), context);
+  Operation(m_pRecorder)->callback->Set(reinterpret_cast<DataCallback>(dataCallback), context);
 }
 
 int CVoxSpeakerRecord::StartRecord() {
-  const RecorderOperation inside(m_pRecorder);
+  const Operation inside(m_pRecorder);
   if (inside->starting.exchange(true)) return 0;
   const int result = inside->StartRecord();
   inside->starting = false;
@@ -121,7 +121,7 @@ int CVoxSpeakerRecord::StartRecord() {
 }
 
 unsigned int CVoxSpeakerRecord::StopRecord() {
-  RecorderOperation(m_pRecorder)->Stop();
+  Operation(m_pRecorder)->Stop();
   return 0;
 }
 

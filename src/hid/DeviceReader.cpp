@@ -102,13 +102,13 @@ void CDeviceReader::Ask() noexcept {
   stopFlag = true;
   hasStopped_ = true;
   os::SetEvent(stopped_);
-  for (CWorker* thread : {&readThread, &heartbeatThread, &writeThread}) thread->Ask();
+  for (CWorker* thread : {&readThread, &heartbeatThread, &writeThread}) thread->Release();
   std::shared_ptr<CWorker> waiter;
   {
     const CAutoLock lock(otaLock_);
     waiter = otaWaiter_;
   }
-  if (waiter) waiter->Ask();
+  if (waiter) waiter->Release();
 }
 
 void CDeviceReader::End(CDeadline deadline) noexcept {
@@ -158,7 +158,7 @@ void CDeviceReader::OnUnplugged(int number) noexcept {
   readThread.Clear();
   // What the heartbeat thread is just telling the client comes first, and nothing of it comes after the device's end.
   const CDeadline patience(CWorker::kPatience);
-  heartbeatThread.Ask();
+  heartbeatThread.Release();
   writeThread.Ask();
   heartbeatThread.EndUnless(readThread, patience);
   writeThread.EndUnless(readThread, patience);
@@ -166,7 +166,6 @@ void CDeviceReader::OnUnplugged(int number) noexcept {
   if (readThread.IsAsked()) return;
   disconnectCallback(number, callbackContext);
   LogDevice<64>(number, L"）拔出，把该设备从界面上移除", LogType_DeviceRemoved);
-  if (readThread.IsAsked()) return;
   VoxMessage::HidDisconnect(number);
 }
 
@@ -180,7 +179,6 @@ void CDeviceReader::HeartbeatLoop() noexcept {
       if (missedHeartbeats >= kHeartbeatsBeforeSleep && connectState != 0) {
         LogDevice<64>(number, L"）休眠，把该设备从界面上移除", LogType_DeviceRemoved);
         connectState = 0;
-        if (heartbeatThread.IsAsked()) break;
         VoxMessage::HidDisconnect(number);
       }
       missedHeartbeats = missedHeartbeats + 1;
@@ -193,7 +191,6 @@ void CDeviceReader::HeartbeatLoop() noexcept {
 
 bool CDeviceReader::AnnounceConnection(int number) noexcept {
   LogDevice<48>(number, L"）连接成功，发送到设备界面", LogType_DeviceConnected);
-  if (heartbeatThread.IsAsked()) return false;  // it has gone meanwhile
   VoxMessage::HidConnect(number);
   const std::pair<HidCommand, DataChannel> sequence[] = {
       {AppOpen, channel},
@@ -204,7 +201,7 @@ bool CDeviceReader::AnnounceConnection(int number) noexcept {
     if (IsReady()) SendCommand(command, link);
     if (!heartbeatThread.Sleep(kConnectStepPause)) return false;
   }
-  if (GetMouseType() == MouseType_Swift) RequestMKeyTypeList();
+  if (GetMouseType() == MouseType_Swift) RequestMKeyTypeList(CDeadline(kWritePatience));
   connectState = 2;
   return true;
 }
@@ -324,20 +321,22 @@ void CDeviceReader::ClearDeviceValues() noexcept {
   image2.reset();
 }
 
+// The number first: an update either begins before its values are cleared, or not at all.
 void CDeviceReader::ResetState() noexcept {
-  ClearDeviceValues();
   deviceNumber = -1;
   inputReportLength = 0;
   outputReportLength = 0;
+  ClearDeviceValues();
 }
 
 // Size: of the buffer that the line must fit, with its terminator.
 template <std::size_t Size>
 void CDeviceReader::LogDevice(int number, const wchar_t* what, int type) noexcept {
-  const std::wstring name = CAudioHidCenter::GetHidName(GetMouseType());
-  Log(LogLine<Size>(name, L"（编号：", number, what).Text(), type);
+  std::wstring text = LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text();
+  Log(std::move(text), type);
 }
 
+// Nothing is left on the stack: the receiver may be ended with the thread.
 void CDeviceReader::Log(std::wstring text, int type) noexcept {
   auto* entry = new LogEntry{std::move(text), logBuffers};
   while (!logBuffers.compare_exchange_weak(entry->next, entry)) {

@@ -75,7 +75,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   virtual void StartIdentify() = 0;
   // index: the model that the device names, 2 to 8.
   virtual void OnIdentifyReply(int index, const CHidData& reply) = 0;
-  virtual void RequestMKeyTypeList();
+  virtual void RequestMKeyTypeList(CDeadline deadline);
   virtual void RequestMKeyTypeList2() {}
   // Turns from this step of an update to the first message of its next image.
   virtual void OtaNextImage(unsigned step) = 0;
@@ -93,7 +93,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   CReaderMemory Memory() const noexcept;
   // Starts the threads. False, with none left, when one cannot be started. The reader must be owned by a shared_ptr.
   bool Start() noexcept;
-  // Asks every thread to end, and every operation to return; does not wait.
+  // Asks every thread to end, and every operation to return; does not wait. The client is told nothing more.
   void Ask() noexcept;
   // Asks, and waits until every thread is gone, but for the calling one. The handles stay open.
   void End(CDeadline deadline) noexcept;
@@ -145,9 +145,10 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // ---- Firmware update ----
   // Loads the files, and starts the first image. Results go to `callback`: on the read thread for answers, on the wait
   // thread for time-outs, on this thread when there is nothing to send. While another update runs, this one takes its
-  // place: its images, its plan and its results from then on.
-  void StartOta(int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
-                void* context) noexcept;
+  // place: its images, its plan and its results from then on. Nothing happens when the device has gone. device: the
+  // number that results name, even when it goes meanwhile. context: kept until the reader goes.
+  void StartOta(int device, int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
+                const std::shared_ptr<void>& context) noexcept;
   // False, with nothing changed, when there is no such file, or it is empty or longer than an int can say. Otherwise
   // `image` gets what could be read of it, `size` its length in bytes.
   static bool LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept;
@@ -168,6 +169,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void ReportOtaProgress(OtaStep step, int done, int total) noexcept;
   // Enters `stage`, sends the frame for the current target, and lets its time-out run from then on.
   void SendOta(OtaStep step, OtaStage stage, std::uint8_t command, std::span<const std::uint8_t> payload = {}) noexcept;
+  // Sends a command over the reader's own channel after which nothing is awaited; nothing when the step is over.
+  void SendOtaLast(OtaStep step, std::uint8_t command) noexcept;
   // Enters `stage` and lets its time-out run, with nothing sent.
   void AwaitOtaAnswer(OtaStep step, OtaStage stage) noexcept;
   // The device has refused: reports `state` and sends OtaAbort.
@@ -196,7 +199,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   Shared<int> missedHeartbeats{0};      // heartbeats sent since the last answer
   Shared<int> connectState{0};          // 0 not connected, 1 has answered a heartbeat, 2 announced
   // Set by the hub before Start.
-  std::shared_ptr<void> owner;  // keeps the context alive as long as a thread may use it
+  std::vector<std::shared_ptr<void>> owners;  // keep the contexts alive; later ones, of updates, under otaLock
   void* callbackContext = nullptr;
   ReaderCallback readerCallback = nullptr;
   DisconnectCallback disconnectCallback = nullptr;
@@ -245,16 +248,17 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // Takes writeLock. False when the report cannot be written.
   bool LockForWriting(CDeadline deadline) noexcept;
   // With writeLock held. Hands a report over, `length` bytes long and filled up with zeros, and waits for it. step: of
-  // the update that it belongs to. False when it could not be handed over.
+  // the update that awaits an answer to it. False when it could not be handed over.
   bool HandOver(std::span<const std::uint8_t> bytes, std::size_t length, std::optional<OtaStep> step,
                 CDeadline deadline) noexcept;
   // True when `event` has come; false at once when the reader is stopped, or the calling thread is asked to end.
   bool AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const noexcept;
+  // step: of the update that it belongs to. awaited: whether its time-out runs from then on.
   void Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
-            std::optional<OtaStep> step, CDeadline deadline) noexcept;
-  // Polls `condition` every `period` ms, so many at most. False when the reader is stopped meanwhile.
+            std::optional<OtaStep> step, bool awaited, CDeadline deadline) noexcept;
+  // Polls `condition` every `period` ms. False when the reader is stopped meanwhile.
   template <class Condition>
-  bool PollWhile(Condition condition, DWORD period, DWORD most) const noexcept;
+  bool PollWhile(Condition condition, DWORD period, CDeadline deadline) const noexcept;
   void CloseFiles(HANDLE writeHandleThen) noexcept;
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
@@ -265,7 +269,10 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool EnterOtaStage(OtaStep step, OtaStage stage) noexcept;
   // With otaLock_ held; steps are counted on, across the wrap.
   void NextOtaStep() noexcept;
-  bool IsOfThisUpdate(OtaStep step) const noexcept { return static_cast<int>(step - otaFirstStep_) >= 0; }
+  // An update that is stopped is dropped without a result.
+  bool IsOfThisUpdate(OtaStep step) const noexcept {
+    return !hasStopped_ && static_cast<int>(step - otaFirstStep_) >= 0;
+  }
 
   const HANDLE stopped_;  // manual-reset event: the hub has stopped the reader
   Atomic<bool> hasStopped_{false};
@@ -286,6 +293,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool otaRuns_ = false;
   bool otaWaits_ = false;               // the wait thread is there and will look at the fields again
   bool otaAwaits_ = false;              // a request of this step is out
+  CDeadline otaAnswerBy_{0};            // when its time-out comes
   std::shared_ptr<CWorker> otaWaiter_;  // the wait thread; ends by itself when no update runs any more
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   Atomic<LogEntry*> logBuffers{nullptr};

@@ -9,15 +9,16 @@ constexpr DWORD kVoicePollPeriod = 10;  // ms
 constexpr DWORD kVoicePatience = 1000;  // ms
 constexpr DWORD kMKeyPollPeriod = 50;   // ms
 constexpr DWORD kMKeyPatience = 2500;   // ms
-constexpr DWORD kMoment = 50;           // ms, in which a device takes a report
 
 }  // namespace
 
 bool CDeviceReader::LockForWriting(CDeadline deadline) noexcept {
   if (!writeLock.Lock(deadline.Left())) return false;
+  if (writeHandle) return true;
   // Deliberate: without a write handle the lock stays with this thread. Only ShutDown clears the handle, and a reader
-  // that has been shut down must not be written to again; the thread gives the lock up when it ends.
-  return writeHandle != nullptr;
+  // that has been shut down must not be written to again; the thread gives the lock up when it ends, by force, too.
+  CHeldLock::End();
+  return false;
 }
 
 bool CDeviceReader::AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const noexcept {
@@ -37,8 +38,7 @@ bool CDeviceReader::HandOver(std::span<const std::uint8_t> bytes, std::size_t le
   outputLength_ = length;
   outputStep_ = step;
   os::SetEvent(writePosted_);
-  // A moment is left in any case: another device that is addressed with this one may have used up the time.
-  if (AwaitUnlessStopped(writeToken_, std::max(deadline.Left(), kMoment))) os::SetEvent(writeToken_);
+  if (AwaitUnlessStopped(writeToken_, deadline.Left())) os::SetEvent(writeToken_);
   return true;
 }
 
@@ -54,24 +54,24 @@ bool CDeviceReader::WriteReport(const unsigned char* report, int length, CDeadli
 }
 
 void CDeviceReader::Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
-                         std::optional<OtaStep> step, CDeadline deadline) noexcept {
+                         std::optional<OtaStep> step, bool awaited, CDeadline deadline) noexcept {
   std::array<std::uint8_t, kMaxFrame> frame;
   const std::size_t size = BuildFrame(command, payload, length, link, frame);
   bool sent = false;
   if (size > 0 && LockForWriting(deadline)) {
     // An update that another one has replaced meanwhile sends nothing after it.
     if (size <= outputReport_.size() && (!step || IsOtaStep(*step))) {
-      sent = HandOver(std::span(frame).first(size), outputReport_.size(), step, deadline);
+      sent = HandOver(std::span(frame).first(size), outputReport_.size(), awaited ? step : std::nullopt, deadline);
     }
     writeLock.Unlock();
   }
   // A step whose request could not be sent runs into its time-out all the same.
-  if (step && !sent) OnOtaWritten(*step);
+  if (awaited && !sent) OnOtaWritten(*step);
 }
 
 void CDeviceReader::SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
                               CDeadline deadline) noexcept {
-  Send(command, payload, length, link, std::nullopt, deadline);
+  Send(command, payload, length, link, std::nullopt, false, deadline);
 }
 
 void CDeviceReader::SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept {
@@ -79,9 +79,9 @@ void CDeviceReader::SendCommand(std::uint8_t command, DataChannel link, CDeadlin
 }
 
 template <class Condition>
-bool CDeviceReader::PollWhile(Condition condition, DWORD period, DWORD most) const noexcept {
-  for (const CDeadline end(most); condition() && !end.HasPassed();) {
-    AwaitUnlessStopped(nullptr, end.Left(period));
+bool CDeviceReader::PollWhile(Condition condition, DWORD period, CDeadline deadline) const noexcept {
+  while (condition() && !deadline.HasPassed()) {
+    AwaitUnlessStopped(nullptr, deadline.Left(period));
     if (hasStopped_ || CWorker::CurrentIsAsked()) return false;
   }
   return true;
@@ -91,13 +91,15 @@ bool CDeviceReader::OpenRecord(CDeadline deadline) noexcept {
   if (!IsReady()) return false;
   recordState = 1;
   SendCommand(VoiceOpen, channel, deadline);
-  return PollWhile([this] { return recordState == 1; }, kVoicePollPeriod, kVoicePatience) && recordState == 3;
+  return PollWhile([this] { return recordState == 1; }, kVoicePollPeriod, CDeadline(kVoicePatience)) &&
+         recordState == 3;
 }
 
 bool CDeviceReader::CloseRecord(CDeadline deadline) noexcept {
   if (!IsReady() || recordState == 0) return true;
   SendCommand(VoiceStop, channel, deadline);
-  return !PollWhile([this] { return recordState != 0; }, kVoicePollPeriod, kVoicePatience) || recordState == 0;
+  return !PollWhile([this] { return recordState != 0; }, kVoicePollPeriod, CDeadline(kVoicePatience)) ||
+         recordState == 0;
 }
 
 void CDeviceReader::SetDpi(short value, CDeadline deadline) noexcept {
@@ -117,19 +119,20 @@ void CDeviceReader::SetDownloadUrl(unsigned char* url, int length, CDeadline dea
   SendFrame(HidCommand::SetDownloadUrl, url, length, channel, deadline);
 }
 
-void CDeviceReader::RequestMKeyTypeList() {
+void CDeviceReader::RequestMKeyTypeList(CDeadline deadline) {
   if (!IsReady()) return;
   mKeyQuery = 1;
-  SendCommand(GetMKeyTypeList, channel);
+  SendCommand(GetMKeyTypeList, channel, deadline);
 }
 
 SetMKeyTypeStatus CDeviceReader::SetMKeyTypeKey1(MouseMKeyType type, CDeadline deadline) noexcept {
   if (!IsReady()) return SetMKeyType_NotReady;
   const auto value = static_cast<std::uint8_t>(type);
   if (value != type || !(mKeyTypes[value / 32] >> (value % 32) & 1U)) return SetMKeyType_NotSupported;
+  const CDeadline answerBy(kMKeyPatience);
   mKeyQuery = 0;
   SendFrame(SetMKeyType, &value, 1, channel, deadline);
-  if (!PollWhile([this] { return mKeyQuery == 0; }, kMKeyPollPeriod, kMKeyPatience)) return SetMKeyType_NotReady;
+  if (!PollWhile([this] { return mKeyQuery == 0; }, kMKeyPollPeriod, answerBy)) return SetMKeyType_NotReady;
   if (mKeyQuery == 0) return SetMKeyType_NoAnswer;
   return mKeyType == type ? SetMKeyType_Confirmed : SetMKeyType_OtherType;
 }

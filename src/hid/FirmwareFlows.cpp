@@ -116,9 +116,8 @@ void CBlockUpdate::OnCompleteReply(CDeviceReader& reader, const CHidData& reply)
 
 void CBlockUpdate::Finish(CDeviceReader& reader, CDeviceReader::OtaStep step) noexcept {
   reader.ReportOta(step, FwUpdate_ImageFinished);
-  if (!reader.IsOtaStep(step)) return;  // the client has begun another update
   // Deliberately framed for the reader's own channel, whatever the image's.
-  reader.SendCommand(OtaComplete, reader.channel);
+  reader.SendOtaLast(step, OtaComplete);
   reader.SignalOtaAnswered();
   reader.OtaNextImage(step);
 }
@@ -157,7 +156,8 @@ void CHidDeviceReader_Tern::OnRequest(const CHidData& reply, FwUpdateState refus
 }
 
 void CHidDeviceReader_Tern::SendOtaChunk(OtaStep step, std::int64_t offset, int count) noexcept {
-  const OtaSource source = CurrentOtaImage();
+  // The image itself is taken only when nothing is told any more: the receiver may be ended with the thread.
+  const int size = CurrentOtaImage().size;
   // Sizes and offsets may be any: what the client is told wraps.
   const auto wrap = [](std::int64_t value) {
     return static_cast<int>(static_cast<std::uint32_t>(static_cast<std::uint64_t>(value)));
@@ -165,13 +165,14 @@ void CHidDeviceReader_Tern::SendOtaChunk(OtaStep step, std::int64_t offset, int 
   const bool first = otaTarget != DataChannel_Receiver;
   const std::int64_t before = first ? 0 : static_cast<int>(image1Size);
   const int total = wrap(std::int64_t{image1Size} + image2Size);
-  const std::int64_t wanted = std::min<std::int64_t>(source.size - offset, count);
+  const std::int64_t wanted = std::min<std::int64_t>(size - offset, count);
   if (wanted == 0) {
-    ReportOtaProgress(step, first ? source.size : total, total);
+    ReportOtaProgress(step, first ? size : total, total);
     return SendOta(step, OtaStage_Complete, OtaComplete);
   }
   ReportOtaProgress(step, wrap(before + offset), total);
   // A request that leads out of the image gets nothing, and the step times out.
+  const OtaSource source = CurrentOtaImage();
   const auto bytes = source.Bytes(offset, wanted);
   if (static_cast<std::int64_t>(bytes.size()) != wanted) return AwaitOtaAnswer(step, OtaStage_Data);
   SendOta(step, OtaStage_Data, OtaData, bytes);

@@ -52,8 +52,8 @@ struct CloseFile {
 
 }  // namespace
 
-void CDeviceReader::StartOta(int type, const std::string& firstPath, const std::string& secondPath,
-                             OtaCallback callback, void* context) noexcept {
+void CDeviceReader::StartOta(int device, int type, const std::string& firstPath, const std::string& secondPath,
+                             OtaCallback callback, const std::shared_ptr<void>& context) noexcept {
   // Read before the update that runs is replaced, in one go. Deliberately a size stays as it was where no file is
   // loaded.
   OtaImage first, second;
@@ -64,6 +64,7 @@ void CDeviceReader::StartOta(int type, const std::string& firstPath, const std::
   OtaStep step = 0;
   {
     const CAutoLock lock(otaLock_);
+    if (hasStopped_ || deviceNumber == -1) return;
     NextOtaStep();
     step = otaStep_;
     otaFirstStep_ = step;
@@ -74,17 +75,19 @@ void CDeviceReader::StartOta(int type, const std::string& firstPath, const std::
     image2 = std::move(second);
     if (firstSize >= 0) image1Size = firstSize;
     if (secondSize >= 0) image2Size = secondSize;
-    otaDevice = deviceNumber;
-    otaContext = context;
+    otaDevice = device;
+    otaContext = context.get();
     otaCallback = callback;
+    if (std::find(owners.begin(), owners.end(), context) == owners.end()) owners.push_back(context);
     // One wait thread at a time: that of the update before stays, unless it is about to leave.
-    if (!otaWaits_ && !hasStopped_) {
+    if (!otaWaits_) {
       otaWaiter_ = std::make_shared<CWorker>(otaStopEvent);
       otaWaits_ = otaWaiter_->Start([self = shared_from_this(), waiter = otaWaiter_.get()] {
         self->OtaWaitLoop(*waiter);
         return 0U;
       });
     }
+    if (!otaWaits_) otaPlan = 0;  // nobody would see a time-out: it is over at once
   }
   OtaNextImage(step);
 }
@@ -109,7 +112,7 @@ bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int&
 std::optional<CDeviceReader::OtaStep> CDeviceReader::SelectOtaImage(OtaStep step) noexcept {
   {
     const CAutoLock lock(otaLock_);
-    if (otaStep_ != step) return std::nullopt;
+    if (hasStopped_ || otaStep_ != step) return std::nullopt;
     NextOtaStep();
     step = otaStep_;
     otaActive = false;
@@ -196,8 +199,12 @@ void CDeviceReader::ReportOtaProgress(OtaStep step, int done, int total) noexcep
 void CDeviceReader::SendOta(OtaStep step, OtaStage stage, std::uint8_t command,
                             std::span<const std::uint8_t> payload) noexcept {
   if (!EnterOtaStage(step, stage)) return;
-  Send(command, payload.empty() ? nullptr : payload.data(), static_cast<int>(payload.size()), otaTarget, step,
+  Send(command, payload.empty() ? nullptr : payload.data(), static_cast<int>(payload.size()), otaTarget, step, true,
        CDeadline(kWritePatience));
+}
+
+void CDeviceReader::SendOtaLast(OtaStep step, std::uint8_t command) noexcept {
+  Send(command, nullptr, 0, channel, step, false, CDeadline(kWritePatience));
 }
 
 void CDeviceReader::AwaitOtaAnswer(OtaStep step, OtaStage stage) noexcept {
@@ -210,6 +217,7 @@ void CDeviceReader::OnOtaWritten(OtaStep step) noexcept {
     const CAutoLock lock(otaLock_);
     if (otaStep_ != step) return;
     otaAwaits_ = true;
+    otaAnswerBy_ = CDeadline(kAnswerPatience);
   }
   os::SetEvent(otaSentEvent);
 }
@@ -255,7 +263,7 @@ void CDeviceReader::OtaWaitLoop(const CWorker& thread) noexcept {
     if (result == WAIT_TIMEOUT || (armed && step == otaStep_)) continue;
     armed = otaAwaits_;
     step = otaStep_;
-    answerBy = CDeadline(kAnswerPatience);
+    answerBy = otaAnswerBy_;
   }
 }
 

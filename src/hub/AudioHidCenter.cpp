@@ -1,17 +1,21 @@
 // The exported class: each operation is the hub's.
 #include "VoxDevice/AudioHidCenter.h"
 
-#include <utility>
-
 #include "hub/Hub.h"
 
 namespace {
 
-using Operation = CHub::Operation;
-
 template <class Function>
 void Register(CallbackSlot<Function>& slot, void* function, void* context) {
   slot.Set(reinterpret_cast<Function>(function), context);
+}
+
+// The original may go meanwhile: the reference to what stands behind it is taken first.
+std::shared_ptr<CHub> CopyOf(const std::shared_ptr<CHub>& original) {
+  const Operation from(original);
+  auto copy = MakeWhole<CHub>();
+  copy->CopyFrom(*from);
+  return copy;
 }
 
 }  // namespace
@@ -20,21 +24,24 @@ Atomic<CAudioHidCenter*> CAudioHidCenter::s_pHidDeviceCenter{nullptr};
 
 CAudioHidCenter* CAudioHidCenter::Instance() noexcept { return s_pHidDeviceCenter; }
 
-CAudioHidCenter::CAudioHidCenter() : m_pHub(std::make_shared<CHub>()) { s_pHidDeviceCenter = this; }
+CAudioHidCenter::CAudioHidCenter() : m_pHub(MakeWhole<CHub>()) { s_pHidDeviceCenter = this; }
 
 CAudioHidCenter::~CAudioHidCenter() {
   CAudioHidCenter* self = this;
   s_pHidDeviceCenter.compare_exchange_strong(self, nullptr);
-  m_pHub->Close();
+  Operation(m_pHub)->Close();
 }
 
-// The original may go while it is copied: what stands behind it is taken first.
-CAudioHidCenter::CAudioHidCenter(const CAudioHidCenter& other) : m_pHub(CHub::CopyOf(other.m_pHub)) {}
+CAudioHidCenter::CAudioHidCenter(const CAudioHidCenter& other) : m_pHub(CopyOf(other.m_pHub)) {}
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
 CAudioHidCenter& CAudioHidCenter::operator=(const CAudioHidCenter& other) {
-  const Operation from(other.m_pHub);
-  const Operation to(m_pHub);
-  if (this != &other) to->CopyFrom(*from);
+  const CNotCutOff whole;  // first, as either object may go meanwhile: references to what stands behind them
+  const auto theirs = other.m_pHub;
+  const auto mine = m_pHub;
+  const Operation from(theirs);
+  const Operation to(mine);
+  if (theirs != mine) to->CopyFrom(*from);
   return *this;
 }
 

@@ -13,6 +13,7 @@
 #include "hid/DeviceReader.h"
 #include "support/CLock.h"
 #include "support/CallbackSlot.h"
+#include "support/Operation.h"
 #include "support/Worker.h"
 
 // One accepted vendor/product pair, spelled as in a HID interface path.
@@ -31,14 +32,26 @@ struct HidDeviceEntry {
   CReaderMemory memory;                   // of the device that has gone
 };
 
+// What the client has registered.
+struct CHubCallbacks {
+  CallbackSlot<CAudioHidCenter::AudioCallback> audioCallback;
+  CallbackSlot<CAudioHidCenter::MouseConnectCallback> mouseConnectCallback;
+  CallbackSlot<CAudioHidCenter::VoiceOperateCallback> voiceOperateCallback;
+  CallbackSlot<CAudioHidCenter::DpiSetCallback> dpiSetCallback;
+  CallbackSlot<CAudioHidCenter::MouseStateCallback> mouseStateCallback;
+  CallbackSlot<CAudioHidCenter::DongleStateCallback> dongleStateCallback;
+  CallbackSlot<CAudioHidCenter::PowerReportCallback> powerReportCallback;
+  CallbackSlot<CAudioHidCenter::DownloadUrlCallback> downloadUrlCallback;
+  CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn> fwOtaResultCallback;
+};
+
 // The hub's threads, its readers and every operation that runs hold a reference, so that nothing they use can go before
 // they do. CAudioHidCenter holds one, too, and stops everything when it goes.
 //
 // tableLock guards the table, the list of discovery threads, and with them the question whether a device may still
 // come in. It is never held while the client is called or anything is waited for.
-class CHub : public std::enable_shared_from_this<CHub> {
+class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
  public:
-  using AudioCallback = CAudioHidCenter::AudioCallback;
   using Readers = std::vector<std::shared_ptr<CDeviceReader>>;
 
   CHub();
@@ -46,30 +59,10 @@ class CHub : public std::enable_shared_from_this<CHub> {
   CHub(const CHub&) = delete;
   CHub& operator=(const CHub&) = delete;
   void CopyFrom(CHub& other);
-  static std::shared_ptr<CHub> CopyOf(std::shared_ptr<CHub> original);
 
-  // An operation of the client's that is inside. The last call of CAudioHidCenter, Close, waits for the others.
-  class Operation {
-   public:
-    // On a thread of the library's (in a callback) that is not ended by force meanwhile: the operation returns soon.
-    explicit Operation(const std::shared_ptr<CHub>& hub) noexcept : hub_(hub) {
-      CHeldLock::Begin();
-      ++hub_->inside_;
-    }
-    ~Operation() {
-      --hub_->inside_;
-      CHeldLock::End();
-    }
-    Operation(const Operation&) = delete;
-    Operation& operator=(const Operation&) = delete;
-    CHub* operator->() const noexcept { return hub_.get(); }
-    CHub& operator*() const noexcept { return *hub_; }
-
-   private:
-    const std::shared_ptr<CHub> hub_;
-  };
-  // Ends everything, for good.
+  // Ends everything, for good, and waits for who is inside.
   void Close();
+  CInside inside{tableLock};
 
   // The operations of CAudioHidCenter.
   void OpenDevice(void* callback, void* context);
@@ -114,15 +107,6 @@ class CHub : public std::enable_shared_from_this<CHub> {
   Shared<bool> anyDeviceConnected{false};
   KzCheckDoubleClick DoubleClick;
   Shared<int> workDevice{-1};
-  CallbackSlot<AudioCallback> audioCallback;
-  CallbackSlot<CAudioHidCenter::MouseConnectCallback> mouseConnectCallback;
-  CallbackSlot<CAudioHidCenter::VoiceOperateCallback> voiceOperateCallback;
-  CallbackSlot<CAudioHidCenter::DpiSetCallback> dpiSetCallback;
-  CallbackSlot<CAudioHidCenter::MouseStateCallback> mouseStateCallback;
-  CallbackSlot<CAudioHidCenter::DongleStateCallback> dongleStateCallback;
-  CallbackSlot<CAudioHidCenter::PowerReportCallback> powerReportCallback;
-  CallbackSlot<CAudioHidCenter::DownloadUrlCallback> downloadUrlCallback;
-  CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn> fwOtaResultCallback;
 
  private:
   struct Detection;
@@ -136,11 +120,13 @@ class CHub : public std::enable_shared_from_this<CHub> {
   Readers ReadersToEnd();
   void EndDetections(CDeadline deadline);
   void ReleaseBy(CDeadline deadline);
+  void SendAppExit(CDeadline deadline);
 
   // The table. With tableLock held:
   template <class Visit>
   void ForEachLive(int device, Visit visit);
   void LoseDevice(HidDeviceEntry& row);
+  void Leave(const std::shared_ptr<CDeviceReader>& reader);
   // By themselves:
   Readers Addressed(int device);
   std::shared_ptr<CDeviceReader> FindLive(int device);
@@ -148,7 +134,7 @@ class CHub : public std::enable_shared_from_this<CHub> {
   bool CheckDeviceConnect();
 
   // Commands.
-  void SendToReady(int device, std::uint8_t command, DWORD patience = CDeviceReader::kWritePatience);
+  void SendToReady(int device, std::uint8_t command);
   void AppOpen(int device) { SendToReady(device, HidCommand::AppOpen); }
 
   // Models and discovery.
@@ -213,14 +199,14 @@ class CHub : public std::enable_shared_from_this<CHub> {
   void CopyAudioFrom(CHub& other);
   void UnloadAscDecoder();
 
-  Atomic<int> inside_{0};
   Atomic<bool> closed_{false};
   CLock tableLock;
   std::vector<HidDeviceEntry> devices;
-  std::vector<std::weak_ptr<CDeviceReader>> leaving_;  // whose devices have gone, as long as a thread of theirs runs
+  // Of devices that are not in the table any more, as long as a thread of theirs runs.
+  std::vector<std::weak_ptr<CDeviceReader>> leaving_;
   std::vector<std::shared_ptr<Detection>> detections;
-  std::shared_ptr<Detection> detectionThread;    // the one started last
-  Atomic<Detection*> passRunning{nullptr};  // two take turns
+  std::shared_ptr<Detection> detectionThread;  // the one started last
+  Atomic<Detection*> passRunning{nullptr};     // two take turns
   Shared<bool> stopDetection{false};
   Atomic<int> lastDeviceNumber{0};
   std::vector<LegalHidId> legalIds;

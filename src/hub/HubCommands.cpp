@@ -67,8 +67,8 @@ void CHub::GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>&
 
 // ---- Commands. One deadline for all the devices that a command addresses. ----
 
-void CHub::SendToReady(int device, std::uint8_t command, DWORD patience) {
-  const CDeadline deadline(patience);
+void CHub::SendToReady(int device, std::uint8_t command) {
+  const CDeadline deadline(CDeviceReader::kWritePatience);
   for (const auto& reader : Addressed(device)) {
     if (reader->otaStage == 0) reader->SendCommand(command, reader->channel, deadline);
   }
@@ -93,7 +93,8 @@ void CHub::SetDownloadURL(int device, unsigned char* url, int length) {
 }
 
 void CHub::getMKeyTypeList_Key1(int device) {
-  for (const auto& reader : Addressed(device)) reader->RequestMKeyTypeList();
+  const CDeadline deadline(CDeviceReader::kWritePatience);
+  for (const auto& reader : Addressed(device)) reader->RequestMKeyTypeList(deadline);
 }
 
 void CHub::getMKeyTypeList_Key2(int device) {
@@ -133,7 +134,7 @@ bool CHub::CloseHidRecord() {
 void CHub::StartOTA(int device, FwUpdateType type, const std::string& firstPath, const std::string& secondPath) {
   // Deliberately without a look at otaStage: a second call during an update begins anew.
   if (const auto reader = FindLive(device)) {
-    reader->StartOta(type, firstPath, secondPath, &CHub::FwOtaResultCallback, this);
+    reader->StartOta(device, type, firstPath, secondPath, &CHub::FwOtaResultCallback, shared_from_this());
   }
 }
 

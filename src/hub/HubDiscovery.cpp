@@ -31,6 +31,7 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
 }  // namespace
 
 void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+  const CNotCutOff whole;
   GUID hid;
   os::HidD_GetHidGuid(&hid);
   const std::vector<std::wstring> present = PresentInterfaces(hid);
@@ -42,7 +43,7 @@ void CHub::OpenHidDevice(Detection& detection) {
     if (stopDetection || detection.thread.IsAsked()) return;
     OpenHidInterface(detection, path);
   }
-  UpdateConnected();
+  if (!detection.thread.IsAsked()) UpdateConnected();
 }
 
 void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
@@ -93,7 +94,7 @@ void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& c
   connection.readHandle = detection.readFile->Give();
   connection.writeHandle = detection.writeFile->Give();
   reader->Attach(connection);
-  reader->owner = shared_from_this();
+  reader->owners = {shared_from_this()};
   reader->callbackContext = this;
   reader->readerCallback = &CHub::HidDeviceReaderCallback;
   reader->disconnectCallback = &CHub::HidDeviceDisconnect;
@@ -137,9 +138,14 @@ void CHub::LoseDevice(HidDeviceEntry& row) {
   row.path.clear();  // the interface may be found and opened again
   if (!row.reader) return;
   row.memory = row.reader->Memory();
-  std::erase_if(leaving_, [](const auto& reader) { return reader.expired(); });
-  leaving_.push_back(row.reader);
+  Leave(row.reader);
   row.reader.reset();
+}
+
+// With tableLock held.
+void CHub::Leave(const std::shared_ptr<CDeviceReader>& reader) {
+  std::erase_if(leaving_, [](const auto& known) { return known.expired(); });
+  leaving_.push_back(reader);
 }
 
 void CHub::HidDeviceDisconnect(int device, void* hub) { static_cast<CHub*>(hub)->OnHidDeviceDisconnect(device); }

@@ -14,6 +14,7 @@ constexpr int kDetectionPeriod = 1000;  // ms
 // the readers when AppExit, does not come to its end.
 constexpr DWORD kForExit = 700;     // ms
 constexpr DWORD kForReaders = 200;  // ms
+constexpr DWORD kForOneExit = 50;   // ms
 
 }  // namespace
 
@@ -33,11 +34,17 @@ void CHub::CopyFrom(CHub& other) {
   {
     const CAutoLock lock(tableLock);
     devices.swap(rows);
+    for (const HidDeviceEntry& row : rows) {
+      const bool stays = std::any_of(devices.begin(), devices.end(),
+                                     [&row](const HidDeviceEntry& kept) { return kept.reader == row.reader; });
+      if (stays || !row.reader || row.reader->callbackContext != this) continue;
+      Leave(row.reader);
+      row.reader->Ask();
+    }
   }
   anyDeviceConnected = other.anyDeviceConnected;
   stopDetection = other.stopDetection;
   lastDeviceNumber = other.lastDeviceNumber.load();
-  legalIds = other.legalIds;
   CopyAudioFrom(other);
   DoubleClick = other.DoubleClick;
   ButtonState_Left = other.ButtonState_Left;
@@ -51,26 +58,11 @@ void CHub::CopyFrom(CHub& other) {
   ButtonHid_Key1 = other.ButtonHid_Key1;
   ButtonHid_Key2 = other.ButtonHid_Key2;
   workDevice = other.workDevice;
-  audioCallback = other.audioCallback;
-  mouseConnectCallback = other.mouseConnectCallback;
-  voiceOperateCallback = other.voiceOperateCallback;
-  dpiSetCallback = other.dpiSetCallback;
-  mouseStateCallback = other.mouseStateCallback;
-  dongleStateCallback = other.dongleStateCallback;
-  powerReportCallback = other.powerReportCallback;
-  downloadUrlCallback = other.downloadUrlCallback;
-  fwOtaResultCallback = other.fwOtaResultCallback;
-}
-
-std::shared_ptr<CHub> CHub::CopyOf(std::shared_ptr<CHub> original) {
-  const Operation from(original);
-  auto copy = std::make_shared<CHub>();
-  copy->CopyFrom(*from);
-  return copy;
+  static_cast<CHubCallbacks&>(*this) = other;
 }
 
 void CHub::OpenDevice(void* callback, void* context) {
-  audioCallback.Set(reinterpret_cast<AudioCallback>(callback), context);
+  audioCallback.Set(reinterpret_cast<CAudioHidCenter::AudioCallback>(callback), context);
   const CAutoLock lock(tableLock);
   if (closed_) return;
   stopDetection = false;
@@ -123,7 +115,7 @@ void CHub::Stop(CDeadline deadline) {
   Readers readers;
   {
     const CAutoLock lock(tableLock);
-    for (const auto& detection : detections) detection->thread.Ask();
+    for (const auto& detection : detections) detection->thread.Release();
     readers = ReadersToEnd();
   }
   // All are asked before one is waited for: they end at the same time.
@@ -132,25 +124,28 @@ void CHub::Stop(CDeadline deadline) {
   for (const auto& reader : readers) reader->End(deadline);
 }
 
+// Whoever else stops at the same time waits for the same threads.
 void CHub::EndDetections(CDeadline deadline) {
   std::vector<std::shared_ptr<Detection>> ending;
   {
     const CAutoLock lock(tableLock);
-    ending.swap(detections);
+    ending = detections;
     detectionThread.reset();
   }
-  for (const auto& detection : ending) detection->thread.Ask();
+  for (const auto& detection : ending) detection->thread.Release();
   for (const auto& detection : ending) {
     detection->thread.End(deadline);
     // One that has not ended, or was ended in the middle of a pass, passes no more.
     Detection* its = detection.get();
     passRunning.compare_exchange_strong(its, nullptr);
   }
+  const CAutoLock lock(tableLock);
+  std::erase_if(detections, [](const auto& detection) { return detection->thread.HasEnded(); });
 }
 
-void CHub::CloseDevice() { Stop(CDeadline(CWorker::kPatience)); }
+void CHub::CloseDevice() { Stop(CWorker::Patience()); }
 
-void CHub::Release() { ReleaseBy(CDeadline(CWorker::kPatience)); }
+void CHub::Release() { ReleaseBy(CWorker::Patience()); }
 
 void CHub::ReleaseBy(CDeadline deadline) {
   stopDetection = true;
@@ -158,12 +153,12 @@ void CHub::ReleaseBy(CDeadline deadline) {
   {
     const CAutoLock lock(tableLock);
     discovering = detections;
-    for (const auto& detection : discovering) detection->thread.Ask();
+    for (const auto& detection : discovering) detection->thread.Release();
   }
   for (const auto& detection : discovering) {
     if (!detection->thread.IsCurrent()) detection->thread.AwaitEnd(deadline.Before(kForExit));
   }
-  if (!closed_) SendToReady(-1, HidCommand::AppExit, deadline.Before(kForReaders).Left(CDeviceReader::kWritePatience));
+  if (!closed_) SendAppExit(deadline);
   Stop(deadline);
   std::vector<HidDeviceEntry> rows;  // let go of without the lock
   Readers readers;
@@ -180,16 +175,26 @@ void CHub::ReleaseBy(CDeadline deadline) {
   UnloadAscDecoder();
 }
 
+// One that is not written by the time that the readers are ended is lost. So a moment is left for each device, also
+// when another one does not take its.
+void CHub::SendAppExit(CDeadline deadline) {
+  const CDeadline together(deadline.Before(kForReaders).Left(CDeviceReader::kWritePatience));
+  for (const auto& reader : Addressed(-1)) {
+    const CDeadline its(std::max(together.Left(), deadline.Left(kForOneExit)));
+    if (reader->otaStage == 0) reader->SendCommand(HidCommand::AppExit, reader->channel, its);
+  }
+}
+
 void CHub::Close() {
-  constexpr DWORD kLook = 1;  // ms
-  const CDeadline deadline(CWorker::kPatience);
+  const CDeadline deadline = CWorker::Patience();
   {
     const CAutoLock lock(tableLock);
     closed_ = true;  // nothing starts any more
   }
+  static_cast<CHubCallbacks&>(*this) = CHubCallbacks{};
   ReleaseBy(deadline);
   // Operations on other threads return at once now, but for one that is inside the client's code.
-  while (inside_ > 0 && !deadline.HasPassed()) os::Sleep(kLook);
+  inside.AwaitOthers(deadline);
 }
 
 bool CHub::ThreadIsClosed() {

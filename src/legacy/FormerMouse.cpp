@@ -102,11 +102,12 @@ struct CFormerMouse::Owner : LastCopy<Owner, State> {
   using LastCopy::LastCopy;
 };
 
-CFormerMouse::CFormerMouse() : owner_(std::make_shared<Owner>()) { owner_->state->CheckOnlyQlMouse(); }
+CFormerMouse::CFormerMouse() : owner_(MakeWhole<Owner>()) { owner_->Share()->CheckOnlyQlMouse(); }
 CFormerMouse::~CFormerMouse() = default;
 CFormerMouse::CFormerMouse(const CFormerMouse& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CFormerMouse& CFormerMouse::operator=(const CFormerMouse& other) {
+  const CNotCutOff whole;
   owner_ = other.owner_->Copy();
   return *this;
 }
@@ -114,7 +115,7 @@ CFormerMouse& CFormerMouse::operator=(const CFormerMouse& other) {
 void CFormerMouse::State::Init() {
   const CAutoLock held(lock);
   if (qlChecks.IsRunning()) return;
-  qlChecks.Start([self = shared_from_this()](CTask& thread) {
+  qlChecks.Start([self = shared_from_this()](CWorker& thread) {
     for (DWORD wait = kFirstQlCheck; thread.Sleep(wait); wait = kQlPeriod) self->CheckOnlyQlMouse();
   });
 }
@@ -174,6 +175,7 @@ bool CFormerMouse::ThreadIsClosed() const { return owner_->Share()->ThreadIsClos
 void CFormerMouse::Release() { owner_->Share()->Release(false); }
 
 int CFormerMouse::ReCheckHardwareKind() {
+  const CNotCutOff whole;
   const std::vector<std::wstring> tails = OlderDeviceTails();
   std::wstring identity = L"no_ID";
   bool named = false;
@@ -196,6 +198,7 @@ int CFormerMouse::ReCheckHardwareKind() {
 }
 
 VoxHardWare CFormerMouse::InitVoxHardwareKind() {
+  const CNotCutOff whole;
   bool pen = false;
   bool other = false;
   // Deliberately the mark is looked for in the whole tail.
@@ -214,7 +217,7 @@ void CFormerMouse::State::CheckOnlyQlMouse() {
 }
 
 int CFormerMouse::IsConnect() {
-  const auto state = owner_->state;
+  const auto state = owner_->Share();
   if (state->OnlyQlMouse) return -1;
   CFormerMouse_Usb::State& usb = *state->usb;
   usb.ImitateRevision = usb.MouseRevision;
@@ -241,28 +244,29 @@ int CFormerMouse::IsConnect() {
   return -1;
 }
 
-int CFormerMouse::GetMouseRevision() const { return owner_->state->usb->MouseRevision; }
+int CFormerMouse::GetMouseRevision() const { return owner_->Share()->usb->MouseRevision; }
 
 VoxButtonState CFormerMouse::GetKey_M_L() const {
-  const State& state = *owner_->state;
-  return state.hid->KeyState_Left == ButtonUp && state.usb->KeyState_Left == ButtonUp ? ButtonUp : ButtonDown;
+  const auto state = owner_->Share();
+  return state->hid->KeyState_Left == ButtonUp && state->usb->KeyState_Left == ButtonUp ? ButtonUp : ButtonDown;
 }
 
 VoxButtonState CFormerMouse::GetKey_M_R() const {
-  const State& state = *owner_->state;
-  return state.hid->KeyState_Right == ButtonUp && state.usb->KeyState_Right == ButtonUp ? ButtonUp : ButtonDown;
+  const auto state = owner_->Share();
+  return state->hid->KeyState_Right == ButtonUp && state->usb->KeyState_Right == ButtonUp ? ButtonUp : ButtonDown;
 }
 
 VoxClickMode CFormerMouse::GetClickMode_L() const {
-  const VoxClickMode hid = owner_->state->hid->DoubleClick.GetClickMode();
-  const VoxClickMode usb = owner_->state->usb->DoubleClick.GetClickMode();
+  const auto state = owner_->Share();
+  const VoxClickMode hid = state->hid->DoubleClick.GetClickMode();
+  const VoxClickMode usb = state->usb->DoubleClick.GetClickMode();
   if (hid == ClickDouble || usb == ClickDouble) return ClickDouble;
   return hid == ClickDoubleNoNet || usb == ClickDoubleNoNet ? ClickDoubleNoNet : ClickNone;
 }
 
 bool CFormerMouse::LeftKeyDown_Up() {
   const VoxButtonState current = GetKey_M_L();
-  const VoxButtonState previous = owner_->state->LastState_Left.exchange(current);
+  const VoxButtonState previous = owner_->Share()->LastState_Left.exchange(current);
   return previous == ButtonDown && current == ButtonUp;
 }
 

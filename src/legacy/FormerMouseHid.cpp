@@ -36,7 +36,7 @@ void CFormerMouse_Hid::State::StartCheck() {
   // A run that was stopped may not have come to this yet, and must not do it any more.
   KeyState_Left = ButtonUp;
   KeyState_Right = ButtonUp;
-  reChecks.Start([self = shared_from_this()](CTask& thread) { self->OnThreadReCheckHidProc(thread); });
+  reChecks.Start([self = shared_from_this()](CWorker& thread) { self->OnThreadReCheckHidProc(thread); });
 }
 
 // The readers at once, and not only when the re-check thread comes to it: that may be opening a device.
@@ -63,7 +63,7 @@ void CFormerMouse_Hid::State::EndForGood() {
   End();
 }
 
-void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CTask& thread) {
+void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CWorker& thread) {
   const auto run = std::make_shared<Run>();
   do {
     std::vector<std::wstring> paths;
@@ -82,7 +82,8 @@ void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CTask& thread) {
   CTasks::Await(readers.Asked(), CDeadline(kEndWait));
 }
 
-void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path, CTask& thread) {
+void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path,
+                                            CWorker& thread) {
   HidPathIdentity identity;
   if (thread.IsAsked() || !CAudioHidCenter::ParseUsbHidPath(NarrowPath(path), identity) || identity.vid != "0d8c" ||
       (identity.pid != "0132" && identity.pid != "0135")) {
@@ -106,7 +107,7 @@ void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, con
     const CAutoLock held(lock);
     if (!thread.IsAsked() &&
         readers.Start([self = shared_from_this(), device = Device{handle, kind, identity.instance, run}](
-                          CTask& reader) { self->ReadDevice(device, reader); })) {
+                          CWorker& reader) { self->ReadDevice(device, reader); })) {
       return;
     }
     run->HidDevices.erase(identity.instance);
@@ -114,7 +115,7 @@ void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, con
   os::CloseHandle(handle);
 }
 
-void CFormerMouse_Hid::State::ReadDevice(const Device& device, CTask& thread) {
+void CFormerMouse_Hid::State::ReadDevice(const Device& device, CWorker& thread) {
   do {
     COMMTIMEOUTS timeouts{};
     os::GetCommTimeouts(device.File, &timeouts);
@@ -148,7 +149,7 @@ void CFormerMouse_Hid::State::ReadDevice(const Device& device, CTask& thread) {
 }
 
 // False, and nothing changes, once the reader is asked to end.
-bool CFormerMouse_Hid::State::SetKeys(VoxButtonState left, VoxButtonState right, const CTask& thread) {
+bool CFormerMouse_Hid::State::SetKeys(VoxButtonState left, VoxButtonState right, const CWorker& thread) {
   const CAutoLock held(lock);
   if (thread.IsAsked()) return false;
   KeyState_Left = left;
@@ -156,9 +157,9 @@ bool CFormerMouse_Hid::State::SetKeys(VoxButtonState left, VoxButtonState right,
   return true;
 }
 
-void CFormerMouse_Hid::State::OnHidKey(int key, HidDeviceKind kind, const CTask& thread) {
+void CFormerMouse_Hid::State::OnHidKey(int key, HidDeviceKind kind, const CWorker& thread) {
   const bool pressed = key == kLeft || key == kRight;
-  if (!pressed && kind == HidKind_VoiceKeyboard) OnKeyboardKey(key, thread);
+  if (!pressed && kind == HidKind_VoiceKeyboard) OnKeyboardKey(key);
   const VoxButtonState left = key == kLeft ? ButtonDown : ButtonUp;
   if (!SetKeys(left, key == kRight ? ButtonDown : ButtonUp, thread)) return;
   DoubleClick.SetKeyState(left);
@@ -167,11 +168,11 @@ void CFormerMouse_Hid::State::OnHidKey(int key, HidDeviceKind kind, const CTask&
 }
 
 // The direct keys. Held down they are reported again and again, and count once.
-void CFormerMouse_Hid::State::OnKeyboardKey(int key, const CTask& thread) {
-  const auto fire = [&](const wchar_t* text, LogType type, MainMenuType menu) {
+void CFormerMouse_Hid::State::OnKeyboardKey(int key) {
+  const auto fire = [this](const wchar_t* text, LogType type, MainMenuType menu) {
     if (!ShortcutArmed.exchange(false)) return;
     VoxMessage::Log(text, type);
-    if (!thread.IsReleased()) VoxMessage::MainMenu(menu);
+    VoxMessage::MainMenu(menu);
   };
   switch (key) {
     case kNavigation:
@@ -185,11 +186,12 @@ void CFormerMouse_Hid::State::OnKeyboardKey(int key, const CTask& thread) {
   }
 }
 
-CFormerMouse_Hid::CFormerMouse_Hid() : owner_(std::make_shared<Owner>()) {}
+CFormerMouse_Hid::CFormerMouse_Hid() : owner_(MakeWhole<Owner>()) {}
 CFormerMouse_Hid::~CFormerMouse_Hid() = default;
 CFormerMouse_Hid::CFormerMouse_Hid(const CFormerMouse_Hid& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CFormerMouse_Hid& CFormerMouse_Hid::operator=(const CFormerMouse_Hid& other) {
+  const CNotCutOff whole;
   owner_ = other.owner_->Copy();
   return *this;
 }
@@ -202,8 +204,8 @@ bool CFormerMouse_Hid::ThreadIsClosed() const { return !owner_->Share()->reCheck
 
 void CFormerMouse_Hid::Release() { owner_->Share()->End(); }
 
-VoxButtonState CFormerMouse_Hid::GetKey_M_L() const { return owner_->state->KeyState_Left; }
+VoxButtonState CFormerMouse_Hid::GetKey_M_L() const { return owner_->Share()->KeyState_Left; }
 
-VoxButtonState CFormerMouse_Hid::GetKey_M_R() const { return owner_->state->KeyState_Right; }
+VoxButtonState CFormerMouse_Hid::GetKey_M_R() const { return owner_->Share()->KeyState_Right; }
 
-VoxClickMode CFormerMouse_Hid::GetClickMode_L() const { return owner_->state->DoubleClick.GetClickMode(); }
+VoxClickMode CFormerMouse_Hid::GetClickMode_L() const { return owner_->Share()->DoubleClick.GetClickMode(); }

@@ -62,7 +62,7 @@ CFormerMouse_Usb::State::State()
 
 void CFormerMouse_Usb::State::StartThread() {
   if (StopEvent)
-    pollers.Start([self = shared_from_this()](CTask& thread) { self->OnThreadCheckButtonProc(thread); }, StopEvent);
+    pollers.Start([self = shared_from_this()](CWorker& thread) { self->OnThreadCheckButtonProc(thread); }, StopEvent);
 }
 
 void CFormerMouse_Usb::State::StopCheck() {
@@ -75,7 +75,7 @@ void CFormerMouse_Usb::State::End() {
   CTasks::End(released);
 }
 
-void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CTask& thread) {
+void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CWorker& thread) {
   while (thread.Sleep(kStopWait) && Poll(thread)) {
   }
   if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
@@ -83,7 +83,7 @@ void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CTask& thread) {
   KeyState_Right = ButtonUp;
 }
 
-bool CFormerMouse_Usb::State::Poll(const CTask& thread) {
+bool CFormerMouse_Usb::State::Poll(const CWorker& thread) {
   if (!Checking) return thread.Sleep(kIdleSleep);
   KeyState_Left = CheckM_L();
   DoubleClick.SetKeyState(KeyState_Left);  // the level, at every cycle
@@ -114,20 +114,21 @@ void CFormerMouse_Usb::State::ImitateKeyM_R() const {
   ReleaseKey(ImitateRevision == kSecondRevision ? pair.second : pair.other);
 }
 
-CFormerMouse_Usb::CFormerMouse_Usb() : owner_(std::make_shared<Owner>()) { owner_->state->StartThread(); }
+CFormerMouse_Usb::CFormerMouse_Usb() : owner_(MakeWhole<Owner>()) { owner_->Share()->StartThread(); }
 CFormerMouse_Usb::~CFormerMouse_Usb() = default;
 CFormerMouse_Usb::CFormerMouse_Usb(const CFormerMouse_Usb& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CFormerMouse_Usb& CFormerMouse_Usb::operator=(const CFormerMouse_Usb& other) {
+  const CNotCutOff whole;
   owner_ = other.owner_->Copy();
   return *this;
 }
 
-void CFormerMouse_Usb::StartCheck() { owner_->state->Checking = true; }
+void CFormerMouse_Usb::StartCheck() { owner_->Share()->Checking = true; }
 
-bool CFormerMouse_Usb::IsChecking() const { return owner_->state->Checking; }
+bool CFormerMouse_Usb::IsChecking() const { return owner_->Share()->Checking; }
 
-void CFormerMouse_Usb::StopCheck() { owner_->state->StopCheck(); }
+void CFormerMouse_Usb::StopCheck() { owner_->Share()->StopCheck(); }
 
 void CFormerMouse_Usb::CloseThread() { owner_->Share()->pollers.Ask(); }
 
@@ -135,11 +136,11 @@ bool CFormerMouse_Usb::ThreadIsClosed() const { return !owner_->Share()->pollers
 
 void CFormerMouse_Usb::Release() { owner_->Share()->End(); }
 
-VoxButtonState CFormerMouse_Usb::GetKey_M_L() const { return owner_->state->KeyState_Left; }
+VoxButtonState CFormerMouse_Usb::GetKey_M_L() const { return owner_->Share()->KeyState_Left; }
 
-VoxButtonState CFormerMouse_Usb::GetKey_M_R() const { return owner_->state->KeyState_Right; }
+VoxButtonState CFormerMouse_Usb::GetKey_M_R() const { return owner_->Share()->KeyState_Right; }
 
-VoxClickMode CFormerMouse_Usb::GetClickMode_L() const { return owner_->state->DoubleClick.GetClickMode(); }
+VoxClickMode CFormerMouse_Usb::GetClickMode_L() const { return owner_->Share()->DoubleClick.GetClickMode(); }
 
 void CFormerMouse_Usb::ImitateKeyM_L() const { owner_->Share()->ImitateKeyM_L(); }
 

@@ -32,9 +32,9 @@ struct CSoftModeSwitch::State : std::enable_shared_from_this<State> {
   void StartCheck(const Run& run);
   void Release(bool forGood);
   void EndForGood() { Release(true); }
-  void OnThreadChangeHardwareMode(const Run& run, const CTask& thread);
-  void OnThreadCheck_ID(const Run& run, const CTask& thread);
-  static void OnThreadCheck_Key(const Run& run, const CTask& thread);
+  void OnThreadChangeHardwareMode(const Run& run, const CWorker& thread);
+  void OnThreadCheck_ID(const Run& run, const CWorker& thread);
+  static void OnThreadCheck_Key(const Run& run, const CWorker& thread);
 
   CLock lock;
   CTasks switches{lock};
@@ -45,11 +45,12 @@ struct CSoftModeSwitch::Owner : LastCopy<Owner, State> {
   using LastCopy::LastCopy;
 };
 
-CSoftModeSwitch::CSoftModeSwitch() : owner_(std::make_shared<Owner>()) {}
+CSoftModeSwitch::CSoftModeSwitch() : owner_(MakeWhole<Owner>()) {}
 CSoftModeSwitch::~CSoftModeSwitch() = default;
 CSoftModeSwitch::CSoftModeSwitch(const CSoftModeSwitch& other) : owner_(other.owner_->Copy()) {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it keeps what it has.
 CSoftModeSwitch& CSoftModeSwitch::operator=(const CSoftModeSwitch& other) {
+  const CNotCutOff whole;
   owner_ = other.owner_->Copy();
   return *this;
 }
@@ -57,8 +58,7 @@ CSoftModeSwitch& CSoftModeSwitch::operator=(const CSoftModeSwitch& other) {
 void CSoftModeSwitch::StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
                                  CFormerLaserPen* pen) {
   if (!mouse || !hub || !pen) return;
-  const auto state = owner_->state;
-  state->StartCheck({reinterpret_cast<PauseCallback>(pauseKeyCheck), pauseContext, mouse, hub, pen});
+  owner_->Share()->StartCheck({reinterpret_cast<PauseCallback>(pauseKeyCheck), pauseContext, mouse, hub, pen});
 }
 
 void CSoftModeSwitch::StopCheck() { owner_->Share()->switches.Ask(); }
@@ -68,7 +68,7 @@ void CSoftModeSwitch::Release() { owner_->Share()->Release(false); }
 void CSoftModeSwitch::State::StartCheck(const Run& run) {
   const CAutoLock held(lock);
   if (switches.IsRunning()) return;
-  switches.Start([self = shared_from_this(), run](CTask& thread) { self->OnThreadChangeHardwareMode(run, thread); });
+  switches.Start([self = shared_from_this(), run](CWorker& thread) { self->OnThreadChangeHardwareMode(run, thread); });
 }
 
 void CSoftModeSwitch::State::Release(bool forGood) {
@@ -81,24 +81,22 @@ void CSoftModeSwitch::State::Release(bool forGood) {
 namespace {
 
 // False when the thread is released meanwhile.
-bool ChangeHardwareMode(VoxHardWare kind, const CTask& thread) {
+bool ChangeHardwareMode(VoxHardWare kind, const CWorker& thread) {
   CPreferences::Instance()->SetHardWare(kind);
   VoxMessage::MainWndWork(HardWareChanged);
-  if (thread.IsReleased()) return false;
   VoxMessage::Log(kind == HardWare_Mouse ? kMouseText : kLaserPenText, LogType_DoubleClick);
-  if (thread.IsReleased()) return false;
   VoxMessage::Tray(kMouseText, VoxTray_Message);  // deliberately this text, whatever the kind
   return !thread.IsReleased();
 }
 
 bool MayKeysSwitch(CSoftModeSwitch::PauseCallback pause, void* context) {
   const CClientCode inside;
-  return !pause(context);
+  return inside && !pause(context);
 }
 
 }  // namespace
 
-void CSoftModeSwitch::State::OnThreadChangeHardwareMode(const Run& run, const CTask& thread) {
+void CSoftModeSwitch::State::OnThreadChangeHardwareMode(const Run& run, const CWorker& thread) {
   int sinceHardware = 0;
   int sinceKeys = 0;
   do {
@@ -115,7 +113,7 @@ void CSoftModeSwitch::State::OnThreadChangeHardwareMode(const Run& run, const CT
   } while (thread.Sleep(kCycle));
 }
 
-void CSoftModeSwitch::State::OnThreadCheck_ID(const Run& run, const CTask& thread) {
+void CSoftModeSwitch::State::OnThreadCheck_ID(const Run& run, const CWorker& thread) {
   if (!CDeviceData::Instance()->IsHardwareChecked()) {
     BothPresent = false;
     return;
@@ -138,7 +136,7 @@ void CSoftModeSwitch::State::OnThreadCheck_ID(const Run& run, const CTask& threa
 }
 
 // A switch by a key deliberately neither starts nor stops the checking of the older mouse's keys.
-void CSoftModeSwitch::State::OnThreadCheck_Key(const Run& run, const CTask& thread) {
+void CSoftModeSwitch::State::OnThreadCheck_Key(const Run& run, const CWorker& thread) {
   if (!run.PauseKeyCheck || !MayKeysSwitch(run.PauseKeyCheck, run.PauseContext) || thread.IsReleased()) return;
   if (CPreferences::Instance()->GetHardWare() == kMouse) {
     if (run.LaserPen->GetKey_P_control() == ButtonDown) ChangeHardwareMode(HardWare_LaserPen, thread);

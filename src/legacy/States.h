@@ -16,9 +16,9 @@ struct CFormerMouse_Usb::State : std::enable_shared_from_this<State> {
   void Release(CTasks::List& released) { pollers.Release(released); }
   void End();
   void EndForGood() { End(); }  // nothing starts again
-  void OnThreadCheckButtonProc(CTask& thread);
+  void OnThreadCheckButtonProc(CWorker& thread);
   // One cycle. False when the thread is being ended.
-  bool Poll(const CTask& thread);
+  bool Poll(const CWorker& thread);
   void KeysUp();
   VoxButtonState CheckM_L() const;
   VoxButtonState CheckM_R() const;
@@ -54,12 +54,12 @@ struct CFormerMouse_Hid::State : std::enable_shared_from_this<State> {
   void Release(CTasks::List& released);
   void End();
   void EndForGood();
-  void OnThreadReCheckHidProc(CTask& thread);
-  void OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path, CTask& thread);
-  void ReadDevice(const Device& device, CTask& thread);
-  void OnHidKey(int key, HidDeviceKind kind, const CTask& thread);
-  void OnKeyboardKey(int key, const CTask& thread);
-  bool SetKeys(VoxButtonState left, VoxButtonState right, const CTask& thread);
+  void OnThreadReCheckHidProc(CWorker& thread);
+  void OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path, CWorker& thread);
+  void ReadDevice(const Device& device, CWorker& thread);
+  void OnHidKey(int key, HidDeviceKind kind, const CWorker& thread);
+  void OnKeyboardKey(int key);
+  bool SetKeys(VoxButtonState left, VoxButtonState right, const CWorker& thread);
 
   // Guards the threads and the devices; never held while the client is called or a thread is waited for.
   CLock lock;

@@ -7,28 +7,13 @@
 #include <vector>
 
 #include "VoxDevice/Shared.h"
-#include "support/CLock.h"
-#include "support/Worker.h"
-
-class CTask : public CWorker {
- public:
-  using CWorker::CWorker;
-  // Not only asked to end, but released: the client hears nothing more, and what it has lent may be gone.
-  bool IsReleased() const noexcept { return released_; }
-
- private:
-  friend class CTasks;
-  Shared<bool> released_{false};
-};
+#include "support/Operation.h"
 
 // Threads of one kind: each start gets one of its own, so that none is lost while an earlier one is about to end.
 class CTasks {
  public:
-  using List = std::vector<std::shared_ptr<CTask>>;
-  using Body = std::function<void(CTask&)>;
-
-  // Milliseconds in which every thread ends that neither a driver nor a client keeps.
-  static constexpr DWORD kMoment = 100;
+  using List = std::vector<std::shared_ptr<CWorker>>;
+  using Body = std::function<void(CWorker&)>;
 
   // lock: the owner's, which it also holds when it decides on more than one call.
   explicit CTasks(CLock& lock) noexcept : lock_(lock) {}
@@ -38,8 +23,8 @@ class CTasks {
     const CAutoLock lock(lock_);
     if (closed_) return false;
     std::erase_if(tasks_, [](const auto& task) { return task->HasEnded(); });
-    auto task = std::make_shared<CTask>(stop);
-    if (!task->StopEvent() || !task->CWorker::Start([task, body = std::move(body)] {
+    auto task = std::make_shared<CWorker>(stop);
+    if (!task->StopEvent() || !task->Start([task, body = std::move(body)] {
           body(*task);
           return 0U;
         })) {
@@ -51,10 +36,10 @@ class CTasks {
 
   // One is at work that was not asked to end.
   bool IsRunning() const {
-    return Any([](const CTask& task) { return task.IsSet() && !task.IsAsked(); });
+    return Any([](const CWorker& task) { return task.IsSet() && !task.IsAsked(); });
   }
   bool IsSet() const {
-    return Any([](const CTask& task) { return task.IsSet(); });
+    return Any([](const CWorker& task) { return task.IsSet(); });
   }
 
   void Ask() {
@@ -65,8 +50,7 @@ class CTasks {
   void Release(List& released) {
     const CAutoLock lock(lock_);
     for (const auto& task : tasks_) {
-      task->released_ = true;
-      task->Ask();
+      task->Release();
       released.push_back(task);
     }
   }
@@ -98,19 +82,11 @@ class CTasks {
       os::Sleep(1);
     }
   }
-  // Without a lock. On a thread of the library, inside a message, it only waits a moment: two messages that release
-  // each other's threads would wait for ever, and a third that waits for them would lose its patience.
+  // Without a lock.
   static void End(const List& tasks) {
-    const bool inMessage = CWorker::CurrentStopEvent() != nullptr;
-    const CDeadline deadline(inMessage ? kMoment : CWorker::kPatience);
+    const CDeadline deadline = CWorker::Patience();
     Await(tasks, deadline);
-    for (const auto& task : tasks) {
-      if (inMessage) {
-        task->Clear();
-      } else {
-        task->End(deadline);
-      }
-    }
+    for (const auto& task : tasks) task->End(deadline);
   }
 
  private:
@@ -133,14 +109,18 @@ class CTasks {
 template <class Owner, class State>
 struct LastCopy : std::enable_shared_from_this<Owner> {
   explicit LastCopy(std::shared_ptr<State> of = std::make_shared<State>()) : state(std::move(of)) {}
-  ~LastCopy() { state->EndForGood(); }
+  ~LastCopy() {
+    const CNotCutOff whole;
+    state->EndForGood();
+  }
   LastCopy(const LastCopy&) = delete;
   LastCopy& operator=(const LastCopy&) = delete;
 
   // For the time of a call.
-  std::shared_ptr<State> Share() const { return state; }
+  Operation<State> Share() const { return Operation<State>(state); }
   // For another copy; of an object that is just going, one that has ended.
   std::shared_ptr<Owner> Copy() {
+    const CNotCutOff whole;
     const std::shared_ptr<Owner> alive = this->weak_from_this().lock();
     return alive ? alive : std::make_shared<Owner>(state);
   }

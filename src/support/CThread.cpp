@@ -4,8 +4,7 @@
 
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/VoxCommon.h"
-#include "support/CLock.h"
-#include "support/Worker.h"
+#include "support/Operation.h"
 
 struct CThread::Threads {
   struct Thread {
@@ -20,7 +19,7 @@ struct CThread::Threads {
   Atomic<unsigned> latestId{0};
 };
 
-CThread::CThread() : threads_(std::make_shared<Threads>()) {}
+CThread::CThread() : threads_(MakeWhole<Threads>()) {}
 CThread::CThread(const CThread&) : CThread() {}
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is assigned.
 CThread& CThread::operator=(const CThread&) { return *this; }
@@ -62,13 +61,18 @@ std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads,
   return {thread, &thread->worker};
 }
 
-bool CThread::StartThread() { return Start(threads_, this, nullptr) != nullptr; }
+bool CThread::StartThread() {
+  const CNotCutOff whole;
+  const auto threads = threads_;
+  return Start(threads, this, nullptr) != nullptr;
+}
 
-unsigned CThread::GetThreadID() const noexcept { return threads_->latestId; }
+unsigned CThread::GetThreadID() const noexcept { return Operation(threads_)->latestId; }
 
 bool CThread::SetThreadPriority(int priority) noexcept {
-  const CAutoLock lock(threads_->lock);
-  return threads_->latest && threads_->latest->worker.SetPriority(priority);
+  const Operation threads(threads_);
+  const CAutoLock lock(threads->lock);
+  return threads->latest && threads->latest->worker.SetPriority(priority);
 }
 
 bool CThread::NextMessage(Message& message) {
@@ -89,11 +93,12 @@ void* CThread::Owned() const noexcept {
 
 void CThread::EndThreads(unsigned milliseconds) noexcept {
   const CDeadline deadline(milliseconds);
+  const Operation threads(threads_);
   std::vector<std::shared_ptr<Threads::Thread>> ending;
   {
-    const CAutoLock lock(threads_->lock);
-    threads_->closed = true;
-    ending.swap(threads_->started);
+    const CAutoLock lock(threads->lock);
+    threads->closed = true;
+    ending.swap(threads->started);
     for (const auto& thread : ending) thread->worker.Ask();
   }
   for (const auto& thread : ending) thread->worker.End(deadline);

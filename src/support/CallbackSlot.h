@@ -42,8 +42,7 @@ class CallbackSlot {
   void operator()(Arguments... arguments) const {
     const Pair pair = Get();
     if (!pair.function) return;
-    const CClientCode inside;
-    pair.function(arguments..., pair.context);
+    if (const CClientCode inside; inside) pair.function(arguments..., pair.context);
   }
 
  private:

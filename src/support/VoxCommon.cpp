@@ -1,7 +1,6 @@
 #include "VoxDevice/VoxCommon.h"
 
-
-#include "support/Worker.h"
+#include "support/Operation.h"
 
 namespace {
 
@@ -13,8 +12,7 @@ template <class Call>
 void Tell(Call call) noexcept {
   VoxMessageSink* sink = registeredSink;
   if (!sink) return;
-  const CClientCode inside;
-  call(*sink);
+  if (const CClientCode inside; inside) call(*sink);
 }
 
 }  // namespace
@@ -80,11 +78,11 @@ CDeviceData* CDeviceData::Instance() noexcept {
 }
 
 std::wstring CDeviceData::GetRecordName() const {
-  const std::lock_guard lock(mutex_);
+  const CMutexGuard lock(mutex_);
   return recordName_;
 }
 
 void CDeviceData::SetRecordName(const std::wstring& name) {
-  const std::lock_guard lock(mutex_);
+  const CMutexGuard lock(mutex_);
   recordName_ = name;
 }

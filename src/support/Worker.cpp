@@ -71,6 +71,7 @@ struct CWorker::Record {
 
   // Cancels the call in which the thread is blocked, and none that the client's code makes on it.
   void Cancel() noexcept {
+    const CNotCutOff whole;  // the thread does not go on before this is done
     unsigned was = word;
     if ((was & kPlaceMask) != kInSystem || !word.compare_exchange_strong(was, (was & ~kPlaceMask) | kCancelling)) {
       return;
@@ -83,6 +84,7 @@ struct CWorker::Record {
   const HANDLE ownStop;
   const HANDLE stop;  // manual-reset
   Atomic<bool> asked{false};
+  Atomic<bool> released{false};
   Atomic<bool> set{false};
   Atomic<bool> started{false};
   Atomic<bool> left{false};  // has not ended within somebody's patience
@@ -150,6 +152,13 @@ void CWorker::Ask() noexcept {
   record_->Cancel();
 }
 
+void CWorker::Release() noexcept {
+  record_->released = true;
+  Ask();
+}
+
+CDeadline CWorker::Patience() noexcept { return CDeadline(Record::Current() ? kMoment : kPatience); }
+
 bool CWorker::AskUntilEnded(const CWorker* asked, CDeadline deadline) noexcept {
   Ask();
   const HANDLE thread = record_->thread;
@@ -173,8 +182,9 @@ bool CWorker::End(CDeadline deadline) noexcept {
   }
   // One that was left once is not waited for again.
   if (AskUntilEnded(nullptr, record_->left ? CDeadline(0) : deadline)) return true;
-  record_->left = true;
   Clear();
+  if (Record::Current()) return false;
+  record_->left = true;
   // Only inside the client's code, and without a lock.
   if (!record_->CompareAndGo(kInClient, kCondemned)) return false;
   CUtil::VoxTerminateThread(record_->thread, 0);
@@ -184,6 +194,8 @@ bool CWorker::End(CDeadline deadline) noexcept {
 }
 
 bool CWorker::IsAsked() const noexcept { return record_->asked; }
+
+bool CWorker::IsReleased() const noexcept { return record_->released; }
 
 HANDLE CWorker::CurrentStopEvent() noexcept {
   const Record* record = Record::Current();
@@ -221,6 +233,7 @@ void CWorker::Clear() noexcept { record_->set = false; }
 
 CClientCode::CClientCode() noexcept : record_(CWorker::Record::Current()) {
   // Client code inside client code (a callback that has called the library) stays what it is.
+  mayCall_ = !record_ || (record_->word & kPlaceMask) != kInLibrary || !record_->released;
   if (record_ && !record_->CompareAndGo(kInLibrary, kInClient)) record_ = nullptr;
 }
 

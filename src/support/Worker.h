@@ -15,13 +15,19 @@
 // - Its body owns, by shared pointers, all that it works on, and lets go of it as its last act. So nobody waits for
 //   a thread that is stuck in a driver that does not let go: it frees everything when it comes back.
 // - Force (CUtil::VoxTerminateThread) is what remains for a thread that is still inside the client's code when the
-//   patience is over: never before it has begun, inside the system, or while it holds a CLock.
+//   patience is over: never before it has begun, inside the system, or while it is not to be cut off.
+// - Who ends threads on a thread of the library, inside the client's code, waits a moment only and uses no force: two
+//   that end each other would else wait until both are ended by force.
 //
 // A worker starts once. Any thread may call anything.
 class CWorker {
  public:
   // Milliseconds that a thread is given to end.
   static constexpr DWORD kPatience = 2000;
+  // The same on a thread of the library: all end in it that neither a driver nor a client keeps.
+  static constexpr DWORD kMoment = 100;
+  // From now on, for all that the calling thread ends together.
+  static CDeadline Patience() noexcept;
 
   using Body = std::function<unsigned()>;
 
@@ -44,8 +50,10 @@ class CWorker {
   bool SetPriority(int priority) const noexcept;
   // Asks the thread to end, and does not wait.
   void Ask() noexcept;
+  // The same, and the client is told nothing more on it: what it is just being told is the last.
+  void Release() noexcept;
   // Asks, and waits until the thread is gone. False when it is not: it is the calling thread, or it is stuck inside the
-  // system and will end when it comes back.
+  // system and will end when it comes back, or no force may be used.
   bool End(CDeadline deadline) noexcept;
   // The same without force.
   bool AwaitEnd(CDeadline deadline) noexcept { return AskUntilEnded(nullptr, deadline); }
@@ -57,6 +65,7 @@ class CWorker {
   static HANDLE CurrentStopEvent() noexcept;
   static bool CurrentIsAsked() noexcept;
   bool IsAsked() const noexcept;
+  bool IsReleased() const noexcept;
   HANDLE StopEvent() const noexcept;
   // False, at once, when the thread is asked to end.
   bool Sleep(DWORD milliseconds) const noexcept;
@@ -86,16 +95,19 @@ class CWorker {
   const std::shared_ptr<Record> record_;
 };
 
-// Around every call of the client's code: marks the worker on which it runs, if it runs on one.
+// Around every call of the client's code: marks the worker on which it runs, if it runs on one. False when that has
+// been released: the call is left out.
 class CClientCode {
  public:
   CClientCode() noexcept;
   ~CClientCode();
+  explicit operator bool() const noexcept { return mayCall_; }
   CClientCode(const CClientCode&) = delete;
   CClientCode& operator=(const CClientCode&) = delete;
 
  private:
   CWorker::Record* record_;
+  bool mayCall_;
 };
 
 // Around the time in which a thread holds a lock: while it does, it is not ended by force.
@@ -103,4 +115,13 @@ class CHeldLock {
  public:
   static void Begin() noexcept;
   static void End() noexcept;
+};
+
+// The same for a scope, for whatever must be carried through: what it refers to does not get lost.
+class CNotCutOff {
+ public:
+  CNotCutOff() noexcept { CHeldLock::Begin(); }
+  ~CNotCutOff() { CHeldLock::End(); }
+  CNotCutOff(const CNotCutOff&) = delete;
+  CNotCutOff& operator=(const CNotCutOff&) = delete;
 };
