@@ -104,6 +104,11 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
   CVoxDeviceInfo::Instance()->ClearBluetooth();
   VoxMessage::SetSink(&record);
   machine.install(L"asc_lib.dll", sim::ascLibrary());
+  makeHub();
+}
+
+void Desk::makeHub() {
+  close();
   hub = std::make_unique<CAudioHidCenter>();
   void* context = &record;
   const auto slot = [](auto* function) { return reinterpret_cast<void*>(function); };
@@ -145,7 +150,7 @@ Desk::~Desk() {
   close();
   VoxMessage::SetSink(nullptr);
   EXPECT_EQ(machine.balance(), leftOpen);
-  EXPECT_EQ(machine.misuses(), 0U);
+  EXPECT_EQ(machine.misuses(), std::vector<std::string>{});
 }
 
 void Desk::close() {

@@ -97,13 +97,13 @@ class RecorderClients {
       const char* call = calls_[below(calls_.size())];
       switch (below(4)) {
         case 0:
-          desk_.machine.sound().fail(call, -1, static_cast<int>(below(4)));
+          desk_.machine.faults().fail(call, -1, static_cast<int>(below(4)));
           break;
         case 1:
-          desk_.machine.sound().stall(call, std::chrono::milliseconds(below(5000)));
+          desk_.machine.faults().stall(call, std::chrono::milliseconds(below(5000)));
           break;
         default:
-          desk_.machine.sound().repair();
+          desk_.machine.faults().repair();
       }
     }
     if (below(2) == 0) {
@@ -114,7 +114,7 @@ class RecorderClients {
     for (auto& client : clients) client.join();
     for (auto& object : objects_) destroy(object);
     const auto said = deliveries_;
-    desk_.machine.sound().repair();
+    desk_.machine.faults().repair();
     desk_.run(30s);
     EXPECT_EQ(deliveries_, said) << "nothing is delivered any more";
     EXPECT_EQ(desk_.machine.balance().threads, 0U) << desk_.machine.waiting();

