@@ -176,7 +176,7 @@ std::shared_ptr<sim::VirtualMouse> Desk::connect(const std::string& model, sim::
 std::vector<std::int16_t> Desk::pcm() {
   const std::lock_guard lock(audioMutex);
   std::vector<std::int16_t> samples(audio.size() / 2);
-  std::memcpy(samples.data(), audio.data(), samples.size() * 2);
+  if (!samples.empty()) std::memcpy(samples.data(), audio.data(), samples.size() * 2);
   return samples;
 }
 

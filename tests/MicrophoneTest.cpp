@@ -225,6 +225,7 @@ TEST(Microphone, DriversMayMisbehave) {
     const auto gaps = recordWith([](sim::Microphone& m) { m.emptyEvery = 3; }, seed);
     EXPECT_EQ(std::vector(gaps.begin(), gaps.begin() + 4), (std::vector{4096, 4096, 0, 4096}));
     recordWith([](sim::Microphone& m) { m.late = 90ms; }, seed);
+    recordWith([](sim::Microphone& m) { m.jitter = 100ms; }, seed);
   }
   // A buffer that is refused in mid-recording ends the record thread, without an end mark.
   RecordDesk desk;
@@ -233,6 +234,31 @@ TEST(Microphone, DriversMayMisbehave) {
   desk.run(1s);
   EXPECT_EQ(desk.sizes, std::vector<int>{4096});
   EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+TEST(Microphone, MayBePulledOutWhileItRecords) {
+  for (const bool destroy : {false, true}) {
+    RecordDesk desk;
+    const auto microphone = desk.sound().microphones[0];
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(300ms);
+    desk.sound().pullOut(microphone);
+    desk.run(300ms);
+    EXPECT_EQ(desk.sizes, (std::vector{4096, 4096})) << "nothing is filled any more";
+    if (destroy) {
+      EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+      continue;
+    }
+    EXPECT_EQ(desk.recorder->StopRecord(), 7U) << "there is no driver to stop it";
+    EXPECT_EQ(desk.sizes.back(), 0);
+    desk.record.clear();
+    EXPECT_EQ(desk.recorder->StartRecord(), 0);
+    EXPECT_EQ(desk.record.lines(), (Lines{"Log 6 没有找到录音设备", "Tray 1 没有找到录音设备"}));
+    desk.sound().microphones = {microphone};
+    EXPECT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(300ms);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+  }
 }
 
 // ---- How recordings end ----

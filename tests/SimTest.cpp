@@ -140,6 +140,35 @@ TEST(Machine, ReadersOfOneInterfaceEachGetEveryReportAndTheEndOfIt) {
   EXPECT_EQ(machine.balance(), sim::Balance{});
 }
 
+TEST(Machine, HandlesOfAnInterfaceAgreeOnWhatTheyShare) {
+  constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
+  const struct {
+    DWORD access, share, otherAccess, otherShare;
+    bool opens;
+  } cases[] = {{GENERIC_READ, kAll, GENERIC_READ | GENERIC_WRITE, kAll, true},
+               {GENERIC_READ, FILE_SHARE_READ, FILE_READ_DATA, FILE_SHARE_READ, true},
+               {GENERIC_READ, FILE_SHARE_READ, GENERIC_WRITE, kAll, false},
+               {GENERIC_WRITE, kAll, GENERIC_READ, FILE_SHARE_READ, false},
+               {GENERIC_READ, 0, GENERIC_READ, kAll, false},
+               {0, 0, 0, 0, true}};
+  for (const auto& c : cases) {
+    sim::Machine machine;
+    auto wren = sim::makeMouse("Wren", sim::Link::usb, "7&1&0&0000");
+    machine.plug(wren);
+    const auto open = [&](DWORD access, DWORD share) {
+      return os::CreateFileW(wren->path().c_str(), access, share, nullptr, OPEN_EXISTING, 0, nullptr);
+    };
+    const HANDLE first = open(c.access, c.share);
+    EXPECT_EQ(open(c.otherAccess, c.otherShare) != INVALID_HANDLE_VALUE, c.opens);
+    if (!c.opens) {
+      EXPECT_EQ(os::GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
+    }
+    os::CloseHandle(first);
+    EXPECT_NE(open(c.otherAccess, c.otherShare), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(machine.misuses(), std::vector<std::string>{});
+  }
+}
+
 // ---- The rules of the seam: each is broken once, and the machine says which ----
 
 // A machine with something of everything, for calls right at the seam.
@@ -318,6 +347,11 @@ const struct {
        auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(room.data());
        detail->cbSize = 1024;
        return errorAfter(os::SetupDiGetDeviceInterfaceDetailW(s.list(), &entry, detail, 1024, nullptr, nullptr));
+     }},
+    {"SetupDiEnumDeviceInfo: cbSize is not that of the structure", ERROR_INVALID_USER_BUFFER,
+     [](Seam& s) {
+       SP_DEVINFO_DATA device{};
+       return errorAfter(os::SetupDiEnumDeviceInfo(s.list(), 0, &device));
      }},
     {"SetupDiDestroyDeviceInfoList: not an open device list", ERROR_INVALID_HANDLE,
      [](Seam& s) {
@@ -553,6 +587,24 @@ TEST(Seam, ARuleThatIsBrokenIsNamedAndGivesItsError) {
     EXPECT_EQ(static_cast<std::uint32_t>(gives), static_cast<std::uint32_t>(rule.gives));
     EXPECT_EQ(seam.machine.misuses(), std::vector{rule.says});
   }
+}
+
+TEST(Seam, AnEngineKeepsWhatItsBufferHoldsAndSaysWhereItLost) {
+  Seam seam;
+  IAudioCaptureClient* capture = seam.capture();  // two packets of 10 ms: the least there is
+  for (std::size_t i = 0; i < 96'000; ++i) seam.machine.sound().speaker.plays[i] = static_cast<std::int16_t>(i / 960);
+  ASSERT_EQ(seam.take(capture), S_OK);
+  seam.machine.sleep(100ms);
+  // The one that is taken stays; of the others, the last two.
+  EXPECT_EQ(seam.flags, 0U);
+  EXPECT_EQ(capture->ReleaseBuffer(480), S_OK);
+  for (const int packet : {10, 11}) {
+    ASSERT_EQ(seam.take(capture), S_OK);
+    EXPECT_EQ(*reinterpret_cast<std::int16_t*>(seam.packet), packet);
+    EXPECT_EQ(seam.flags, packet == 10 ? DWORD{AUDCLNT_BUFFERFLAGS_DATA_DISCONTINUITY} : 0U);
+    EXPECT_EQ(capture->ReleaseBuffer(480), S_OK);
+  }
+  EXPECT_EQ(seam.take(capture), AUDCLNT_S_BUFFER_EMPTY);
 }
 
 TEST(Text, IsUtf8OrWideInEitherWidth) {

@@ -312,6 +312,40 @@ TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {
   EXPECT_EQ(desk.sizes, (std::vector{5 * 320, 0}));
 }
 
+TEST(Speaker, MayBePulledOutWhileItIsRecorded) {
+  for (const bool timer : {false, true}) {
+    SpeakerDesk desk;
+    CEnvironmentMonitor::SetOsVersion(timer ? WindowsVersion_TimerCapture : WindowsVersion_Current);
+    desk.sound().speaker.plays = tone(48000, 2, 2);
+    ASSERT_EQ(desk.start(), 1);
+    desk.run(55ms);
+    desk.sound().pullOutSpeaker();
+    desk.run(100ms);
+    // An engine without a device signals nothing any more; by a timer, the thread finds out by itself.
+    EXPECT_EQ(desk.machine.balance().threads, timer ? 0U : 1U);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_EQ(desk.sizes, timer ? std::vector{0} : (std::vector{5 * 320, 0}));
+    EXPECT_EQ(desk.start(), 0) << "there is none";
+    desk.sound().hasSpeaker = true;
+    EXPECT_EQ(desk.start(), 1);
+    desk.run(55ms);
+    desk.recorder->StopRecord();
+    EXPECT_EQ(desk.heard.size(), timer ? 5 * 160U : 10 * 160U);
+  }
+}
+
+TEST(Speaker, NothingIsLostWhenPeriodsAreLate) {
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    SpeakerDesk desk(48000, 2, true, true, seed);
+    desk.sound().speaker.jitter = 9ms;
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    ASSERT_EQ(desk.start(), 1);
+    desk.run(1200ms);
+    desk.recorder->StopRecord();
+    EXPECT_EQ(desk.heard.size(), 16000U) << seed;
+  }
+}
+
 TEST(Speaker, FailedThreadsAndEventsKeepNothing) {
   for (const char* call : {"_beginthreadex", "CreateEventW"}) {
     SpeakerDesk desk;

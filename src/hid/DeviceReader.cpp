@@ -2,6 +2,7 @@
 #include "hid/DeviceReader.h"
 
 #include <algorithm>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -339,11 +340,15 @@ void CDeviceReader::ResetState() noexcept {
 // Size: of the buffer that the line must fit, with its terminator.
 template <std::size_t Size>
 void CDeviceReader::LogDevice(int number, const wchar_t* what, int type) noexcept {
-  const std::wstring name = CAudioHidCenter::GetHidName(GetMouseType());
-  Log(LogLine<Size>(name, L"（编号：", number, what).Text(), type);
+  try {
+    const std::wstring name = CAudioHidCenter::GetHidName(GetMouseType());
+    Log(LogLine<Size>(name, L"（编号：", number, what).Text(), type);
+  } catch (const std::bad_alloc&) {
+    // A line for which there is no memory is dropped.
+  }
 }
 
-void CDeviceReader::Log(std::wstring text, int type) noexcept {
+void CDeviceReader::Log(std::wstring text, int type) {
   auto* entry = new LogEntry{std::move(text), logBuffers};
   while (!logBuffers.compare_exchange_weak(entry->next, entry)) {
   }
