@@ -8,7 +8,6 @@
 namespace sim {
 namespace {
 
-constexpr std::size_t kReportsKept = 32;
 constexpr const char* kHidInterfaceClass = "{4d1e55b2-f16f-11cf-88cb-001111000030}";
 
 std::wstring widen(const std::string& text) { return {text.begin(), text.end()}; }
@@ -24,7 +23,7 @@ void HidDevice::sendInput(std::span<const std::uint8_t> report) {
   Bytes padded(report.begin(), report.end());
   padded.resize(inputLength);
   for (HidOpen* handle : handles_) {
-    if (handle->reports.size() == kReportsKept) handle->reports.pop_front();
+    if (handle->reports.size() >= handle->reportsKept) handle->reports.pop_front();
     handle->reports.push_back(padded);
     machine_->kernel().changed(*handle);
   }
@@ -38,12 +37,22 @@ void HidDevice::after(Time delay, std::function<void()> action) {
   });
 }
 
-HidOpen::HidOpen(std::shared_ptr<HidDevice> opened) : device(std::move(opened)) { device->handles_.push_back(this); }
+void HidDevice::loseHandles() {
+  for (HidOpen* handle : std::exchange(handles_, {})) {
+    handle->gone = true;
+    if (machine_) machine_->kernel().changed(*handle);
+  }
+}
+
+HidOpen::HidOpen(std::shared_ptr<HidDevice> opened, DWORD wanted, DWORD shared)
+    : device(std::move(opened)), access(wanted), shareMode(shared) {
+  device->handles_.push_back(this);
+}
 
 HidOpen::~HidOpen() { std::erase(device->handles_, this); }
 
 void HidOpen::handleClosed(Kernel& kernel) {
-  if (reads > 0) kernel.misused();
+  if (reads > 0) kernel.misused("CloseHandle: a read of it is in progress");
   std::erase(device->handles_, this);
   gone = true;
   reports.clear();

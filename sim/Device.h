@@ -47,6 +47,9 @@ class HidDevice : public std::enable_shared_from_this<HidDevice> {
 
   const std::wstring& path() const { return path_; }
   bool plugged() const { return machine_ != nullptr; }
+  // With the machine's lock held. As after a resume: the handles that are open are dead (ERROR_DEVICE_NOT_CONNECTED),
+  // while the interface is still there and can be opened anew.
+  void loseHandles();
 
   HidFaults faults;
   std::uint16_t inputLength;
@@ -73,22 +76,25 @@ class HidDevice : public std::enable_shared_from_this<HidDevice> {
   Machine* machine_ = nullptr;  // while plugged in
   unsigned plugCount_ = 0;
   int opens_ = 0;
-  std::vector<HidOpen*> handles_;
+  std::vector<HidOpen*> handles_;  // live ones
 };
 
-// An open handle to a HID interface. The class driver keeps the last 32 input reports for each.
+// An open handle to a HID interface, for which the class driver keeps the last input reports.
 class HidOpen final : public Object {
  public:
-  explicit HidOpen(std::shared_ptr<HidDevice> device);
+  HidOpen(std::shared_ptr<HidDevice> device, DWORD access, DWORD shareMode);
   ~HidOpen() override;
   bool signalled(const Thread&) const override { return gone || !reports.empty(); }
   void handleClosed(Kernel& kernel) override;
   const char* kind() const override { return "HID report"; }
 
   const std::shared_ptr<HidDevice> device;
+  const DWORD access;
+  const DWORD shareMode;
   std::deque<Bytes> reports;
-  bool gone = false;  // pulled out, or closed while somebody reads
-  int reads = 0;      // in progress: the real system would keep whoever closes the handle waiting for them
+  std::size_t reportsKept = 32;  // the driver's default; nobody asks for another
+  bool gone = false;             // pulled out, dead, or closed while somebody reads
+  int reads = 0;                 // in progress: the real system would keep whoever closes the handle waiting for them
 };
 
 // An interface that is on the bus and does nothing: somebody else's keyboard, or a collection without our protocol.

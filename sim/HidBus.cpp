@@ -5,6 +5,16 @@
 #include "sim/Machine.h"
 
 namespace sim {
+namespace {
+
+// Whether one who shares so much lets another have this access.
+bool shares(DWORD shareMode, DWORD access) {
+  const bool reads = (access & (GENERIC_READ | FILE_READ_DATA)) != 0;
+  const bool writes = (access & GENERIC_WRITE) != 0;
+  return (!reads || (shareMode & FILE_SHARE_READ) != 0) && (!writes || (shareMode & FILE_SHARE_WRITE) != 0);
+}
+
+}  // namespace
 
 void HidBus::plug(const std::shared_ptr<HidDevice>& device) {
   if (device->machine_) return;
@@ -18,12 +28,8 @@ void HidBus::unplug(const std::shared_ptr<HidDevice>& device) {
   if (!device->machine_) return;
   std::erase(devices_, device);
   device->onUnplugged();
+  device->loseHandles();
   device->machine_ = nullptr;
-  for (HidOpen* handle : std::vector(device->handles_)) {
-    handle->gone = true;
-    machine_.kernel().changed(*handle);
-  }
-  device->handles_.clear();
 }
 
 std::vector<std::wstring> HidBus::paths() const {
@@ -33,12 +39,17 @@ std::vector<std::wstring> HidBus::paths() const {
   return result;
 }
 
-std::shared_ptr<HidOpen> HidBus::open(const std::wstring& path) {
+std::shared_ptr<HidOpen> HidBus::open(const std::wstring& path, DWORD access, DWORD shareMode, DWORD& error) {
   for (const auto& device : devices_) {
     if (device->path() != path) continue;
     const int number = device->opens_++;
+    error = ERROR_ACCESS_DENIED;
     if (device->faults.refuseOpen && device->faults.refuseOpen(number)) return nullptr;
-    return std::make_shared<HidOpen>(device);
+    error = ERROR_SHARING_VIOLATION;
+    for (const HidOpen* other : device->handles_) {
+      if (!shares(other->shareMode, access) || !shares(shareMode, other->access)) return nullptr;
+    }
+    return std::make_shared<HidOpen>(device, access, shareMode);
   }
   return nullptr;
 }

@@ -17,7 +17,8 @@ class HidBus {
   void plug(const std::shared_ptr<HidDevice>& device);
   void unplug(const std::shared_ptr<HidDevice>& device);
   std::vector<std::wstring> paths() const;
-  std::shared_ptr<HidOpen> open(const std::wstring& path);
+  // Null, and why: an error of the system.
+  std::shared_ptr<HidOpen> open(const std::wstring& path, DWORD access, DWORD shareMode, DWORD& error);
   static void deliver(HidDevice& device, std::span<const std::uint8_t> report) { device.onOutput(report); }
 
  private:

@@ -373,6 +373,7 @@ void Kernel::endSelf(Thread& me) {
 void Kernel::finish(Thread& thread) {
   thread.state = Thread::State::ended;
   thread.used.clear();
+  thread.goWithIt.clear();
   for (Mutex* mutex : std::exchange(thread.owned, {})) {
     mutex->owner_ = nullptr;
     mutex->depth_ = 0;
@@ -442,7 +443,7 @@ HANDLE Kernel::open(std::shared_ptr<Object> object) {
 bool Kernel::close(HANDLE handle) {
   const auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
   if (it == handles_.end()) {
-    misused();
+    misused("CloseHandle: not an open handle");
     return false;
   }
   const auto object = it->second;

@@ -130,6 +130,9 @@ class Thread final : public Object {
   std::shared_ptr<MessageQueue> messages;  // from the thread's first look at them on
   std::array<void*, 8> locals{};           // by the index that TlsAlloc gives
   Turns turns;
+  int apartments = 0;                             // CoInitialize that has not been balanced
+  bool comByOthers = false;                       // somebody else has initialised COM for it, and otherwise
+  std::vector<std::shared_ptr<Object>> goWithIt;  // what the system takes back when it ends
 
  private:
   friend class Kernel;
@@ -233,8 +236,11 @@ class Kernel {
   std::uint64_t forcedEnds() const { return forcedEnds_; }
   void countForcedEnd() { ++forcedEnds_; }
   std::uint64_t waits() const { return waits_; }
-  std::uint64_t misuses() const { return misuses_; }  // calls on handles that are closed or of another kind
-  void misused() { ++misuses_; }
+  // Rules of calls that callers have broken, the first of them, as "IAudioClient::Start: already started".
+  const std::vector<std::string>& misuses() const { return misuses_; }
+  void misused(std::string what) {
+    if (misuses_.size() < kMisusesKept) misuses_.push_back(std::move(what));
+  }
 
   // Ends every simulated thread by force (the machine is being switched off).
   void switchOff();
@@ -276,7 +282,8 @@ class Kernel {
   Chooser chooser_;
   std::uint64_t sequence_ = 0;
   std::uint64_t waits_ = 0;
-  std::uint64_t misuses_ = 0;
+  static constexpr std::size_t kMisusesKept = 100;
+  std::vector<std::string> misuses_;
   std::uint64_t forcedEnds_ = 0;
   std::map<TimerKey, Timer> timers_;
   std::list<std::shared_ptr<Thread>> threads_;

@@ -122,8 +122,8 @@ Balance Machine::balance() {
   const Kernel::Lock lock = kernel_.enterQuietly();
   return {.handles = kernel_.openHandles(),
           .threads = kernel_.runningThreads(),
-          .deviceLists = deviceLists,
-          .preparsedData = preparsedData,
+          .deviceLists = deviceLists.size(),
+          .preparsedData = preparsedData.size(),
           .sound = sound_.open};
 }
 
@@ -132,7 +132,7 @@ std::uint64_t Machine::waits() {
   return kernel_.waits();
 }
 
-std::uint64_t Machine::misuses() {
+std::vector<std::string> Machine::misuses() {
   const Kernel::Lock lock = kernel_.enterQuietly();
   return kernel_.misuses();
 }
@@ -145,6 +145,20 @@ std::string Machine::waiting() {
 std::uint64_t Machine::forcedEnds() {
   const Kernel::Lock lock = kernel_.enterQuietly();
   return kernel_.forcedEnds();
+}
+
+void Machine::failCall(std::uint64_t n) {
+  locked([&] { faults_.failCall(n); });
+}
+
+std::uint64_t Machine::callsThatCanFail() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return faults_.calls();
+}
+
+std::string Machine::failedCall() {
+  const Kernel::Lock lock = kernel_.enterQuietly();
+  return faults_.failedCall();
 }
 
 void Machine::record(bool on) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/Faults.h"
 #include "sim/HidBus.h"
 #include "sim/Kernel.h"
 #include "sim/Peripherals.h"
@@ -39,6 +40,9 @@ struct Balance {
 
 // A loadable library: its entry points by name.
 using Library = std::map<std::string, FARPROC>;
+
+struct DeviceList;
+struct ParsedDescriptor;
 
 class Machine {
  public:
@@ -79,9 +83,17 @@ class Machine {
 
   Balance balance();
   std::uint64_t waits();
-  std::uint64_t misuses();
+  // Rules of the seam that were broken, as "IAudioClient::Start: already started". Empty after a good run.
+  std::vector<std::string> misuses();
   std::string waiting();       // which threads wait for what, a line each
   std::uint64_t forcedEnds();  // threads that were ended by force
+
+  // Calls that fail by their name: see Faults.
+  Faults& faults() { return faults_; }
+  // The n-th call from now on that can fail does (0: none); how many there were since; and which it was.
+  void failCall(std::uint64_t n);
+  std::uint64_t callsThatCanFail();
+  std::string failedCall();
 
   // The log: what happened, with its time, thread, device and handle, when recording is on. Tests add their own lines.
   void record(bool on);
@@ -97,8 +109,8 @@ class Machine {
   // What happened, and where it did, at which device.
   void noteLocked(const std::string& line, const HidDevice* device = nullptr, HANDLE handle = nullptr);
   const Library* library(const std::wstring& fileName) const;
-  std::size_t deviceLists = 0;
-  std::size_t preparsedData = 0;
+  std::map<void*, std::shared_ptr<DeviceList>> deviceLists;  // open ones
+  std::map<void*, std::shared_ptr<ParsedDescriptor>> preparsedData;
 
  private:
   ScheduleOptions tellingChoices(ScheduleOptions schedule);
@@ -107,6 +119,7 @@ class Machine {
   std::string log_;
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> logFile_{nullptr, std::fclose};
   std::map<std::wstring, Library> libraries_;
+  Faults faults_;
   HidBus hid_;
   SoundSystem sound_;
   Peripherals peripherals_;

@@ -1,9 +1,10 @@
-// Wave-in and mixers on the simulated machine.
+// Wave-in on the simulated machine.
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include "platform/os.h"
-#include "sim/Machine.h"
+#include "sim/Call.h"
 
 namespace sim {
 namespace {
@@ -13,22 +14,27 @@ constexpr std::size_t kRate = 16000;
 // An open capture device. Its driver fills the buffers that it has, one after the other, at the speed of sound.
 class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> {
  public:
-  WaveIn(std::shared_ptr<Microphone> source, DWORD threadId) : microphone(std::move(source)), thread(threadId) {}
+  WaveIn(std::shared_ptr<Microphone> source, DWORD threadId)
+      : microphone(std::move(source)), thread(threadId), pulls_(microphone->pulls) {}
   bool signalled(const Thread&) const override { return false; }
   const char* kind() const override { return "wave-in"; }
 
+  // Pulled out since it was opened: there is no driver any more, and nothing is filled.
+  bool gone() const { return microphone->pulls != pulls_; }
+  bool has(const WAVEHDR* header) const { return std::find(queue.begin(), queue.end(), header) != queue.end(); }
   void start(Kernel& kernel) {
     if (running) return;
     running = true;
-    began = kernel.now();
+    began_ = kernel.now();
     schedule(kernel);
   }
   // The buffer that is being filled comes back as far as it is.
   void stop(Kernel& kernel) {
     if (!running) return;
     running = false;
-    ++generation;
-    const auto samples = static_cast<std::size_t>((kernel.now() - began).count()) * kRate / 1'000'000;
+    ++generation_;
+    if (gone()) return;
+    const auto samples = static_cast<std::size_t>(std::max(kernel.now() - began_, Time{0}).count()) * kRate / 1'000'000;
     if (!queue.empty()) giveBack(kernel, std::min<std::size_t>(2 * samples, queue.front()->dwBufferLength));
   }
   void reset(Kernel& kernel) {
@@ -47,23 +53,28 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
   const DWORD thread;
   HANDLE handle = nullptr;
   std::deque<WAVEHDR*> queue;
+  struct Prepared {
+    const char* data;
+    DWORD length;
+    bool operator==(const Prepared&) const = default;
+  };
+  std::map<const WAVEHDR*, Prepared> prepared;
   bool running = false;
-  unsigned generation = 0;
-  unsigned returned = 0;
-  Time began{0};
 
  private:
+  // Began is when the buffer in hand did by the clock of the sound; a driver that is late says so later.
   void schedule(Kernel& kernel) {
     constexpr std::size_t kUsualBytes = 4096;
     const std::size_t bytes = queue.empty() ? kUsualBytes : queue.front()->dwBufferLength;
-    const Time time(static_cast<std::int64_t>(bytes / 2 * 1'000'000 / kRate));
-    kernel.after(time, [this, &kernel, weak = weak_from_this(), mine = generation, bytes] {
+    const Time full = began_ + Time(static_cast<std::int64_t>(bytes / 2 * 1'000'000 / kRate));
+    const Time late = jitter(kernel, microphone->jitter);
+    kernel.after(full + late - kernel.now(), [this, &kernel, weak = weak_from_this(), mine = generation_, bytes, full] {
       const auto self = weak.lock();
-      if (!self || !running || generation != mine) return;
-      began = kernel.now();
+      if (!self || !running || generation_ != mine || gone()) return;
+      began_ = full;
       if (!queue.empty()) {
-        ++returned;
-        const bool empty = microphone->emptyEvery != 0 && returned % microphone->emptyEvery == 0;
+        ++returned_;
+        const bool empty = microphone->emptyEvery != 0 && returned_ % microphone->emptyEvery == 0;
         giveBack(kernel, empty ? 0 : microphone->halfFull ? bytes / 2 : bytes);
       }
       schedule(kernel);
@@ -93,48 +104,50 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
       say();
     }
   }
+
+  const unsigned pulls_;
+  unsigned generation_ = 0;
+  unsigned returned_ = 0;
+  Time began_{0};
 };
 
-class MixerHandle final : public Object {
- public:
-  explicit MixerHandle(std::size_t mixer) : index(mixer) {}
-  bool signalled(const Thread&) const override { return false; }
-  const char* kind() const override { return "mixer"; }
-  const std::size_t index;
-};
-
-MMRESULT injected(const char* call) { return static_cast<MMRESULT>(Machine::current().sound().fault(call)); }
-
-// Runs `body` on the open device behind a handle.
-template <class Body>
-MMRESULT withDevice(const char* call, HWAVEIN handle, Body body) {
-  Machine& machine = Machine::current();
-  Kernel::Lock lock = machine.kernel().enter();
-  machine.sound().stalled(lock, call);
-  if (const MMRESULT error = injected(call); error != 0) return error;
-  const auto device = machine.kernel().find<WaveIn>(handle);
-  if (!device) {
-    machine.kernel().misused();
-    return MMSYSERR_INVALHANDLE;
-  }
-  return body(machine, *device);
+// The device behind a handle, for a call that fails with `usual` where that is asked for. Null: the call is over, and
+// returns `result`.
+WaveIn* deviceFor(Call& call, HWAVEIN handle, MMRESULT usual, MMRESULT& result) {
+  call.stall();
+  result = call.fault(usual);
+  if (result != MMSYSERR_NOERROR) return nullptr;
+  auto* device = call.object<WaveIn>(handle);
+  if (!device) result = MMSYSERR_INVALHANDLE;
+  return device;
 }
 
-template <class Body>
-MMRESULT withMixer(const char* call, HMIXEROBJ object, Body body) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  if (const MMRESULT error = injected(call); error != 0) return error;
-  const auto mixer = machine.kernel().find<MixerHandle>(object);
-  if (!mixer) {
-    machine.kernel().misused();
-    return MMSYSERR_INVALHANDLE;
+// The same for a call that works on a header.
+WaveIn* deviceFor(Call& call, HWAVEIN handle, const WAVEHDR* header, UINT size, MMRESULT usual, MMRESULT& result) {
+  auto* device = deviceFor(call, handle, usual, result);
+  if (device && (!header || size < sizeof *header || !header->lpData)) {
+    result = call.misused("no header, one without data, or one of another size", MMSYSERR_INVALPARAM);
+    return nullptr;
   }
-  return body(machine.sound().mixers.at(mixer->index));
+  return device;
 }
 
-void fillName(WCHAR (&field)[MAXPNAMELEN], const std::wstring& name) {
-  std::copy_n(name.begin(), std::min<std::size_t>(name.size(), MAXPNAMELEN), field);
+// A header that is prepared stays where it is and as it is.
+bool isPrepared(Call& call, const WaveIn& device, const WAVEHDR& header) {
+  const auto it = device.prepared.find(&header);
+  if (it == device.prepared.end()) {
+    if ((header.dwFlags & WHDR_PREPARED) != 0) call.misused("a header that was moved while it was prepared", 0);
+    return false;
+  }
+  if (it->second != WaveIn::Prepared{header.lpData, header.dwBufferLength}) {
+    call.misused("a header whose data was changed while it was prepared", 0);
+  }
+  return true;
+}
+
+bool isConsistent(const WAVEFORMATEX& format) {
+  return format.nBlockAlign == format.nChannels * format.wBitsPerSample / 8 &&
+         format.nAvgBytesPerSec == format.nSamplesPerSec * format.nBlockAlign;
 }
 
 }  // namespace
@@ -142,23 +155,21 @@ void fillName(WCHAR (&field)[MAXPNAMELEN], const std::wstring& name) {
 
 namespace os {
 
-using sim::Kernel;
-using sim::Machine;
+using sim::Call;
 
 UINT waveInGetNumDevs() {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  return static_cast<UINT>(machine.sound().microphones.size());
+  Call call("waveInGetNumDevs");
+  return static_cast<UINT>(call.machine.sound().microphones.size());
 }
 
 MMRESULT waveInGetDevCapsW(UINT_PTR device, WAVEINCAPSW* caps, UINT size) {
-  Machine& machine = Machine::current();
-  Kernel::Lock lock = machine.kernel().enter();
-  machine.sound().stalled(lock, "waveInGetDevCapsW");
-  const auto& microphones = machine.sound().microphones;
-  if (const MMRESULT error = sim::injected("waveInGetDevCapsW"); error != 0) return error;
+  Call call("waveInGetDevCapsW");
+  call.stall();
+  if (!caps || size < sizeof *caps) return call.misused("no room for all of them", MMSYSERR_INVALPARAM);
+  if (const MMRESULT error = call.fault(MMSYSERR_NODRIVER); error != 0) return error;
+  // A device may have gone since they were counted.
+  const auto& microphones = call.machine.sound().microphones;
   if (device >= microphones.size()) return MMSYSERR_BADDEVICEID;
-  if (size < sizeof *caps) return MMSYSERR_INVALPARAM;
   sim::fillName(caps->szPname, microphones[device]->name);
   caps->dwFormats = 0xFFFFF;  // every format that has a bit; no zero ends a name that fills its field
   caps->wChannels = 1;
@@ -167,154 +178,114 @@ MMRESULT waveInGetDevCapsW(UINT_PTR device, WAVEINCAPSW* caps, UINT size) {
 
 MMRESULT waveInOpen(HWAVEIN* handle, UINT device, const WAVEFORMATEX* format, DWORD_PTR callback, DWORD_PTR,
                     DWORD flags) {
-  Machine& machine = Machine::current();
-  Kernel::Lock lock = machine.kernel().enter();
-  machine.sound().stalled(lock, "waveInOpen");
-  if (const MMRESULT error = sim::injected("waveInOpen"); error != 0) return error;
-  if (device >= machine.sound().microphones.size()) return MMSYSERR_BADDEVICEID;
+  Call call("waveInOpen");
+  call.stall();
+  if (!handle || !format) return call.misused("no handle, or no format", MMSYSERR_INVALPARAM);
+  if (flags != CALLBACK_THREAD) return call.misused("the machine knows messages to threads alone", MMSYSERR_INVALFLAG);
+  if (!sim::isConsistent(*format)) return call.misused("a format that contradicts itself", WAVERR_BADFORMAT);
+  if (const MMRESULT error = call.fault(MMSYSERR_ALLOCATED); error != 0) return error;
+  const auto& microphones = call.machine.sound().microphones;
+  if (device >= microphones.size()) return MMSYSERR_BADDEVICEID;
   if (format->wFormatTag != WAVE_FORMAT_PCM || format->nChannels != 1 || format->nSamplesPerSec != sim::kRate ||
       format->wBitsPerSample != 16) {
     return WAVERR_BADFORMAT;
   }
-  if (flags != CALLBACK_THREAD) return MMSYSERR_INVALPARAM;
-  const auto open = std::make_shared<sim::WaveIn>(machine.sound().microphones[device], static_cast<DWORD>(callback));
-  open->handle = machine.kernel().open(open);
+  const auto open = std::make_shared<sim::WaveIn>(microphones[device], static_cast<DWORD>(callback));
+  open->handle = call.kernel.open(open);
   *handle = static_cast<HWAVEIN>(open->handle);
-  open->post(machine.kernel(), MM_WIM_OPEN, 0);
+  open->post(call.kernel, MM_WIM_OPEN, 0);
   return MMSYSERR_NOERROR;
 }
 
 MMRESULT waveInClose(HWAVEIN handle) {
-  return sim::withDevice("waveInClose", handle, [handle](Machine& machine, sim::WaveIn& device) -> MMRESULT {
-    if (!device.queue.empty()) return WAVERR_STILLPLAYING;
-    device.running = false;
-    device.post(machine.kernel(), MM_WIM_CLOSE, 0);
-    machine.kernel().close(handle);
-    return MMSYSERR_NOERROR;
-  });
-}
-
-MMRESULT waveInPrepareHeader(HWAVEIN handle, WAVEHDR* header, UINT) {
-  return sim::withDevice("waveInPrepareHeader", handle, [header](Machine& machine, sim::WaveIn&) {
-    if ((header->dwFlags & WHDR_PREPARED) == 0) ++machine.sound().open.preparedHeaders;
-    header->dwFlags |= WHDR_PREPARED;
-    return MMSYSERR_NOERROR;
-  });
-}
-
-MMRESULT waveInUnprepareHeader(HWAVEIN handle, WAVEHDR* header, UINT) {
-  return sim::withDevice("waveInUnprepareHeader", handle, [header](Machine& machine, sim::WaveIn&) -> MMRESULT {
-    if ((header->dwFlags & WHDR_INQUEUE) != 0) return WAVERR_STILLPLAYING;
-    if ((header->dwFlags & WHDR_PREPARED) != 0) --machine.sound().open.preparedHeaders;
-    header->dwFlags &= ~WHDR_PREPARED;
-    return MMSYSERR_NOERROR;
-  });
-}
-
-MMRESULT waveInAddBuffer(HWAVEIN handle, WAVEHDR* header, UINT) {
-  return sim::withDevice("waveInAddBuffer", handle, [header](Machine& machine, sim::WaveIn& device) -> MMRESULT {
-    if ((header->dwFlags & WHDR_PREPARED) == 0) return WAVERR_UNPREPARED;
-    if ((header->dwFlags & WHDR_INQUEUE) != 0) {
-      machine.kernel().misused();
-      return WAVERR_STILLPLAYING;
-    }
-    header->dwFlags = (header->dwFlags | WHDR_INQUEUE) & ~WHDR_DONE;
-    device.queue.push_back(header);
-    return MMSYSERR_NOERROR;
-  });
-}
-
-MMRESULT waveInStart(HWAVEIN handle) {
-  return sim::withDevice("waveInStart", handle, [](Machine& machine, sim::WaveIn& device) {
-    device.start(machine.kernel());
-    return MMSYSERR_NOERROR;
-  });
-}
-
-MMRESULT waveInStop(HWAVEIN handle) {
-  return sim::withDevice("waveInStop", handle, [](Machine& machine, sim::WaveIn& device) {
-    device.stop(machine.kernel());
-    return MMSYSERR_NOERROR;
-  });
-}
-
-MMRESULT waveInReset(HWAVEIN handle) {
-  return sim::withDevice("waveInReset", handle, [](Machine& machine, sim::WaveIn& device) {
-    device.reset(machine.kernel());
-    return MMSYSERR_NOERROR;
-  });
-}
-
-UINT mixerGetNumDevs() {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  return static_cast<UINT>(machine.sound().mixers.size());
-}
-
-MMRESULT mixerOpen(HMIXER* handle, UINT mixer, DWORD_PTR, DWORD_PTR, DWORD flags) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  if (const MMRESULT error = sim::injected("mixerOpen"); error != 0) return error;
-  if (mixer >= machine.sound().mixers.size() || flags != MIXER_OBJECTF_MIXER) return MMSYSERR_BADDEVICEID;
-  *handle = static_cast<HMIXER>(machine.kernel().open(std::make_shared<sim::MixerHandle>(mixer)));
+  Call call("waveInClose");
+  call.stall();
+  // It may fail, but no more often than other closes.
+  if (const auto error = static_cast<MMRESULT>(call.machine.faults().named(call.name)); error != 0) return error;
+  auto* device = call.object<sim::WaveIn>(handle);
+  if (!device) return MMSYSERR_INVALHANDLE;
+  if (!device->queue.empty()) {
+    // A driver that keeps what it was asked for is not the caller's fault.
+    return device->microphone->keepsOne ? WAVERR_STILLPLAYING
+                                        : call.misused("buffers are in its queue", WAVERR_STILLPLAYING);
+  }
+  if (!device->prepared.empty()) call.misused("headers are still prepared", 0);
+  device->running = false;
+  device->post(call.kernel, MM_WIM_CLOSE, 0);
+  call.kernel.close(handle);
   return MMSYSERR_NOERROR;
 }
 
-MMRESULT mixerClose(HMIXER handle) {
-  Machine& machine = Machine::current();
-  const Kernel::Lock lock = machine.kernel().enter();
-  return machine.kernel().close(handle) ? MMSYSERR_NOERROR : MMSYSERR_INVALHANDLE;
+MMRESULT waveInPrepareHeader(HWAVEIN handle, WAVEHDR* header, UINT size) {
+  Call call("waveInPrepareHeader");
+  MMRESULT result;
+  auto* device = sim::deviceFor(call, handle, header, size, MMSYSERR_NOMEM, result);
+  if (!device) return result;
+  if (device->gone()) return MMSYSERR_NODRIVER;
+  if (device->prepared.contains(header)) return call.misused("prepared already", MMSYSERR_NOERROR);
+  device->prepared[header] = {header->lpData, header->dwBufferLength};
+  header->dwFlags |= WHDR_PREPARED;
+  ++call.machine.sound().open.preparedHeaders;
+  return MMSYSERR_NOERROR;
 }
 
-MMRESULT mixerGetLineInfoW(HMIXEROBJ mixer, MIXERLINEW* line, DWORD flags) {
-  return sim::withMixer("mixerGetLineInfoW", mixer, [line, flags](sim::MixerDevice& device) -> MMRESULT {
-    if (flags == (MIXER_OBJECTF_HMIXER | MIXER_GETLINEINFOF_COMPONENTTYPE)) {
-      if (!device.hasDestination || line->dwComponentType != MIXERLINE_COMPONENTTYPE_DST_WAVEIN) {
-        return MMSYSERR_INVALPARAM;
-      }
-      line->dwDestination = 0;
-      line->cConnections = static_cast<DWORD>(device.sources.size());
-      sim::fillName(line->Target.szPname, device.name);
-      return MMSYSERR_NOERROR;
-    }
-    if (flags != (MIXER_OBJECTF_HMIXER | MIXER_GETLINEINFOF_SOURCE) || line->dwSource >= device.sources.size()) {
-      return MMSYSERR_INVALPARAM;
-    }
-    line->dwComponentType = device.sources[line->dwSource].componentType;
-    line->dwLineID = device.sources[line->dwSource].lineId;
-    return MMSYSERR_NOERROR;
-  });
+// One that is not prepared is left as it is: no rule is broken.
+MMRESULT waveInUnprepareHeader(HWAVEIN handle, WAVEHDR* header, UINT size) {
+  Call call("waveInUnprepareHeader");
+  MMRESULT result;
+  auto* device = sim::deviceFor(call, handle, header, size, MMSYSERR_NOMEM, result);
+  if (!device) return result;
+  if (device->has(header)) {
+    return device->microphone->keepsOne ? WAVERR_STILLPLAYING : call.misused("it is in the queue", WAVERR_STILLPLAYING);
+  }
+  if (!sim::isPrepared(call, *device, *header)) return MMSYSERR_NOERROR;
+  device->prepared.erase(header);
+  header->dwFlags &= ~WHDR_PREPARED;
+  --call.machine.sound().open.preparedHeaders;
+  return MMSYSERR_NOERROR;
 }
 
-MMRESULT mixerGetLineControlsW(HMIXEROBJ mixer, MIXERLINECONTROLSW* controls, DWORD flags) {
-  return sim::withMixer("mixerGetLineControlsW", mixer, [controls, flags](sim::MixerDevice& device) -> MMRESULT {
-    if (flags != (MIXER_OBJECTF_MIXER | MIXER_GETLINECONTROLSF_ONEBYTYPE) ||
-        controls->dwControlType != MIXERCONTROL_CONTROLTYPE_VOLUME || controls->cControls != 1 ||
-        controls->cbmxctrl != sizeof(MIXERCONTROLW)) {
-      return MMSYSERR_INVALPARAM;
-    }
-    controls->pamxctrl->dwControlID = controls->dwLineID;  // one control to a line
-    controls->pamxctrl->Bounds.dwMaximum = device.bound;
-    return MMSYSERR_NOERROR;
-  });
+MMRESULT waveInAddBuffer(HWAVEIN handle, WAVEHDR* header, UINT size) {
+  Call call("waveInAddBuffer");
+  MMRESULT result;
+  auto* device = sim::deviceFor(call, handle, header, size, MMSYSERR_NOMEM, result);
+  if (!device) return result;
+  if (!sim::isPrepared(call, *device, *header)) return call.misused("it is not prepared", WAVERR_UNPREPARED);
+  if (device->has(header)) return call.misused("it is in the queue already", WAVERR_STILLPLAYING);
+  if (device->gone()) return MMSYSERR_NODRIVER;
+  header->dwFlags = (header->dwFlags | WHDR_INQUEUE) & ~WHDR_DONE;
+  device->queue.push_back(header);
+  return MMSYSERR_NOERROR;
 }
 
-MMRESULT mixerGetControlDetailsW(HMIXEROBJ mixer, MIXERCONTROLDETAILS* details, DWORD) {
-  return sim::withMixer("mixerGetControlDetailsW", mixer, [details](sim::MixerDevice& device) {
-    const MIXERCONTROLDETAILS_UNSIGNED value{device.volumes[details->dwControlID]};
-    std::memcpy(details->paDetails, &value, std::min<std::size_t>(sizeof value, details->cbDetails));
-    return MMSYSERR_NOERROR;
-  });
+MMRESULT waveInStart(HWAVEIN handle) {
+  Call call("waveInStart");
+  MMRESULT result;
+  auto* device = sim::deviceFor(call, handle, MMSYSERR_NOMEM, result);
+  if (!device) return result;
+  if (device->gone()) return MMSYSERR_NODRIVER;
+  device->start(call.kernel);
+  return MMSYSERR_NOERROR;
 }
 
-MMRESULT mixerSetControlDetails(HMIXEROBJ mixer, MIXERCONTROLDETAILS* details, DWORD flags) {
-  return sim::withMixer("mixerSetControlDetails", mixer, [details, flags](sim::MixerDevice& device) -> MMRESULT {
-    if (flags != (MIXER_OBJECTF_HMIXER | MIXER_SETCONTROLDETAILSF_VALUE)) return MMSYSERR_INVALPARAM;
-    MIXERCONTROLDETAILS_UNSIGNED value;
-    std::memcpy(&value, details->paDetails, sizeof value);
-    device.volumes[details->dwControlID] = value.dwValue;
-    return MMSYSERR_NOERROR;
-  });
+MMRESULT waveInStop(HWAVEIN handle) {
+  Call call("waveInStop");
+  MMRESULT result;
+  auto* device = sim::deviceFor(call, handle, MMSYSERR_NOMEM, result);
+  if (!device) return result;
+  if (device->gone()) return MMSYSERR_NODRIVER;
+  device->stop(call.kernel);
+  return MMSYSERR_NOERROR;
+}
+
+// Also where the driver has gone, this gives the buffers back.
+MMRESULT waveInReset(HWAVEIN handle) {
+  Call call("waveInReset");
+  MMRESULT result;
+  auto* device = sim::deviceFor(call, handle, MMSYSERR_NOMEM, result);
+  if (!device) return result;
+  device->reset(call.kernel);
+  return MMSYSERR_NOERROR;
 }
 
 }  // namespace os

@@ -1,23 +1,30 @@
 #include "sim/Sound.h"
 
 #include <cstring>
+#include <new>
 
 #include "sim/Machine.h"
 
 namespace sim {
 
 SoundSystem::~SoundSystem() {
-  for (ComObject* object : objects) delete object;
+  for (void* memory : taskMemory) ::operator delete(memory);
 }
 
-std::int64_t SoundSystem::fault(const std::string& call) {
-  const auto it = faults_.find(call);
-  if (it == faults_.end() || it->second.after-- > 0) return 0;
-  return it->second.result;
+void SoundSystem::add(std::unique_ptr<ComObject> object) {
+  objects.insert(object.get());
+  ++open.comReferences;
+  allObjects_.push_back(std::move(object));
 }
 
-void SoundSystem::stalled(Kernel::Lock& lock, const std::string& call) {
-  if (const auto it = stalls_.find(call); it != stalls_.end()) machine_.kernel().sleep(lock, it->second);
+void SoundSystem::pullOut(const std::shared_ptr<Microphone>& microphone) {
+  std::erase(microphones, microphone);
+  ++microphone->pulls;
+}
+
+void SoundSystem::pullOutSpeaker() {
+  hasSpeaker = false;
+  ++speaker.pulls;
 }
 
 std::vector<std::uint8_t> mixFormat(int rate, int channels, bool isFloat, bool extensible) {

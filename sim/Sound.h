@@ -1,6 +1,7 @@
 // The machine's sound: microphones behind wave-in, mixers, capture endpoints, and a render endpoint that plays.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -30,6 +31,8 @@ struct Microphone {
   bool returnsTwice = false;  // says twice that a buffer is back
   Time late{0};               // before it says that a buffer is back
   bool keepsOne = false;      // does not give the last buffer back when it is reset
+  Time jitter{0};             // fills a buffer so much later at most, at random; less than a buffer's time
+  unsigned pulls = 0;         // how often it has been pulled out: who has opened it before has no driver
 };
 
 // A mixer with its wave-in destination.
@@ -48,7 +51,8 @@ struct MixerDevice {
 struct CaptureEndpoint {
   std::wstring name;
   float volume = 0.5F;
-  bool muted = false;
+  bool sessionMuted = false;  // of the program's own session (ISimpleAudioVolume)
+  bool muted = false;         // the endpoint's (IAudioEndpointVolume)
 };
 
 // What plays, in the format that the engine mixes in.
@@ -60,6 +64,8 @@ struct RenderEndpoint {
   REFERENCE_TIME period = 100'000;      // 100 ns
   std::size_t packetFrames = 0;         // 0: as many as a period has
   std::vector<DWORD> flags;             // of the packets, in turn; none: 0
+  Time jitter{0};                       // a period ends so much later at most, at random; less than a period
+  unsigned pulls = 0;                   // how often it has been pulled out: streams from before are invalid
 };
 
 // A mix format: 32-bit float or 16-bit integer, plain or extensible.
@@ -76,11 +82,29 @@ struct ClientSetup {
   DWORD bytesPerSecond = 0;
 };
 
-// A COM object that is not released goes with the machine.
+// Every COM object goes with the machine: one that is used after its last Release is found out, and nothing breaks.
 class ComObject {
  public:
+  explicit ComObject(const char* interfaceName) : name(interfaceName) {}
   virtual ~ComObject() = default;
+  ComObject(const ComObject&) = delete;
+  ComObject& operator=(const ComObject&) = delete;
+  virtual void released() {}  // for the last time
+
+  const char* const name;
+  ULONG references = 1;
 };
+
+// A time from none to `most`, from the machine's own sequence.
+inline Time jitter(Kernel& kernel, Time most) {
+  if (most.count() <= 0) return Time{0};
+  return Time(static_cast<std::int64_t>(kernel.random() % static_cast<std::uint64_t>(most.count() + 1)));
+}
+
+// What of a name fits into a field of a fixed size.
+inline void fillName(WCHAR (&field)[MAXPNAMELEN], const std::wstring& name) {
+  std::copy_n(name.begin(), std::min<std::size_t>(name.size(), MAXPNAMELEN), field);
+}
 
 class SoundSystem {
  public:
@@ -95,17 +119,9 @@ class SoundSystem {
   RenderEndpoint speaker;
   bool hasSpeaker = false;
 
-  // Makes a call fail with this result, after so many that succeed. Names as "waveInOpen", "IAudioClient::Start".
-  void fail(const std::string& call, std::int64_t result, int after = 0) { faults_[call] = {result, after}; }
-  void repair() {
-    faults_.clear();
-    stalls_.clear();
-  }
-  // Makes a call of wave-in or of an audio interface take so long.
-  void stall(const std::string& call, Time time) { stalls_[call] = time; }
-  void stalled(Kernel::Lock& lock, const std::string& call);
-  // 0 when the call is to succeed.
-  std::int64_t fault(const std::string& call);
+  // Pulls a microphone, or the speaker, out, also while they are recorded. Putting it back: microphones, hasSpeaker.
+  void pullOut(const std::shared_ptr<Microphone>& microphone);
+  void pullOutSpeaker();
 
   // ---- What the machine sees; all zero after a clean stop ----
   struct Open {
@@ -118,18 +134,15 @@ class SoundSystem {
   };
   Open open;
   ClientSetup clientSetup;
-  std::set<ComObject*> objects;
+  std::set<ComObject*> objects;  // with references
+  std::set<void*> taskMemory;
+  void add(std::unique_ptr<ComObject> object);
 
   Machine& machine() { return machine_; }
 
  private:
-  struct Fault {
-    std::int64_t result;
-    int after;
-  };
   Machine& machine_;
-  std::map<std::string, Fault> faults_;
-  std::map<std::string, Time> stalls_;
+  std::vector<std::unique_ptr<ComObject>> allObjects_;  // released ones, too
 };
 
 }  // namespace sim

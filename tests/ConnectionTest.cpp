@@ -241,6 +241,18 @@ TEST(Connection, ADeviceIsServedAgainWhileItsEndIsStillBeingTold) {
   EXPECT_EQ(desk.machine.forcedEnds(), 1U) << "the client kept it for more than two seconds";
 }
 
+TEST(Connection, HandlesThatDieAreReplacedWithoutAReplug) {
+  Desk desk;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  desk.record.clear();
+  desk.machine.locked([&] { wren->loseHandles(); });
+  desk.run(5s);
+  EXPECT_EQ(desk.record.lines("Hid"), (std::vector<std::string>{"HidDisconnect 1", "HidConnect 2"}));
+  desk.hub->ChooseWorkHidDevice(2);
+  EXPECT_TRUE(desk.hub->OpenHidRecord());
+}
+
 TEST(Connection, ReaderServesTheModelItHasSettledOn) {
   Desk desk;
   desk.open();

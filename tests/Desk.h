@@ -51,7 +51,8 @@ class Record : public VoxMessageSink {
 
 std::string hex(const std::vector<std::uint8_t>& bytes);
 
-// Owns the machine, the hub and the record; checks at its end that nothing is left open and no handle was misused.
+// Owns the machine, the hub and the record; checks at its end that nothing is left open and no rule of the system's was
+// broken.
 class Desk {
  public:
   explicit Desk(sim::MachineOptions options = {});
@@ -64,6 +65,8 @@ class Desk {
   std::shared_ptr<sim::VirtualMouse> make(const std::string& model, sim::Link link = sim::Link::usb);
   void open() { hub->OpenDevice(reinterpret_cast<void*>(&Desk::onAudio), this); }
   void run(sim::Time time) { machine.sleep(time); }
+  // A new hub with every callback, in place of the one before.
+  void makeHub();
   // CloseDevice and Release, and no hub any more.
   void close();
   std::vector<std::int16_t> pcm();

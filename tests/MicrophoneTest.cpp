@@ -164,13 +164,13 @@ TEST(Microphone, FailuresOfEveryStepAreReported) {
     SCOPED_TRACE(c.log);
     RecordDesk desk;
     desk.sound().endpoints = {{L"VoxMouse Tern"}};
-    desk.sound().fail(c.call, c.result, c.after);
+    desk.machine.faults().fail(c.call, c.result, c.after);
     EXPECT_EQ(desk.recorder->StartRecord(), 0);
     EXPECT_EQ(desk.record.lines(),
               (Lines{std::string("Log 6 ") + c.log, "Log 6 打开录音设备失败", "Tray 1 打开录音设备失败"}));
     // Where the device is open, the record thread deliberately waits.
     EXPECT_EQ(desk.machine.balance().threads, std::string(c.call) == "waveInOpen" ? 0U : 1U);
-    desk.sound().repair();
+    desk.machine.faults().repair();
     desk.microphone().hears = ramp(10'000);
     EXPECT_EQ(desk.recorder->StartRecord(), 1);
     desk.run(300ms);
@@ -180,7 +180,7 @@ TEST(Microphone, FailuresOfEveryStepAreReported) {
   }
   RecordDesk desk;
   desk.sound().endpoints = {{L"VoxMouse Tern"}};
-  desk.sound().fail("waveInStart", 1);
+  desk.machine.faults().fail("waveInStart", 1);
   EXPECT_EQ(desk.recorder->StartRecord(), 0);
   EXPECT_EQ(desk.record.lines(), (Lines{"Log 6 开始采集声音失败", "Tray 1 开始采集声音失败"}));
   // The device is open: it can be stopped.
@@ -193,10 +193,10 @@ TEST(Microphone, StopTellsWhatFailed) {
     RecordDesk desk;
     ASSERT_EQ(desk.recorder->StartRecord(), 1);
     desk.run(200ms);
-    desk.sound().fail(call, 1);
+    desk.machine.faults().fail(call, 1);
     EXPECT_EQ(desk.recorder->StopRecord(), result);
     EXPECT_EQ(desk.sizes.back(), 0);
-    desk.sound().repair();
+    desk.machine.faults().repair();
     desk.run(2s);  // whatever its driver still does, it does not touch freed memory
     EXPECT_EQ(desk.recorder->StopRecord(), 0U);
     EXPECT_EQ(desk.recorder->StartRecord(), 1) << "and it can be used again";
@@ -225,14 +225,40 @@ TEST(Microphone, DriversMayMisbehave) {
     const auto gaps = recordWith([](sim::Microphone& m) { m.emptyEvery = 3; }, seed);
     EXPECT_EQ(std::vector(gaps.begin(), gaps.begin() + 4), (std::vector{4096, 4096, 0, 4096}));
     recordWith([](sim::Microphone& m) { m.late = 90ms; }, seed);
+    recordWith([](sim::Microphone& m) { m.jitter = 100ms; }, seed);
   }
   // A buffer that is refused in mid-recording ends the record thread, without an end mark.
   RecordDesk desk;
   ASSERT_EQ(desk.recorder->StartRecord(), 1);
-  desk.sound().fail("waveInAddBuffer", 1);
+  desk.machine.faults().fail("waveInAddBuffer", 1);
   desk.run(1s);
   EXPECT_EQ(desk.sizes, std::vector<int>{4096});
   EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+TEST(Microphone, MayBePulledOutWhileItRecords) {
+  for (const bool destroy : {false, true}) {
+    RecordDesk desk;
+    const auto microphone = desk.sound().microphones[0];
+    ASSERT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(300ms);
+    desk.sound().pullOut(microphone);
+    desk.run(300ms);
+    EXPECT_EQ(desk.sizes, (std::vector{4096, 4096})) << "nothing is filled any more";
+    if (destroy) {
+      EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
+      continue;
+    }
+    EXPECT_EQ(desk.recorder->StopRecord(), 7U) << "there is no driver to stop it";
+    EXPECT_EQ(desk.sizes.back(), 0);
+    desk.record.clear();
+    EXPECT_EQ(desk.recorder->StartRecord(), 0);
+    EXPECT_EQ(desk.record.lines(), (Lines{"Log 6 没有找到录音设备", "Tray 1 没有找到录音设备"}));
+    desk.sound().microphones = {microphone};
+    EXPECT_EQ(desk.recorder->StartRecord(), 1);
+    desk.run(300ms);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+  }
 }
 
 // ---- How recordings end ----
@@ -257,9 +283,9 @@ TEST(Microphone, AFailedStopSpoilsNoLaterOne) {
   RecordDesk desk;
   ASSERT_EQ(desk.recorder->StartRecord(), 1);
   desk.run(200ms);
-  desk.sound().fail("waveInStop", 1);
+  desk.machine.faults().fail("waveInStop", 1);
   EXPECT_EQ(desk.recorder->StopRecord(), 7U);
-  desk.sound().repair();
+  desk.machine.faults().repair();
   desk.run(2s);
   EXPECT_EQ(desk.sizes, (std::vector{4096, 0})) << "nothing after it has returned";
   for (int i = 0; i < 20; ++i) {
@@ -288,7 +314,7 @@ TEST(Microphone, AStopWaitsForWhatTheDriverHasAndNoMore) {
     for (const bool byCopy : {false, true}) {
       SCOPED_TRACE(c.call + std::to_string(c.after));
       RecordDesk desk;
-      desk.sound().fail(c.call, 1, c.after);
+      desk.machine.faults().fail(c.call, 1, c.after);
       EXPECT_EQ(desk.recorder->StartRecord(), c.started);
       desk.run(300ms);
       CVoxRecord copy(*desk.recorder);
@@ -317,7 +343,7 @@ TEST(Microphone, FailedStartsKeepNoThread) {
     RecordDesk desk;
     desk.sound().endpoints = {{L"VoxMouse Tern"}};
     const auto before = desk.machine.balance();
-    desk.sound().fail(call, 4);
+    desk.machine.faults().fail(call, 4);
     EXPECT_EQ(desk.recorder->StartRecord(), 0);
     // The handle and the stop event of the thread that ended last may be kept until the next start.
     const std::size_t kept = desk.machine.balance().handles - before.handles;
@@ -326,7 +352,7 @@ TEST(Microphone, FailedStartsKeepNoThread) {
     EXPECT_EQ(desk.machine.balance(), (sim::Balance{.handles = before.handles + kept})) << call;
     EXPECT_EQ(desk.record.lines("Tray 1 打开录音设备失败").size(), 50U);
     EXPECT_EQ(desk.recorder->StopRecord(), 0U);
-    desk.sound().repair();
+    desk.machine.faults().repair();
     EXPECT_EQ(desk.recorder->StartRecord(), 1);
   }
 }
@@ -343,12 +369,12 @@ TEST(Microphone, ADriverThatKeepsTheBuffersKeepsNobodyElse) {
     RecordDesk desk;
     ASSERT_EQ(desk.recorder->StartRecord(), 1);
     desk.run(100ms);
-    c.refuses ? desk.sound().fail(c.call, 1) : desk.sound().stall(c.call, 10s);
+    c.refuses ? desk.machine.faults().fail(c.call, 1) : desk.machine.faults().stall(c.call, 10s);
     desk.run(100ms);
     EXPECT_LE(timeOf(desk, [&] { desk.recorder.reset(); }), kBound);
     const auto said = desk.sizes;
     desk.run(2s);
-    desk.sound().repair();
+    desk.machine.faults().repair();
     desk.run(200s);
     EXPECT_EQ(desk.sizes, said);
     EXPECT_EQ(desk.machine.forcedEnds(), 0U);
@@ -362,14 +388,14 @@ TEST(Microphone, ADriverThatKeepsTheBuffersKeepsNobodyElse) {
     SCOPED_TRACE(call);
     RecordDesk desk;
     auto* recorder = desk.recorder.get();
-    desk.sound().stall(call, 10s);
+    desk.machine.faults().stall(call, 10s);
     auto client = desk.machine.spawn([&] {
       recorder->StartRecord();
       if (desk.recorder) recorder->StopRecord();
     });
     desk.run(100ms);
     EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
-    desk.sound().repair();
+    desk.machine.faults().repair();
     client.join();
     EXPECT_EQ(desk.sizes, std::vector<int>{});
   }
@@ -526,14 +552,14 @@ TEST(InputVolume, OfEveryMatchingMixerIsRaised) {
   EXPECT_EQ(mixers[4].volumes, (std::map<DWORD, DWORD>{{9, DWORD{0xFFFFFFFF} * 99U / 100U}})) << "unsigned, wrapping";
   EXPECT_EQ(SetMixerInputVolume(L"Nobody"), 0);
   for (const char* call : {"mixerGetLineControlsW", "mixerGetControlDetailsW", "mixerSetControlDetails"}) {
-    desk.sound().fail(call, 1);
+    desk.machine.faults().fail(call, 1);
     EXPECT_EQ(SetMixerInputVolume(L"Mic"), -2) << call;
-    desk.sound().repair();
+    desk.machine.faults().repair();
   }
-  desk.sound().fail("mixerOpen", 1, 1);
+  desk.machine.faults().fail("mixerOpen", 1, 1);
   EXPECT_EQ(SetMixerInputVolume(L"Mic"), 0);
   // The recorder uses it on old systems, and there alone.
-  desk.sound().repair();
+  desk.machine.faults().repair();
   CEnvironmentMonitor::SetOsVersion(WindowsVersion_MixerVolume);
   mixers = {{.name = L"VoxMouse Tern", .sources = {{0x1003, 3}}}};
   EXPECT_EQ(desk.recorder->StartRecord(), 1);
@@ -544,12 +570,13 @@ TEST(InputVolume, OfEveryMatchingMixerIsRaised) {
 TEST(InputVolume, OfEveryMatchingEndpointIsRaisedAndUnmuted) {
   RecordDesk desk;
   auto& endpoints = desk.sound().endpoints;
-  endpoints = {{L"Mic one", 0.3F, false}, {L"Other", 0.3F, true}, {L"Mic two", 0.9005F, true}, {L"no"}};
+  endpoints = {{L"Mic one", 0.3F, false}, {L"Other", 0.3F, true}, {L"Mic two", 0.9005F, true, true}, {L"no"}};
   EXPECT_EQ(SetEndpointInputVolume(L"Mic"), 2);
   EXPECT_FLOAT_EQ(endpoints[0].volume, 0.9F);
-  EXPECT_TRUE(endpoints[1].muted);
+  EXPECT_TRUE(endpoints[1].sessionMuted);
   EXPECT_FLOAT_EQ(endpoints[2].volume, 0.9005F) << "near enough";
-  EXPECT_FALSE(endpoints[2].muted);
+  EXPECT_FALSE(endpoints[2].sessionMuted);
+  EXPECT_TRUE(endpoints[2].muted) << "deliberately the session's alone";
   CEnvironmentMonitor::SetOsVersion(WindowsVersion_FullVolume);
   EXPECT_EQ(SetEndpointInputVolume(L"Mic"), 2);
   EXPECT_FLOAT_EQ(endpoints[2].volume, 0.99F);
@@ -562,13 +589,13 @@ TEST(InputVolume, OfEveryMatchingEndpointIsRaisedAndUnmuted) {
         "IMMDeviceEnumerator::GetDevice", "IMMDevice::Activate", "IAudioSessionManager::GetSimpleAudioVolume",
         "IAudioEndpointVolume::GetMasterVolumeLevelScalar"}) {
     desk.record.clear();
-    desk.sound().fail(call, E_FAIL);
+    desk.machine.faults().fail(call, E_FAIL);
     EXPECT_EQ(SetEndpointInputVolume(L"Mic"), -1) << call;
     EXPECT_EQ(desk.record.lines(), Lines{"Log 6 设置音量失败"}) << call;
-    desk.sound().repair();
+    desk.machine.faults().repair();
     EXPECT_EQ(desk.machine.balance().sound, sim::SoundSystem::Open{}) << call;
   }
-  desk.sound().fail("IMMDevice::Activate", E_FAIL, 2);  // the second endpoint's
+  desk.machine.faults().fail("IMMDevice::Activate", E_FAIL, 2);  // the second endpoint's
   EXPECT_EQ(SetEndpointInputVolume(L"Mic"), 0) << "the search stops there";
 }
 

@@ -100,13 +100,13 @@ class RecorderClients {
       const char* call = calls_[below(calls_.size())];
       switch (below(4)) {
         case 0:
-          desk_.machine.sound().fail(call, -1, static_cast<int>(below(4)));
+          desk_.machine.faults().fail(call, -1, static_cast<int>(below(4)));
           break;
         case 1:
-          desk_.machine.sound().stall(call, std::chrono::milliseconds(below(5000)));
+          desk_.machine.faults().stall(call, std::chrono::milliseconds(below(5000)));
           break;
         default:
-          desk_.machine.sound().repair();
+          desk_.machine.faults().repair();
       }
     }
     if (below(2) == 0) {
@@ -116,7 +116,7 @@ class RecorderClients {
     ended_ = true;
     for (auto& client : clients) client.join();
     for (auto& object : objects_) destroy(object);
-    desk_.machine.sound().repair();
+    desk_.machine.faults().repair();
     // A copy that lives in a callback, which a driver keeps.
     EXPECT_TRUE(desk_.machine.waitFor([this] { return acting_ == 0; }, 10s));
     const auto said = deliveries_;

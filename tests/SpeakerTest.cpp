@@ -267,13 +267,13 @@ TEST(Speaker, FailuresOfEveryStepLeaveOnlyTheDeviceOpen) {
     SCOPED_TRACE(c.call);
     SpeakerDesk desk;
     CEnvironmentMonitor::SetOsVersion(c.timerOnly ? WindowsVersion_TimerCapture : WindowsVersion_Current);
-    desk.sound().fail(c.call, E_FAIL);
+    desk.machine.faults().fail(c.call, E_FAIL);
     EXPECT_EQ(desk.start(), 0);
     EXPECT_EQ(desk.machine.balance().sound, (sim::SoundSystem::Open{.comReferences = c.devices}));
     EXPECT_TRUE(desk.record.lines("Log 6").empty());
     EXPECT_EQ(desk.recorder->StopRecord(), 0U);
     EXPECT_TRUE(desk.sizes.empty());
-    desk.sound().repair();
+    desk.machine.faults().repair();
     EXPECT_EQ(desk.start(), 1);
     desk.recorder->StopRecord();
   }
@@ -283,7 +283,7 @@ TEST(Speaker, FailuresOfEveryStepLeaveOnlyTheDeviceOpen) {
     desk.sound().speaker.plays = tone(48000, 2, 1);
     ASSERT_EQ(desk.start(), 1);
     desk.run(55ms);
-    desk.sound().fail(call, E_FAIL);
+    desk.machine.faults().fail(call, E_FAIL);
     desk.run(100ms);
     EXPECT_EQ(desk.machine.balance().threads, 0U);
     EXPECT_TRUE(desk.sizes.empty());
@@ -301,9 +301,9 @@ TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {
     ASSERT_EQ(desk.start(), 1);
     EXPECT_EQ(desk.recorder->StartRecord(), 0) << "it records already";
     desk.run(55ms);
-    desk.sound().fail("IAudioCaptureClient::GetNextPacketSize", E_FAIL);
+    desk.machine.faults().fail("IAudioCaptureClient::GetNextPacketSize", E_FAIL);
     desk.run(50ms);
-    desk.sound().repair();
+    desk.machine.faults().repair();
   }
   EXPECT_EQ(desk.sizes, std::vector<int>{}) << "no end mark for what has failed";
   ASSERT_EQ(desk.start(), 1);
@@ -312,15 +312,49 @@ TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {
   EXPECT_EQ(desk.sizes, (std::vector{5 * 320, 0}));
 }
 
+TEST(Speaker, MayBePulledOutWhileItIsRecorded) {
+  for (const bool timer : {false, true}) {
+    SpeakerDesk desk;
+    CEnvironmentMonitor::SetOsVersion(timer ? WindowsVersion_TimerCapture : WindowsVersion_Current);
+    desk.sound().speaker.plays = tone(48000, 2, 2);
+    ASSERT_EQ(desk.start(), 1);
+    desk.run(55ms);
+    desk.sound().pullOutSpeaker();
+    desk.run(100ms);
+    // An engine without a device signals nothing any more; by a timer, the thread finds out by itself.
+    EXPECT_EQ(desk.machine.balance().threads, timer ? 0U : 1U);
+    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+    EXPECT_EQ(desk.sizes, timer ? std::vector{0} : (std::vector{5 * 320, 0}));
+    EXPECT_EQ(desk.start(), 0) << "there is none";
+    desk.sound().hasSpeaker = true;
+    EXPECT_EQ(desk.start(), 1);
+    desk.run(55ms);
+    desk.recorder->StopRecord();
+    EXPECT_EQ(desk.heard.size(), timer ? 5 * 160U : 10 * 160U);
+  }
+}
+
+TEST(Speaker, NothingIsLostWhenPeriodsAreLate) {
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    SpeakerDesk desk(48000, 2, true, true, seed);
+    desk.sound().speaker.jitter = 9ms;
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    ASSERT_EQ(desk.start(), 1);
+    desk.run(1200ms);
+    desk.recorder->StopRecord();
+    EXPECT_EQ(desk.heard.size(), 16000U) << seed;
+  }
+}
+
 TEST(Speaker, FailedThreadsAndEventsKeepNothing) {
   for (const char* call : {"_beginthreadex", "CreateEventW"}) {
     SpeakerDesk desk;
     const auto before = desk.machine.balance();
-    desk.sound().fail(call, 1);
+    desk.machine.faults().fail(call, 1);
     EXPECT_EQ(desk.start(), 0);
     EXPECT_EQ(desk.recorder->StopRecord(), 0U);
     EXPECT_EQ(desk.machine.balance(), (sim::Balance{.handles = before.handles, .sound = {.comReferences = 1}})) << call;
-    desk.sound().repair();
+    desk.machine.faults().repair();
     EXPECT_EQ(desk.start(), 1);
   }
 }
@@ -338,7 +372,7 @@ TEST(Speaker, AnEngineThatDoesNotComeBackKeepsNoDestructor) {
     if (captures) {
       ASSERT_EQ(desk.start(), 1);
     }
-    desk.sound().stall(call, 10s);
+    desk.machine.faults().stall(call, 10s);
     auto client = desk.machine.spawn([&] {
       if (captures) return;
       recorder->StartRecord();
@@ -346,7 +380,7 @@ TEST(Speaker, AnEngineThatDoesNotComeBackKeepsNoDestructor) {
     });
     desk.run(100ms);
     EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
-    desk.sound().repair();
+    desk.machine.faults().repair();
     client.join();
     desk.run(20s);
     EXPECT_EQ(desk.sizes, std::vector<int>{});
@@ -358,7 +392,7 @@ TEST(Speaker, AnEngineThatDoesNotComeBackKeepsNoDestructor) {
   SpeakerDesk desk;
   desk.sound().speaker.plays = tone(48000, 2, 1);
   ASSERT_EQ(desk.start(), 1);
-  desk.sound().stall("IAudioCaptureClient::GetBuffer", 10s);
+  desk.machine.faults().stall("IAudioCaptureClient::GetBuffer", 10s);
   desk.run(50ms);
   EXPECT_LE(timeOf(desk, [&] { desk.recorder->StopRecord(); }), 3200);
   EXPECT_EQ(desk.sizes, std::vector{0});
@@ -404,6 +438,8 @@ TEST(Speaker, AnythingMayBeDoneInACallback) {
       desk.sound().speaker.plays = tone(48000, 2, 1);
       actInACallback(desk, mark, c.action);
       desk.leftOpen.sound.comReferences = std::string(c.name) == "stop and start" && !mark ? 2 : 1;
+      // Only the thread that has started can leave its task, and it has nothing left to call.
+      desk.leftOpen.sound.mmcssTasks = std::string(c.name) == "destroy" && !mark ? 1 : 0;
       std::vector<int> expected = mark ? std::vector{320, 0} : std::vector{4160};
       expected.insert(expected.end(), c.after[mark].begin(), c.after[mark].end());
       EXPECT_EQ(desk.sizes, expected);
@@ -447,9 +483,11 @@ void speakerClients(Trial& random) {
        "IAudioClient::Start", "IAudioClient::Stop", "IAudioCaptureClient::GetNextPacketSize",
        "IAudioCaptureClient::GetBuffer", "IAudioCaptureClient::ReleaseBuffer", "_beginthreadex"})
       .run();
-  // The device of every start is deliberately never released; nothing else is left.
+  // The device of every start is deliberately never released, and a thread whose recorder went on another one keeps its
+  // task until it ends; nothing else is left.
   desk.leftOpen.sound.comReferences = desk.machine.balance().sound.comReferences;
-  for (sim::ComObject* object : desk.machine.sound().objects) EXPECT_TRUE(dynamic_cast<IMMDevice*>(object));
+  desk.leftOpen.sound.mmcssTasks = desk.machine.balance().sound.mmcssTasks;
+  for (sim::ComObject* object : desk.machine.sound().objects) EXPECT_STREQ(object->name, "IMMDevice");
 }
 
 const Scenario speaker("speaker", "recording speaker", speakerClients);

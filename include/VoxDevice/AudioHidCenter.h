@@ -78,7 +78,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // ---- Lifecycle ----
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null. After CloseDevice
   // it finds new devices; one that was open is found again only after Release, or when a device of its model has taken
-  // its row.
+  // its row. A device that cannot be opened or served, since the system has failed at it, is tried again a second
+  // later. Where there is no thread left for discovery, nothing is found, silently: call it again.
   void OpenDevice(void* audioCallback, void* audioContext);
   // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer
   // returns. When it returns, neither callbacks nor messages run, unless it was called from one; but what an operation
@@ -159,7 +160,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // also printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read
   // leaves its image empty; what then happens is the device's decision, so check files first. While an update runs, the
   // device takes no other command and gets no heartbeat. When the device goes, the update reports FwUpdate_DeviceGone
-  // after the 3.1 s, and its end.
+  // after the 3.1 s, and its end. Where the system has no thread left to wait on, the update is not begun, and
+  // FwUpdate_Over is all that it reports.
   //
   // A second call while an update runs, from a result callback too, takes its place: its images, its plan, and from its
   // return on its results only, but for one that another thread is just about to tell. Of several at the same time the

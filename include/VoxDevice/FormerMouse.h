@@ -11,6 +11,11 @@
 // inside the client's code is then ended by force, unless it is inside an operation of the library's. Inside a message
 // they wait 0.1 s at most, and use no force; the thread of that message ends after it. Once they have returned nothing more is told to the client, until it starts
 // again.
+//
+// Where the system has no thread left, whatever a start would have run does not run, silently, and can be started
+// again; but for the poller of the USB mouse, whose keys the object then never sees. A list of devices that the system
+// cannot give counts as empty. A device that cannot be opened, or whose read fails, is tried again: at the next start,
+// or the next rescan.
 #pragma once
 
 #include <memory>

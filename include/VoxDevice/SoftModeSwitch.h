@@ -27,7 +27,7 @@ class VOXDEVICE_API CSoftModeSwitch {
 
   // pauseKeyCheck: a PauseCallback; without one no key switches the mode. Starts the thread when mouse, hub and pen are
   // given, which must live until it has ended: until Release, or the destructor of the last copy, has returned. Nothing
-  // happens while one runs that was not stopped.
+  // happens while one runs that was not stopped, nor when the system has no thread left: then it can be called again.
   void StartCheck(void* pauseKeyCheck, void* pauseContext, CFormerMouse* mouse, CAudioHidCenter* hub,
                   CFormerLaserPen* pen);
   // The thread ends within 50 ms; a check that it is at is carried through.

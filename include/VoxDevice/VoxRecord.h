@@ -47,6 +47,8 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   // - In a callback of the recording it waits for nothing; what the driver still has is not delivered.
   // - In a callback of another recording it waits three seconds at most, also for callbacks (7).
   // - When another thread is just stopping it, this waits for that, three seconds at most (7), and marks no end.
+  // When the microphone is pulled out, nothing more is delivered, and stopping gives 7. After 7 or 11 the device may be
+  // open still; it is closed by the next call, or with the object.
   unsigned int StopRecord();
   // Records, in laser-pen mode, the device with exactly this name. Forgotten when there is none.
   void SetPen_MeetMode(std::wstring deviceName);

@@ -43,11 +43,13 @@ class ComPtr {
   Interface* object_ = nullptr;
 };
 
-// COM on this thread for a scope. CoUninitialize is called in any case, as it always was.
+// COM on this thread for a scope. A failure is not balanced: that would take COM from whoever has initialised it.
 class ComApartment {
  public:
   ComApartment() : result_(os::CoInitialize(nullptr)) {}
-  ~ComApartment() { os::CoUninitialize(); }
+  ~ComApartment() {
+    if (Ok()) os::CoUninitialize();
+  }
   ComApartment(const ComApartment&) = delete;
   ComApartment& operator=(const ComApartment&) = delete;
   bool Ok() const { return SUCCEEDED(result_); }

@@ -126,10 +126,15 @@ class CVoxRecord::Recording final : public CRecording {
     }
     return true;
   }
-  void Unprepare() noexcept {
+  // All that the driver does not have. False when one stays prepared.
+  bool Unprepare() noexcept {
     const CAutoLock lock(lock_);
-    if (!device_) return;
-    for (WAVEHDR& header : buffers_->headers) os::waveInUnprepareHeader(device_, &header, sizeof header);
+    bool all = true;
+    for (std::size_t i = 0; device_ && i < kBuffers; ++i) {
+      const bool has = queued_[i] && (Header(i).dwFlags & WHDR_DONE) == 0;
+      all = !has && os::waveInUnprepareHeader(device_, &Header(i), sizeof(WAVEHDR)) == MMSYSERR_NOERROR && all;
+    }
+    return all;
   }
   unsigned StartGetRecordData() noexcept {
     const CAutoLock lock(lock_);
@@ -416,10 +421,7 @@ unsigned CVoxRecord::Recording::Close() noexcept {
   if (!lock_.Lock(kDriverPatience)) return kStopFailed;
   recording_ = false;
   if (device_ && !reset_) reset_ = os::waveInReset(device_) == MMSYSERR_NOERROR;
-  if (device_ && reset_) {
-    Unprepare();
-    if (os::waveInClose(device_) == MMSYSERR_NOERROR) device_ = nullptr;
-  }
+  if (device_ && reset_ && Unprepare() && os::waveInClose(device_) == MMSYSERR_NOERROR) device_ = nullptr;
   const bool closed = !device_;
   lock_.Unlock();
   return closed ? kStopped : kStopFailed;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "VoxDevice/VoxCommon.h"
 #include "audio/ConvertTo16kMono.h"
@@ -42,17 +44,54 @@ void MakeIntegers(WAVEFORMATEX& format) {
   format.nAvgBytesPerSec = format.nBlockAlign * format.nSamplesPerSec;
 }
 
+// The multimedia tasks that threads have entered by starting recordings of one object. Only a thread itself can leave
+// its own: it does so when it next comes by, or the system does when it ends.
+class ThreadTasks {
+ public:
+  HANDLE Enter() {
+    const CAutoLock guard(lock_);
+    entered_.reserve(entered_.size() + 1);
+    DWORD index = 0;
+    const HANDLE task = os::AvSetMmThreadCharacteristicsW(L"Capture", &index);
+    if (task) entered_.push_back({os::GetCurrentThreadId(), task, false});
+    return task;
+  }
+  void Leave(HANDLE task) noexcept {
+    const CAutoLock guard(lock_);
+    for (Entered& entered : entered_) entered.over = entered.over || entered.task == task;
+    LeaveMine();
+  }
+  void LeaveMine() noexcept {
+    const CAutoLock guard(lock_);
+    std::erase_if(entered_, [me = os::GetCurrentThreadId()](const Entered& entered) {
+      if (!entered.over || entered.thread != me) return false;
+      os::AvRevertMmThreadCharacteristics(entered.task);
+      return true;
+    });
+  }
+
+ private:
+  struct Entered {
+    DWORD thread;
+    HANDLE task;
+    bool over;
+  };
+  CLock lock_;  // for what follows
+  std::vector<Entered> entered_;
+};
+
 }  // namespace
 
 class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable_shared_from_this<Recording> {
  public:
-  explicit Recording(std::shared_ptr<const RecordedData> callback) : CRecording(std::move(callback)) {
+  Recording(std::shared_ptr<const RecordedData> callback, std::shared_ptr<ThreadTasks> tasks)
+      : CRecording(std::move(callback)), tasks_(std::move(tasks)) {
     thread = std::make_shared<CWorker>();
   }
   ~Recording() override { Release(); }
 
   bool Prepare();
-  bool StartEngine() { return SUCCEEDED(m_pAudioClient->Start()); }
+  bool StartEngine() { return engineRuns_ = SUCCEEDED(m_pAudioClient->Start()); }
   bool StartThread();
   unsigned Close() noexcept override;
 
@@ -62,12 +101,15 @@ class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable
 
  private:
   int AdjustFormatTo16Bits(WAVEFORMATEX* format);
+  void StopEngine() noexcept;
   void Release() noexcept;
   void OnThreadStartRoutine();
   bool TakePacket();
   void Stage(std::span<const std::int16_t> packet);
 
+  const std::shared_ptr<ThreadTasks> tasks_;
   CLock lock_;  // held while the engine is stopped or let go of: one who stops may meet a thread that ends
+  bool engineRuns_ = false;
   Shared<HANDLE> m_hTask{nullptr};
   HANDLE m_hWake = nullptr;  // event or waitable timer: there may be data
   ComPtr<IAudioCaptureClient> m_pCaptureClient;
@@ -85,6 +127,8 @@ class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable
 struct CVoxSpeakerRecord::Recorder final : CRecorder {
   int StartRecord();
   bool Run(const std::shared_ptr<Recording>& next);
+
+  const std::shared_ptr<ThreadTasks> tasks = std::make_shared<ThreadTasks>();
 };
 
 CVoxSpeakerRecord::CVoxSpeakerRecord() : m_pRecorder(MakeWhole<Recorder>()) {}
@@ -93,6 +137,7 @@ CVoxSpeakerRecord::~CVoxSpeakerRecord() {
   const Operation inside(m_pRecorder);
   inside->callback->Set(nullptr, nullptr);
   inside->Close(CWorker::Patience());
+  inside->tasks->LeaveMine();
 }
 
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
@@ -114,6 +159,7 @@ void CVoxSpeakerRecord::Init(void* dataCallback, void* context) {
 
 int CVoxSpeakerRecord::StartRecord() {
   const Operation inside(m_pRecorder);
+  inside->tasks->LeaveMine();
   if (inside->starting.exchange(true)) return 0;
   const int result = inside->StartRecord();
   inside->starting = false;
@@ -121,7 +167,9 @@ int CVoxSpeakerRecord::StartRecord() {
 }
 
 unsigned int CVoxSpeakerRecord::StopRecord() {
-  Operation(m_pRecorder)->Stop();
+  const Operation inside(m_pRecorder);
+  inside->Stop();
+  inside->tasks->LeaveMine();
   return 0;
 }
 
@@ -133,7 +181,7 @@ int CVoxSpeakerRecord::Recorder::StartRecord() {
     earlier->Close();
   }
   const ComApartment com;
-  const auto next = std::make_shared<Recording>(callback);
+  const auto next = std::make_shared<Recording>(callback, tasks);
   return next->Prepare() && next->StartEngine() && Run(next) ? 1 : 0;
 }
 
@@ -175,8 +223,7 @@ bool CVoxSpeakerRecord::Recording::Prepare() {
     return false;
   }
   // Deliberately on this thread, not on the one that captures.
-  DWORD taskIndex = 0;
-  m_hTask = os::AvSetMmThreadCharacteristicsW(L"Capture", &taskIndex);
+  m_hTask = tasks_->Enter();
   if (!m_hTask) return false;
   if (!timer) return true;
   LARGE_INTEGER due{};
@@ -189,10 +236,7 @@ bool CVoxSpeakerRecord::Recording::StartThread() {
   return thread->Start([self = shared_from_this()] {
     self->OnThreadStartRoutine();
     // Who has asked it to end may not have waited for that.
-    if (CWorker::CurrentIsAsked()) {
-      const ComApartment com;
-      self->Release();
-    }
+    if (CWorker::CurrentIsAsked()) self->Release();
     return 0U;
   });
 }
@@ -265,8 +309,7 @@ bool CVoxSpeakerRecord::Recording::TakePacket() {
     const std::size_t samples = std::size_t{frames} * static_cast<std::size_t>(m_nChannels);
     Stage({reinterpret_cast<const std::int16_t*>(data), samples});
   }
-  m_pCaptureClient->ReleaseBuffer(frames);
-  return true;
+  return SUCCEEDED(m_pCaptureClient->ReleaseBuffer(frames));
 }
 
 // Converts a packet into the staging buffer, and delivers it once it holds enough. A packet that does not fit goes out
@@ -290,14 +333,20 @@ void CVoxSpeakerRecord::Recording::Stage(std::span<const std::int16_t> packet) {
 }
 
 unsigned CVoxSpeakerRecord::Recording::StopSource() noexcept {
+  const ComApartment com;
   const CAutoLock lock(lock_);
-  if (m_pAudioClient) m_pAudioClient->Stop();
+  StopEngine();
   if (m_hStop) os::SetEvent(m_hStop);
   return kStopped;
 }
 
+// With the lock held. One that fails is tried again before what the engine works with is closed.
+void CVoxSpeakerRecord::Recording::StopEngine() noexcept {
+  if (engineRuns_ && m_pAudioClient) engineRuns_ = FAILED(m_pAudioClient->Stop());
+}
+
 void CVoxSpeakerRecord::Recording::LeaveThread() noexcept {
-  if (const HANDLE task = m_hTask.exchange(nullptr)) os::AvRevertMmThreadCharacteristics(task);
+  if (const HANDLE task = m_hTask.exchange(nullptr)) tasks_->Leave(task);
 }
 
 // A thread that still runs does it when it ends.
@@ -307,7 +356,9 @@ unsigned CVoxSpeakerRecord::Recording::Close() noexcept {
 }
 
 void CVoxSpeakerRecord::Recording::Release() noexcept {
+  const ComApartment com;
   const CAutoLock lock(lock_);
+  StopEngine();
   const auto close = [](HANDLE& handle) {
     if (handle) os::CloseHandle(std::exchange(handle, nullptr));
   };

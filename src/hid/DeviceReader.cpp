@@ -2,6 +2,7 @@
 #include "hid/DeviceReader.h"
 
 #include <algorithm>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -53,7 +54,7 @@ CDeviceReader::CDeviceReader()
 CDeviceReader::~CDeviceReader() {
   for (LogEntry* entry = logBuffers; entry;) delete std::exchange(entry, entry->next);
   for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent, stopped_, writeToken_, writePosted_}) {
-    os::CloseHandle(event);
+    if (event) os::CloseHandle(event);
   }
 }
 
@@ -82,6 +83,11 @@ CReaderMemory CDeviceReader::Memory() const noexcept {
 }
 
 bool CDeviceReader::Start() noexcept {
+  for (HANDLE event : {otaSentEvent, otaAnsweredEvent, otaStopEvent, stopped_, writeToken_, writePosted_}) {
+    if (event) continue;
+    ShutDown();
+    return false;
+  }
   const auto run = [self = shared_from_this()](CWorker& thread, auto loop) {
     return thread.Start([self, loop] {
       loop(*self);
@@ -332,12 +338,15 @@ void CDeviceReader::ResetState() noexcept {
 // Size: of the buffer that the line must fit, with its terminator.
 template <std::size_t Size>
 void CDeviceReader::LogDevice(int number, const wchar_t* what, int type) noexcept {
-  std::wstring text = LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text();
-  Log(std::move(text), type);
+  try {
+    Log(LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text(), type);
+  } catch (const std::bad_alloc&) {
+    // A line for which there is no memory is dropped.
+  }
 }
 
 // Nothing is left on the stack: the receiver may be ended with the thread.
-void CDeviceReader::Log(std::wstring text, int type) noexcept {
+void CDeviceReader::Log(std::wstring text, int type) {
   auto* entry = new LogEntry{std::move(text), logBuffers};
   while (!logBuffers.compare_exchange_weak(entry->next, entry)) {
   }

@@ -1,6 +1,8 @@
 // A lock that survives the forced end of its holder.
 #pragma once
 
+#include <atomic>
+
 #include "platform/os.h"
 
 // Recursive. When a thread is ended by force while it holds the lock, the next taker gets it. That is why it is a
@@ -17,7 +19,12 @@ class CLock {
   void Unlock() noexcept;
 
  private:
+  DWORD WaitForTurn(DWORD milliseconds) noexcept;
+
   const HANDLE mutex_;
+  // Where the system has had no mutex left: the thread that holds this, and how often.
+  std::atomic<DWORD> owner_{0};
+  int depth_ = 0;
 };
 
 // Holds a CLock for a scope.
@@ -32,5 +39,5 @@ class CAutoLock {
 
  private:
   CLock& lock_;
-  const bool held_;  // false where there is no mutex
+  const bool held_;
 };

@@ -148,7 +148,7 @@ bool CWorker::SetPriority(int priority) const noexcept {
 
 void CWorker::Ask() noexcept {
   record_->asked = true;
-  os::SetEvent(record_->stop);
+  if (record_->stop) os::SetEvent(record_->stop);
   record_->Cancel();
 }
 
