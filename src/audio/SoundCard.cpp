@@ -7,6 +7,7 @@
 #include "VoxDevice/VoxNet.h"
 #include "VoxDevice/VoxRecord.h"
 #include "audio/CoreAudio.h"
+#include "support/Worker.h"
 
 namespace {
 
