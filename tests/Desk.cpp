@@ -69,10 +69,7 @@ void Record::Tray(const wchar_t* text, VoxTrayParams parameters) {
   add(line("Tray", static_cast<int>(parameters), sim::utf8(text)));
   tell("Tray");
 }
-void Record::say(const char* what, int value) {
-  add(line(what, value));
-  tell(what);
-}
+void Record::say(const char* what, int value) { hear(what, line(what, value)); }
 void Record::MainWndWork(UserWorkType work) { say("MainWndWork", work); }
 void Record::HidConnect(int device) { say("HidConnect", device); }
 void Record::HidDisconnect(int device) { say("HidDisconnect", device); }
@@ -81,7 +78,7 @@ void Record::PostMainMenu(MainMenuType menu) { say("PostMainMenu", menu); }
 void Record::MKeyTypeSet(int device, int key, const unsigned char* types, int length) {
   add(line("MKeyTypeSet", device, key, hex({types, types + length})));
 }
-void Record::OtaProgress(int done, int total) { add(line("OtaProgress", done, total)); }
+void Record::OtaProgress(int done, int total) { hear("OtaProgress", line("OtaProgress", done, total)); }
 
 Desk::Desk(sim::MachineOptions options) : machine(options) {
   CPreferences::Instance()->SetVoiceClickTimes(1);
@@ -127,11 +124,13 @@ void Desk::makeHub() {
         static_cast<Record*>(to)->add(line("DongleState", device, int{model}, int{link}, word, flag));
       }),
       context);
-  hub->SetCallback_PowerReport(
-      slot(+[](int device, int level, void* to) { static_cast<Record*>(to)->add(line("PowerReport", device, level)); }),
-      context);
+  hub->SetCallback_PowerReport(slot(+[](int device, int level, void* to) {
+                                 static_cast<Record*>(to)->hear("PowerReport", line("PowerReport", device, level));
+                               }),
+                               context);
   hub->SetCallback_FwOtaResult(slot(+[](int device, DataChannel link, FwUpdateState state, void* to) {
-                                 static_cast<Record*>(to)->add(line("FwOtaResult", device, int{link}, int{state}));
+                                 static_cast<Record*>(to)->hear("FwOtaResult",
+                                                                line("FwOtaResult", device, int{link}, int{state}));
                                }),
                                context);
   hub->SetCallback_DownloadUrl(

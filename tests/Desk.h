@@ -20,6 +20,11 @@ using namespace std::chrono_literals;
 class Record : public VoxMessageSink {
  public:
   void add(const std::string& line);
+  // The same, and what the client does inside it.
+  void hear(const char* what, const std::string& line) {
+    add(line);
+    tell(what);
+  }
   std::vector<std::string> lines();
   // Those that begin with `beginning`.
   std::vector<std::string> lines(const std::string& beginning);

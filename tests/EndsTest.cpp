@@ -17,12 +17,13 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+using Ending = void (*)(Desk&);
+constexpr Ending kEndings[] = {[](Desk& desk) { desk.hub->CloseDevice(); }, [](Desk& desk) { desk.hub->Release(); },
+                               [](Desk& desk) { desk.hub.reset(); }};
+
 // ---- While other threads are inside ----
 
 TEST(Ends, EveryWaitingOperationReturnsWhenTheHubStops) {
-  using Ending = void (*)(Desk&);
-  constexpr Ending kEndings[] = {[](Desk& desk) { desk.hub->CloseDevice(); }, [](Desk& desk) { desk.hub->Release(); },
-                                 [](Desk& desk) { desk.hub.reset(); }};
   struct Waiting {
     std::uint8_t command;
     std::function<int(CAudioHidCenter&)> operation;
@@ -115,32 +116,104 @@ TEST(Ends, ADriverThatKeepsAReadIsLeftAlone) {
 
 // ---- Clients that stop inside what they are told ----
 
-TEST(Ends, AHubMayBeStoppedOrDestroyedInsideAnyMessage) {
-  for (const char* message : {"Log 43", "Log 44", "HidConnect", "HidDisconnect"}) {
-    for (const int end : {0, 1, 2}) {
+TEST(Ends, AHubMayBeStoppedOrDestroyedInsideAnyMessageAndTellsNothingMore) {
+  for (const std::string message : {"Log 33", "Log 43", "Log 44", "HidConnect", "HidDisconnect", "PowerReport"}) {
+    for (const Ending ending : kEndings) {
       SCOPED_TRACE(message);
       Desk desk;
+      if (message == "Log 33") {
+        CPreferences::Instance()->SetVoiceClickTimes(2);
+        desk.hub = std::make_unique<CAudioHidCenter>();
+      }
       bool told = false;
       desk.record.during = [&](const std::string& what) {
         if (what != message || std::exchange(told, true)) return;
-        EXPECT_LE(timeOf(desk,
-                         [&] {
-                           if (end == 0) desk.hub->CloseDevice();
-                           if (end == 1) desk.hub->Release();
-                           if (end == 2) desk.hub.reset();
-                         }),
-                  50);
+        EXPECT_LE(timeOf(desk, [&] { ending(desk); }), 50);
+        desk.record.clear();
       };
       auto wren = desk.make("Wren");
       auto shy = desk.make("Tern");  // its write handle cannot be opened: a line of the discovery thread's
       shy->faults.refuseOpen = [](int open) { return open % 2 == 1; };
-      if (std::string(message) == "Log 44") desk.machine.plug(shy);
+      if (message == "Log 44") desk.machine.plug(shy);
       desk.machine.plug(wren);
       desk.open();
       desk.run(3s);
-      if (std::string(message) == "HidDisconnect") desk.machine.unplug(wren);
+      if (message == "HidDisconnect") desk.machine.unplug(wren);
+      wren->reportPower(1);
+      for (int i = 0; i < 4; ++i) {
+        i % 2 == 0 ? wren->pressVoiceKey() : wren->releaseVoiceKey();
+        desk.run(20ms);
+      }
       desk.run(3s);
       EXPECT_TRUE(told);
+      EXPECT_EQ(desk.record.lines(), Lines{});
+      EXPECT_EQ(desk.machine.balance().threads, 0U);
+    }
+  }
+}
+
+// In the callbacks of two devices, or in one and on another thread.
+TEST(Ends, EndsThatMeetTakeAMomentAndNoForce) {
+  for (const Ending first : kEndings) {
+    for (const bool release : {false, true}) {
+      for (const bool inCallback : {false, true}) {
+        Desk desk;
+        desk.open();
+        auto wren = desk.connect("Wren");
+        auto tern = desk.connect("Tern");
+        CAudioHidCenter* hub = desk.hub.get();
+        const auto second = [&] { release ? hub->Release() : hub->CloseDevice(); };
+        int calls = 0;
+        int done = 0;
+        desk.record.during = [&](const std::string& what) {
+          if (what != "PowerReport") return;
+          const bool isFirst = calls++ == 0;
+          if (isFirst) desk.run(100ms);
+          EXPECT_LE(timeOf(desk, [&] { isFirst ? first(desk) : second(); }), 100);
+          desk.run(200ms);
+          ++done;
+        };
+        wren->reportPower(1);
+        desk.run(50ms);
+        if (inCallback) {
+          tern->reportPower(1);
+        } else {
+          EXPECT_LE(timeOf(desk, second), 400);
+        }
+        desk.run(1s);
+        EXPECT_EQ(done, inCallback ? 2 : 1);
+        EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+      }
+    }
+  }
+}
+
+TEST(Ends, EveryStopWaitsForDiscoveryAndNothingIsToldAfterIt) {
+  for (const Ending ending : kEndings) {
+    for (const bool stuck : {false, true}) {
+      Desk desk;
+      bool inside = false;
+      desk.record.during = [&](const std::string& what) {
+        if (what != "Log 44") return;
+        inside = true;
+        desk.run(1s);
+        inside = false;
+      };
+      auto shy = desk.make("Tern");
+      shy->faults.refuseOpen = [](int open) { return open % 2 == 1; };
+      if (stuck) shy->faults.openTime = 4s;
+      desk.machine.plug(shy);
+      desk.open();
+      desk.run(1s);
+      CAudioHidCenter* hub = desk.hub.get();
+      auto other = desk.machine.spawn([&] { hub->CloseDevice(); });
+      desk.run(100ms);
+      EXPECT_LE(timeOf(desk, [&] { ending(desk); }), kBound);
+      EXPECT_FALSE(inside);
+      desk.record.clear();
+      other.join();
+      desk.run(9s);
+      EXPECT_EQ(desk.record.lines(), Lines{});
       EXPECT_EQ(desk.machine.balance().threads, 0U);
     }
   }
@@ -149,7 +222,7 @@ TEST(Ends, AHubMayBeStoppedOrDestroyedInsideAnyMessage) {
 TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
   // On the discovery thread, which has a handle of a device in hand; on a heartbeat thread; on a read thread, there
   // also in a callback.
-  for (const char* message : {"Log 44", "HidConnect", "HidDisconnect", "PowerReport"}) {
+  for (const char* message : {"Log 43", "Log 44", "HidConnect", "HidDisconnect", "PowerReport"}) {
     for (const DWORD milliseconds : {1500U, 9000U}) {
       SCOPED_TRACE(message);
       Desk desk;
@@ -164,9 +237,6 @@ TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
       if (std::string(message) == "Log 44") tern->faults.refuseOpen = [](int open) { return open % 2 == 1; };
       desk.machine.plug(tern);
       desk.open();
-      desk.hub->SetCallback_PowerReport(
-          reinterpret_cast<void*>(+[](int, int, void* record) { static_cast<Record*>(record)->during("PowerReport"); }),
-          &desk.record);
       if (!desk.machine.waitFor([&] { return told; }, 3s)) {
         std::string(message) == "PowerReport" ? tern->reportPower(1) : desk.machine.unplug(tern);
       }
@@ -282,6 +352,27 @@ TEST(Ends, ACopyMayOutliveItsOriginal) {
   copy.OpenDevice(nullptr, nullptr);
   desk.run(2s);
   EXPECT_EQ(copy.GetEffectiveDevice(), -1) << "its path is known to the copy";
+}
+
+TEST(Ends, AHubThatIsAssignedToEndsItsOwnDevices) {
+  for (const bool inCallback : {false, true}) {
+    Desk desk;
+    const CAudioHidCenter other;
+    desk.open();
+    auto wren = desk.connect("Wren");
+    desk.record.during = [&](const std::string& what) {
+      if (what == "PowerReport") *desk.hub = other;
+    };
+    inCallback ? wren->reportPower(1) : desk.record.during("PowerReport");
+    desk.run(100ms);
+    EXPECT_EQ(desk.machine.balance().threads, 1U) << "discovery";
+    EXPECT_LE(timeOf(desk, [&] { desk.hub->Release(); }), 50);
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    desk.record.clear();
+    desk.machine.unplug(wren);
+    desk.run(3s);
+    EXPECT_EQ(desk.record.lines(), Lines{});
+  }
 }
 
 TEST(Ends, OneHubsReleaseLeavesTheOthersCodecAlone) {

@@ -3,8 +3,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <optional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/os.h"
@@ -561,6 +564,68 @@ TEST(Firmware, AWriteThatTakesItsTimeIsNoMissingAnswer) {
     desk.finish(60s);
     EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "0 11"})) << model;
     EXPECT_EQ(desk.image(Updated::mouse), image);
+  }
+}
+
+// Ended by any end, or started by a copy that goes.
+TEST(Firmware, AnUpdateThatEndsInsideWhatItTellsTellsNothingMore) {
+  const struct {
+    const char* model;
+    const char* line;
+    FwUpdateType type = FwUpdate_First;
+    std::optional<UpdateStep> silentAt{};
+  } cases[] = {{"Wren", "FwOtaResult 1 2 3", FwUpdate_First, UpdateStep::open},
+               {"Wren", "FwOtaResult 1 2 8"},
+               {"Tern", "FwOtaResult 1 2 8"},
+               {"Wren", "FwOtaResult 1 0 11", static_cast<FwUpdateType>(9)},  // on this thread
+               {"Tern", "OtaProgress 0 40"},
+               {"Wren", "OtaProgress 100 100"}};
+  using End = void (*)(std::unique_ptr<CAudioHidCenter> & hub);
+  constexpr End kReset = [](auto& hub) { hub.reset(); };
+  for (const auto& c : cases) {
+    for (const End end : {End{[](auto& hub) { hub->CloseDevice(); }}, End{[](auto& hub) { hub->Release(); }}, kReset}) {
+      for (const bool copy : {false, true}) {
+        if (copy && end != kReset) continue;
+        SCOPED_TRACE(c.line);
+        UpdateDesk desk(c.model);
+        desk.device->update(Updated::mouse, {.size = 40, .silentAt = c.silentAt});
+        auto other = std::make_unique<CAudioHidCenter>(*desk.hub);
+        auto& hub = copy ? other : desk.hub;
+        bool told = false;
+        desk.record.during = [&](const std::string&) {
+          if (desk.record.last() != c.line || std::exchange(told, true)) return;
+          EXPECT_LE(timeOf(desk, [&] { end(hub); }), 20);
+          desk.record.clear();
+        };
+        CAudioHidCenter* starter = hub.get();
+        starter->StartOTA(1, c.type, desk.files.with(pattern(40)), "");
+        desk.run(8s);
+        EXPECT_TRUE(told);
+        EXPECT_EQ(desk.record.lines(copy ? "FwOtaResult" : ""), Lines{});
+      }
+    }
+  }
+}
+
+TEST(Firmware, NoFrameOfAnUpdateFollowsTheFirstOneOfALater) {
+  for (std::uint64_t seed = 1; seed <= seeds(30) && !HasFailure(); ++seed) {
+    UpdateDesk desk("Wren", sim::Link::usb, seed);
+    const std::string file = desk.files.with(pattern(40));
+    desk.device->update(Updated::mouse, {.size = 40, .endsWithZero = true});
+    const HANDLE finished = os::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    desk.record.during = [&](const std::string&) {
+      if (desk.record.last() == "OtaProgress 100 100") os::SetEvent(finished);
+    };
+    auto client = desk.machine.spawn([&] {
+      os::WaitForSingleObject(finished, INFINITE);
+      desk.start(FwUpdate_First, file);
+    });
+    desk.start(FwUpdate_First, file);
+    client.join();
+    desk.run(1ms);  // less than the device needs for an answer
+    EXPECT_EQ(desk.device->received().back().code, 0x08) << "seed " << seed << ": " << desk.frames();
+    desk.run(10s);
+    os::CloseHandle(finished);
   }
 }
 

@@ -436,6 +436,48 @@ TEST(Microphone, AnythingMayBeDoneInACallback) {
   }
 }
 
+// By each other's callback, by its own while another thread stops it, inside the first message of a failed start.
+TEST(Microphone, RecordersThatEndWhileOthersAreInsideTakeAMomentAndNoForce) {
+  for (const int how : {0, 1, 2}) {
+    RecordDesk desk;
+    Recorder* recorder = desk.recorder.get();
+    auto other = std::make_unique<Recorder>();
+    struct Context {
+      Desk& desk;
+      std::function<void()> end;
+      std::int64_t took = -1;
+    } contexts[] = {{desk, [&] { how == 0 ? other.reset() : desk.recorder.reset(); }},
+                    {desk, [&] { desk.recorder.reset(); }}};
+    const auto onData = [](const char*, int, void* context) {
+      auto& [on, end, took] = *static_cast<Context*>(context);
+      if (!end) return;
+      on.run(100ms);
+      took = timeOf(on, std::exchange(end, nullptr));
+      on.run(200ms);
+    };
+    recorder->Init(reinterpret_cast<void*>(+onData), &contexts[0]);
+    other->Init(reinterpret_cast<void*>(+onData), &contexts[1]);
+    desk.record.during = [&](const std::string& what) {
+      if (how != 2 || what != "Log 6" || !desk.recorder) return;
+      contexts[0].took = timeOf(desk, contexts[0].end);
+      desk.record.clear();
+    };
+    if (how == 2) desk.machine.sound().microphones.clear();
+    EXPECT_EQ(recorder->StartRecord(), how == 2 ? 0 : 1);
+    if (how == 0) {
+      EXPECT_EQ(other->StartRecord(), 1);
+    }
+    desk.run(150ms);
+    if (how == 1) recorder->StopRecord();
+    desk.run(2s);
+    EXPECT_LE(contexts[0].took, how == 0 ? 100 : 20);
+    EXPECT_LE(contexts[1].took, 100);
+    EXPECT_TRUE(contexts[0].took >= 0 && !desk.recorder);
+    EXPECT_EQ(desk.record.lines("Tray"), Lines{});
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  }
+}
+
 TEST(Microphone, OneRecordingRecorderMayBeAssignedToAnotherInItsCallback) {
   static Recorder* first;
   static Recorder* second;

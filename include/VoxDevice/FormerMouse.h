@@ -9,8 +9,8 @@
 // A thread that is asked to end does so within 50 ms. Release, and the destructor of the last copy, wait until the
 // threads are gone, 2 s at most: a thread that a driver keeps is left to end when it comes back, one that is still
 // inside the client's code is then ended by force, unless it is inside an operation of the library's. Inside a message
-// they wait 0.1 s at most, and use no force; the thread of that message ends after it. Once they have returned nothing more is told to the client, until it starts
-// again.
+// they wait 0.1 s at most, and use no force; the thread of that message ends after it. Once they have returned nothing
+// more is told to the client, until it starts again.
 //
 // Where the system has no thread left, whatever a start would have run does not run, silently, and can be started
 // again; but for the poller of the USB mouse, whose keys the object then never sees. A list of devices that the system
