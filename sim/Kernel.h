@@ -238,8 +238,8 @@ class Kernel {
   std::uint64_t waits() const { return waits_; }
   // Rules of calls that callers have broken, the first of them, as "IAudioClient::Start: already started".
   const std::vector<std::string>& misuses() const { return misuses_; }
-  void misused(std::string what) {
-    if (misuses_.size() < kMisusesKept) misuses_.push_back(std::move(what));
+  void misused(const std::string& what) {
+    if (misuses_.size() < kMisusesKept) misuses_.push_back(what);
   }
 
   // Ends every simulated thread by force (the machine is being switched off).

@@ -51,7 +51,7 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
 
   const std::shared_ptr<Microphone> microphone;
   const DWORD thread;
-  HANDLE handle = nullptr;
+  HANDLE handle = nullptr;  // null again when it is closed: nothing is said after that
   std::deque<WAVEHDR*> queue;
   struct Prepared {
     const char* data;
@@ -93,7 +93,7 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
     header->dwFlags = (header->dwFlags | WHDR_DONE) & ~WHDR_INQUEUE;
     const auto say = [this, &kernel, header, weak = weak_from_this()] {
       const auto self = weak.lock();
-      if (!self) return;
+      if (!self || !handle) return;
       for (int i = 0; i < (microphone->returnsTwice ? 2 : 1); ++i) {
         post(kernel, MM_WIM_DATA, reinterpret_cast<LPARAM>(header));
       }
@@ -212,6 +212,7 @@ MMRESULT waveInClose(HWAVEIN handle) {
   if (!device->prepared.empty()) call.misused("headers are still prepared", 0);
   device->running = false;
   device->post(call.kernel, MM_WIM_CLOSE, 0);
+  device->handle = nullptr;
   call.kernel.close(handle);
   return MMSYSERR_NOERROR;
 }

@@ -292,6 +292,21 @@ TEST(Speaker, FailuresOfEveryStepLeaveOnlyTheDeviceOpen) {
   }
 }
 
+TEST(Speaker, AnEngineThatDoesNotStopIsLetGoOfAllTheSame) {
+  SpeakerDesk desk;
+  desk.sound().speaker.plays = tone(48000, 2, 2);
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(55ms);
+  desk.machine.faults().fail("IAudioClient::Stop", E_FAIL);
+  EXPECT_EQ(desk.recorder->StopRecord(), 0U);
+  EXPECT_EQ(desk.sizes, (std::vector{5 * 320, 0}));
+  const std::size_t played = desk.sound().speaker.played;
+  desk.run(1s);
+  EXPECT_EQ(desk.sound().speaker.played, played) << "nobody listens any more";
+  desk.machine.faults().repair();
+  EXPECT_EQ(desk.start(), 1);
+}
+
 // ---- How recordings end ----
 
 TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {

@@ -50,7 +50,9 @@ class ThreadTasks {
  public:
   HANDLE Enter() {
     const CAutoLock guard(lock_);
-    entered_.reserve(entered_.size() + 1);
+    // Threads that have ended do not come by any more: the oldest are forgotten.
+    if (entered_.size() >= kMost) entered_.erase(entered_.begin());
+    entered_.reserve(kMost);
     DWORD index = 0;
     const HANDLE task = os::AvSetMmThreadCharacteristicsW(L"Capture", &index);
     if (task) entered_.push_back({os::GetCurrentThreadId(), task, false});
@@ -76,6 +78,7 @@ class ThreadTasks {
     HANDLE task;
     bool over;
   };
+  static constexpr std::size_t kMost = 64;
   CLock lock_;  // for what follows
   std::vector<Entered> entered_;
 };
