@@ -609,7 +609,7 @@ TEST(Firmware, AnUpdateThatEndsInsideWhatItTellsTellsNothingMore) {
 
 TEST(Firmware, NoFrameOfAnUpdateFollowsTheFirstOneOfALater) {
   for (std::uint64_t seed = 1; seed <= seeds(30) && !HasFailure(); ++seed) {
-    UpdateDesk desk("Wren", sim::Link::usb, seed);
+    UpdateDesk desk("Wren", sim::Link::usb, {.seed = seed});
     const std::string file = desk.files.with(pattern(40));
     desk.device->update(Updated::mouse, {.size = 40, .endsWithZero = true});
     const HANDLE finished = os::CreateEventW(nullptr, TRUE, FALSE, nullptr);
