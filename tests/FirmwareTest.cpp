@@ -695,7 +695,7 @@ void updateClients(Trial& run) {
   EXPECT_TRUE(mine.machine.waitFor([&] { return mine.record.last() == "FwOtaResult 0 11"; }, 60s));
   mine.run(5s);
   EXPECT_EQ(mine.record.lines("FwOtaResult"), (Lines{"FwOtaResult 2 8", "FwOtaResult 3 8", "FwOtaResult 0 11"}));
-  EXPECT_EQ(mine.machine.balance().threads, 4U);
+  EXPECT_EQ(mine.machine.balance().threads, 4U) << mine.machine.waiting();
   EXPECT_EQ(mine.machine.forcedEnds(), 0U);
 }
 

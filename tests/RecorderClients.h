@@ -175,6 +175,12 @@ class RecorderClients {
       case 2:
         if (other) *recorder = *other;
         break;
+      case 10: {
+        Recorder copy;
+        if (Recorder* now = object.get()) copy = *now;  // no call begins on one that is going
+        copy.StopRecord();
+        break;
+      }
       case 3:
       case 4:
         more_[below(more_.size())](*recorder);

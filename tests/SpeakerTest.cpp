@@ -489,11 +489,7 @@ void speakerClients(Trial& random) {
   desk.machine.sound().speaker.plays = played;
   CEnvironmentMonitor::SetOsVersion(random() % 3 == 2 ? WindowsVersion_TimerCapture : WindowsVersion_Current);
   RecorderClients<CVoxSpeakerRecord>(
-      desk, random, {[](CVoxSpeakerRecord& recorder) {
-        CVoxSpeakerRecord copy;
-        copy = recorder;
-        copy.StopRecord();
-      }},
+      desk, random, {[](CVoxSpeakerRecord& recorder) { recorder.StopRecord(); }},
       {"CoCreateInstance", "IMMDevice::Activate", "IAudioClient::Initialize", "IAudioClient::SetEventHandle",
        "IAudioClient::Start", "IAudioClient::Stop", "IAudioCaptureClient::GetNextPacketSize",
        "IAudioCaptureClient::GetBuffer", "IAudioCaptureClient::ReleaseBuffer", "_beginthreadex"})

@@ -223,9 +223,10 @@ void CDeviceReader::WriteLoop(const std::shared_ptr<File>& file) noexcept {
     if (outputStep_) OnOtaWritten(*outputStep_);
     os::SetEvent(writeToken_);
   }
-  // Whoever has posted a report meanwhile gets the token back.
+  // Whoever has posted a report meanwhile gets the token back. Its step runs into its time-out all the same.
   writeThread.Clear();
   written_ = false;
+  if (os::WaitForSingleObject(writePosted_, 0) == WAIT_OBJECT_0 && outputStep_) OnOtaWritten(*outputStep_);
   os::SetEvent(writeToken_);
 }
 

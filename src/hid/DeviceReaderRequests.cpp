@@ -39,7 +39,7 @@ bool CDeviceReader::HandOver(std::span<const std::uint8_t> bytes, std::size_t le
   outputStep_ = step;
   os::SetEvent(writePosted_);
   if (AwaitUnlessStopped(writeToken_, deadline.Left())) os::SetEvent(writeToken_);
-  return true;
+  return writeThread.IsSet();  // otherwise it may not have seen the report any more
 }
 
 bool CDeviceReader::WriteReport(const unsigned char* report, int length, CDeadline deadline) noexcept {

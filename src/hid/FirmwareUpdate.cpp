@@ -86,7 +86,6 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
         self->OtaWaitLoop(*waiter);
         return 0U;
       });
-      if (!otaWaits_) otaPlan = 0;  // nobody would notice a step without an answer: the update ends here
     }
     if (!otaWaits_) otaPlan = 0;  // nobody would see a time-out: it is over at once
   }
