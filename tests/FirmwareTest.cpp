@@ -12,7 +12,7 @@
 
 #include "platform/os.h"
 #include "tests/Desk.h"
-#include "tests/Explore.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 

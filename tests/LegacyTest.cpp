@@ -13,7 +13,7 @@
 #include "sim/devices/Legacy.h"
 #include "support/Worker.h"
 #include "tests/Desk.h"
-#include "tests/Explore.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 

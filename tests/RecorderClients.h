@@ -11,7 +11,7 @@
 
 #include "platform/os.h"
 #include "tests/Desk.h"
-#include "tests/Explore.h"
+#include "tools/explore/Explore.h"
 
 // What has been delivered to a client.
 struct Deliveries {

@@ -20,8 +20,8 @@
 #include <thread>
 
 #include "support/Probe.h"
-#include "tests/Explore.h"
-#include "tests/Picture.h"
+#include "tools/explore/Explore.h"
+#include "tools/explore/Picture.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/Explore.h"
+#include "tools/explore/Explore.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "tests/Picture.h"
+#include "tools/explore/Picture.h"
 
 #include <algorithm>
 #include <cstddef>
