@@ -71,6 +71,7 @@ class Hands {
       const bool usb = model != "Finch" && random() % 2 == 0;
       devices_.push_back(desk.make(model, usb ? sim::Link::usb : sim::Link::bluetooth));
       if (random() % 3 == 0) devices_.back()->faults.writeTime = random.within(40);
+      if (random() % 16 == 15) devices_.back()->faults.shortRead = 12;
       desk.machine.plug(devices_.back());
     }
   }

@@ -24,9 +24,9 @@ constexpr std::uint8_t kWrenFrameHeader[] = {0xAD, 0x31, 0x0C};
 // time. They go with the last hub.
 struct CHub::Decoders {
   CLock lock;
-  CSbcDecoder sbc;
-  std::unique_ptr<CAscDecoder> asc;
-  int ascUsers = 0;  // hubs that have decoded with it since their last Release
+  CSbcDecoder sbc GUARDED_BY(lock);
+  std::unique_ptr<CAscDecoder> asc GUARDED_BY(lock);
+  int ascUsers GUARDED_BY(lock) = 0;  // hubs that have decoded with it since their last Release
 };
 
 std::shared_ptr<CHub::Decoders> CHub::SharedDecoders() {

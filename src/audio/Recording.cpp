@@ -1,4 +1,5 @@
 #include "audio/Recording.h"
+#include "support/Probe.h"
 
 #include <utility>
 
@@ -38,7 +39,10 @@ bool CRecording::AwaitOver() const noexcept {
 }
 
 unsigned CRecording::Stop(const RecordedData& mark) {
-  if (!Claim()) return AwaitOver() ? kStopped : kStopFailed;
+  if (!Claim()) {
+    Probe<"recording: two stops meet">();
+    return AwaitOver() ? kStopped : kStopFailed;
+  }
   const bool own = thread->IsCurrent();
   unsigned result = StopSource();
   CPatience patience;
@@ -55,7 +59,10 @@ unsigned CRecording::Stop(const RecordedData& mark) {
 // Waits until the thread has ended by itself and the driver keeps nothing, or somebody ends it without another word.
 bool CRecording::AwaitLast(CPatience& patience) noexcept {
   for (bool ended = false; !(ended = thread->HasEnded(ended ? 0 : kLook)) || SourceKeeps();) {
-    if (silent_) return true;
+    if (silent_) {
+      Probe<"recording: a stop meets the end of the object">();
+      return true;
+    }
     if (patience.IsOver(delivering_ && !ended)) return false;
     if (ended) os::Sleep(kLook);
   }
@@ -71,6 +78,7 @@ void CRecording::Silence(CPatience& patience) noexcept {
 
 void CRecording::Deliver(const char* data, std::size_t byteCount) {
   delivering_ = true;
+  if (silent_) Probe<"recording: a delivery after the end is dropped">();
   if (!silent_) (*callback_)(byteCount > 0 ? data : nullptr, static_cast<int>(byteCount));
   delivering_ = false;
 }
@@ -106,6 +114,7 @@ std::shared_ptr<CRecording> CRecorder::Current() noexcept {
 bool CRecorder::Publish(std::shared_ptr<CRecording> next) noexcept {
   const CAutoLock guard(lock);
   if (!closed) recording.swap(next);
+  if (closed) Probe<"recording: a start meets the end of the object">();
   return !closed;
 }
 

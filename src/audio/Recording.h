@@ -89,9 +89,9 @@ class CRecorder {
   bool Publish(std::shared_ptr<CRecording> next) noexcept;
   bool IsClosed() noexcept;
 
-  CLock lock;  // for what follows
-  bool closed = false;
-  std::shared_ptr<CRecording> recording;
+  CLock lock;
+  bool closed GUARDED_BY(lock) = false;
+  std::shared_ptr<CRecording> recording GUARDED_BY(lock);
 
   Atomic<bool> starting{false};
   const std::shared_ptr<RecordedData> callback = std::make_shared<RecordedData>();

@@ -115,6 +115,7 @@ class CVoxRecord::Recording final : public CRecording {
     HWAVEIN device = nullptr;
     const MMRESULT error =
         os::waveInOpen(&device, static_cast<UINT>(index), &kFormat, thread->Id(), instance, CALLBACK_THREAD);
+    const CAutoLock lock(lock_);
     if (error == MMSYSERR_NOERROR) device_ = device;
     return error;
   }
@@ -152,8 +153,7 @@ class CVoxRecord::Recording final : public CRecording {
   static void GiveUp(std::shared_ptr<Buffers> buffers);
 
   WAVEHDR& Header(std::size_t i) noexcept { return buffers_->headers[i]; }
-  // With the lock held.
-  bool Queue(std::size_t i) noexcept {
+  bool Queue(std::size_t i) noexcept REQUIRES(lock_) {
     if (!device_ || !recording_) return false;
     queued_[i] = true;
     queued_[i] = os::waveInAddBuffer(device_, &Header(i), sizeof(WAVEHDR)) == MMSYSERR_NOERROR;
@@ -166,11 +166,11 @@ class CVoxRecord::Recording final : public CRecording {
   bool OnBuffer(std::intptr_t header);
 
   std::shared_ptr<Buffers> buffers_;
-  CLock lock_;  // for what follows
-  HWAVEIN device_ = nullptr;
-  bool recording_ = true;  // whether a buffer that comes back is queued again
-  bool reset_ = false;
-  std::array<bool, kBuffers> queued_{};  // which the driver has
+  CLock lock_;
+  HWAVEIN device_ GUARDED_BY(lock_) = nullptr;
+  bool recording_ GUARDED_BY(lock_) = true;  // whether a buffer that comes back is queued again
+  bool reset_ GUARDED_BY(lock_) = false;
+  std::array<bool, kBuffers> queued_ GUARDED_BY(lock_){};  // which the driver has
 };
 
 // What stands behind a CVoxRecord.

@@ -79,8 +79,8 @@ class ThreadTasks {
     bool over;
   };
   static constexpr std::size_t kMost = 64;
-  CLock lock_;  // for what follows
-  std::vector<Entered> entered_;
+  CLock lock_;
+  std::vector<Entered> entered_ GUARDED_BY(lock_);
 };
 
 }  // namespace
@@ -94,7 +94,8 @@ class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable
   ~Recording() override { Release(); }
 
   bool Prepare();
-  bool StartEngine() { return engineRuns_ = SUCCEEDED(m_pAudioClient->Start()); }
+  // Without the lock: nobody else knows the recording yet.
+  bool StartEngine() NO_THREAD_SAFETY_ANALYSIS { return engineRuns_ = SUCCEEDED(m_pAudioClient->Start()); }
   bool StartThread();
   unsigned Close() noexcept override;
 
@@ -104,7 +105,7 @@ class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable
 
  private:
   int AdjustFormatTo16Bits(WAVEFORMATEX* format);
-  void StopEngine() noexcept;
+  void StopEngine() noexcept REQUIRES(lock_);
   void Release() noexcept;
   void OnThreadStartRoutine();
   bool TakePacket();
@@ -112,7 +113,7 @@ class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable
 
   const std::shared_ptr<ThreadTasks> tasks_;
   CLock lock_;  // held while the engine is stopped or let go of: one who stops may meet a thread that ends
-  bool engineRuns_ = false;
+  bool engineRuns_ GUARDED_BY(lock_) = false;
   Shared<HANDLE> m_hTask{nullptr};
   HANDLE m_hWake = nullptr;  // event or waitable timer: there may be data
   ComPtr<IAudioCaptureClient> m_pCaptureClient;

@@ -9,6 +9,7 @@
 #include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/VoxCommon.h"
 #include "support/LogLine.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -150,8 +151,9 @@ void CDeviceReader::ReadLoop(const File& file) noexcept {
     BOOL read = FALSE;
     readThread.Blocking(
         [&] { read = os::ReadFile(file.Handle(), buffer.data(), static_cast<DWORD>(length), &count, nullptr); });
-    if (readThread.IsAsked()) return;
+    if (readThread.IsAsked()) return Probe<"reader: a read is cancelled">();
     if (!read) return OnUnplugged(number);
+    if (count < static_cast<DWORD>(length)) Probe<"reader: a short read">();
     std::fill(buffer.begin() + std::min<DWORD>(count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});
     OnReport({buffer.data(), static_cast<std::size_t>(length)});
     readerCallback(number, GetMouseType(), channel, buffer.data(), length, callbackContext);
@@ -169,7 +171,7 @@ void CDeviceReader::OnUnplugged(int number) noexcept {
   heartbeatThread.EndUnless(readThread, patience);
   writeThread.EndUnless(readThread, patience);
   CloseFiles(INVALID_HANDLE_VALUE);
-  if (readThread.IsAsked()) return;
+  if (readThread.IsAsked()) return Probe<"reader: an unplug meets a stop">();
   disconnectCallback(number, callbackContext);
   LogDevice<64>(number, L"）拔出，把该设备从界面上移除", LogType_DeviceRemoved);
   VoxMessage::HidDisconnect(number);
@@ -205,7 +207,9 @@ bool CDeviceReader::AnnounceConnection(int number) noexcept {
   };
   for (const auto& [command, link] : sequence) {
     if (IsReady()) SendCommand(command, link);
-    if (!heartbeatThread.Sleep(kConnectStepPause)) return false;
+    if (heartbeatThread.Sleep(kConnectStepPause)) continue;
+    Probe<"reader: asked to end while it announces">();
+    return false;
   }
   if (GetMouseType() == MouseType_Swift) RequestMKeyTypeList(CDeadline(kWritePatience));
   connectState = 2;
@@ -226,7 +230,10 @@ void CDeviceReader::WriteLoop(const std::shared_ptr<File>& file) noexcept {
   // Whoever has posted a report meanwhile gets the token back. Its step runs into its time-out all the same.
   writeThread.Clear();
   written_ = false;
-  if (os::WaitForSingleObject(writePosted_, 0) == WAIT_OBJECT_0 && outputStep_) OnOtaWritten(*outputStep_);
+  if (os::WaitForSingleObject(writePosted_, 0) == WAIT_OBJECT_0 && outputStep_) {
+    Probe<"update: a request that is not written any more">();
+    OnOtaWritten(*outputStep_);
+  }
   os::SetEvent(writeToken_);
 }
 

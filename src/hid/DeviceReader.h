@@ -246,11 +246,11 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void OnMKeyTypeReply(const CHidData& reply) noexcept;
   void ClearDeviceValues() noexcept;
   // Takes writeLock. False when the report cannot be written.
-  bool LockForWriting(CDeadline deadline) noexcept;
-  // With writeLock held. Hands a report over, `length` bytes long and filled up with zeros, and waits for it. step: of
+  bool LockForWriting(CDeadline deadline) noexcept TRY_ACQUIRE(true, writeLock);
+  // Hands a report over, `length` bytes long and filled up with zeros, and waits for it. step: of
   // the update that awaits an answer to it. False when it could not be handed over.
   bool HandOver(std::span<const std::uint8_t> bytes, std::size_t length, std::optional<OtaStep> step,
-                CDeadline deadline) noexcept;
+                CDeadline deadline) noexcept REQUIRES(writeLock);
   // True when `event` has come; false at once when the reader is stopped, or the calling thread is asked to end.
   bool AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const noexcept;
   // step: of the update that it belongs to. awaited: whether its time-out runs from then on.
@@ -267,10 +267,10 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void OnOtaTimeOut(OtaStep step) noexcept;
   void OnOtaWritten(OtaStep step) noexcept;
   bool EnterOtaStage(OtaStep step, OtaStage stage) noexcept;
-  // With otaLock_ held; steps are counted on, across the wrap.
-  void NextOtaStep() noexcept;
+  // Steps are counted on, across the wrap.
+  void NextOtaStep() noexcept REQUIRES(otaLock_);
   // An update that is stopped is dropped without a result.
-  bool IsOfThisUpdate(OtaStep step) const noexcept {
+  bool IsOfThisUpdate(OtaStep step) const noexcept REQUIRES(otaLock_) {
     return !hasStopped_ && static_cast<int>(step - otaFirstStep_) >= 0;
   }
 
@@ -289,12 +289,13 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // Under otaLock_: the step, and all that the flows decide by it.
   CLock otaLock_;
   Shared<OtaStep> otaStep_{0};
-  OtaStep otaFirstStep_ = 0;  // of the present update
-  bool otaRuns_ = false;
-  bool otaWaits_ = false;               // the wait thread is there and will look at the fields again
-  bool otaAwaits_ = false;              // a request of this step is out
-  CDeadline otaAnswerBy_{0};            // when its time-out comes
-  std::shared_ptr<CWorker> otaWaiter_;  // the wait thread; ends by itself when no update runs any more
+  OtaStep otaFirstStep_ GUARDED_BY(otaLock_) = 0;  // of the present update
+  bool otaRuns_ GUARDED_BY(otaLock_) = false;
+  bool otaWaits_ GUARDED_BY(otaLock_) = false;     // the wait thread is there and will look at the fields again
+  bool otaAwaits_ GUARDED_BY(otaLock_) = false;    // a request of this step is out
+  CDeadline otaAnswerBy_ GUARDED_BY(otaLock_){0};  // when its time-out comes
+  std::shared_ptr<CWorker> otaWaiter_
+      GUARDED_BY(otaLock_);  // the wait thread; ends by itself when no update runs any more
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   Atomic<LogEntry*> logBuffers{nullptr};
 };

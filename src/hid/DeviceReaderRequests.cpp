@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "hid/DeviceReader.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -12,7 +13,7 @@ constexpr DWORD kMKeyPatience = 2500;   // ms
 
 }  // namespace
 
-bool CDeviceReader::LockForWriting(CDeadline deadline) noexcept {
+bool CDeviceReader::LockForWriting(CDeadline deadline) noexcept NO_THREAD_SAFETY_ANALYSIS {
   if (!writeLock.Lock(deadline.Left())) return false;
   if (writeHandle) return true;
   // Deliberate: without a write handle the lock stays with this thread. Only ShutDown clears the handle, and a reader
@@ -33,7 +34,10 @@ bool CDeviceReader::AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const n
 bool CDeviceReader::HandOver(std::span<const std::uint8_t> bytes, std::size_t length, std::optional<OtaStep> step,
                              CDeadline deadline) noexcept {
   // Not had in time: the report before it is stuck in the driver. Not running: nobody writes any more.
-  if (!writeThread.IsSet() || !AwaitUnlessStopped(writeToken_, deadline.Left())) return false;
+  if (!writeThread.IsSet() || !AwaitUnlessStopped(writeToken_, deadline.Left())) {
+    Probe<"reader: a report cannot be handed over">();
+    return false;
+  }
   std::fill(std::copy(bytes.begin(), bytes.end(), outputReport_.begin()), outputReport_.end(), std::uint8_t{0});
   outputLength_ = length;
   outputStep_ = step;

@@ -9,6 +9,7 @@
 
 #include "VoxDevice/VoxCommon.h"
 #include "hid/DeviceReader.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
   OtaStep step = 0;
   {
     const CAutoLock lock(otaLock_);
-    if (hasStopped_ || deviceNumber == -1) return;
+    if (hasStopped_ || deviceNumber == -1) return Probe<"update: a start on a device that has gone">();
     NextOtaStep();
     step = otaStep_;
     otaFirstStep_ = step;
@@ -112,7 +113,10 @@ bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int&
 std::optional<CDeviceReader::OtaStep> CDeviceReader::SelectOtaImage(OtaStep step) noexcept {
   {
     const CAutoLock lock(otaLock_);
-    if (hasStopped_ || otaStep_ != step) return std::nullopt;
+    if (hasStopped_ || otaStep_ != step) {
+      Probe<"update: an image of a replaced update is not begun">();
+      return std::nullopt;
+    }
     NextOtaStep();
     step = otaStep_;
     otaActive = false;
@@ -179,7 +183,7 @@ void CDeviceReader::ReportOta(OtaStep step, int state) noexcept {
   void* context = nullptr;
   {
     const CAutoLock lock(otaLock_);
-    if (!IsOfThisUpdate(step)) return;
+    if (!IsOfThisUpdate(step)) return Probe<"update: a result of a replaced update is dropped">();
     callback = otaCallback;
     device = otaDevice;
     target = otaTarget;
@@ -271,7 +275,7 @@ void CDeviceReader::OnOtaTimeOut(OtaStep step) noexcept {
   int stage = OtaStage_Idle;
   {
     const CAutoLock lock(otaLock_);
-    if (otaStep_ != step) return;  // an answer has come after all
+    if (otaStep_ != step) return Probe<"update: an answer comes just before its time-out">();
     NextOtaStep();
     step = otaStep_;
     otaActive = false;  // and none counts any more

@@ -117,17 +117,16 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void OnThreadDeviceDetectionProc(Detection& detection);
   // Asks discovery and every reader to end, and waits until they have.
   void Stop(CDeadline deadline);
-  Readers ReadersToEnd();
+  Readers ReadersToEnd() REQUIRES(tableLock);
   void EndDetections(CDeadline deadline);
   void ReleaseBy(CDeadline deadline);
   void SendAppExit(CDeadline deadline);
 
-  // The table. With tableLock held:
+  // The table.
   template <class Visit>
-  void ForEachLive(int device, Visit visit);
-  void LoseDevice(HidDeviceEntry& row);
-  void Leave(const std::shared_ptr<CDeviceReader>& reader);
-  // By themselves:
+  void ForEachLive(int device, Visit visit) REQUIRES(tableLock);
+  void LoseDevice(HidDeviceEntry& row) REQUIRES(tableLock);
+  void Leave(const std::shared_ptr<CDeviceReader>& reader) REQUIRES(tableLock);
   Readers Addressed(int device);
   std::shared_ptr<CDeviceReader> FindLive(int device);
   int GetEffectiveDevice(MouseType model);
@@ -201,12 +200,12 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
 
   Atomic<bool> closed_{false};
   CLock tableLock;
-  std::vector<HidDeviceEntry> devices;
+  std::vector<HidDeviceEntry> devices GUARDED_BY(tableLock);
   // Of devices that are not in the table any more, as long as a thread of theirs runs.
-  std::vector<std::weak_ptr<CDeviceReader>> leaving_;
-  std::vector<std::shared_ptr<Detection>> detections;
-  std::shared_ptr<Detection> detectionThread;  // the one started last
-  Atomic<Detection*> passRunning{nullptr};     // two take turns
+  std::vector<std::weak_ptr<CDeviceReader>> leaving_ GUARDED_BY(tableLock);
+  std::vector<std::shared_ptr<Detection>> detections GUARDED_BY(tableLock);
+  std::shared_ptr<Detection> detectionThread GUARDED_BY(tableLock);  // the one started last
+  Atomic<Detection*> passRunning{nullptr};                           // two take turns
   Shared<bool> stopDetection{false};
   Atomic<int> lastDeviceNumber{0};
   std::vector<LegalHidId> legalIds;

@@ -9,6 +9,7 @@
 #include "hub/Detection.h"
 #include "hub/Hub.h"
 #include "support/DeviceLists.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -79,13 +80,14 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
 
 void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& connection) {
   const CAutoLock lock(tableLock);
-  if (detection.thread.IsAsked() || closed_) return;
+  if (detection.thread.IsAsked() || closed_) return Probe<"hub: a stop meets a device that has just been opened">();
   // The row of a device of this model that has gone, or has been closed, is taken over.
   const auto known = std::find_if(devices.begin(), devices.end(), [model](const HidDeviceEntry& row) {
     if (row.reader) return !row.reader->readThread.IsSet() && row.reader->GetMouseType() == model;
     return row.memory.model == model;
   });
   const bool settled = known != devices.end();
+  if (settled) Probe<"hub: a row is taken over">();
   HidDeviceEntry& row = settled ? *known : devices.emplace_back();
   if (row.reader) LoseDevice(row);
   const auto reader = MakeReader(model, settled);

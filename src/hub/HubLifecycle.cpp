@@ -5,6 +5,7 @@
 #include "VoxDevice/VoxNet.h"
 #include "hub/Detection.h"
 #include "hub/Hub.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -90,6 +91,8 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
         OpenHidDevice(detection);
         Detection* mine = &detection;
         passRunning.compare_exchange_strong(mine, nullptr);
+      } else {
+        Probe<"hub: two discovery threads take turns">();
       }
     }
     if (!detection.thread.Sleep(kDetectionTick)) return;

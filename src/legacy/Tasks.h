@@ -8,6 +8,7 @@
 
 #include "VoxDevice/Shared.h"
 #include "support/Operation.h"
+#include "support/Probe.h"
 
 // Threads of one kind: each start gets one of its own, so that none is lost while an earlier one is about to end.
 class CTasks {
@@ -21,7 +22,10 @@ class CTasks {
   // False when no thread can be started, and after Close. stop: as for CWorker.
   bool Start(Body body, HANDLE stop = nullptr) {
     const CAutoLock lock(lock_);
-    if (closed_) return false;
+    if (closed_) {
+      Probe<"legacy: a start after the end">();
+      return false;
+    }
     std::erase_if(tasks_, [](const auto& task) { return task->HasEnded(); });
     auto task = std::make_shared<CWorker>(stop);
     if (!task->StopEvent() || !task->Start([task, body = std::move(body)] {
@@ -100,8 +104,8 @@ class CTasks {
   }
 
   CLock& lock_;
-  List tasks_;
-  bool closed_ = false;
+  List tasks_ GUARDED_BY(lock_);
+  bool closed_ GUARDED_BY(lock_) = false;
 };
 
 // What the copies of an object share; it ends what runs when the last of them goes. Threads, and calls in which that
@@ -122,6 +126,7 @@ struct LastCopy : std::enable_shared_from_this<Owner> {
   std::shared_ptr<Owner> Copy() {
     const CNotCutOff whole;
     const std::shared_ptr<Owner> alive = this->weak_from_this().lock();
+    if (!alive) Probe<"legacy: copied while the last copy goes">();
     return alive ? alive : std::make_shared<Owner>(state);
   }
 

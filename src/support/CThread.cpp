@@ -12,10 +12,10 @@ struct CThread::Threads {
     void* owned = nullptr;  // kept alive by the worker's body
   };
 
-  CLock lock;  // for what follows
-  bool closed = false;
-  std::vector<std::shared_ptr<Thread>> started;
-  std::shared_ptr<Thread> latest;
+  CLock lock;
+  bool closed GUARDED_BY(lock) = false;
+  std::vector<std::shared_ptr<Thread>> started GUARDED_BY(lock);
+  std::shared_ptr<Thread> latest GUARDED_BY(lock);
   Atomic<unsigned> latestId{0};
 };
 

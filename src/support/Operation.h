@@ -36,7 +36,7 @@ class CInside {
   }
 
   CLock& lock_;
-  std::vector<DWORD> threads_;
+  std::vector<DWORD> threads_ GUARDED_BY(lock_);
 };
 
 // While one lives, what stands behind the client's object stays, and the thread, on which the client may be in a

@@ -5,6 +5,7 @@
 
 #include "VoxDevice/Shared.h"
 #include "support/CUtil.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -57,6 +58,7 @@ struct CWorker::Record {
         for (;;) os::Sleep(INFINITE);
       }
       if ((was & kPlaceMask) == kCancelling) {
+        Probe<"worker: a thread waits for who cancels its call">();
         os::Sleep(0);
         was = word;
       } else if (word.compare_exchange_weak(was, change(was))) {
@@ -76,6 +78,7 @@ struct CWorker::Record {
     if ((was & kPlaceMask) != kInSystem || !word.compare_exchange_strong(was, (was & ~kPlaceMask) | kCancelling)) {
       return;
     }
+    Probe<"worker: a call is cancelled">();
     os::CancelSynchronousIo(thread);
     os::PostThreadMessageW(id, WM_QUIT, 0, 0);
     word = (was & ~kPlaceMask) | kInSystem;  // the thread itself changes nothing meanwhile
@@ -122,7 +125,9 @@ unsigned CWorker::Run(void* argument) {
   auto* record = static_cast<Record*>(argument);
   os::TlsSetValue(Slot(), record);
   record->Go(kInLibrary);
-  const unsigned result = record->asked ? 0 : record->body();
+  const bool late = record->asked;
+  if (late) Probe<"worker: asked to end before it began">();
+  const unsigned result = late ? 0 : record->body();
   record->body = nullptr;  // lets go of what it worked on
   record->set = false;
   os::TlsSetValue(Slot(), nullptr);
