@@ -670,7 +670,9 @@ void updateClients(Trial& run) {
   }
   if (random() % 5 == 4) {
     mine.run(std::chrono::milliseconds(random() % 6000));
-    mine.machine.unplug(mine.device);
+    auto hand = mine.machine.spawn([&] { mine.machine.unplug(mine.device); });
+    mine.start(FwUpdate_First, file);
+    hand.join();
     mine.run(std::chrono::milliseconds(random() % 1500));
     mine.machine.plug(mine.device);
   }
@@ -699,7 +701,7 @@ void updateClients(Trial& run) {
   EXPECT_EQ(mine.machine.forcedEnds(), 0U);
 }
 
-const Scenario updates("updates", "update reader", updateClients);
+const Scenario updates("updates", "update", updateClients);
 
 TEST(Firmware, UpdatesAndRetriesAtRandomEndWithTheLastOne) { explore(updates, 150); }
 

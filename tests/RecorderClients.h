@@ -100,9 +100,12 @@ class RecorderClients {
       const char* call = calls_[below(calls_.size())];
       switch (below(4)) {
         case 0:
+          // Where there is no thread to leave it to, a driver that stalls keeps who destroys.
+          if (std::string(call) == "_beginthreadex") desk_.machine.faults().repair();
           desk_.machine.faults().fail(call, -1, static_cast<int>(below(4)));
           break;
         case 1:
+          desk_.machine.faults().repair();
           desk_.machine.faults().stall(call, std::chrono::milliseconds(below(5000)));
           break;
         default:

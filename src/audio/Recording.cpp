@@ -114,7 +114,7 @@ std::shared_ptr<CRecording> CRecorder::Current() noexcept {
 bool CRecorder::Publish(std::shared_ptr<CRecording> next) noexcept {
   const CAutoLock guard(lock);
   if (!closed) recording.swap(next);
-  if (closed) Probe<"recording: a start meets the end of the object">();
+  if (closed) Probe<"microphone: a start meets the end of the object">();
   return !closed;
 }
 

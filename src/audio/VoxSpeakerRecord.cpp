@@ -11,6 +11,7 @@
 #include "audio/CoreAudio.h"
 #include "audio/Recording.h"
 #include "support/LogLine.h"
+#include "support/Probe.h"
 
 namespace {
 
@@ -193,6 +194,7 @@ int CVoxSpeakerRecord::Recorder::StartRecord() {
 bool CVoxSpeakerRecord::Recorder::Run(const std::shared_ptr<Recording>& next) {
   std::shared_ptr<CRecording> earlier = next;
   const CAutoLock guard(lock);
+  if (closed) Probe<"speaker: a start meets the end of the object">();
   if (closed || !next->StartThread()) return false;
   recording.swap(earlier);
   return true;
