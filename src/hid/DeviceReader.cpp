@@ -347,7 +347,8 @@ void CDeviceReader::ResetState() noexcept {
 template <std::size_t Size>
 void CDeviceReader::LogDevice(int number, const wchar_t* what, int type) noexcept {
   try {
-    Log(LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text(), type);
+    std::wstring text = LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text();
+    Log(std::move(text), type);
   } catch (const std::bad_alloc&) {
     // A line for which there is no memory is dropped.
   }
