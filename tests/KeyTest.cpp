@@ -227,40 +227,28 @@ TEST(DoubleClick, WithoutNetworkIsRememberedAndNotPosted) {
 }
 
 TEST(DoubleClick, ReachesTheClientThroughTheHub) {
+  Desk desk;
   CPreferences::Instance()->SetVoiceClickTimes(2);
-  CEnvironmentMonitor::SetNet(true);
-  sim::Machine machine;  // the hub of a Desk takes its preferences before the test could set them
-  Record record;
-  VoxMessage::SetSink(&record);
-  {
-    CAudioHidCenter hub;
-    auto tern = sim::makeMouse("Tern", sim::Link::usb, "7&1&0&0000");
-    machine.plug(tern);
-    hub.OpenDevice(nullptr, nullptr);
-    machine.sleep(3s);
-    const auto send = [&](const std::string& keys) {
-      record.clear();
-      for (const char key : keys) {
-        tern->key(key);
-        machine.sleep(100ms);
-      }
-    };
-    send("1010");
-    EXPECT_EQ(record.lines(), (Lines{"Log 33 语音键双击：0  100  200  300", "PostMainMenu 8"}));
-    EXPECT_EQ(hub.GetClickMode_L(), ClickDouble);
-    send("10");
-    EXPECT_EQ(hub.GetClickMode_L(), ClickNone);
-    send("2");
-    EXPECT_EQ(record.lines(), Lines{"PostMainMenu 8"}) << "the device's own double click is not logged";
-    EXPECT_EQ(hub.GetClickMode_L(), ClickDouble);
-    send("1");
-    machine.unplug(tern);
-    machine.sleep(100ms);
-    EXPECT_EQ(hub.GetClickMode_L(), ClickNone) << "cleared with the button it held";
-    hub.CloseDevice();
-    hub.Release();
-  }
-  VoxMessage::SetSink(nullptr);
+  desk.makeHub();  // takes the preferences
+  desk.open();
+  auto tern = desk.connect("Tern");
+  // What was told, and the outcome.
+  const auto send = [&](const std::string& keys) {
+    desk.record.clear();
+    for (const char key : keys) {
+      tern->key(key);
+      desk.run(100ms);
+    }
+    return std::pair(desk.record.lines(), desk.hub->GetClickMode_L());
+  };
+  using Result = std::pair<Lines, VoxClickMode>;
+  EXPECT_EQ(send("1010"), Result({"Log 33 语音键双击：0  100  200  300", "PostMainMenu 8"}, ClickDouble));
+  EXPECT_EQ(send("10"), Result({}, ClickNone));
+  EXPECT_EQ(send("2"), Result({"PostMainMenu 8"}, ClickDouble)) << "the device's own double click is not logged";
+  send("1");
+  desk.machine.unplug(tern);
+  desk.run(100ms);
+  EXPECT_EQ(desk.hub->GetClickMode_L(), ClickNone) << "cleared with the button it held";
 }
 
 }  // namespace
