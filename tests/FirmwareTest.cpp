@@ -31,13 +31,8 @@ Bytes pattern(std::size_t size, unsigned seed = 1) {
 // Files of the test's own, gone with it.
 class Files {
  public:
-  Files()
-      : folder_(std::filesystem::path(::testing::TempDir()) / ("firmware_" + std::to_string(std::random_device()()))) {
-    std::filesystem::create_directories(folder_);
-  }
+  Files() { std::filesystem::create_directories(folder_); }
   ~Files() { std::filesystem::remove_all(folder_); }
-  Files(const Files&) = delete;
-  Files& operator=(const Files&) = delete;
   std::string path(const std::string& name) const { return (folder_ / name).string(); }
   std::string with(const Bytes& bytes) {
     std::string name = path(std::to_string(++count_) + ".bin");
@@ -47,7 +42,7 @@ class Files {
   }
 
  private:
-  const std::filesystem::path folder_;
+  const std::filesystem::path folder_ = ::testing::TempDir() + "firmware_" + std::to_string(std::random_device()());
   int count_ = 0;
 };
 
@@ -74,13 +69,7 @@ struct UpdateDesk : Desk {
     EXPECT_TRUE(over());
     run(10ms);
   }
-  std::string frames() {
-    std::string text;
-    for (const sim::HostFrame& frame : device->received()) {
-      text += (text.empty() ? "" : " ") + hex({frame.prefix}) + ":" + hex({frame.code}) + hex(frame.payload);
-    }
-    return text;
-  }
+  std::string frames() { return ::frames(device->received()); }
   Bytes image(Updated which) {
     const auto target = device->firmware(which);
     EXPECT_EQ(target.violations(), Lines{});
@@ -91,10 +80,9 @@ struct UpdateDesk : Desk {
   Files files;
 };
 
-Lines results(std::initializer_list<const char*> ends) {
-  Lines lines;
-  for (const char* end : ends) lines.push_back(std::string("FwOtaResult 1 ") + end);
-  return lines;
+Lines results(Lines ends) {
+  for (std::string& end : ends) end.insert(0, "FwOtaResult 1 ");
+  return ends;
 }
 
 TEST(Firmware, ImagesOfEverySizeArriveByteForByte) {
@@ -105,12 +93,8 @@ TEST(Firmware, ImagesOfEverySizeArriveByteForByte) {
       const Bytes first = pattern(size, 1);
       const Bytes second = pattern(size == 262'144 ? 77 : size, 2);
       // In an order of the device's own, with parts that it loses; the big one straight on.
-      sim::UpdateScript script{.size = size};
-      if (size < 10'000) {
-        script.order = size;
-        script.loseEvery = 5;
-      }
-      desk.device->update(Updated::mouse, script);
+      const sim::UpdateScript shuffled{.size = size, .order = size, .loseEvery = 5};
+      desk.device->update(Updated::mouse, size < 10'000 ? shuffled : sim::UpdateScript{.size = size});
       desk.device->update(Updated::receiver, {.size = second.size(), .endsWithZero = true});
       desk.start(FwUpdate_Both, desk.files.with(first), desk.files.with(second));
       desk.finish();
@@ -184,12 +168,9 @@ TEST(Firmware, EveryStepCanBeRefusedOrStayUnanswered) {
           desk.start(FwUpdate_Both, desk.files.with(pattern(50)), desk.files.with(pattern(50)));
           desk.finish();
           const std::string link = second ? "3 " : "2 ";
-          Lines failing{"FwOtaResult 1 " + link + std::to_string(how == 0 ? code : code + 1)};
-          if (how == 2) failing.push_back("FwOtaResult 1 " + link + "9");
-          Lines expected = second ? results({"2 8"}) : Lines{};
-          expected.insert(expected.end(), failing.begin(), failing.end());
-          if (!second) expected.push_back("FwOtaResult 1 3 8");
-          expected.push_back("FwOtaResult 1 0 11");
+          const std::string failing = link + std::to_string(how == 0 ? code : code + 1);
+          auto expected = second ? results({"2 8", failing, "0 11"}) : results({failing, "3 8", "0 11"});
+          if (how == 2) expected.insert(expected.begin() + (second ? 2 : 1), "FwOtaResult 1 " + link + "9");
           EXPECT_EQ(desk.record.lines("FwOtaResult"), expected);
           const auto took = desk.milliseconds() - begin;
           EXPECT_TRUE(how == 1 ? took < 100 : took > 3100 && took < 3200) << took;
@@ -464,14 +445,11 @@ TEST(Firmware, AStartThatMeetsATimeOutOrAnotherStartWinsWhole) {
     desk.start(FwUpdate_Both, before, before);
     desk.run(3100ms + std::chrono::microseconds(static_cast<int>(random() % 3000) - 1000));
     desk.device->update(Updated::mouse, {.size = 90});
-    if (seed % 2 == 0) {
-      // Two at the same time: either wins, and one end is told.
-      auto other = desk.machine.spawn([&] { desk.start(FwUpdate_First, file); });
-      desk.start(FwUpdate_First, file);
-      other.join();
-    } else {
-      desk.start(FwUpdate_First, file);
-    }
+    // Two at the same time: either wins, and one end is told.
+    std::optional<sim::Machine::Spawned> other;
+    if (seed % 2 == 0) other.emplace(desk.machine.spawn([&] { desk.start(FwUpdate_First, file); }));
+    desk.start(FwUpdate_First, file);
+    if (other) other->join();
     EXPECT_EQ(desk.machine.balance().threads, 5U) << "they share one wait thread";
     desk.record.clear();
     desk.finish(30s);
