@@ -1,9 +1,10 @@
 // Older hardware: what is plugged in, its keys, and the working mode that follows it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -209,31 +210,27 @@ TEST(UsbKeys, ArePolledEvery13MillisecondsWhileChecking) {
 
 TEST(UsbKeys, PollingAllocatesNothing) {
   // As many allocations as a thread that makes the same calls and nothing else: all of them are the machine's.
-  const auto inHundredSeconds = [](sim::Machine& machine) {
+  const auto inHundredSeconds = [](bool byHand) {
+    sim::Machine machine;
+    std::optional<CFormerMouse_Usb> usb;
+    if (byHand) {
+      machine.spawn([never = os::CreateEventW(nullptr, FALSE, FALSE, nullptr)] {
+        for (;;) {
+          os::WaitForSingleObject(never, 10);
+          for (const int key : {kXButton1, kF19, kXButton2, kF20}) os::GetAsyncKeyState(key);
+          os::WaitForSingleObject(never, 3);
+        }
+      });
+    } else {
+      usb.emplace().StartCheck();
+    }
     machine.sleep(1s);
     const std::int64_t before = allocations();
     machine.sleep(100s);
     return allocations() - before;
   };
-  std::int64_t machines = 0;
-  {
-    sim::Machine machine;
-    static HANDLE never;
-    never = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    machine.spawn([] {
-      for (;;) {
-        os::WaitForSingleObject(never, 10);
-        for (const int key : {kXButton1, kF19, kXButton2, kF20}) os::GetAsyncKeyState(key);
-        os::WaitForSingleObject(never, 3);
-      }
-    });
-    machines = inHundredSeconds(machine);
-  }
-  sim::Machine machine;
-  CPreferences::Instance()->SetVoiceClickTimes(2);
-  CFormerMouse_Usb usb;
-  usb.StartCheck();
-  EXPECT_EQ(inHundredSeconds(machine), machines);
+  const std::int64_t machines = inHundredSeconds(true);
+  EXPECT_EQ(inHundredSeconds(false), machines);
   EXPECT_GT(machines, 100 * 1000 / 13) << "it did poll";
 }
 
@@ -400,9 +397,8 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
   auto pen = desk.device(LegacyKind::laserPen);
   CFormerLaserPen penKeys;
   CSoftModeSwitch modes;
-  static bool veto;
-  veto = false;
-  const CSoftModeSwitch::PauseCallback pause = [](void*) { return veto; };
+  bool veto = false;
+  const CSoftModeSwitch::PauseCallback pause = [](void* context) { return *static_cast<bool*>(context); };
   const std::string toPen = "MainWndWork 2|Log 33 程序切换到“激光笔”模式|Tray 1 程序切换到“鼠标”模式";
   const std::string toMouse = "MainWndWork 2|Log 33 程序切换到“鼠标”模式|Tray 1 程序切换到“鼠标”模式";
   const std::string stopped = "DebugLog 45 未连接VoxMouse硬件，停止键值检测";
@@ -416,7 +412,7 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
 
   modes.StartCheck(nullptr, nullptr, nullptr, desk.hub.get(), &penKeys);
   EXPECT_EQ(desk.machine.balance().threads, 1U) << "not without a mouse";
-  modes.StartCheck(reinterpret_cast<void*>(pause), nullptr, &*desk.mouse, desk.hub.get(), &penKeys);
+  modes.StartCheck(reinterpret_cast<void*>(pause), &veto, &*desk.mouse, desk.hub.get(), &penKeys);
   EXPECT_TRUE(modes.ThreadIsClosed()) << "always";
   pen->plug();
   EXPECT_EQ(happens(7949ms), " -> 1");
@@ -691,11 +687,11 @@ struct Turmoil {
   explicit Turmoil(Trial& run) : random(run), desk(run.machine) {
     CPreferences::Instance()->SetHardWare(HardWare_LaserPen);
     desk.record.during = [this](const std::string&) { inMessage(); };
-    for (const LegacyKind kind : {LegacyKind::hidMouse, LegacyKind::usbMouse, LegacyKind::laserPen}) {
-      devices.push_back(desk.device(kind));
-    }
     devices.push_back(std::move(desk.lark));
     devices.push_back(desk.device(LegacyKind::voiceKeyboard, "second"));
+    devices.push_back(desk.device(LegacyKind::hidMouse));
+    devices.push_back(desk.device(LegacyKind::usbMouse));
+    devices.push_back(desk.device(LegacyKind::laserPen));
     for (const auto& device : devices) {
       if (device->hid()) device->hid()->faults.refuseOpen = [this](int) { return openings++, random() % 8 == 0; };
     }
@@ -770,10 +766,7 @@ struct Turmoil {
           mouse.LeftKeyDown_Up();
           mouse.IsConnect();
         },
-        [&] {
-          mouse.ThreadIsClosed();
-          mouse.ReCheckHardwareKind();
-        },
+        [&] { mouse.ReCheckHardwareKind(); },
         [&] { EXPECT_LE(timeOf(desk, [&] { switches->Release(); }), bound); },
         [&] { switches->StopCheck(); },
         [&] {
