@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <vector>
 
 #include "sim/Wav.h"
@@ -116,10 +115,11 @@ TEST(Audio, OpeningAgainBeginsAFreshHistory) {
     ASSERT_TRUE(desk.hub->OpenHidRecord());
     desk.run(500ms);
     ASSERT_TRUE(desk.hub->CloseHidRecord());
-    if (round == 0) first = desk.pcm();
-    std::vector<std::int16_t> again = desk.pcm();
-    const std::size_t common = std::min(first.size(), again.size());
-    EXPECT_TRUE(std::equal(first.begin(), first.begin() + static_cast<std::ptrdiff_t>(common), again.begin()));
+    std::vector<std::int16_t> heard = desk.pcm();
+    ASSERT_GT(heard.size(), 7000U);
+    heard.resize(7000);
+    if (round == 0) first = heard;
+    EXPECT_EQ(heard, first);
     desk.audio.clear();
   }
 }
@@ -129,28 +129,24 @@ TEST(Audio, VoiceRequestsEndByTheirBounds) {
   desk.open();
   auto wren = desk.connect("Wren");
   desk.hub->ChooseWorkHidDevice(1);
-  const auto timed = [&](auto operation) {
-    const auto begin = desk.milliseconds();
-    const bool result = operation();
-    return std::pair(result, desk.milliseconds() - begin);
-  };
-  const auto open = [&] { return desk.hub->OpenHidRecord(); };
-  const auto close = [&] { return desk.hub->CloseHidRecord(); };
-  using Result = std::pair<bool, std::int64_t>;
-  wren->answer(0x03, {.refuse = true});
-  EXPECT_EQ(timed(open), Result(false, 10));
-  wren->answer(0x03, {.silent = true});
-  EXPECT_EQ(timed(open), Result(false, 1000));
-  wren->answer(0x03, {.garbled = true});
-  EXPECT_EQ(timed(open), Result(false, 1000));
-  wren->answer(0x03, {.delay = 995ms});
-  EXPECT_EQ(timed(open), Result(true, 1000));
-  wren->answer(0x04, {.silent = true});
-  EXPECT_EQ(timed(close), Result(false, 1000));
-  wren->answer(0x04, {.times = 2});
-  EXPECT_EQ(timed(close), Result(true, 10));
+  const struct {
+    std::uint8_t code;  // open or close
+    sim::Answering answer;
+    bool result;
+    int milliseconds;
+  } cases[] = {{0x03, {.refuse = true}, false, 10},    {0x03, {.silent = true}, false, 1000},
+               {0x03, {.garbled = true}, false, 1000}, {0x03, {.delay = 995ms}, true, 1000},
+               {0x04, {.silent = true}, false, 1000},  {0x04, {.times = 2}, true, 10}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    wren->answer(c.code, c.answer);
+    bool result = false;
+    EXPECT_EQ(timeOf(desk, [&] { result = c.code == 3 ? desk.hub->OpenHidRecord() : desk.hub->CloseHidRecord(); }),
+              c.milliseconds);
+    EXPECT_EQ(result, c.result);
+  }
   wren->forget();
-  EXPECT_EQ(timed(close), Result(true, 0)) << "nothing is open, nothing is sent";
+  EXPECT_EQ(timeOf(desk, [&] { EXPECT_TRUE(desk.hub->CloseHidRecord()); }), 0) << "nothing is open, nothing is sent";
   EXPECT_TRUE(wren->received(0x04).empty());
 }
 
