@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
+#include <cstddef>
 #include <memory>
 #include <numbers>
 #include <string>
@@ -172,11 +172,9 @@ TEST(Speaker, FormatsAreCheckedAndOnlyFloatOnesAccepted) {
     desk.recorder->StopRecord();
   }
   SpeakerDesk desk;
-  WAVEFORMATEX odd{};
-  std::memcpy(&odd, desk.sound().speaker.mixFormat.data(), sizeof odd);
-  odd.cbSize = 0;  // an extensible format without its extension
-  desk.sound().speaker.mixFormat.assign(reinterpret_cast<const std::uint8_t*>(&odd),
-                                        reinterpret_cast<const std::uint8_t*>(&odd) + sizeof odd);
+  auto& format = desk.sound().speaker.mixFormat;
+  format.resize(sizeof(WAVEFORMATEX));  // an extensible format without its extension
+  format[offsetof(WAVEFORMATEX, cbSize)] = 0;
   EXPECT_EQ(desk.start(), 0);
   EXPECT_EQ(desk.record.lines(), Lines{"Log 6 扬声器录音是32位，不是16位"});
 }
@@ -234,9 +232,6 @@ TEST(Speaker, StopDeliversTheRestOrSilenceAndThenTheEndMark) {
   desk.recorder->Init(nullptr, nullptr);
   ASSERT_EQ(desk.start(), 1);
   desk.run(100ms);
-  desk.recorder->StopRecord();
-  ASSERT_EQ(desk.start(), 1);
-  desk.run(15ms);
   desk.recorder.reset();
   EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
