@@ -412,7 +412,13 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
 
   modes.StartCheck(nullptr, nullptr, nullptr, desk.hub.get(), &penKeys);
   EXPECT_EQ(desk.machine.balance().threads, 1U) << "not without a mouse";
-  modes.StartCheck(reinterpret_cast<void*>(pause), &veto, &*desk.mouse, desk.hub.get(), &penKeys);
+  // Also right after a stop.
+  for (const int stop : {0, 1, 2}) {
+    if (stop == 1) modes.Release();
+    if (stop == 2) modes.StopCheck();
+    modes.StartCheck(reinterpret_cast<void*>(pause), &veto, &*desk.mouse, desk.hub.get(), &penKeys);
+    if (stop < 2) desk.run(1s);
+  }
   EXPECT_TRUE(modes.ThreadIsClosed()) << "always";
   pen->plug();
   EXPECT_EQ(happens(7949ms), " -> 1");
@@ -569,22 +575,6 @@ TEST(LegacyThreads, StartRightAfterTheyWereStopped) {
     EXPECT_EQ(desk.mouse->IsConnect(), -1) << "the variant was looked for";
     desk.leftOpen.handles += 2;
   }
-  for (const bool release : {false, true}) {
-    BusyDesk desk;
-    CFormerLaserPen keys;
-    CSoftModeSwitch modes;
-    auto pen = desk.device(LegacyKind::laserPen);
-    pen->plug();
-    const auto start = [&] { modes.StartCheck(nullptr, nullptr, &*desk.mouse, desk.hub.get(), &keys); };
-    start();
-    desk.run(1s);
-    release ? modes.Release() : modes.StopCheck();
-    start();
-    desk.run(7940ms);
-    EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{});
-    desk.run(20ms);
-    EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{"MainWndWork 2"});
-  }
 }
 
 TEST(LegacyThreads, EndWithin50MillisecondsFromWhereverTheyWait) {
@@ -653,6 +643,31 @@ TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
   desk.leftOpen.handles += 3;
 }
 
+TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
+  BusyDesk desk;
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  int meetings = 0;
+  desk.record.during = [&, mouse = &*desk.mouse](const std::string&) {
+    desk.run(10ms);
+    CFormerMouse copy(*mouse);
+    for (CFormerMouse* each : {mouse, &copy}) {
+      each->Release();
+      each->Init();
+      each->StartCheck();
+      EXPECT_TRUE(each->ThreadIsClosed() && each->GetKey_M_L() == ButtonUp && each->GetClickMode_L() == ClickNone);
+      ++meetings;
+    }
+  };
+  desk.lark->hid()->key(0x65);
+  desk.run(5ms);
+  EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 100);
+  EXPECT_EQ(meetings, 2);
+  desk.run(4s);
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.leftOpen.handles += 1;
+}
+
 TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
   {
     BusyDesk desk;
@@ -706,7 +721,6 @@ struct Turmoil {
     EXPECT_LE(timeOf(desk, [&] { modes.reset(); }), 2000 + late());
     theModes = nullptr;
     if (random.chance(4)) theMouse->CloseThread();
-    going = true;
     EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 2000 + late());
     theMouse = nullptr;
     const std::size_t told = desk.record.lines().size();
@@ -748,12 +762,7 @@ struct Turmoil {
     const std::function<void()> operations[] = {
         [&] { mouse.StopCheck(); },
         [&] { mouse.CloseThread(); },
-        [&] {
-          EXPECT_LE(timeOf(desk, [&] { mouse.Release(); }), bound);
-          if (!going) return;
-          mouse.StartCheck();
-          EXPECT_TRUE(mouse.ThreadIsClosed() && mouse.GetKey_M_L() == ButtonUp && mouse.GetClickMode_L() == ClickNone);
-        },
+        [&] { EXPECT_LE(timeOf(desk, [&] { mouse.Release(); }), bound); },
         [&] {
           CFormerMouse_Hid hid;
           hid.StartCheck();
@@ -796,7 +805,6 @@ struct Turmoil {
   // As long as they may be called: also while they go.
   CFormerMouse* theMouse = &*desk.mouse;
   CSoftModeSwitch* theModes = &*modes;
-  bool going = false;
   std::size_t openings = 0;
   int depth = 0;
 };
