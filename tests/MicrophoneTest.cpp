@@ -445,14 +445,8 @@ void microphoneClients(Trial& random) {
   const bool givesUp = random() % 3 == 2;
   if (givesUp) calls.insert(calls.end(), {"waveInReset", "waveInClose", "waveInUnprepareHeader"});
   RecorderClients<Recorder>(desk, random,
-                            {[](Recorder& recorder) {
-                               Recorder copy(recorder);
-                               copy.StopRecord();
-                             },
-                             [](Recorder& recorder) {
-                               Recorder copy(recorder);
-                               copy.StartRecord();
-                             },
+                            {[](Recorder& recorder) { Recorder(recorder).StopRecord(); },
+                             [](Recorder& recorder) { Recorder(recorder).StartRecord(); },
                              [](Recorder& recorder) { recorder.SetPen_MeetMode(L"Meeting"); },
                              [](Recorder& recorder) { recorder.StartThread(); }},
                             calls)
@@ -483,6 +477,14 @@ TEST(SoundCard, IsFoundByItsNameAndRecorded) {
     RecordDesk desk(c.names);
     EXPECT_EQ(CVoxRecord::VoxCheckSoundCard(), c.index);
     EXPECT_EQ(CVoxDeviceInfo::Instance()->GetFormerDeviceName(), c.recorded);
+  }
+}
+
+TEST(Microphone, ItsThreadTakesMessagesRightAfterItsStart) {
+  for (std::uint64_t seed = 0; seed < 20; ++seed) {
+    RecordDesk desk({}, seed);
+    ASSERT_TRUE(desk.recorder->StartThread());
+    desk.machine.locked([&] { EXPECT_TRUE(desk.machine.kernel().post(desk.recorder->GetThreadID(), MSG{})) << seed; });
   }
 }
 
