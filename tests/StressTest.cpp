@@ -28,9 +28,6 @@ TEST(Stress, AHundredDevicesForAnHour) {
       desk.machine.plug(device);
     }
     if (second % 60 == 0) desk.hub->GetMouseState(-1);
-    if (second == 600) {
-      EXPECT_GT(desk.machine.balance().handles, 100U);
-    }
     desk.run(1s);
     if (second % 100 == 0) desk.record.clear();
   }
