@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <vector>
 
 #include "sim/Wav.h"
@@ -19,38 +18,6 @@ std::vector<std::int16_t> sampleSentence() {
   EXPECT_TRUE(error.empty()) << error;
   return speech;
 }
-
-// Mean over 16 ms segments that carry speech of the signal to noise ratio, in dB; `lag` is the delay of `received`.
-double segmentalSnr(const std::vector<std::int16_t>& spoken, const std::vector<double>& received, std::size_t lag) {
-  constexpr std::size_t kSegment = 256;
-  double sum = 0;
-  int segments = 0;
-  for (std::size_t at = 0; at + kSegment <= spoken.size() && at + kSegment + lag <= received.size(); at += kSegment) {
-    double signal = 0, noise = 0;
-    for (std::size_t i = at; i < at + kSegment; ++i) {
-      signal += std::pow(spoken[i], 2);
-      noise += std::pow(received[i + lag] - spoken[i], 2);
-    }
-    if (signal < kSegment * 100.0 * 100.0) continue;  // silence
-    sum += 10 * std::log10(signal / std::max(noise, 1e-9));
-    ++segments;
-  }
-  EXPECT_GT(segments, 50);
-  return sum / segments;
-}
-
-// The factor that brings `received` closest to the level of `spoken`.
-double levelFit(const std::vector<std::int16_t>& spoken, const std::vector<double>& received, std::size_t lag) {
-  double product = 0, power = 0;
-  for (std::size_t i = 0; i < spoken.size() && i + lag < received.size(); ++i) {
-    product += spoken[i] * received[i + lag];
-    power += received[i + lag] * received[i + lag];
-  }
-  return product / power;
-}
-
-// The codec's own delay: analysis and synthesis filter banks.
-constexpr std::size_t kCodecDelay = 73;
 
 class Speech : public ::testing::TestWithParam<sim::Link> {};
 
@@ -77,8 +44,7 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
   EXPECT_EQ(desk.deliveries.back(), 0);
 
   const std::vector<std::int16_t> pcm = desk.pcm();
-  std::vector<double> received(pcm.begin(), pcm.end());
-  ASSERT_GE(received.size(), spoken.size());
+  ASSERT_GE(pcm.size(), spoken.size());
   EXPECT_EQ(hashOf(std::span(pcm).first(kSentenceSamples)), kSentenceHash);
 
   // What the codec can give: the same frames through a floating-point decoder.
@@ -95,17 +61,12 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
     decoder.decode(frame.data(), ideal);
     if (at + 80 > spoken.size()) break;
   }
-  const double level = levelFit(spoken, received, kCodecDelay);
-  const double idealLevel = levelFit(spoken, ideal, kCodecDelay);
-  EXPECT_NEAR(20 * std::log10(level / idealLevel), 6.02, 0.05) << "half the level, deliberately";
-  for (double& sample : received) sample *= level;
-  for (double& sample : ideal) sample *= idealLevel;
-  const double bound = segmentalSnr(spoken, ideal, kCodecDelay);
-  const double got = segmentalSnr(spoken, received, kCodecDelay);
-  RecordProperty("codec_snr_db", std::to_string(bound));
-  RecordProperty("library_snr_db", std::to_string(got));
-  EXPECT_GT(bound, 8) << "the codec at these settings carries speech";
-  EXPECT_GT(got, bound - 0.5);
+  double signal = 0, noise = 0;
+  for (std::size_t i = 0; i < ideal.size() && i < pcm.size(); ++i) {
+    signal += std::pow(ideal[i], 2);
+    noise += std::pow(2 * pcm[i] - ideal[i], 2);  // half the level, deliberately
+  }
+  EXPECT_GT(10 * std::log10(signal / noise), 30);
 }
 
 TEST_P(Speech, SpokenIntoATernComesThroughTheLoadedCodec) {
@@ -154,10 +115,11 @@ TEST(Audio, OpeningAgainBeginsAFreshHistory) {
     ASSERT_TRUE(desk.hub->OpenHidRecord());
     desk.run(500ms);
     ASSERT_TRUE(desk.hub->CloseHidRecord());
-    if (round == 0) first = desk.pcm();
-    std::vector<std::int16_t> again = desk.pcm();
-    const std::size_t common = std::min(first.size(), again.size());
-    EXPECT_TRUE(std::equal(first.begin(), first.begin() + static_cast<std::ptrdiff_t>(common), again.begin()));
+    std::vector<std::int16_t> heard = desk.pcm();
+    ASSERT_GT(heard.size(), 7000U);
+    heard.resize(7000);
+    if (round == 0) first = heard;
+    EXPECT_EQ(heard, first);
     desk.audio.clear();
   }
 }
@@ -167,28 +129,24 @@ TEST(Audio, VoiceRequestsEndByTheirBounds) {
   desk.open();
   auto wren = desk.connect("Wren");
   desk.hub->ChooseWorkHidDevice(1);
-  const auto timed = [&](auto operation) {
-    const auto begin = desk.milliseconds();
-    const bool result = operation();
-    return std::pair(result, desk.milliseconds() - begin);
-  };
-  const auto open = [&] { return desk.hub->OpenHidRecord(); };
-  const auto close = [&] { return desk.hub->CloseHidRecord(); };
-  using Result = std::pair<bool, std::int64_t>;
-  wren->answer(0x03, {.refuse = true});
-  EXPECT_EQ(timed(open), Result(false, 10));
-  wren->answer(0x03, {.silent = true});
-  EXPECT_EQ(timed(open), Result(false, 1000));
-  wren->answer(0x03, {.garbled = true});
-  EXPECT_EQ(timed(open), Result(false, 1000));
-  wren->answer(0x03, {.delay = 995ms});
-  EXPECT_EQ(timed(open), Result(true, 1000));
-  wren->answer(0x04, {.silent = true});
-  EXPECT_EQ(timed(close), Result(false, 1000));
-  wren->answer(0x04, {.times = 2});
-  EXPECT_EQ(timed(close), Result(true, 10));
+  const struct {
+    std::uint8_t code;  // open or close
+    sim::Answering answer;
+    bool result;
+    int milliseconds;
+  } cases[] = {{0x03, {.refuse = true}, false, 10},    {0x03, {.silent = true}, false, 1000},
+               {0x03, {.garbled = true}, false, 1000}, {0x03, {.delay = 995ms}, true, 1000},
+               {0x04, {.silent = true}, false, 1000},  {0x04, {.times = 2}, true, 10}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    wren->answer(c.code, c.answer);
+    bool result = false;
+    EXPECT_EQ(timeOf(desk, [&] { result = c.code == 3 ? desk.hub->OpenHidRecord() : desk.hub->CloseHidRecord(); }),
+              c.milliseconds);
+    EXPECT_EQ(result, c.result);
+  }
   wren->forget();
-  EXPECT_EQ(timed(close), Result(true, 0)) << "nothing is open, nothing is sent";
+  EXPECT_EQ(timeOf(desk, [&] { EXPECT_TRUE(desk.hub->CloseHidRecord()); }), 0) << "nothing is open, nothing is sent";
   EXPECT_TRUE(wren->received(0x04).empty());
 }
 
@@ -210,30 +168,32 @@ TEST(Audio, PayloadsThatAreNoPacketsYieldNothing) {
 }
 
 TEST(Audio, WithoutTheWholeCodecLibraryATernIsMute) {
-  const char* const names[] = {"ASC_Decoder_Init",      "ASC_Set_Parameter",       "ASC_Decoder",
-                               "ASC_Set_VAD_Parameter", "Output_Decoder_PCM_File", "Output_Decoder_Tail_File"};
+  const char* const names[] = {"ASC_Decoder_Init",
+                               "ASC_Set_Parameter",
+                               "ASC_Decoder",
+                               "ASC_Set_VAD_Parameter",
+                               "Output_Decoder_PCM_File",
+                               "Output_Decoder_Tail_File",
+                               nullptr};  // null: none is, and packets are of another size
   for (const char* missing : names) {
+    SCOPED_TRACE(missing ? missing : "319 samples");
     Desk desk;
     sim::Library library = sim::ascLibrary();
-    library.erase(missing);
+    if (missing) {
+      library.erase(missing);
+    } else {
+      sim::ascReportSamples(319);
+    }
     desk.machine.install(L"asc_lib.dll", library);
     desk.open();
     auto tern = desk.connect("Tern");
     for (int i = 0; i < 10; ++i) tern->send({0x1A, 0xFF, 0xF1});
     desk.run(10ms);
     desk.hub->CloseHidRecord();
-    EXPECT_EQ(desk.deliveries, std::vector<int>{0}) << missing;
-    EXPECT_TRUE(sim::ascCalls().init.empty()) << missing;
+    EXPECT_EQ(desk.deliveries, std::vector<int>{0});
+    EXPECT_EQ(sim::ascCalls().init.empty(), missing != nullptr);
+    EXPECT_EQ(sim::ascCalls().packets, missing ? 0 : 10);
   }
-  Desk desk;
-  sim::ascReportSamples(319);
-  desk.open();
-  auto tern = desk.connect("Tern");
-  for (int i = 0; i < 10; ++i) tern->send({0x1A, 0xFF, 0xF1});
-  desk.run(10ms);
-  desk.hub->CloseHidRecord();
-  EXPECT_EQ(sim::ascCalls().packets, 10);
-  EXPECT_EQ(desk.deliveries, std::vector<int>{0}) << "packets of another size are dropped";
 }
 
 }  // namespace

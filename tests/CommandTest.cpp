@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/os.h"
 #include "sim/Text.h"
 #include "tests/Desk.h"
 
@@ -85,19 +84,19 @@ TEST_F(Commands, UrlIsTranslatedInPlace) {
   forget();
   unsigned char colon[] = {'a', ':', 'b'};
   desk.hub->SetDownloadURL(1, colon, 3);
-  // One that does not fit the 64-byte report is translated but not sent; 56 characters fit.
-  std::vector<unsigned char> tooLong(57, 'a');
-  desk.hub->SetDownloadURL(1, tooLong.data(), 57);
   desk.run(10ms);
   EXPECT_TRUE(commands(*wren).empty());
   EXPECT_EQ(colon[0], 0x04);
   EXPECT_EQ(colon[1], ':');
-  EXPECT_EQ(tooLong[56], 0x04);
-  std::vector<unsigned char> fits(56, 'a');
-  desk.hub->SetDownloadURL(1, fits.data(), 56);
-  desk.run(10ms);
-  EXPECT_EQ(commands(*wren).size(), 1U);
-  desk.hub->SetDownloadURL(1, fits.data(), -5);
+  // One that does not fit the 64-byte report is translated but not sent; 56 characters fit.
+  for (const int length : {57, 56}) {
+    std::vector<unsigned char> url(static_cast<std::size_t>(length), 'a');
+    desk.hub->SetDownloadURL(1, url.data(), length);
+    desk.run(10ms);
+    EXPECT_EQ(commands(*wren).size(), length == 56 ? 1U : 0U);
+    EXPECT_EQ(url.back(), 0x04);
+  }
+  desk.hub->SetDownloadURL(1, good, -5);
   EXPECT_EQ(wren->malformed(), 0U);
 }
 
@@ -110,9 +109,8 @@ TEST_F(Commands, MKeyFunctionIsListedSetAndConfirmed) {
   EXPECT_EQ(hub.setMKeyType_Key1(1, static_cast<MouseMKeyType>(9)), SetMKeyType_NotSupported);
   EXPECT_EQ(hub.setMKeyType_Key1(1, static_cast<MouseMKeyType>(258)), SetMKeyType_NotSupported);
   forget();
-  auto begin = desk.milliseconds();
-  EXPECT_EQ(hub.setMKeyType_Key1(1, MouseMKeyType_Screenshot), SetMKeyType_Confirmed);
-  EXPECT_EQ(desk.milliseconds() - begin, 50);
+  const auto set = [&] { return hub.setMKeyType_Key1(1, MouseMKeyType_Screenshot); };
+  EXPECT_EQ(timeOf(desk, [&] { EXPECT_EQ(set(), SetMKeyType_Confirmed); }), 50);
   EXPECT_EQ(commands(*wren), (Frames{{0x15, 0xF1, {3}}}));
   EXPECT_EQ(hub.GetMKeyType_Key1(1, 1), 3);
   EXPECT_TRUE(desk.record.lines().empty()) << "the answer to a set is no list";
@@ -120,9 +118,7 @@ TEST_F(Commands, MKeyFunctionIsListedSetAndConfirmed) {
   wren->answer(0x15, {.refuse = true});
   EXPECT_EQ(hub.setMKeyType_Key1(1, MouseMKeyType_HeldButton), SetMKeyType_OtherType);
   wren->answer(0x15, {.silent = true});
-  begin = desk.milliseconds();
-  EXPECT_EQ(hub.setMKeyType_Key1(1, MouseMKeyType_HeldButton), SetMKeyType_NoAnswer);
-  EXPECT_EQ(desk.milliseconds() - begin, 2500);
+  EXPECT_EQ(timeOf(desk, [&] { EXPECT_EQ(set(), SetMKeyType_NoAnswer); }), 2500);
   EXPECT_EQ(hub.setMKeyType_Key1(5, MouseMKeyType_HeldButton), SetMKeyType_NotReady);
 
   forget();
@@ -201,16 +197,15 @@ TEST_F(Commands, RecordingDevicesAreMatchedByName) {
 }
 
 TEST_F(Commands, CallbacksCanBeTakenAwayAndMayCallTheHub) {
-  static CAudioHidCenter* hub;
-  hub = desk.hub.get();
   // A callback that sends a command, closes the voice channel and asks a question, on its own read thread.
-  hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int device, int, void*) {
-                                 hub->SetDpi(device, 800);
-                                 hub->OpenHidRecord();
-                                 hub->CloseHidRecord();
-                                 hub->GetEffectiveDevice();
-                               }),
-                               nullptr);
+  CAudioHidCenter* hub = desk.hub.get();
+  desk.record.during = [&](const std::string& what) {
+    if (what != "PowerReport") return;
+    hub->SetDpi(1, 800);
+    hub->OpenHidRecord();
+    hub->CloseHidRecord();
+    hub->GetEffectiveDevice();
+  };
   hub->ChooseWorkHidDevice(1);
   wren->answer(0x03, {.silent = true});
   wren->reportPower(10);
@@ -244,7 +239,7 @@ TEST(Lifecycle, ThreadIsClosedKeepsItsInvertedRule) {
   desk.open();
   auto wren = desk.connect("Wren");
   EXPECT_FALSE(desk.hub->ThreadIsClosed()) << "discovery runs";
-  desk.hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) { os::Sleep(500); }), nullptr);
+  desk.record.during = [&](const std::string&) { desk.run(500ms); };
   wren->reportPower(1);
   auto closing = desk.machine.spawn([&] { desk.hub->CloseDevice(); });
   desk.run(60ms);
@@ -259,32 +254,9 @@ TEST(Lifecycle, SecondOpenDeviceAndCopiesAreHarmless) {
   desk.open();
   auto wren = desk.connect("Wren");
   EXPECT_EQ(desk.record.lines("HidConnect").size(), 1U) << "two discovery threads, one device";
-  {
-    CAudioHidCenter copy(*desk.hub);
-    EXPECT_EQ(copy.GetHidMouseType(1), MouseType_Wren);
-    copy = *desk.hub;
-    EXPECT_EQ(copy.GetEffectiveDevice(), 1);
-  }
+  CAudioHidCenter(*desk.hub).GetEffectiveDevice();
   EXPECT_EQ(CAudioHidCenter::Instance(), desk.hub.get());
   EXPECT_EQ(desk.hub->GetEffectiveDevice(), 1);
-}
-
-TEST(Lifecycle, ReleaseFromACallbackLeavesOneThreadToTheEnd) {
-  Desk desk;
-  static CAudioHidCenter* hub;
-  hub = desk.hub.get();
-  desk.open();
-  auto wren = desk.connect("Wren");
-  auto tern = desk.connect("Tern");
-  hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) {
-                                 hub->CloseDevice();
-                                 hub->Release();
-                               }),
-                               nullptr);
-  wren->reportPower(1);
-  desk.run(3s);
-  EXPECT_EQ(hub->GetEffectiveDevice(), -1);
-  EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
 
 }  // namespace

@@ -16,6 +16,15 @@ std::string line(const char* name, Values... values) {
   return text.str();
 }
 
+// A callback of the hub's that tells the record of its arguments.
+template <class... Arguments>
+void* slot() {
+  return reinterpret_cast<void*>(+[](Arguments... arguments, void* to) {
+    auto& [record, name] = *static_cast<Desk::Teller*>(to);
+    record.hear(name, line(name, static_cast<int>(arguments)...));
+  });
+}
+
 }  // namespace
 
 std::string hex(const std::vector<std::uint8_t>& bytes) {
@@ -24,6 +33,16 @@ std::string hex(const std::vector<std::uint8_t>& bytes) {
     static constexpr char digits[] = "0123456789abcdef";
     text += digits[value >> 4];
     text += digits[value & 15];
+  }
+  return text;
+}
+
+std::string frames(const std::vector<sim::HostFrame>& received) {
+  std::string text;
+  for (const sim::HostFrame& frame : received) {
+    const std::string prefix = frame.prefix == 0 ? "" : hex({frame.prefix}) + ":";
+    text += (text.empty() ? "" : " ") + prefix + hex({frame.code}) +
+            (frame.code == 0x0F ? "(" + std::to_string(frame.payload.size()) + ")" : hex(frame.payload));
   }
   return text;
 }
@@ -100,42 +119,14 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
 void Desk::makeHub() {
   close();
   hub = std::make_unique<CAudioHidCenter>();
-  void* context = &record;
-  const auto slot = [](auto* function) { return reinterpret_cast<void*>(function); };
-  hub->SetCallback_MouseConnect(slot(+[](int device, int state, void* to) {
-                                  static_cast<Record*>(to)->add(line("MouseConnect", device, state));
-                                }),
-                                context);
-  hub->SetCallback_VoiceOperate(slot(+[](int device, int operation, void* to) {
-                                  static_cast<Record*>(to)->add(line("VoiceOperate", device, operation));
-                                }),
-                                context);
-  hub->SetCallback_DpiSet(slot(+[](int device, int dpi, bool ok, void* to) {
-                            static_cast<Record*>(to)->add(line("DpiSet", device, dpi, ok));
-                          }),
-                          context);
-  hub->SetCallback_MouseState(
-      slot(+[](int device, MouseType model, DataChannel link, int word0, int word1, int level, void* to) {
-        static_cast<Record*>(to)->add(line("MouseState", device, int{model}, int{link}, word0, word1, level));
-      }),
-      context);
-  hub->SetCallback_DongleState(
-      slot(+[](int device, MouseType model, DataChannel link, int word, bool flag, void* to) {
-        static_cast<Record*>(to)->add(line("DongleState", device, int{model}, int{link}, word, flag));
-      }),
-      context);
-  hub->SetCallback_PowerReport(slot(+[](int device, int level, void* to) {
-                                 static_cast<Record*>(to)->hear("PowerReport", line("PowerReport", device, level));
-                               }),
-                               context);
-  hub->SetCallback_FwOtaResult(slot(+[](int device, DataChannel link, FwUpdateState state, void* to) {
-                                 static_cast<Record*>(to)->hear("FwOtaResult",
-                                                                line("FwOtaResult", device, int{link}, int{state}));
-                               }),
-                               context);
-  hub->SetCallback_DownloadUrl(
-      slot(+[](int device, bool ok, void* to) { static_cast<Record*>(to)->add(line("DownloadUrl", device, ok)); }),
-      context);
+  hub->SetCallback_MouseConnect(slot<int, int>(), teller("MouseConnect"));
+  hub->SetCallback_VoiceOperate(slot<int, int>(), teller("VoiceOperate"));
+  hub->SetCallback_DpiSet(slot<int, int, bool>(), teller("DpiSet"));
+  hub->SetCallback_MouseState(slot<int, MouseType, DataChannel, int, int, int>(), teller("MouseState"));
+  hub->SetCallback_DongleState(slot<int, MouseType, DataChannel, int, bool>(), teller("DongleState"));
+  hub->SetCallback_PowerReport(slot<int, int>(), teller("PowerReport"));
+  hub->SetCallback_FwOtaResult(slot<int, DataChannel, FwUpdateState>(), teller("FwOtaResult"));
+  hub->SetCallback_DownloadUrl(slot<int, bool>(), teller("DownloadUrl"));
 }
 
 Desk::~Desk() {

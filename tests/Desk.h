@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -55,6 +56,8 @@ class Record : public VoxMessageSink {
 };
 
 std::string hex(const std::vector<std::uint8_t>& bytes);
+// What has arrived at a device: prefix, code and payload of each; of what is drawn at random, the length alone.
+std::string frames(const std::vector<sim::HostFrame>& received);
 
 // Owns the machine, the hub and the record; checks at its end that nothing is left open and no rule of the system's was
 // broken.
@@ -77,6 +80,13 @@ class Desk {
   std::vector<std::int16_t> pcm();
   std::int64_t milliseconds() { return machine.now().count() / 1000; }
 
+  // What a callback of the hub's is given.
+  struct Teller {
+    Record& record;
+    const char* name;
+  };
+  void* teller(const char* name) { return &tellers_.emplace_back(Teller{record, name}); }
+
   sim::Machine machine;
   sim::Balance leftOpen;  // what is left at the end by design
   Record record;
@@ -87,6 +97,7 @@ class Desk {
 
  private:
   static void onAudio(const unsigned char* data, int byteCount, void* desk);
+  std::deque<Teller> tellers_;
   int instances_ = 0;
 };
 

@@ -146,19 +146,15 @@ TEST(HostileDevice, AHangingWriteIsCancelledWhenTheDeviceGoes) {
 
 TEST(HostileDevice, ACallbackThatHangsInAnotherDevicesWriteDoesNotHoldUpRelease) {
   Desk desk;
-  static CAudioHidCenter* hub;
-  hub = desk.hub.get();
   desk.open();
   auto wren = desk.connect("Wren");  // 1
   auto tern = desk.connect("Tern");  // 2
-  hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) { hub->SetDpi(1, 800); }), nullptr);
+  desk.record.during = [&](const std::string&) { desk.hub->SetDpi(1, 800); };
   ASSERT_TRUE(desk.machine.waitFor([&] { return desk.milliseconds() % 1000 == 500; }, 2s));  // between two heartbeats
   wren->faults.hangWrites = true;
   tern->reportPower(1);
   desk.run(1ms);  // the Tern's read thread hangs in a write to the Wren, and holds its lock
-  const auto begin = desk.milliseconds();
-  hub->Release();
-  EXPECT_LE(desk.milliseconds() - begin, 3000);
+  EXPECT_LE(timeOf(desk, [&] { desk.hub->Release(); }), 3000);
   EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
 
@@ -168,9 +164,7 @@ TEST(HostileDevice, FailedWritesAreIgnored) {
   auto wren = desk.connect("Wren");
   desk.hub->ChooseWorkHidDevice(1);
   wren->faults.failWrites = true;
-  const auto begin = desk.milliseconds();
-  EXPECT_FALSE(desk.hub->OpenHidRecord());
-  EXPECT_EQ(desk.milliseconds() - begin, 1000);
+  EXPECT_EQ(timeOf(desk, [&] { EXPECT_FALSE(desk.hub->OpenHidRecord()); }), 1000);
   desk.run(5s);
   EXPECT_EQ(desk.record.lines("HidDisconnect"), Lines{"HidDisconnect 1"}) << "it cannot be heard: asleep";
   wren->faults.failWrites = false;

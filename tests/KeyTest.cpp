@@ -1,7 +1,7 @@
 // Keys: every model's layout, the shared buttons, the double click.
 #include <gtest/gtest.h>
 
-#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,40 +34,31 @@ std::string press(Desk& desk, sim::VirtualMouse& device, const std::string& keys
 
 TEST(Keys, EveryCellOfEveryLayout) {
   // After each key sequence: what is down. Each sequence begins with every button up.
+  constexpr sim::Link usb = sim::Link::usb;
+  constexpr sim::Link ble = sim::Link::bluetooth;
   const struct {
     const char* model;
     sim::Link link;
-    std::map<std::string, std::string> cells;
-  } models[] = {
-      {"Wren", sim::Link::usb, {{"0", "L"}, {"09", ""}, {"1", ""}, {"@", ""}, {"2", ""}, {"3", ""}, {"4", ""}}},
-      {"Finch",
-       sim::Link::bluetooth,
-       {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "PostMainMenu 8"}, {"3", "MainMenu 16"}, {"4", ""}}},
-      {"Robin", sim::Link::bluetooth, {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", ""}, {"3", ""}}},
-      {"Heron",
-       sim::Link::bluetooth,
-       {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "MainMenu 16"}, {"3", "PostMainMenu 8"}}},
-      {"Egret",
-       sim::Link::bluetooth,
-       {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "MainMenu 16"}, {"3", "PostMainMenu 8"}}},
-      {"Heron Plus",
-       sim::Link::bluetooth,
-       {{"0", "L"}, {"09", ""}, {"1", "R"}, {"1@", ""}, {"2", "MainMenu 16"}, {"3", ""}, {"4", ""}, {"C", ""}}},
-      // A Swift's keys are deliberately ignored.
-      {"Swift", sim::Link::bluetooth, {{"0", ""}, {"1", ""}, {"4", ""}, {"2", ""}}},
-      {"Tern", sim::Link::usb, {{"1", "L"},  {"10", ""}, {"19", ""},  {"4", "R"}, {"45", ""},  {"4@", ""},
-                                {"2", ""},   {"12", ""}, {"42", "R"}, {"3", "s"}, {"43", "s"}, {"13", "L"},
-                                {"I", "L"},  {"4I", ""}, {"1I", "L"}, {"Z", "R"}, {"1Z", "L"}, {"4Z", "R"},
-                                {"1]", ""},  {"4]", ""}, {"]", ""},   {"A", ""},  {"^", ""},   {"14", "L"},
-                                {"41", "R"}, {"0", ""},  {"5", ""},   {"6", ""}}},
-  };
+    const char* cells;
+  } models[] = {{"Wren", usb, "0:L;09:;1:;@:;2:;3:;4:"},
+                {"Finch", ble, "0:L;09:;1:R;1@:;2:PostMainMenu 8;3:MainMenu 16;4:"},
+                {"Robin", ble, "0:L;09:;1:R;1@:;2:;3:"},
+                {"Heron", ble, "0:L;09:;1:R;1@:;2:MainMenu 16;3:PostMainMenu 8"},
+                {"Egret", ble, "0:L;09:;1:R;1@:;2:MainMenu 16;3:PostMainMenu 8"},
+                {"Heron Plus", ble, "0:L;09:;1:R;1@:;2:MainMenu 16;3:;4:;C:"},
+                {"Swift", ble, "0:;1:;4:;2:"},  // deliberately ignored
+                {"Tern", usb,
+                 "1:L;10:;19:;4:R;45:;4@:;2:;12:;42:R;3:s;43:s;13:L;I:L;4I:;1I:L;Z:R;1Z:L;4Z:R;1]:;4]:;]:;A:;^:;14:L;"
+                 "41:R;0:;5:;6:"}};
   for (const auto& model : models) {
-    for (const auto& [keys, expected] : model.cells) {
+    std::istringstream cells(model.cells);
+    for (std::string cell; std::getline(cells, cell, ';');) {
+      const std::size_t colon = cell.find(':');
       Desk desk;
       desk.open();
       auto device = desk.connect(model.model, model.link);
       look(desk);
-      EXPECT_EQ(press(desk, *device, keys), expected) << model.model << " " << keys;
+      EXPECT_EQ(press(desk, *device, cell.substr(0, colon)), cell.substr(colon + 1)) << model.model << " " << cell;
     }
   }
 }
@@ -156,16 +147,13 @@ TEST(Keys, AnUnreadShortPressIsForgottenWithTheTern) {
   Desk desk;
   desk.open();
   auto tern = desk.connect("Tern");
-  tern->key('3');
-  desk.run(1ms);
-  desk.hub->ChooseWorkHidDevice(1);
-  EXPECT_FALSE(desk.hub->WorkHidIsWren());
-  EXPECT_TRUE(desk.hub->Tern_IsShortPress_R());
-  tern->key('3');
-  desk.run(1ms);
-  desk.hub->ChooseWorkHidDevice(-1);
-  EXPECT_FALSE(desk.hub->WorkHidIsWren());
-  EXPECT_FALSE(desk.hub->Tern_IsShortPress_R());
+  for (const int chosen : {1, -1}) {
+    tern->key('3');
+    desk.run(1ms);
+    desk.hub->ChooseWorkHidDevice(chosen);
+    EXPECT_FALSE(desk.hub->WorkHidIsWren());
+    EXPECT_EQ(desk.hub->Tern_IsShortPress_R(), chosen == 1);
+  }
 }
 
 // Presses and releases a detector at given milliseconds; what was logged and posted, and the outcome.
@@ -227,40 +215,28 @@ TEST(DoubleClick, WithoutNetworkIsRememberedAndNotPosted) {
 }
 
 TEST(DoubleClick, ReachesTheClientThroughTheHub) {
+  Desk desk;
   CPreferences::Instance()->SetVoiceClickTimes(2);
-  CEnvironmentMonitor::SetNet(true);
-  sim::Machine machine;  // the hub of a Desk takes its preferences before the test could set them
-  Record record;
-  VoxMessage::SetSink(&record);
-  {
-    CAudioHidCenter hub;
-    auto tern = sim::makeMouse("Tern", sim::Link::usb, "7&1&0&0000");
-    machine.plug(tern);
-    hub.OpenDevice(nullptr, nullptr);
-    machine.sleep(3s);
-    const auto send = [&](const std::string& keys) {
-      record.clear();
-      for (const char key : keys) {
-        tern->key(key);
-        machine.sleep(100ms);
-      }
-    };
-    send("1010");
-    EXPECT_EQ(record.lines(), (Lines{"Log 33 语音键双击：0  100  200  300", "PostMainMenu 8"}));
-    EXPECT_EQ(hub.GetClickMode_L(), ClickDouble);
-    send("10");
-    EXPECT_EQ(hub.GetClickMode_L(), ClickNone);
-    send("2");
-    EXPECT_EQ(record.lines(), Lines{"PostMainMenu 8"}) << "the device's own double click is not logged";
-    EXPECT_EQ(hub.GetClickMode_L(), ClickDouble);
-    send("1");
-    machine.unplug(tern);
-    machine.sleep(100ms);
-    EXPECT_EQ(hub.GetClickMode_L(), ClickNone) << "cleared with the button it held";
-    hub.CloseDevice();
-    hub.Release();
-  }
-  VoxMessage::SetSink(nullptr);
+  desk.makeHub();  // takes the preferences
+  desk.open();
+  auto tern = desk.connect("Tern");
+  // What was told, and the outcome.
+  const auto send = [&](const std::string& keys) {
+    desk.record.clear();
+    for (const char key : keys) {
+      tern->key(key);
+      desk.run(100ms);
+    }
+    return std::pair(desk.record.lines(), desk.hub->GetClickMode_L());
+  };
+  using Result = std::pair<Lines, VoxClickMode>;
+  EXPECT_EQ(send("1010"), Result({"Log 33 语音键双击：0  100  200  300", "PostMainMenu 8"}, ClickDouble));
+  EXPECT_EQ(send("10"), Result({}, ClickNone));
+  EXPECT_EQ(send("2"), Result({"PostMainMenu 8"}, ClickDouble)) << "the device's own double click is not logged";
+  send("1");
+  desk.machine.unplug(tern);
+  desk.run(100ms);
+  EXPECT_EQ(desk.hub->GetClickMode_L(), ClickNone) << "cleared with the button it held";
 }
 
 }  // namespace

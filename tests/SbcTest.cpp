@@ -58,27 +58,6 @@ TEST(SbcDecoder, IsBitExactForRandomStreams) {
   compareStreams(4, 40'000, 0, 12);  // 4 and 8 subbands in one history, from many beginnings
 }
 
-TEST(SbcDecoder, KeepsItsHistoryWhereTheFramingChanges) {
-  // n frames of 8 subbands, then some of 4, then of 8 again: for every phase of the history.
-  for (int n = 0; n < 40; ++n) {
-    std::mt19937_64 random(static_cast<unsigned>(100 + n));
-    CSbcDecoder decoder;
-    reference::Decoder expected;
-    std::vector<std::int16_t> pcm;
-    for (int i = 0; i < n + 12; ++i) {
-      Frame frame;
-      for (std::uint8_t& byte : frame) byte = static_cast<std::uint8_t>(random());
-      frame[0] = 0x9C;
-      // 4 blocks, mono: every frame moves the history by four.
-      frame[1] = static_cast<std::uint8_t>(i < n || i >= n + 6 ? 0x01 : 0x00);
-      frame[2] = 14;
-      decoder.Input() = frame;
-      ASSERT_EQ(decoder.DecodeFrame(), expected.decode(frame.data(), pcm));
-      ASSERT_EQ(std::memcmp(decoder.Pcm().data(), pcm.data(), pcm.size() * 2), 0) << n << " frame " << i;
-    }
-  }
-}
-
 TEST(SbcDecoder, RejectsWhatItCannotDecode) {
   const struct {
     std::uint8_t bytes[3];
