@@ -107,7 +107,7 @@ BOOL SetupDiGetDeviceInterfaceDetailW(HDEVINFO list, SP_DEVICE_INTERFACE_DATA* d
   const std::wstring& path = known->paths[deviceInterface->Reserved];
   const auto needed = static_cast<DWORD>(kPathAt + (path.size() + 1) * sizeof(WCHAR));
   if (requiredSize) *requiredSize = needed;
-  if (detailSize < needed) return call.failed(ERROR_INSUFFICIENT_BUFFER, FALSE);
+  if (!detail || detailSize < needed) return call.failed(ERROR_INSUFFICIENT_BUFFER, FALSE);
   std::memcpy(reinterpret_cast<char*>(detail) + kPathAt, path.c_str(), (path.size() + 1) * sizeof(WCHAR));
   return TRUE;
 }

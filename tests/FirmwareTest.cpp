@@ -545,6 +545,7 @@ TEST(Firmware, NoFrameOfAnUpdateFollowsTheFirstOneOfALater) {
 // Clients that start updates at any moment and from anywhere, a device that refuses, falls silent, goes and comes.
 void updateClients(Trial& random) {
   const char* const models[] = {"Wren", "Swift", "Tern"};
+  bool listens = true;
   UpdateDesk desk(models[random() % 3], sim::Link::usb, random.machine);
   const std::string file = desk.files.with(pattern(70));
   const auto behave = [&](bool well) {
@@ -559,6 +560,7 @@ void updateClients(Trial& random) {
     }
   };
   desk.record.during = [&](const std::string& message) {
+    if (!listens) return;
     if (message != "FwOtaResult") return;
     if (random() % 3 == 0) desk.run(std::chrono::milliseconds(random() % 100));
     if (random() % 4 == 0) desk.start(FwUpdate_First, file);
@@ -594,7 +596,7 @@ void updateClients(Trial& random) {
   }
   desk.run(60s);
   // Whatever has been: the next one is told of, and arrives.
-  desk.record.during = nullptr;
+  listens = false;
   desk.fresh();
   behave(true);
   desk.start(FwUpdate_Both, file, file);
