@@ -13,6 +13,7 @@ class Atomic : public std::atomic<T> {
 
  public:
   using Base::Base;
+  // NOLINTNEXTLINE(misc-unconventional-assign-operator): as std::atomic's.
   T operator=(T value) noexcept { return At() = value; }
   operator T() const noexcept { return At().load(); }
   T load() const noexcept { return At().load(); }
