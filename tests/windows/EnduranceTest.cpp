@@ -12,6 +12,7 @@
 #include "sim/windows/HidPort.h"
 #include "tests/Desk.h"
 #include "tests/windows/Holdings.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 
