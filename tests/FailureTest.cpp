@@ -237,7 +237,7 @@ std::string runWith(const Scenario& scenario, std::uint64_t n, std::uint64_t see
   desk.close();  // each run makes what it works with
   desk.machine.failCall(n);
   Outcome outcome = scenario.run(desk);
-  const std::string failed = desk.machine.failedCall();
+  std::string failed = desk.machine.failedCall();
   SCOPED_TRACE("call " + std::to_string(n) + ", " + failed);
   EXPECT_LE(desk.machine.now(), kLongest);
   const auto handles = desk.machine.balance().handles;
