@@ -458,13 +458,14 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
   EXPECT_EQ(happens(8s), toPen + "|" + stopped + " -> 2");
 
   // The rest of the hour: mouse and pen take turns.
+  const Lines expected{toMouse + "|" + started + " -> 1", toPen + "|" + stopped + " -> 2"};
   for (int turn = 0; turn < 100; ++turn) {
     pen->unplug();
     usb->plug();
-    EXPECT_EQ(happens(16s), toMouse + "|" + started + " -> 1");
+    EXPECT_EQ(happens(16s), expected[0]);
     pen->plug();
     usb->unplug();
-    EXPECT_EQ(happens(16s), toPen + "|" + stopped + " -> 2");
+    EXPECT_EQ(happens(16s), expected[1]);
   }
   modes.StopCheck();
   desk.run(60ms);

@@ -60,7 +60,8 @@ void HidPort::plug() {
   inputPipe_ = makePipe(name_ + L"-in", PIPE_ACCESS_OUTBOUND);
   outputPipe_ = makePipe(name_ + L"-out", PIPE_ACCESS_INBOUND);
   machine_.plug(device_);
-  simulated_ = os::CreateFileW(device_->path().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, 0, 0, nullptr);
+  simulated_ =
+      os::CreateFileW(device_->path().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 
   const std::wstring folder = programFolder();
   wchar_t system[MAX_PATH];
