@@ -96,7 +96,12 @@ std::string picture(const std::string& title, const std::string& log) {
     for (const std::string& lane : threads) {
       if (lane == event.thread) {
         const std::string text = escaped(event.text);
-        html += std::string("<td class=") + kind + " title=\"" + text + "\">" + text;
+        html += "<td class=";
+        html += kind;
+        html += " title=\"";
+        html += text;
+        html += "\">";
+        html += text;
       } else {
         html += "<td>";
       }
