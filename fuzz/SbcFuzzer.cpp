@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "audio/SbcDecoder.h"
-#include "tests/SbcReference.h"
+#include "sim/devices/SbcReference.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   CSbcDecoder decoder;

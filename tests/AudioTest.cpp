@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "sim/Wav.h"
+#include "sim/devices/SbcReference.h"
 #include "tests/Desk.h"
-#include "tests/SbcReference.h"
 #include "tests/Sentence.h"
 
 namespace {
@@ -18,6 +18,38 @@ std::vector<std::int16_t> sampleSentence() {
   EXPECT_TRUE(error.empty()) << error;
   return speech;
 }
+
+// Mean over 16 ms segments that carry speech of the signal to noise ratio, in dB; `lag` is the delay of `received`.
+double segmentalSnr(const std::vector<std::int16_t>& spoken, const std::vector<double>& received, std::size_t lag) {
+  constexpr std::size_t kSegment = 256;
+  double sum = 0;
+  int segments = 0;
+  for (std::size_t at = 0; at + kSegment <= spoken.size() && at + kSegment + lag <= received.size(); at += kSegment) {
+    double signal = 0, noise = 0;
+    for (std::size_t i = at; i < at + kSegment; ++i) {
+      signal += std::pow(spoken[i], 2);
+      noise += std::pow(received[i + lag] - spoken[i], 2);
+    }
+    if (signal < kSegment * 100.0 * 100.0) continue;  // silence
+    sum += 10 * std::log10(signal / std::max(noise, 1e-9));
+    ++segments;
+  }
+  EXPECT_GT(segments, 50);
+  return sum / segments;
+}
+
+// The factor that brings `received` closest to the level of `spoken`.
+double levelFit(const std::vector<std::int16_t>& spoken, const std::vector<double>& received, std::size_t lag) {
+  double product = 0, power = 0;
+  for (std::size_t i = 0; i < spoken.size() && i + lag < received.size(); ++i) {
+    product += spoken[i] * received[i + lag];
+    power += received[i + lag] * received[i + lag];
+  }
+  return product / power;
+}
+
+// The codec's own delay: analysis and synthesis filter banks.
+constexpr std::size_t kCodecDelay = 73;
 
 class Speech : public ::testing::TestWithParam<sim::Link> {};
 
@@ -44,7 +76,8 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
   EXPECT_EQ(desk.deliveries.back(), 0);
 
   const std::vector<std::int16_t> pcm = desk.pcm();
-  ASSERT_GE(pcm.size(), spoken.size());
+  std::vector<double> received(pcm.begin(), pcm.end());
+  ASSERT_GE(received.size(), spoken.size());
   EXPECT_EQ(hashOf(std::span(pcm).first(kSentenceSamples)), kSentenceHash);
 
   // What the codec can give: the same frames through a floating-point decoder.
@@ -67,6 +100,17 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
     noise += std::pow(2 * pcm[i] - ideal[i], 2);  // half the level, deliberately
   }
   EXPECT_GT(10 * std::log10(signal / noise), 30);
+  const double level = levelFit(spoken, received, kCodecDelay);
+  const double idealLevel = levelFit(spoken, ideal, kCodecDelay);
+  EXPECT_NEAR(20 * std::log10(level / idealLevel), 6.02, 0.05) << "half the level, deliberately";
+  for (double& sample : received) sample *= level;
+  for (double& sample : ideal) sample *= idealLevel;
+  const double bound = segmentalSnr(spoken, ideal, kCodecDelay);
+  const double got = segmentalSnr(spoken, received, kCodecDelay);
+  RecordProperty("codec_snr_db", std::to_string(bound));
+  RecordProperty("library_snr_db", std::to_string(got));
+  EXPECT_GT(bound, 8) << "the codec at these settings carries speech";
+  EXPECT_GT(got, bound - 0.5);
 }
 
 TEST_P(Speech, SpokenIntoATernComesThroughTheLoadedCodec) {

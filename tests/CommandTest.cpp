@@ -254,9 +254,32 @@ TEST(Lifecycle, SecondOpenDeviceAndCopiesAreHarmless) {
   desk.open();
   auto wren = desk.connect("Wren");
   EXPECT_EQ(desk.record.lines("HidConnect").size(), 1U) << "two discovery threads, one device";
-  CAudioHidCenter(*desk.hub).GetEffectiveDevice();
+  {
+    CAudioHidCenter copy(*desk.hub);
+    EXPECT_EQ(copy.GetHidMouseType(1), MouseType_Wren);
+    copy = *desk.hub;
+    EXPECT_EQ(copy.GetEffectiveDevice(), 1);
+  }
   EXPECT_EQ(CAudioHidCenter::Instance(), desk.hub.get());
   EXPECT_EQ(desk.hub->GetEffectiveDevice(), 1);
+}
+
+TEST(Lifecycle, ReleaseFromACallbackLeavesOneThreadToTheEnd) {
+  Desk desk;
+  static CAudioHidCenter* hub;
+  hub = desk.hub.get();
+  desk.open();
+  auto wren = desk.connect("Wren");
+  auto tern = desk.connect("Tern");
+  hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) {
+                                 hub->CloseDevice();
+                                 hub->Release();
+                               }),
+                               nullptr);
+  wren->reportPower(1);
+  desk.run(3s);
+  EXPECT_EQ(hub->GetEffectiveDevice(), -1);
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
 
 }  // namespace

@@ -207,6 +207,7 @@ TEST(Connection, AReplugThatIsFoundAtOnceIsServedAtOnce) {
   EXPECT_EQ(desk.record.lines("Log"), (Lines{"Log 44 VoxMouse Tern（编号：1）拔出，把该设备从界面上移除",
                                              "Log 43 VoxMouse Tern（编号：2）连接成功，发送到设备界面"}));
   EXPECT_EQ(desk.record.lines("HidConnect"), Lines{"HidConnect 2"});
+  EXPECT_EQ(desk.hub->GetHidMouseType(2), MouseType_Tern);
   EXPECT_EQ(tern->received(0x05).size(), 3U) << "one heartbeat thread";
   EXPECT_EQ(desk.machine.forcedEnds(), 0U);
 }

@@ -517,6 +517,7 @@ TEST(LegacyThreads, AreReleasedInsideTheirOwnMessages) {
       EXPECT_TRUE(took >= 0 && took < 50) << took;
       EXPECT_EQ(desk.threads(), 1U) << "the facade's poller";
       if (!destroys) {
+        EXPECT_TRUE(hid->ThreadIsClosed());
         hid->StartCheck();
         desk.run(20ms);
         desk.lark->hid()->key(0x21);
@@ -555,6 +556,27 @@ TEST(LegacyThreads, AStopInsideAMessageOfThePollersLeavesNoKeyDown) {
   EXPECT_EQ(desk.keys(), "--");
 }
 
+TEST(LegacyThreads, TwoMessagesThatReleaseEachOthersThreadsBothReturn) {
+  BusyDesk desk;
+  auto second = desk.device(LegacyKind::voiceKeyboard, "second");
+  second->plug();
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  Lines took;
+  desk.record.during = [&, mouse = &*desk.mouse](const std::string&) {
+    desk.run(10ms);
+    took.push_back(std::to_string(timeOf(desk, [&] { mouse->Release(); })));
+  };
+  desk.lark->hid()->key(0x65);
+  second->hid()->key(0x65);
+  desk.run(1ms);
+  EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 120);
+  EXPECT_EQ(took, (Lines{"100", "100"}));
+  EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  desk.leftOpen.handles += 2;
+}
+
 TEST(LegacyThreads, StartRightAfterTheyWereStopped) {
   using Stop = void (*)(CFormerMouse&);
   const Stop stops[] = {[](CFormerMouse& mouse) { mouse.StopCheck(); },
@@ -575,6 +597,22 @@ TEST(LegacyThreads, StartRightAfterTheyWereStopped) {
     desk.run(4s);
     EXPECT_EQ(desk.mouse->IsConnect(), -1) << "the variant was looked for";
     desk.leftOpen.handles += 2;
+  }
+  for (const bool release : {false, true}) {
+    BusyDesk desk;
+    CFormerLaserPen keys;
+    CSoftModeSwitch modes;
+    auto pen = desk.device(LegacyKind::laserPen);
+    pen->plug();
+    const auto start = [&] { modes.StartCheck(nullptr, nullptr, &*desk.mouse, desk.hub.get(), &keys); };
+    start();
+    desk.run(1s);
+    release ? modes.Release() : modes.StopCheck();
+    start();
+    desk.run(7940ms);
+    EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{});
+    desk.run(20ms);
+    EXPECT_EQ(desk.record.lines("MainWndWork"), Lines{"MainWndWork 2"});
   }
 }
 
@@ -609,13 +647,19 @@ TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
   EXPECT_EQ(desk.threads(), 2U);
   other = *copy;
   EXPECT_EQ(desk.threads(), 1U) << "the last of its copies was assigned to";
-  copy->StartCheck();
-  usb.reset();
-  copy.reset();
+  usb->StartCheck();
   EXPECT_TRUE(other.IsChecking());
   desk.peripherals().keyboard.press(kF19);
   desk.run(150ms);
   EXPECT_EQ(other.GetKey_M_L(), ButtonDown);
+  usb.reset();
+  copy->StopCheck();
+  EXPECT_EQ(other.GetKey_M_L(), ButtonUp);
+  other.StartCheck();
+  desk.run(150ms);
+  EXPECT_EQ(copy->GetKey_M_L(), ButtonDown);
+  copy.reset();
+  EXPECT_FALSE(other.ThreadIsClosed());
   other.Release();
   EXPECT_TRUE(other.ThreadIsClosed());
   EXPECT_EQ(desk.threads(), 0U);
@@ -646,17 +690,21 @@ TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
 
 TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
   BusyDesk desk;
+  desk.mouse->Init();
   desk.mouse->StartCheck();
   desk.run(20ms);
   int meetings = 0;
-  desk.record.during = [&, mouse = &*desk.mouse](const std::string&) {
+  desk.record.during = [&, mouse = &*desk.mouse](const std::string& message) {
+    if (message != "Tray") return;
     desk.run(10ms);
     CFormerMouse copy(*mouse);
     for (CFormerMouse* each : {mouse, &copy}) {
-      each->Release();
+      EXPECT_LE(timeOf(desk, [&] { each->Release(); }), 50);
       each->Init();
       each->StartCheck();
-      EXPECT_TRUE(each->ThreadIsClosed() && each->GetKey_M_L() == ButtonUp && each->GetClickMode_L() == ClickNone);
+      EXPECT_TRUE(each->ThreadIsClosed());
+      EXPECT_EQ(each->GetKey_M_L(), ButtonUp);
+      EXPECT_EQ(each->GetClickMode_L(), ClickNone);
       ++meetings;
     }
   };
@@ -664,24 +712,32 @@ TEST(LegacyThreads, CallsThatMeetTheLastDestructorFindEverythingEnded) {
   desk.run(5ms);
   EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 100);
   EXPECT_EQ(meetings, 2);
+  EXPECT_EQ(desk.threads(), 0U);
   desk.run(4s);
   EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
   desk.leftOpen.handles += 1;
 }
 
 TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
-  {
+  for (const bool pulled : {false, true}) {
     BusyDesk desk;
     desk.lark->hid()->faults.ignoreCancel = true;
     desk.mouse->StartCheck();
     desk.run(20ms);
+    desk.mouse->StopCheck();
+    desk.run(50ms);
+    EXPECT_EQ(desk.threads(), 2U) << "poller, reader";
     EXPECT_EQ(timeOf(desk, [&] { desk.mouse->Release(); }), 2000);
     EXPECT_TRUE(desk.mouse->ThreadIsClosed());
     EXPECT_EQ(timeOf(desk, [&] { desk.mouse.reset(); }), 2000);
     EXPECT_EQ(desk.threads(), 1U);
     EXPECT_EQ(desk.machine.forcedEnds(), 0U);
-    desk.lark->unplug();
+    pulled ? desk.lark->unplug() : desk.lark->hid()->key(0x41);
     desk.run(1ms);
+    EXPECT_EQ(desk.threads(), 0U);
+    EXPECT_EQ(desk.record.lines("MainMenu"), Lines{});
+    desk.leftOpen.handles += pulled ? 0 : 1;
   }
   BusyDesk desk;
   desk.mouse->StartCheck();

@@ -353,6 +353,22 @@ TEST(Microphone, ADriverThatKeepsTheBuffersKeepsNobodyElse) {
     EXPECT_EQ(desk.machine.balance().handles, c.refuses ? 1U : 0U) << "the device";
     EXPECT_EQ(desk.machine.balance().threads, 0U);
   }
+  // The same while another client's thread is just starting or stopping.
+  for (const char* call : {"waveInGetDevCapsW", "waveInOpen", "waveInPrepareHeader", "waveInStart", "waveInStop"}) {
+    SCOPED_TRACE(call);
+    RecordDesk desk;
+    auto* recorder = desk.recorder.get();
+    desk.machine.faults().stall(call, 10s);
+    auto client = desk.machine.spawn([&] {
+      recorder->StartRecord();
+      if (desk.recorder) recorder->StopRecord();
+    });
+    desk.run(100ms);
+    EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
+    desk.machine.faults().repair();
+    client.join();
+    EXPECT_EQ(desk.sizes, std::vector<int>{});
+  }
 }
 
 TEST(Microphone, ACallbackThatIsKeptTooLongIsEndedWithItsThread) {
@@ -388,6 +404,31 @@ TEST(Microphone, AnythingMayBeDoneInACallback) {
       EXPECT_EQ(desk.machine.balance().sound, sim::SoundSystem::Open{});
     }
   }
+}
+
+TEST(Microphone, OneRecordingRecorderMayBeAssignedToAnotherInItsCallback) {
+  static Recorder* first;
+  static Recorder* second;
+  static int calls;
+  calls = 0;
+  RecordDesk desk;
+  Recorder other;
+  first = desk.recorder.get();
+  second = &other;
+  const auto assign = [](const char*, int, void*) {
+    if (++calls == 1) *first = *second;
+  };
+  other.Init(reinterpret_cast<void*>(&Deliveries::onData), static_cast<Deliveries*>(&desk));
+  first->Init(reinterpret_cast<void*>(+assign), nullptr);
+  ASSERT_EQ(first->StartRecord(), 1);
+  desk.run(60ms);
+  ASSERT_EQ(other.StartRecord(), 1);
+  desk.run(140ms);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(desk.machine.balance().threads, 1U) << "the first's recording has ended";
+  EXPECT_EQ(first->StopRecord(), 0U) << "stops the one that it shares now";
+  EXPECT_EQ(desk.sizes.front(), 4096);
+  EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
 
 // By each other's callback, by its own while another thread stops it, inside the first message of a failed start.
@@ -480,11 +521,25 @@ TEST(SoundCard, IsFoundByItsNameAndRecorded) {
   }
 }
 
-TEST(Microphone, ItsThreadTakesMessagesRightAfterItsStart) {
+// Counts its messages.
+class Counter : public CThread {
+ public:
+  ~Counter() { EndThreads(); }
+  unsigned long ThreadProc() override {
+    for (Message message; NextMessage(message);) ++count;
+    return 0;
+  }
+  int count = 0;
+};
+
+TEST(Messages, PostedRightAfterTheStartOfAThreadAreNotLost) {
   for (std::uint64_t seed = 0; seed < 20; ++seed) {
-    RecordDesk desk({}, seed);
-    ASSERT_TRUE(desk.recorder->StartThread());
-    desk.machine.locked([&] { EXPECT_TRUE(desk.machine.kernel().post(desk.recorder->GetThreadID(), MSG{})) << seed; });
+    Desk desk({.seed = seed});
+    Counter counter;
+    ASSERT_TRUE(counter.StartThread());
+    desk.machine.locked([&] { EXPECT_TRUE(desk.machine.kernel().post(counter.GetThreadID(), MSG{})) << seed; });
+    desk.run(1ms);
+    EXPECT_EQ(counter.count, 1) << seed;
   }
 }
 

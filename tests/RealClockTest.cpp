@@ -23,6 +23,29 @@ TEST(RealClock, ConnectsRecordsAndStopsUnderManyThreads) {
   for (const auto& device : {wren, tern, swift}) desk.machine.plug(device);
   ASSERT_TRUE(desk.machine.waitFor([&] { return desk.record.lines("MouseState").size() == 3; }, 10s));
 
+  // Clients on threads of their own: one polls keys, one asks and commands.
+  std::atomic<bool> stop{false};
+  auto poller = desk.machine.spawn([&] {
+    while (!stop) {
+      desk.hub->GetButtonState_Left();
+      desk.hub->LeftKeyDown_Up();
+      desk.hub->GetClickMode_L();
+      desk.hub->IsConnect();
+      CVoxDeviceInfo::Instance()->GetBluetoothID();
+      desk.run(1ms);
+    }
+  });
+  auto commander = desk.machine.spawn([&] {
+    std::vector<int> numbers;
+    std::vector<std::wstring> names;
+    for (short dpi = 400; !stop; ++dpi) {
+      desk.hub->GetValidHidList(numbers, names);
+      desk.hub->SetDpi(-1, dpi);
+      desk.hub->GetMouseState(-1);
+      desk.hub->SetCallback_PowerReport(nullptr, nullptr);
+      desk.run(2ms);
+    }
+  });
   for (int round = 0; round < 3; ++round) {
     wren->pressVoiceKey();
     ASSERT_TRUE(desk.machine.waitFor([&] { return desk.hub->GetButtonState_Left() == ButtonDown; }, 5s));
@@ -41,6 +64,9 @@ TEST(RealClock, ConnectsRecordsAndStopsUnderManyThreads) {
   // Pulled out while the hub may just be opening it, and once more at the end.
   ASSERT_TRUE(desk.machine.waitFor(
       [&] { return desk.hub->GetHidMouseType(desk.hub->GetEffectiveDevice()) == MouseType_Tern; }, 10s));
+  stop = true;
+  poller.join();
+  commander.join();
   desk.machine.unplug(swift);
   desk.close();
 }

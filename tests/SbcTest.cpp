@@ -8,7 +8,7 @@
 
 #include "audio/SbcDecoder.h"
 #include "sim/devices/SbcEncoder.h"
-#include "tests/SbcReference.h"
+#include "sim/devices/SbcReference.h"
 
 namespace {
 

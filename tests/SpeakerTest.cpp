@@ -349,6 +349,37 @@ TEST(Speaker, NothingIsLostWhenPeriodsAreLate) {
   }
 }
 
+TEST(Speaker, AnEngineThatDoesNotComeBackKeepsNoDestructor) {
+  // While it captures, and while another client's thread is just starting or stopping.
+  for (const char* call : {"IAudioCaptureClient::GetNextPacketSize", "IAudioCaptureClient::GetBuffer",
+                           "IAudioCaptureClient::ReleaseBuffer", "IAudioClient::Initialize", "IAudioClient::Start",
+                           "IAudioClient::Stop"}) {
+    SCOPED_TRACE(call);
+    const bool captures = std::string(call).find("Capture") != std::string::npos;
+    SpeakerDesk desk;
+    desk.sound().speaker.plays = tone(48000, 2, 1);
+    auto* recorder = desk.recorder.get();
+    if (captures) {
+      ASSERT_EQ(desk.start(), 1);
+    }
+    desk.machine.faults().stall(call, 10s);
+    auto client = desk.machine.spawn([&] {
+      if (captures) return;
+      recorder->StartRecord();
+      if (desk.recorder) recorder->StopRecord();
+    });
+    desk.run(100ms);
+    EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
+    desk.machine.faults().repair();
+    client.join();
+    desk.run(20s);
+    EXPECT_EQ(desk.sizes, std::vector<int>{});
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+    desk.leftOpen.sound.comReferences = 1;
+  }
+}
+
 TEST(Speaker, AnEngineThatDoesNotComeBackKeepsAStopNoLongerThanThreeSeconds) {
   SpeakerDesk desk;
   desk.sound().speaker.plays = tone(48000, 2, 1);

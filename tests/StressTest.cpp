@@ -10,16 +10,21 @@
 
 namespace {
 
+const std::pair<const char*, sim::Link> kKinds[] = {
+    {"Tern", sim::Link::usb},        {"Tern", sim::Link::bluetooth},
+    {"Wren", sim::Link::usb},        {"Wren", sim::Link::bluetooth},
+    {"Finch", sim::Link::bluetooth}, {"Robin", sim::Link::bluetooth},
+    {"Heron", sim::Link::bluetooth}, {"Egret", sim::Link::bluetooth},
+    {"Heron Plus", sim::Link::usb},  {"Heron Plus", sim::Link::bluetooth},
+};
+
 TEST(Stress, AHundredDevicesForAnHour) {
   Desk desk;
   std::mt19937 random(1);
   std::vector<std::shared_ptr<sim::VirtualMouse>> devices;
-  const char* const models[] = {"Tern",  "Wren",  "Heron Plus", "Finch",
-                                "Robin", "Heron", "Egret"};  // all, over Bluetooth
-  for (std::size_t i = 0; i < 100; ++i) {
-    devices.push_back(desk.make(models[i % 7], i % 7 < 3 && i % 2 == 0 ? sim::Link::usb : sim::Link::bluetooth));
-  }
+  for (std::size_t i = 0; i < 100; ++i) devices.push_back(desk.make(kKinds[i % 10].first, kKinds[i % 10].second));
   desk.open();
+  std::size_t mostHandles = 0;
   for (int second = 0; second < 3600; ++second) {
     const auto& device = devices[random() % devices.size()];
     if (device->plugged()) {
@@ -28,15 +33,22 @@ TEST(Stress, AHundredDevicesForAnHour) {
       desk.machine.plug(device);
     }
     if (second % 60 == 0) desk.hub->GetMouseState(-1);
+    if (second == 600) mostHandles = desk.machine.balance().handles;
     desk.run(1s);
+    if (second % 100 == 0) desk.record.clear();
   }
   // A reader keeps three events and its lock, a connected one two handles of the device and two threads.
   EXPECT_LE(desk.machine.balance().handles, 100U * 8 + 2);
+  EXPECT_GT(mostHandles, 100U);
   for (const auto& device : devices) {
     if (device->plugged()) desk.machine.unplug(device);
   }
   desk.run(2s);
   EXPECT_FALSE(desk.hub->IsConnect());
+  std::vector<int> numbers;
+  std::vector<std::wstring> names;
+  desk.hub->GetValidHidList(numbers, names);
+  EXPECT_TRUE(numbers.empty());
   EXPECT_EQ(desk.machine.balance().threads, 1U) << "discovery alone";
 }
 
@@ -58,6 +70,21 @@ TEST(Stress, ReadsThatFailAtOnceLeaveNothingRunning) {
   }
 }
 
+TEST(Stress, NothingIsReadAfterCloseDevice) {
+  for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Desk desk({.seed = seed});
+    desk.machine.plug(desk.make("Tern"));
+    desk.machine.plug(desk.make("Wren"));
+    desk.open();
+    desk.run(950ms);  // the first pass begins at this moment, too
+    desk.hub->CloseDevice();
+    desk.run(3s);
+    EXPECT_TRUE(desk.record.lines().empty());
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+  }
+}
+
 // Pulled out and put back faster than anything can settle, in shuffled schedules.
 TEST(Stress, QuickReplugsAlwaysEndWithOneLiveDevice) {
   for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {
@@ -74,9 +101,13 @@ TEST(Stress, QuickReplugsAlwaysEndWithOneLiveDevice) {
       desk.machine.plug(tern);
     }
     desk.run(5s);
+    std::vector<int> numbers;
+    std::vector<std::wstring> names;
+    desk.hub->GetValidHidList(numbers, names);
+    ASSERT_EQ(numbers.size(), 1U);
     desk.record.clear();
     tern->reportPower(5);
-    desk.hub->SetDpi(-1, 800);
+    desk.hub->SetDpi(numbers[0], 800);
     desk.run(100ms);
     EXPECT_EQ(desk.record.lines("PowerReport").size(), 1U);
     EXPECT_EQ(desk.record.lines("DpiSet").size(), 1U);

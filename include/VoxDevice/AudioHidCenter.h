@@ -154,8 +154,7 @@ class VOXDEVICE_API CAudioHidCenter {
   // request is sent, or after a second when the device has not taken that by then.
   //
   // Progress comes through VoxMessageSink::OtaProgress, results through FwOtaResult: one or more for each image, with
-  // its channel, and FwUpdate_Over with channel 0 once at the end (at once when the system has no thread for the
-  // update). Both on the device's read thread for answers and on
+  // its channel, and FwUpdate_Over with channel 0 once at the end. Both on the device's read thread for answers and on
   // a wait thread of the update for steps that get no answer within 3.1 s of the request's being written (which are
   // also printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read
   // leaves its image empty; what then happens is the device's decision, so check files first. While an update runs, the

@@ -25,8 +25,8 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   CVoxRecord();
   // Ends a recording that was started on this object, without an end mark. Returns within two seconds: a driver that
   // takes longer is left alone; a callback that takes longer is ended with its thread. In a callback of the recording
-  // it returns at once, and nothing is called after that; in any other callback or message of the library's within 0.1
-  // s, and a callback that takes longer is left to come back.
+  // it returns at once, and nothing is called after that; in any other callback or message of the library's within a
+  // tenth of a second, and a callback that takes longer is left to come back.
   ~CVoxRecord();
   // A copy shares the recording that runs: either may stop it. It ends with the object that started it. A recording of
   // the object that is assigned to ends as with the destructor, but that its callback is not ended by force.

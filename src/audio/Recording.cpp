@@ -1,7 +1,8 @@
 #include "audio/Recording.h"
-#include "support/Probe.h"
 
 #include <utility>
+
+#include "support/Probe.h"
 
 namespace {
 

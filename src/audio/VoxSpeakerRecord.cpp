@@ -346,7 +346,7 @@ unsigned CVoxSpeakerRecord::Recording::StopSource() noexcept {
   return kStopped;
 }
 
-// With the lock held. One that fails is tried again before what the engine works with is closed.
+// One that fails is tried again before what the engine works with is closed.
 void CVoxSpeakerRecord::Recording::StopEngine() noexcept {
   if (engineRuns_ && m_pAudioClient) engineRuns_ = FAILED(m_pAudioClient->Stop());
 }

@@ -199,7 +199,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   Shared<int> missedHeartbeats{0};      // heartbeats sent since the last answer
   Shared<int> connectState{0};          // 0 not connected, 1 has answered a heartbeat, 2 announced
   // Set by the hub before Start.
-  std::vector<std::shared_ptr<void>> owners;  // keep the contexts alive; later ones, of updates, under otaLock
+  std::vector<std::shared_ptr<void>> owners;  // keep the contexts alive; later ones, of updates, under otaLock_
   void* callbackContext = nullptr;
   ReaderCallback readerCallback = nullptr;
   DisconnectCallback disconnectCallback = nullptr;
@@ -247,8 +247,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void ClearDeviceValues() noexcept;
   // Takes writeLock. False when the report cannot be written.
   bool LockForWriting(CDeadline deadline) noexcept TRY_ACQUIRE(true, writeLock);
-  // Hands a report over, `length` bytes long and filled up with zeros, and waits for it. step: of
-  // the update that awaits an answer to it. False when it could not be handed over.
+  // Hands a report over, `length` bytes long and filled up with zeros, and waits for it. step: of the update that
+  // awaits an answer to it. False when it could not be handed over.
   bool HandOver(std::span<const std::uint8_t> bytes, std::size_t length, std::optional<OtaStep> step,
                 CDeadline deadline) noexcept REQUIRES(writeLock);
   // True when `event` has come; false at once when the reader is stopped, or the calling thread is asked to end.
@@ -294,8 +294,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool otaWaits_ GUARDED_BY(otaLock_) = false;     // the wait thread is there and will look at the fields again
   bool otaAwaits_ GUARDED_BY(otaLock_) = false;    // a request of this step is out
   CDeadline otaAnswerBy_ GUARDED_BY(otaLock_){0};  // when its time-out comes
-  std::shared_ptr<CWorker> otaWaiter_
-      GUARDED_BY(otaLock_);  // the wait thread; ends by itself when no update runs any more
+  // The wait thread; ends by itself when no update runs any more.
+  std::shared_ptr<CWorker> otaWaiter_ GUARDED_BY(otaLock_);
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.
   Atomic<LogEntry*> logBuffers{nullptr};
 };

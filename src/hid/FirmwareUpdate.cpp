@@ -158,7 +158,6 @@ std::optional<CDeviceReader::OtaStep> CDeviceReader::TakeOtaAnswer(const CHidDat
   return otaStep_;
 }
 
-// With otaLock_ held.
 void CDeviceReader::NextOtaStep() noexcept {
   otaStep_ = otaStep_ + 1;
   otaAwaits_ = false;

@@ -3,7 +3,7 @@
 
 #include "hub/Hub.h"
 
-// With tableLock held: every live row that this number addresses, -1 all of them.
+// Every live row that this number addresses, -1 all of them.
 template <class Visit>
 void CHub::ForEachLive(int device, Visit visit) {
   for (HidDeviceEntry& row : devices) {

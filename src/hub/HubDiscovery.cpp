@@ -133,8 +133,7 @@ void CHub::AddBadDevice(std::string path) {
   devices.emplace_back().path = std::move(path);
 }
 
-// With tableLock held. The row keeps what the next device of its model takes over; its reader goes with its last
-// thread.
+// The row keeps what the next device of its model takes over; its reader goes with its last thread.
 void CHub::LoseDevice(HidDeviceEntry& row) {
   row.deviceNumber = -1;
   row.path.clear();  // the interface may be found and opened again
@@ -144,7 +143,6 @@ void CHub::LoseDevice(HidDeviceEntry& row) {
   row.reader.reset();
 }
 
-// With tableLock held.
 void CHub::Leave(const std::shared_ptr<CDeviceReader>& reader) {
   std::erase_if(leaving_, [](const auto& known) { return known.expired(); });
   leaving_.push_back(reader);

@@ -99,8 +99,7 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
   }
 }
 
-// With tableLock held. A copy shares the readers of its original. It ends them when it is told to, and leaves them
-// alone when it goes.
+// A copy shares the readers of its original. It ends them when it is told to, and leaves them alone when it goes.
 CHub::Readers CHub::ReadersToEnd() {
   Readers readers;
   for (const auto& leaving : leaving_) {

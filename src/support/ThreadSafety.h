@@ -12,9 +12,8 @@
 #define SCOPED_CAPABILITY VOX_ANNOTATE(scoped_lockable)
 // A field that is looked at, and changed, with this lock held.
 #define GUARDED_BY(lock) VOX_ANNOTATE(guarded_by(lock))
-// A function that is called with this lock held; without.
+// A function that is called with this lock held.
 #define REQUIRES(...) VOX_ANNOTATE(requires_capability(__VA_ARGS__))
-#define EXCLUDES(...) VOX_ANNOTATE(locks_excluded(__VA_ARGS__))
 // A function that takes the lock (its own, without an argument), tries to, gives it back.
 #define ACQUIRE(...) VOX_ANNOTATE(acquire_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) VOX_ANNOTATE(try_acquire_capability(__VA_ARGS__))

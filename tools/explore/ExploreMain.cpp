@@ -398,15 +398,16 @@ int main(int argc, char** argv) {
   CLI::App app("The tests of VoxDevice; see also --gtest_help. With --explore, a search for schedules that fail.");
   Options options;
   auto* explore = app.add_option("--explore", options.scenario, "search the schedules of this scenario");
-  app.add_option("--replay", options.replay, "repeat the run in this file")->excludes(explore);
+  auto* again = app.add_option("--replay", options.replay, "repeat the run in this file")->excludes(explore);
   app.add_option("--seeds", options.seeds, "so many of them (1000, unless --minutes says otherwise)");
   app.add_option("--from", options.from, "the first of them")->capture_default_str();
   app.add_option("--minutes", options.minutes, "until so much time has passed");
-  app.add_option("--strategy", options.strategy, "only this one of the two")
+  app.add_option("--strategy", options.strategy, "only this one of the two: every other seed")
       ->check(CLI::IsMember({"shuffle", "priorities"}));
   app.add_option("--jobs", options.jobs, "processes at a time")->capture_default_str()->check(CLI::Range(1, 256));
   app.add_option("--picture", options.picture,
-                 "with --replay: a page to look at, with a lane for each thread and device");
+                 "with --replay: a page to look at, with a lane for each thread and device")
+      ->needs(again);
   app.add_flag("--shrink", options.shrink, "leave out of a run that fails what it does not need");
   CLI11_PARSE(app, argc, argv);
   if (options.seeds == 0 && options.minutes <= 0) options.seeds = 1000;
