@@ -11,11 +11,13 @@ std::atomic<std::int64_t> count{0};
 }  // namespace
 
 std::int64_t allocations() { return count; }
+bool (*failsAllocation)() noexcept = nullptr;
 
 // Every form that can meet another one's memory: the standard library takes a buffer with the nothrow form and gives it
 // back with the plain one. The aligned forms are pairs of their own, and nothing here is aligned beyond the usual.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++count;
+  if (failsAllocation && failsAllocation()) return nullptr;
   return std::malloc(size == 0 ? 1 : size);
 }
 void* operator new(std::size_t size) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sim/Machine.h"
+#include "sim/Memory.h"
 
 namespace sim {
 
@@ -56,6 +57,7 @@ struct Call {
     return object;
   }
 
+  const OthersCode others;
   const char* const name;
   Machine& machine;
   Kernel& kernel;

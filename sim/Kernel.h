@@ -130,6 +130,7 @@ class Thread final : public Object {
   std::shared_ptr<MessageQueue> messages;  // from the thread's first look at them on
   std::array<void*, 8> locals{};           // by the index that TlsAlloc gives
   Turns turns;
+  int othersCode = 1;                             // 0: it runs the library's own; see Memory.h
   int apartments = 0;                             // CoInitialize that has not been balanced
   bool comByOthers = false;                       // somebody else has initialised COM for it, and otherwise
   std::vector<std::shared_ptr<Object>> goWithIt;  // what the system takes back when it ends
@@ -180,6 +181,9 @@ class Kernel {
 
   Time now() const;
   DWORD tick() const { return firstTick_ + static_cast<DWORD>(now().count() / 1000); }
+
+  // The thread that runs, with the virtual clock; needs no lock.
+  Thread* runningFiber() noexcept { return virtualTime() ? current_ : nullptr; }
 
   // A value of the calling thread's own; needs no lock.
   void*& local(DWORD index);

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "sim/Memory.h"
+
 namespace sim {
 namespace {
 
@@ -44,6 +46,7 @@ Machine::~Machine() {
 
 // What the library's shared fields call in builds for it.
 extern "C" void voxAtSharedField() noexcept {
+  const OthersCode here;
   if (instance) instance->kernel().atSharedField();
 }
 
@@ -57,6 +60,8 @@ Machine& Machine::current() {
   }
   return *instance;
 }
+
+Thread* Machine::runningThread() noexcept { return instance ? instance->kernel().runningFiber() : nullptr; }
 
 void Machine::plug(const std::shared_ptr<HidDevice>& device) {
   locked([&] {

@@ -52,6 +52,8 @@ class Machine {
   Machine& operator=(const Machine&) = delete;
 
   static Machine& current();
+  // The thread whose code is just running; null without a machine, and with the real clock.
+  static Thread* runningThread() noexcept;
   // Switches a machine on for a program that has made none; null in those that make their own (see StandIn.cpp).
   static void (*standIn)();
 

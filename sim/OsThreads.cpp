@@ -37,7 +37,12 @@ std::uintptr_t _beginthreadex(void*, unsigned, unsigned (*start)(void*), void* a
   Call call("_beginthreadex");
   if (call.fails(ERROR_NOT_ENOUGH_MEMORY)) return 0;
   if (!start) return call.misused("no function to run", ERROR_INVALID_PARAMETER, std::uintptr_t{0});
-  const auto thread = call.kernel.createThread([start, argument] { start(argument); }, (flags & CREATE_SUSPENDED) != 0);
+  const auto thread = call.kernel.createThread(
+      [start, argument] {
+        const sim::LibraryCode library;
+        start(argument);
+      },
+      (flags & CREATE_SUSPENDED) != 0);
   if (threadId) *threadId = thread->id;
   note(call, *thread, "created");
   return reinterpret_cast<std::uintptr_t>(call.kernel.open(thread));

@@ -116,9 +116,9 @@ Desk::Desk(sim::MachineOptions options) : machine(options) {
   makeHub();
 }
 
-void Desk::makeHub() {
+void Desk::makeHub(std::unique_ptr<CAudioHidCenter> made) {
   close();
-  hub = std::make_unique<CAudioHidCenter>();
+  hub = std::move(made);
   hub->SetCallback_MouseConnect(slot<int, int>(), teller("MouseConnect"));
   hub->SetCallback_VoiceOperate(slot<int, int>(), teller("VoiceOperate"));
   hub->SetCallback_DpiSet(slot<int, int, bool>(), teller("DpiSet"));

@@ -74,7 +74,7 @@ class Desk {
   void open() { hub->OpenDevice(reinterpret_cast<void*>(&Desk::onAudio), this); }
   void run(sim::Time time) { machine.sleep(time); }
   // A new hub with every callback, in place of the one before.
-  void makeHub();
+  void makeHub(std::unique_ptr<CAudioHidCenter> made = std::make_unique<CAudioHidCenter>());
   // CloseDevice and Release, and no hub any more.
   void close();
   std::vector<std::int16_t> pcm();

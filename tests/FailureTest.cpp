@@ -1,14 +1,18 @@
-// Every call of the operating system fails once: whole scenarios, with the n-th call failing, for every n.
+// Every call of the operating system fails once, and every allocation of the library's: whole scenarios, with the n-th
+// failing, for every n.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench/Allocations.h"
+#include "sim/Memory.h"
 #include "sim/devices/Legacy.h"
 #include "tests/Desk.h"
 #include "tests/RecorderClients.h"
@@ -26,21 +30,47 @@ std::vector<std::int16_t> sound(std::size_t samples) {
   return all;
 }
 
-struct CVoxRecordObject final : CVoxRecord {};  // no virtual destructor
+// An operation of the library's, with its memory counted. One that has none gives what it would by default.
+template <class Operation>
+auto call(Operation operation) {
+  const sim::LibraryCode inside;
+  try {
+    return operation();
+  } catch (const std::bad_alloc&) {
+    return decltype(operation())();
+  }
+}
+// The same for one that needs no memory.
+template <class Operation>
+auto end(Operation operation) {
+  const sim::LibraryCode inside;
+  return operation();
+}
+// An object of the library's; null when there is no memory for it.
+template <class Object>
+std::unique_ptr<Object> make() {
+  return call([] { return std::make_unique<Object>(); });
+}
+
+bool makeHub(Desk& desk) {
+  auto hub = make<CAudioHidCenter>();
+  if (hub) desk.makeHub(std::move(hub));
+  return desk.hub != nullptr;
+}
 
 // ---- The scenarios. Each makes everything that it works with, and leaves nothing. ----
 
 // Waits for a device; asks for discovery again where its thread could not be started.
 int awaitDevice(Desk& desk) {
   for (int i = 0; i < 2; ++i) {
-    desk.open();
+    call([&] { desk.open(); });
     if (desk.machine.waitFor([&] { return desk.hub->GetEffectiveDevice() > 0; }, 15s)) break;
   }
   return desk.hub->GetEffectiveDevice();
 }
 
 Outcome speak(Desk& desk, const char* model) {
-  desk.makeHub();
+  if (!makeHub(desk)) return Outcome::failed;
   const auto mouse = desk.make(model);
   mouse->hear(sound(4'000));
   desk.machine.plug(mouse);
@@ -49,13 +79,13 @@ Outcome speak(Desk& desk, const char* model) {
   desk.run(500ms);
   desk.audio.clear();
   desk.deliveries.clear();
-  desk.hub->ChooseWorkHidDevice(desk.hub->GetEffectiveDevice());
-  const bool opened = desk.hub->OpenHidRecord();
+  end([&] { desk.hub->ChooseWorkHidDevice(desk.hub->GetEffectiveDevice()); });
+  const bool opened = end([&] { return desk.hub->OpenHidRecord(); });
   desk.run(300ms);
-  const bool closed = desk.hub->CloseHidRecord();
+  const bool closed = end([&] { return desk.hub->CloseHidRecord(); });
   const bool marked = !desk.deliveries.empty() && desk.deliveries.back() == 0;
   const std::size_t samples = desk.pcm().size();
-  desk.close();
+  end([&] { desk.close(); });
   desk.machine.unplug(mouse);
   return opened && closed && marked && samples > 2'000 ? Outcome::good : Outcome::failed;
 }
@@ -63,12 +93,15 @@ Outcome speak(Desk& desk, const char* model) {
 template <class Recorder>
 Outcome record(Desk& desk, const std::vector<unsigned>& stopResults) {
   Deliveries delivered;
-  auto recorder = std::make_unique<Recorder>();
-  recorder->Init(reinterpret_cast<void*>(&Deliveries::onData), &delivered);
-  const int started = recorder->StartRecord();
+  auto recorder = make<Recorder>();
+  if (!recorder) return Outcome::failed;
+  const auto start = [&] { return recorder->StartRecord(); };
+  const auto stop = [&] { return recorder->StopRecord(); };
+  end([&] { recorder->Init(reinterpret_cast<void*>(&Deliveries::onData), &delivered); });
+  const int started = end(start);
   EXPECT_TRUE(started == 0 || started == 1);
   desk.run(400ms);
-  const unsigned stopped = recorder->StopRecord();
+  const unsigned stopped = end(stop);
   EXPECT_TRUE(std::find(stopResults.begin(), stopResults.end(), stopped) != stopResults.end()) << stopped;
   if (started == 1 || !delivered.sizes.empty()) {
     EXPECT_EQ(delivered.sizes.back(), 0) << "the end is marked";
@@ -77,10 +110,10 @@ Outcome record(Desk& desk, const std::vector<unsigned>& stopResults) {
   desk.run(1s);
   EXPECT_EQ(delivered.sizes, said) << "nothing after a stop";
   // The same object works again.
-  const bool again = recorder->StartRecord() == 1;
+  const bool again = end(start) == 1;
   desk.run(200ms);
-  const bool stoppedAgain = recorder->StopRecord() == 0;
-  recorder.reset();
+  const bool stoppedAgain = end(stop) == 0;
+  end([&] { recorder.reset(); });
   const bool good = started == 1 && stopped == 0 && delivered.heard.size() > 4'000;
   return good && again && stoppedAgain ? Outcome::good : Outcome::failed;
 }
@@ -92,7 +125,7 @@ Outcome recordMicrophone(Desk& desk, WindowsVersion version) {
   all.microphones[0]->hears = sound(16'000);
   all.endpoints = {{L"VoxMouse Tern", 0.3F, true}};
   all.mixers = {{.name = L"VoxMouse Tern", .sources = {{}}}};
-  return record<CVoxRecordObject>(desk, {0, 7, 11});
+  return record<CVoxRecord>(desk, {0, 7, 11});
 }
 
 Outcome recordSpeaker(Desk& desk, WindowsVersion version) {
@@ -114,7 +147,7 @@ Outcome updateFirmware(Desk& desk, const char* model) {
   const auto path = std::filesystem::path(::testing::TempDir()) / ("failure_" + std::to_string(std::random_device()()));
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
-  desk.makeHub();
+  if (!makeHub(desk)) return Outcome::failed;
   const auto mouse = desk.make(model);
   mouse->update(sim::VirtualMouse::Updated::mouse, {.size = image.size()});
   desk.machine.plug(mouse);
@@ -123,16 +156,19 @@ Outcome updateFirmware(Desk& desk, const char* model) {
   desk.run(500ms);
   desk.record.clear();
   const int updated = desk.hub->GetEffectiveDevice();
-  desk.hub->StartOTA(updated, FwUpdate_First, path.string(), "");
+  const bool asked = call([&, first = path.string()] {
+    desk.hub->StartOTA(updated, FwUpdate_First, first, {});
+    return true;
+  });
   const std::string over = "FwOtaResult " + std::to_string(updated) + " 0 11";
   const auto isOver = [&] { return !desk.record.lines(over).empty(); };
-  EXPECT_TRUE(updated < 0 || desk.machine.waitFor(isOver, 30s)) << "an update always comes to its end";
+  EXPECT_TRUE(updated < 0 || !asked || desk.machine.waitFor(isOver, 30s)) << "an update always comes to its end";
   const auto results = desk.record.lines("FwOtaResult");
   const bool finished = results.size() == 2 && results[0] == "FwOtaResult " + std::to_string(updated) + " 2 8";
   if (finished) {
     EXPECT_EQ(mouse->firmware(sim::VirtualMouse::Updated::mouse).image(), image);
   }
-  desk.close();
+  end([&] { desk.close(); });
   desk.machine.unplug(mouse);
   std::filesystem::remove(path);
   return finished ? Outcome::good : Outcome::failed;
@@ -147,27 +183,29 @@ Outcome olderHardware(Desk& desk) {
   keyboard.plug();
   bool seen[2] = {};
   bool connected = false;
-  {
-    CFormerMouse mouse;
-    mouse.Init();
-    connected = mouse.IsConnect() >= 0;
-    mouse.StartCheck();
+  if (auto mouse = make<CFormerMouse>()) {
+    call([&] { mouse->Init(); });
+    connected = call([&] { return mouse->IsConnect() + 1; }) > 0;
+    call([&] { mouse->StartCheck(); });
     desk.run(4s);
     usb.press(kF19);
     desk.run(200ms);
-    seen[0] = mouse.GetKey_M_L() == ButtonDown;
+    seen[0] = mouse->GetKey_M_L() == ButtonDown;
     usb.press(kF19, false);
     desk.run(200ms);
-    EXPECT_EQ(mouse.GetKey_M_L(), ButtonUp);
+    EXPECT_EQ(mouse->GetKey_M_L(), ButtonUp);
     keyboard.hid()->key(0x21);
     desk.run(200ms);
-    seen[1] = mouse.GetKey_M_L() == ButtonDown;
+    seen[1] = mouse->GetKey_M_L() == ButtonDown;
     keyboard.hid()->key(0);
     desk.run(5s);
-    mouse.StopCheck();
-    mouse.CloseThread();
-    mouse.Release();
-    EXPECT_TRUE(mouse.ThreadIsClosed());
+    end([&] {
+      mouse->StopCheck();
+      mouse->CloseThread();
+      mouse->Release();
+    });
+    EXPECT_TRUE(mouse->ThreadIsClosed());
+    end([&] { mouse.reset(); });
   }
   usb.unplug();
   keyboard.unplug();
@@ -175,19 +213,19 @@ Outcome olderHardware(Desk& desk) {
 }
 
 Outcome switchMode(Desk& desk) {
-  desk.makeHub();
+  makeHub(desk);
   CPreferences::Instance()->SetHardWare(HardWare_Mouse);
   sim::LegacyDevice usb(desk.machine, sim::LegacyKind::usbMouse);
   sim::LegacyDevice pen(desk.machine, sim::LegacyKind::laserPen);
   usb.plug();
   pen.plug();
   bool toPen = false, toMouse = false;
-  {
-    CFormerMouse mouse;
+  auto mouse = make<CFormerMouse>();
+  auto modes = make<CSoftModeSwitch>();
+  if (desk.hub && mouse && modes) {
     CFormerLaserPen keys;
-    CSoftModeSwitch modes;
     const CSoftModeSwitch::PauseCallback pause = [](void*) { return false; };
-    modes.StartCheck(reinterpret_cast<void*>(pause), nullptr, &mouse, desk.hub.get(), &keys);
+    call([&] { modes->StartCheck(reinterpret_cast<void*>(pause), nullptr, mouse.get(), desk.hub.get(), &keys); });
     desk.run(17s);
     desk.machine.peripherals().keyboard.press(kF23);
     desk.run(300ms);
@@ -198,12 +236,16 @@ Outcome switchMode(Desk& desk) {
     desk.run(300ms);
     toMouse = CPreferences::Instance()->GetHardWare() == HardWare_Mouse;
     usb.press(kF19, false);
-    modes.StopCheck();
-    modes.Release();
   }
+  end([&] {
+    if (modes) modes->StopCheck();
+    if (modes) modes->Release();
+    modes.reset();
+    mouse.reset();
+    desk.close();
+  });
   usb.unplug();
   pen.unplug();
-  desk.close();
   return toPen && toMouse ? Outcome::good : Outcome::failed;
 }
 
@@ -228,17 +270,24 @@ const Scenario kScenarios[] = {
     {"SwitchTheMode", switchMode, 1},
 };
 
-class Failures : public ::testing::TestWithParam<std::tuple<Scenario, bool>> {};
+enum class Fails { call, callShuffled, allocation };
 
-// The scenario with the n-th call failing; then, where it has failed, once more without. The call's name; empty when
-// there are not so many calls.
-std::string runWith(const Scenario& scenario, std::uint64_t n, std::uint64_t seed) {
-  Desk desk({.seed = seed});
+class Failures : public ::testing::TestWithParam<std::tuple<Scenario, Fails>> {};
+
+// The scenario with the n-th call or allocation failing; then, where it has failed, once more without. What has failed;
+// empty when there are not so many.
+std::string runWith(const Scenario& scenario, Fails fails, std::uint64_t n) {
+  Desk desk({.seed = fails == Fails::callShuffled ? n : 0});
   desk.close();  // each run makes what it works with
-  desk.machine.failCall(n);
+  if (fails == Fails::allocation) {
+    sim::failAllocation(n);
+  } else {
+    desk.machine.failCall(n);
+  }
   Outcome outcome = scenario.run(desk);
   std::string failed = desk.machine.failedCall();
-  SCOPED_TRACE("call " + std::to_string(n) + ", " + failed);
+  if (sim::allocations() >= n && fails == Fails::allocation) failed = "operator new";
+  SCOPED_TRACE("number " + std::to_string(n) + ", " + failed);
   EXPECT_LE(desk.machine.now(), kLongest);
   const auto handles = desk.machine.balance().handles;
   EXPECT_LE(handles, scenario.handles);
@@ -256,23 +305,32 @@ std::string runWith(const Scenario& scenario, std::uint64_t n, std::uint64_t see
   return failed;
 }
 
-TEST_P(Failures, OfEachCallAreSurvived) {
-  const auto& [scenario, shuffled] = GetParam();
+TEST_P(Failures, OfEachAreSurvived) {
+  const auto& [scenario, fails] = GetParam();
+  failsAllocation = &sim::lacksMemory;
   std::uint64_t n = 0;
   std::string failed;
   do {
     ++n;
-    failed = runWith(scenario, n, shuffled ? n : 0);
-    if (HasFailure()) FAIL() << "call " << n << ", " << failed;
+    failed = runWith(scenario, fails, n);
+    if (HasFailure()) FAIL() << "number " << n << ", " << failed;
   } while (!failed.empty());
-  EXPECT_GT(n, 20U) << "the scenario calls the system";
-  RecordProperty("calls", std::to_string(n - 1));
+  sim::failAllocation(0);
+  EXPECT_GT(n, 12U) << "the scenario needs the system";
+  RecordProperty("failures", std::to_string(n - 1));
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, Failures, ::testing::Combine(::testing::ValuesIn(kScenarios), ::testing::Bool()),
-                         [](const auto& each) {
-                           return std::string(std::get<0>(each.param).name) +
-                                  (std::get<1>(each.param) ? "Shuffled" : "");
-                         });
+#ifdef VOXDEVICE_EXPLORE
+const auto kFails = ::testing::Values(Fails::call, Fails::callShuffled, Fails::allocation);
+#else  // nothing tells whose an allocation is
+const auto kFails = ::testing::Values(Fails::call, Fails::callShuffled);
+#endif
+
+std::string nameOf(const ::testing::TestParamInfo<Failures::ParamType>& each) {
+  constexpr const char* kNames[] = {"Call", "CallShuffled", "Allocation"};
+  return std::string(std::get<0>(each.param).name) + "_" + kNames[static_cast<int>(std::get<1>(each.param))];
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, Failures, ::testing::Combine(::testing::ValuesIn(kScenarios), kFails), nameOf);
 
 }  // namespace

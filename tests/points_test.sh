@@ -13,7 +13,7 @@ done
 (
   cd "$folder/without"
   sed -i '/^#ifdef VOXDEVICE_EXPLORE/,/^#endif/d' include/VoxDevice/Shared.h
-  find . -name '*.h' -o -name '*.cpp' | xargs sed -i -E 's/\bAtomic</std::atomic</g; s/return Probe<".*">\(\);/return;/; s/Probe<".*">\(\)/(void)0/'
+  find . -name '*.h' -o -name '*.cpp' | xargs sed -i -E 's/\bAtomic</std::atomic</g; s/return Probe<".*">\(\);/return;/; s/Probe<".*">\(\)/(void)0/; s/AtClientCode\(-?1\)/(void)0/'
   ! grep -rnE '^[^/]*([^:]\bAtomic<|Probe<")' include src
 )
 for source in hid/DeviceReader hid/FirmwareUpdate hub/HubLifecycle hub/HubDiscovery audio/Recording audio/VoxRecord \

@@ -30,6 +30,10 @@ struct HidPathIdentity {
 // two devices may run at the same time; the library holds no lock meanwhile. A callback should return soon: its device
 // is not read until it does.
 //
+// Memory: whatever ends or closes something needs none, nor do commands, keys and registrations. Constructors, copies,
+// OpenDevice and GetValidHidList throw std::bad_alloc when there is none; called again, they work. What the hub's own
+// threads have none for is left out: a pass of discovery, until the next, a report, a line of the log.
+//
 // Time: CloseDevice, Release and the destructor return within two seconds, whatever devices and drivers do; in a
 // callback or message within 0.1 s. Whatever sends to devices waits for them to take it one second at most, for all
 // addressed devices together (setMKeyType_Key1: for each); what a driver is still busy with then goes on its way
@@ -159,8 +163,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // also printed to standard output), on the calling thread when there is nothing to send. A file that cannot be read
   // leaves its image empty; what then happens is the device's decision, so check files first. While an update runs, the
   // device takes no other command and gets no heartbeat. When the device goes, the update reports FwUpdate_DeviceGone
-  // after the 3.1 s, and its end. Where the system has no thread left to wait on, the update is not begun, and
-  // FwUpdate_Over is all that it reports.
+  // after the 3.1 s, and its end. Where the system has no thread left to wait on, or no memory for a file, the update
+  // is not begun, and FwUpdate_Over is all that it reports.
   //
   // A second call while an update runs, from a result callback too, takes its place: its images, its plan, and from its
   // return on its results only, but for one that another thread is just about to tell. Of several at the same time the

@@ -36,8 +36,8 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   // dataCallback: a DataCallback, or null.
   void Init(void* dataCallback, void* context);
   // Chooses a device, sets its input volume and starts recording: 1. A recording that runs ends, without an end mark,
-  // once a device is chosen. 0 when that fails, and log and tray say why; and when another thread is just starting one
-  // on this object.
+  // once a device is chosen. 0 when that fails (for want of memory, too), and log and tray say why; and when another
+  // thread is just starting one on this object.
   int StartRecord();
   // Stops: 0, or 7 (stopping or closing failed), 11 (resetting failed); 0 when nothing records. Waits until every
   // buffer that the driver has is back and delivered: as long as the callbacks take, but three seconds at most for the

@@ -31,12 +31,12 @@ class VOXDEVICE_API CVoxSpeakerRecord {
 
   // dataCallback: a DataCallback, or null.
   void Init(void* dataCallback, void* context);
-  // Starts to record the default render endpoint: 1. 0 when that fails, when it records already, and when another
-  // thread is just starting or stopping it; the log says what is wrong with a format. Only formats of floating-point
-  // samples, one or two channels and 16 kHz or more are accepted. After the engine has failed in mid-recording it
-  // starts anew, without an end mark for what has failed. When the speaker is pulled out, nothing more is delivered;
-  // stop, and start again for the one that has taken its place. The calling thread gets the system's precedence for
-  // capturing: until the recording is over and it calls something of the object again, or ends itself.
+  // Starts to record the default render endpoint: 1. 0 when that fails (for want of memory, too), when it records
+  // already, and when another thread is just starting or stopping it; the log says what is wrong with a format. Only
+  // formats of floating-point samples, one or two channels and 16 kHz or more are accepted. After the engine has failed
+  // in mid-recording it starts anew, without an end mark for what has failed. When the speaker is pulled out, nothing
+  // more is delivered; stop, and start again for the one that has taken its place. The calling thread gets the system's
+  // precedence for capturing: until the recording is over and it calls something of the object again, or ends itself.
   int StartRecord();
   // Stops, waits for the last block and marks the end: always 0. Waits as long as the callbacks take, but three seconds
   // at most for the engine. When this has returned, no callback runs for the recording, except where it has not waited

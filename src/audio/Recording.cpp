@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "support/Memory.h"
 #include "support/Probe.h"
 
 namespace {
@@ -97,14 +98,18 @@ void CRecording::End(CDeadline deadline, bool force) noexcept {
 }
 
 void CRecording::CloseElsewhere(std::shared_ptr<CRecording> recording, CDeadline deadline) noexcept {
-  CWorker closer;
-  const bool started = closer.Start([recording] {
-    recording->Close();
-    return 0U;
+  bool started = false;
+  HadMemory([&] {
+    CWorker closer;
+    started = closer.Start([recording] {
+      recording->Close();
+      return 0U;
+    });
+    if (!started) return;
+    recording.reset();
+    closer.HasEnded(deadline.Left());
   });
   if (!started) recording->Close();
-  recording.reset();
-  closer.HasEnded(deadline.Left());
 }
 
 std::shared_ptr<CRecording> CRecorder::Current() noexcept {

@@ -7,6 +7,7 @@
 #include "VoxDevice/VoxNet.h"
 #include "VoxDevice/VoxRecord.h"
 #include "audio/CoreAudio.h"
+#include "support/Memory.h"
 #include "support/Worker.h"
 
 namespace {
@@ -115,9 +116,9 @@ class Endpoint {
         FAILED(store->GetValue(kKeyFriendlyName, &value))) {
       return false;
     }
-    name = value.vt == VT_LPWSTR && value.pwszVal ? value.pwszVal : L"";
+    const bool had = HadMemory([&] { name = value.vt == VT_LPWSTR && value.pwszVal ? value.pwszVal : L""; });
     os::PropVariantClear(&value);
-    return true;
+    return had;
   }
   bool RaiseVolume() const {
     WCHAR* id = nullptr;

@@ -7,6 +7,7 @@
 #include "audio/Recording.h"
 #include "audio/SoundCard.h"
 #include "platform/os.h"
+#include "support/Memory.h"
 
 namespace {
 
@@ -97,8 +98,22 @@ struct CVoxRecord::Buffers {
   Buffers(const Buffers&) = delete;
   Buffers& operator=(const Buffers&) = delete;
 
+  // The driver may write to them at any time: they are never freed.
+  static void GiveUp(std::shared_ptr<Buffers> buffers) noexcept {
+    static Atomic<Buffers*> latest{nullptr};
+    Buffers& given = *buffers;
+    given.before_ = latest;
+    given.self_ = std::move(buffers);
+    while (!latest.compare_exchange_weak(given.before_, &given)) {
+    }
+  }
+
   std::array<WAVEHDR, kBuffers> headers{};
   std::array<char, kBuffers * kBufferBytes> data{};
+
+ private:
+  std::shared_ptr<Buffers> self_;
+  Buffers* before_ = nullptr;
 };
 
 // One lock guards the device: which buffers the driver has, whether one may still be queued, and the driver's calls
@@ -108,7 +123,7 @@ class CVoxRecord::Recording final : public CRecording {
   Recording(std::shared_ptr<const RecordedData> callback, std::shared_ptr<Buffers> buffers)
       : CRecording(std::move(callback)), buffers_(std::move(buffers)) {}
   ~Recording() override {
-    if (Close() != kStopped) GiveUp(std::move(buffers_));
+    if (Close() != kStopped) Buffers::GiveUp(std::move(buffers_));
   }
 
   MMRESULT Open(int index, DWORD_PTR instance) noexcept {
@@ -150,8 +165,6 @@ class CVoxRecord::Recording final : public CRecording {
   bool SourceKeeps() noexcept override;
 
  private:
-  static void GiveUp(std::shared_ptr<Buffers> buffers);
-
   WAVEHDR& Header(std::size_t i) noexcept { return buffers_->headers[i]; }
   bool Queue(std::size_t i) noexcept REQUIRES(lock_) {
     if (!device_ || !recording_) return false;
@@ -341,16 +354,16 @@ unsigned CVoxRecord::Recorder::OpenDevice(int index, std::shared_ptr<Recording>&
 
 int CVoxRecord::Recorder::StartRecord() {
   if (starting.exchange(true)) return 0;
-  const wchar_t* failure = nullptr;
-  int index = -1;
-  std::shared_ptr<Recording> opened;
-  if (FindDevice(index) != kOk) {
-    failure = L"没有找到录音设备";
-  } else if (OpenDevice(index, opened) != kOk) {
-    failure = L"打开录音设备失败";
-  } else if (opened->StartGetRecordData() != kOk) {
-    failure = L"开始采集声音失败";
-  }
+  const wchar_t* failure = L"打开录音设备失败";  // also when there is no memory
+  HadMemory([&] {
+    int index = -1;
+    std::shared_ptr<Recording> opened;
+    if (FindDevice(index) != kOk) {
+      failure = L"没有找到录音设备";
+    } else if (OpenDevice(index, opened) == kOk) {
+      failure = opened->StartGetRecordData() == kOk ? nullptr : L"开始采集声音失败";
+    }
+  });
   starting = false;
   if (failure) LogError(failure);
   if (failure && !IsClosed()) VoxMessage::Tray(failure, VoxTray_Message);
@@ -425,16 +438,4 @@ unsigned CVoxRecord::Recording::Close() noexcept {
   const bool closed = !device_;
   lock_.Unlock();
   return closed ? kStopped : kStopFailed;
-}
-
-// The driver may write to them at any time: they are never freed.
-void CVoxRecord::Recording::GiveUp(std::shared_ptr<Buffers> buffers) {
-  struct Kept {
-    std::shared_ptr<Buffers> buffers;
-    Kept* next;
-  };
-  static Atomic<Kept*> latest{nullptr};
-  auto* kept = new Kept{std::move(buffers), latest};
-  while (!latest.compare_exchange_weak(kept->next, kept)) {
-  }
 }

@@ -11,6 +11,7 @@
 #include "audio/CoreAudio.h"
 #include "audio/Recording.h"
 #include "support/LogLine.h"
+#include "support/Memory.h"
 #include "support/Probe.h"
 
 namespace {
@@ -130,7 +131,7 @@ class CVoxSpeakerRecord::Recording final : public CRecording, public std::enable
 
 // What stands behind a CVoxSpeakerRecord.
 struct CVoxSpeakerRecord::Recorder final : CRecorder {
-  int StartRecord();
+  bool StartRecord();
   bool Run(const std::shared_ptr<Recording>& next);
 
   const std::shared_ptr<ThreadTasks> tasks = std::make_shared<ThreadTasks>();
@@ -166,9 +167,10 @@ int CVoxSpeakerRecord::StartRecord() {
   const Operation inside(m_pRecorder);
   inside->tasks->LeaveMine();
   if (inside->starting.exchange(true)) return 0;
-  const int result = inside->StartRecord();
+  bool started = false;
+  HadMemory([&] { started = inside->StartRecord(); });
   inside->starting = false;
-  return result;
+  return started ? 1 : 0;
 }
 
 unsigned int CVoxSpeakerRecord::StopRecord() {
@@ -178,16 +180,16 @@ unsigned int CVoxSpeakerRecord::StopRecord() {
   return 0;
 }
 
-int CVoxSpeakerRecord::Recorder::StartRecord() {
+bool CVoxSpeakerRecord::Recorder::StartRecord() {
   if (const auto earlier = Current(); earlier && !earlier->IsOver()) {
     // Its thread ends by itself only when the engine has failed.
-    if (!earlier->thread->HasEnded() || !earlier->Claim()) return 0;
+    if (!earlier->thread->HasEnded() || !earlier->Claim()) return false;
     earlier->End(CDeadline(0), false);
     earlier->Close();
   }
   const ComApartment com;
   const auto next = std::make_shared<Recording>(callback, tasks);
-  return next->Prepare() && next->StartEngine() && Run(next) ? 1 : 0;
+  return next->Prepare() && next->StartEngine() && Run(next);
 }
 
 // Nobody sees the recording before its thread runs: who stops it closes what the thread needs.

@@ -2,13 +2,13 @@
 #include "hid/DeviceReader.h"
 
 #include <algorithm>
-#include <new>
 #include <string_view>
 #include <utility>
 
 #include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/VoxCommon.h"
 #include "support/LogLine.h"
+#include "support/Memory.h"
 #include "support/Probe.h"
 
 namespace {
@@ -30,18 +30,19 @@ struct CDeviceReader::LogEntry {
 // in which a synchronous call is blocked would keep whoever closes it waiting.
 class CDeviceReader::File {
  public:
-  explicit File(HANDLE handle) noexcept : handle_(handle) {}
+  File() = default;
   ~File() { Close(); }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
+  HANDLE Take(HidFile& file) noexcept { return handle_ = file.Give(); }
   HANDLE Handle() const noexcept { return handle_; }
   void Close() noexcept {
     if (HANDLE open = handle_.exchange(nullptr)) os::CloseHandle(open);
   }
 
  private:
-  Atomic<HANDLE> handle_;
+  Atomic<HANDLE> handle_{nullptr};
 };
 
 CDeviceReader::CDeviceReader()
@@ -59,14 +60,14 @@ CDeviceReader::~CDeviceReader() {
   }
 }
 
-void CDeviceReader::Attach(const HidConnection& connection) {
-  readFile_ = std::make_shared<File>(connection.readHandle);
-  writeFile_ = std::make_shared<File>(connection.writeHandle);
+void CDeviceReader::Attach(const HidConnection& connection, HidFile& readFile, HidFile& writeFile) {
+  readFile_ = std::make_shared<File>();
+  writeFile_ = std::make_shared<File>();
   outputReport_.assign(static_cast<std::size_t>(connection.outputReportLength), 0);
   outputReportLength = connection.outputReportLength;
   inputReportLength = connection.inputReportLength;
-  readHandle = connection.readHandle;
-  writeHandle = connection.writeHandle;
+  readHandle = readFile_->Take(readFile);
+  writeHandle = writeFile_->Take(writeFile);
   channel = connection.channel;
   deviceNumber = connection.deviceNumber;
 }
@@ -96,9 +97,12 @@ bool CDeviceReader::Start() noexcept {
     });
   };
   stopFlag = false;
-  const bool started = run(writeThread, [file = writeFile_](CDeviceReader& self) { self.WriteLoop(file); }) &&
-                       run(readThread, [file = readFile_](CDeviceReader& self) { self.ReadLoop(*file); }) &&
-                       run(heartbeatThread, [](CDeviceReader& self) { self.HeartbeatLoop(); });
+  bool started = false;
+  HadMemory([&] {
+    started = run(writeThread, [file = writeFile_](CDeviceReader& self) { self.WriteLoop(file); }) &&
+              run(readThread, [file = readFile_](CDeviceReader& self) { self.ReadLoop(*file); }) &&
+              run(heartbeatThread, [](CDeviceReader& self) { self.HeartbeatLoop(); });
+  });
   if (started) return true;
   End(CDeadline(CWorker::kPatience));
   ShutDown();
@@ -346,12 +350,11 @@ void CDeviceReader::ResetState() noexcept {
 // Size: of the buffer that the line must fit, with its terminator.
 template <std::size_t Size>
 void CDeviceReader::LogDevice(int number, const wchar_t* what, int type) noexcept {
-  try {
+  // A line for which there is no memory is dropped.
+  HadMemory([&] {
     std::wstring text = LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text();
     Log(std::move(text), type);
-  } catch (const std::bad_alloc&) {
-    // A line for which there is no memory is dropped.
-  }
+  });
 }
 
 // Nothing is left on the stack: the receiver may be ended with the thread.

@@ -15,13 +15,12 @@
 #include "platform/os.h"
 #include "support/CLock.h"
 #include "support/Deadline.h"
+#include "support/HidFile.h"
 #include "support/Worker.h"
 
 // What the hub hands to a reader: a device it has opened and checked.
 struct HidConnection {
   int deviceNumber = -1;
-  HANDLE readHandle = nullptr;
-  HANDLE writeHandle = nullptr;
   int inputReportLength = 0;   // bytes, with the report id
   int outputReportLength = 0;  // bytes, with the report id
   DataChannel channel = DataChannel_Unknown;
@@ -86,8 +85,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   virtual void OnOtaCompleteReply(const CHidData& reply) = 0;
 
   // ---- For the hub ----
-  // Takes over an opened device. Once, before Start.
-  void Attach(const HidConnection& connection);
+  // Takes over an opened device: as its last step, its files. Once, before Start.
+  void Attach(const HidConnection& connection, HidFile& readFile, HidFile& writeFile);
   // What an earlier reader of the row has left.
   void Recall(const CReaderMemory& memory) noexcept;
   CReaderMemory Memory() const noexcept;
@@ -146,12 +145,13 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // Loads the files, and starts the first image. Results go to `callback`: on the read thread for answers, on the wait
   // thread for time-outs, on this thread when there is nothing to send. While another update runs, this one takes its
   // place: its images, its plan and its results from then on. Nothing happens when the device has gone. device: the
-  // number that results name, even when it goes meanwhile. context: kept until the reader goes.
+  // number that results name, even when it goes meanwhile. context: kept until another update takes the place of this
+  // one.
   void StartOta(int device, int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
                 const std::shared_ptr<void>& context) noexcept;
   // False, with nothing changed, when there is no such file, or it is empty or longer than an int can say. Otherwise
   // `image` gets what could be read of it, `size` its length in bytes.
-  static bool LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept;
+  static bool LoadImageFile(const std::string& path, OtaImage& image, int& size);
 
   // What the flows of the variants are made of. Whoever acts for an update holds the number of its present step, and
   // the number is taken on by one only: by one answer or one time-out, whichever comes first, or by the start of
@@ -199,7 +199,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   Shared<int> missedHeartbeats{0};      // heartbeats sent since the last answer
   Shared<int> connectState{0};          // 0 not connected, 1 has answered a heartbeat, 2 announced
   // Set by the hub before Start.
-  std::vector<std::shared_ptr<void>> owners;  // keep the contexts alive; later ones, of updates, under otaLock_
+  std::shared_ptr<void> owner;  // keeps the context alive
   void* callbackContext = nullptr;
   ReaderCallback readerCallback = nullptr;
   DisconnectCallback disconnectCallback = nullptr;
@@ -231,7 +231,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // The device that the update is for. Results name it even when it has gone and the reader has no number any more.
   Shared<int> otaDevice{-1};
   Shared<OtaCallback> otaCallback{nullptr};
-  Shared<void*> otaContext{nullptr};
+  std::shared_ptr<void> otaContext;  // under otaLock
 
  private:
   struct LogEntry;
@@ -263,6 +263,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
   void Log(std::wstring text, int type);
+  void StartOtaWaiter() REQUIRES(otaLock_);
   void OtaWaitLoop(const CWorker& thread) noexcept;
   void OnOtaTimeOut(OtaStep step) noexcept;
   void OnOtaWritten(OtaStep step) noexcept;

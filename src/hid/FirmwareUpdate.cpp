@@ -4,11 +4,11 @@
 #include <array>
 #include <climits>
 #include <cstdio>
-#include <new>
 #include <utility>
 
 #include "VoxDevice/VoxCommon.h"
 #include "hid/DeviceReader.h"
+#include "support/Memory.h"
 #include "support/Probe.h"
 
 namespace {
@@ -60,9 +60,12 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
   OtaImage first, second;
   int firstSize = -1;
   int secondSize = -1;
-  if (type == FwUpdate_First || type == FwUpdate_Both) LoadImageFile(firstPath, first, firstSize);
-  if (type == FwUpdate_Second || type == FwUpdate_Both) LoadImageFile(secondPath, second, secondSize);
+  const bool loaded = HadMemory([&] {
+    if (type == FwUpdate_First || type == FwUpdate_Both) LoadImageFile(firstPath, first, firstSize);
+    if (type == FwUpdate_Second || type == FwUpdate_Both) LoadImageFile(secondPath, second, secondSize);
+  });
   OtaStep step = 0;
+  std::shared_ptr<void> before = context;  // let go of without the lock
   {
     const CAutoLock lock(otaLock_);
     if (hasStopped_ || deviceNumber == -1) return Probe<"update: a start on a device that has gone">();
@@ -77,37 +80,37 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
     if (firstSize >= 0) image1Size = firstSize;
     if (secondSize >= 0) image2Size = secondSize;
     otaDevice = device;
-    otaContext = context.get();
+    otaContext.swap(before);
     otaCallback = callback;
-    if (std::find(owners.begin(), owners.end(), context) == owners.end()) owners.push_back(context);
     // One wait thread at a time: that of the update before stays, unless it is about to leave.
-    if (!otaWaits_) {
-      otaWaiter_ = std::make_shared<CWorker>(otaStopEvent);
-      otaWaits_ = otaWaiter_->Start([self = shared_from_this(), waiter = otaWaiter_.get()] {
-        self->OtaWaitLoop(*waiter);
-        return 0U;
-      });
-    }
-    if (!otaWaits_) otaPlan = 0;  // nobody would see a time-out: it is over at once
+    if (!otaWaits_) HadMemory([&] { StartOtaWaiter(); });
+    // It is over at once when nobody would see a time-out; and before a device gets an image that is not whole.
+    if (!otaWaits_ || !loaded) otaPlan = 0;
   }
   OtaNextImage(step);
 }
 
-bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int& size) noexcept {
+void CDeviceReader::StartOtaWaiter() {
+  const auto waiter = std::make_shared<CWorker>(otaStopEvent);
+  CWorker::Body body = [self = shared_from_this(), its = waiter.get()] {
+    self->OtaWaitLoop(*its);
+    return 0U;
+  };
+  otaWaiter_ = waiter;
+  otaWaits_ = waiter->Start(std::move(body));
+}
+
+bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int& size) {
   if (path.empty()) return false;
   const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
   if (!file || std::fseek(file.get(), 0, SEEK_END) != 0) return false;
   const long length = std::ftell(file.get());
   if (length <= 0 || length > INT_MAX || std::fseek(file.get(), 0, SEEK_SET) != 0) return false;
-  try {
-    auto bytes = std::make_shared<std::vector<std::uint8_t>>(static_cast<std::size_t>(length));
-    bytes->resize(std::fread(bytes->data(), 1, bytes->size(), file.get()));
-    size = static_cast<int>(bytes->size());
-    image = std::move(bytes);
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  auto bytes = std::make_shared<std::vector<std::uint8_t>>(static_cast<std::size_t>(length));
+  bytes->resize(std::fread(bytes->data(), 1, bytes->size(), file.get()));
+  size = static_cast<int>(bytes->size());
+  image = std::move(bytes);
+  return true;
 }
 
 std::optional<CDeviceReader::OtaStep> CDeviceReader::SelectOtaImage(OtaStep step) noexcept {
@@ -179,7 +182,7 @@ void CDeviceReader::ReportOta(OtaStep step, int state) noexcept {
   OtaCallback callback = nullptr;
   int device = -1;
   DataChannel target = DataChannel_Unknown;
-  void* context = nullptr;
+  std::shared_ptr<void> context;
   {
     const CAutoLock lock(otaLock_);
     if (!IsOfThisUpdate(step)) return Probe<"update: a result of a replaced update is dropped">();
@@ -188,7 +191,7 @@ void CDeviceReader::ReportOta(OtaStep step, int state) noexcept {
     target = otaTarget;
     context = otaContext;
   }
-  if (callback) callback(device, target, static_cast<FwUpdateState>(state), context);
+  if (callback) callback(device, target, static_cast<FwUpdateState>(state), context.get());
 }
 
 void CDeviceReader::ReportOtaProgress(OtaStep step, int done, int total) noexcept {

@@ -1,6 +1,7 @@
 // One discovery thread, and what it has in hand.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,4 +17,5 @@ struct CHub::Detection {
   std::optional<HidFile> readFile;
   std::optional<HidFile> writeFile;
   CWorker thread;
+  std::shared_ptr<Detection> before;  // another one; stays as it is
 };

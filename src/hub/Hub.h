@@ -52,8 +52,6 @@ struct CHubCallbacks {
 // come in. It is never held while the client is called or anything is waited for.
 class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
  public:
-  using Readers = std::vector<std::shared_ptr<CDeviceReader>>;
-
   CHub();
   ~CHub();
   CHub(const CHub&) = delete;
@@ -117,8 +115,12 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void OnThreadDeviceDetectionProc(Detection& detection);
   // Asks discovery and every reader to end, and waits until they have.
   void Stop(CDeadline deadline);
-  Readers ReadersToEnd() REQUIRES(tableLock);
+  template <class Call>
+  void ForEachToEnd(Call call);
+  bool Ends(const HidDeviceEntry& row) const;
+  std::shared_ptr<Detection> AskDetections();
   void EndDetections(CDeadline deadline);
+  void ForgetEndedDetections() REQUIRES(tableLock);
   void ReleaseBy(CDeadline deadline);
   void SendAppExit(CDeadline deadline);
 
@@ -127,7 +129,8 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void ForEachLive(int device, Visit visit) REQUIRES(tableLock);
   void LoseDevice(HidDeviceEntry& row) REQUIRES(tableLock);
   void Leave(const std::shared_ptr<CDeviceReader>& reader) REQUIRES(tableLock);
-  Readers Addressed(int device);
+  template <class Call>
+  void ForEachAddressed(int device, Call call);
   std::shared_ptr<CDeviceReader> FindLive(int device);
   int GetEffectiveDevice(MouseType model);
   bool CheckDeviceConnect();
@@ -139,6 +142,7 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   // Models and discovery.
   void InitLegalPid_Vid();
   MouseType FindLegalId(const HidPathIdentity& identity) const;
+  void Discover(Detection& detection);
   void OpenHidDevice(Detection& detection);
   void OpenHidInterface(Detection& detection, const std::wstring& path);
   void ConnectReader(Detection& detection, MouseType model, HidConnection& connection);
@@ -202,8 +206,9 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   CLock tableLock;
   std::vector<HidDeviceEntry> devices GUARDED_BY(tableLock);
   // Of devices that are not in the table any more, as long as a thread of theirs runs.
+  // Has room for those in the table, too: a device goes also without memory.
   std::vector<std::weak_ptr<CDeviceReader>> leaving_ GUARDED_BY(tableLock);
-  std::vector<std::shared_ptr<Detection>> detections GUARDED_BY(tableLock);
+  std::shared_ptr<Detection> detections GUARDED_BY(tableLock);       // each holds the one before it
   std::shared_ptr<Detection> detectionThread GUARDED_BY(tableLock);  // the one started last
   Atomic<Detection*> passRunning{nullptr};                           // two take turns
   Shared<bool> stopDetection{false};

@@ -3,19 +3,38 @@
 
 #include "hub/Hub.h"
 
-// Every live row that this number addresses, -1 all of them.
+namespace {
+
+// Of the two seconds in which everything ends: what is left for the readers when AppExit does not come to its end.
+constexpr DWORD kForReaders = 200;  // ms
+constexpr DWORD kForOneExit = 50;   // ms
+
+// Whether the row is live, and this number addresses it; -1: any.
+bool IsLive(const HidDeviceEntry& row, int device) {
+  return row.reader && row.reader->IsLive() && (device == -1 || row.deviceNumber == device);
+}
+
+}  // namespace
+
 template <class Visit>
 void CHub::ForEachLive(int device, Visit visit) {
   for (HidDeviceEntry& row : devices) {
-    if (row.reader && row.reader->IsLive() && (device == -1 || row.deviceNumber == device)) visit(row);
+    if (IsLive(row, device)) visit(row);
   }
 }
 
-CHub::Readers CHub::Addressed(int device) {
-  Readers readers;
-  const CAutoLock lock(tableLock);
-  ForEachLive(device, [&](HidDeviceEntry& row) { readers.push_back(row.reader); });
-  return readers;
+// The same without the lock, for what takes its time. Needs no memory.
+template <class Call>
+void CHub::ForEachAddressed(int device, Call call) {
+  for (std::size_t i = 0;; ++i) {
+    std::shared_ptr<CDeviceReader> reader;
+    {
+      const CAutoLock lock(tableLock);
+      if (i >= devices.size()) return;
+      if (IsLive(devices[i], device)) reader = devices[i].reader;
+    }
+    if (reader) call(*reader);
+  }
 }
 
 std::shared_ptr<CDeviceReader> CHub::FindLive(int device) {
@@ -69,48 +88,60 @@ void CHub::GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>&
 
 void CHub::SendToReady(int device, std::uint8_t command) {
   const CDeadline deadline(CDeviceReader::kWritePatience);
-  for (const auto& reader : Addressed(device)) {
-    if (reader->otaStage == 0) reader->SendCommand(command, reader->channel, deadline);
-  }
+  ForEachAddressed(device, [&](CDeviceReader& reader) {
+    if (reader.otaStage == 0) reader.SendCommand(command, reader.channel, deadline);
+  });
 }
 
 void CHub::GetDongleState(int device) {
   const CDeadline deadline(CDeviceReader::kWritePatience);
-  for (const auto& reader : Addressed(device)) {
+  ForEachAddressed(device, [&](CDeviceReader& reader) {
     // Asked of the receiver, whatever the reader's link.
-    if (reader->otaStage == 0) reader->SendCommand(HidCommand::GetDongleState, DataChannel_Receiver, deadline);
-  }
+    if (reader.otaStage == 0) reader.SendCommand(HidCommand::GetDongleState, DataChannel_Receiver, deadline);
+  });
 }
 
 void CHub::SetDpi(int device, short dpi) {
   const CDeadline deadline(CDeviceReader::kWritePatience);
-  for (const auto& reader : Addressed(device)) reader->SetDpi(dpi, deadline);
+  ForEachAddressed(device, [&](CDeviceReader& reader) { reader.SetDpi(dpi, deadline); });
 }
 
 void CHub::SetDownloadURL(int device, unsigned char* url, int length) {
   const CDeadline deadline(CDeviceReader::kWritePatience);
-  for (const auto& reader : Addressed(device)) reader->SetDownloadUrl(url, length, deadline);
+  ForEachAddressed(device, [&](CDeviceReader& reader) { reader.SetDownloadUrl(url, length, deadline); });
 }
 
 void CHub::getMKeyTypeList_Key1(int device) {
   const CDeadline deadline(CDeviceReader::kWritePatience);
-  for (const auto& reader : Addressed(device)) reader->RequestMKeyTypeList(deadline);
+  ForEachAddressed(device, [&](CDeviceReader& reader) { reader.RequestMKeyTypeList(deadline); });
 }
 
 void CHub::getMKeyTypeList_Key2(int device) {
-  for (const auto& reader : Addressed(device)) reader->RequestMKeyTypeList2();
+  ForEachAddressed(device, [](CDeviceReader& reader) { reader.RequestMKeyTypeList2(); });
 }
 
 SetMKeyTypeStatus CHub::setMKeyType_Key1(int device, MouseMKeyType type) {
   SetMKeyTypeStatus status = SetMKeyType_NotReady;
-  for (const auto& reader : Addressed(device)) {
-    status = reader->SetMKeyTypeKey1(type, CDeadline(CDeviceReader::kWritePatience));
-  }
+  ForEachAddressed(device, [&](CDeviceReader& reader) {
+    status = reader.SetMKeyTypeKey1(type, CDeadline(CDeviceReader::kWritePatience));
+  });
   return status;
 }
 
 SetMKeyTypeStatus CHub::setMKeyType_Key2(int device, MouseMKeyType) {
-  return Addressed(device).empty() ? SetMKeyType_NotReady : SetMKeyType_Confirmed;
+  SetMKeyTypeStatus status = SetMKeyType_NotReady;
+  ForEachAddressed(device, [&](CDeviceReader&) { status = SetMKeyType_Confirmed; });
+  return status;
+}
+
+// One that is not written by the time that the readers are ended is lost. So a moment is left for each device, also
+// when another one does not take its.
+void CHub::SendAppExit(CDeadline deadline) {
+  const CDeadline together(deadline.Before(kForReaders).Left(CDeviceReader::kWritePatience));
+  ForEachAddressed(-1, [&](CDeviceReader& reader) {
+    const CDeadline its(std::max(together.Left(), deadline.Left(kForOneExit)));
+    if (reader.otaStage == 0) reader.SendCommand(HidCommand::AppExit, reader.channel, its);
+  });
 }
 
 bool CHub::OpenHidRecord() {
@@ -122,11 +153,11 @@ bool CHub::OpenHidRecord() {
 bool CHub::CloseHidRecord() {
   bool closed = true;
   const CDeadline deadline(CDeviceReader::kWritePatience);
-  for (const auto& reader : Addressed(workDevice)) {
+  ForEachAddressed(workDevice, [&](CDeviceReader& reader) {
     // Every addressed device is asked, also after one that did not confirm.
-    const bool confirmed = reader->CloseRecord(deadline);
+    const bool confirmed = reader.CloseRecord(deadline);
     closed = closed && confirmed;
-  }
+  });
   FlushHidAudio();
   return closed;
 }

@@ -39,6 +39,12 @@ void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
   paths.insert(paths.end(), present.begin(), present.end());
 }
 
+void CHub::Discover(Detection& detection) {
+  detection.paths.clear();
+  CAudioHidCenter::EnumerateHidInterfaces(detection.paths);
+  OpenHidDevice(detection);
+}
+
 void CHub::OpenHidDevice(Detection& detection) {
   for (const std::wstring& path : detection.paths) {
     if (stopDetection || detection.thread.IsAsked()) return;
@@ -88,20 +94,21 @@ void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& c
   });
   const bool settled = known != devices.end();
   if (settled) Probe<"hub: a row is taken over">();
+  // All that takes memory comes first.
+  leaving_.reserve(leaving_.size() + devices.size() + 1);
+  const auto reader = MakeReader(model, settled);
+  std::string path = detection.path;
+  connection.deviceNumber = ++lastDeviceNumber;
+  reader->Attach(connection, *detection.readFile, *detection.writeFile);
   HidDeviceEntry& row = settled ? *known : devices.emplace_back();
   if (row.reader) LoseDevice(row);
-  const auto reader = MakeReader(model, settled);
   reader->Recall(row.memory);
-  connection.deviceNumber = ++lastDeviceNumber;
-  connection.readHandle = detection.readFile->Give();
-  connection.writeHandle = detection.writeFile->Give();
-  reader->Attach(connection);
-  reader->owners = {shared_from_this()};
+  reader->owner = shared_from_this();
   reader->callbackContext = this;
   reader->readerCallback = &CHub::HidDeviceReaderCallback;
   reader->disconnectCallback = &CHub::HidDeviceDisconnect;
   row.deviceNumber = connection.deviceNumber;
-  row.path = detection.path;
+  row.path = std::move(path);
   row.reader = reader;
   if (!reader->Start()) LoseDevice(row);  // it is tried again at the next pass
 }
@@ -144,8 +151,12 @@ void CHub::LoseDevice(HidDeviceEntry& row) {
 }
 
 void CHub::Leave(const std::shared_ptr<CDeviceReader>& reader) {
-  std::erase_if(leaving_, [](const auto& known) { return known.expired(); });
-  leaving_.push_back(reader);
+  const auto free = std::find_if(leaving_.begin(), leaving_.end(), [](const auto& left) { return left.expired(); });
+  if (free != leaving_.end()) {
+    *free = reader;
+  } else {
+    leaving_.push_back(reader);
+  }
 }
 
 void CHub::HidDeviceDisconnect(int device, void* hub) { static_cast<CHub*>(hub)->OnHidDeviceDisconnect(device); }

@@ -5,17 +5,16 @@
 #include "VoxDevice/VoxNet.h"
 #include "hub/Detection.h"
 #include "hub/Hub.h"
+#include "support/Memory.h"
 #include "support/Probe.h"
 
 namespace {
 
 constexpr DWORD kDetectionTick = 50;    // ms
 constexpr int kDetectionPeriod = 1000;  // ms
-// Of the two seconds in which everything ends: what is left for AppExit and the readers when a discovery pass, and for
-// the readers when AppExit, does not come to its end.
-constexpr DWORD kForExit = 700;     // ms
-constexpr DWORD kForReaders = 200;  // ms
-constexpr DWORD kForOneExit = 50;   // ms
+// Of the two seconds in which everything ends: what is left for AppExit and the readers when a discovery pass does not
+// come to its end.
+constexpr DWORD kForExit = 700;  // ms
 
 }  // namespace
 
@@ -34,6 +33,7 @@ void CHub::CopyFrom(CHub& other) {
   }
   {
     const CAutoLock lock(tableLock);
+    leaving_.reserve(leaving_.size() + devices.size());
     devices.swap(rows);
     for (const HidDeviceEntry& row : rows) {
       const bool stays = std::any_of(devices.begin(), devices.end(),
@@ -66,16 +66,17 @@ void CHub::OpenDevice(void* callback, void* context) {
   audioCallback.Set(reinterpret_cast<CAudioHidCenter::AudioCallback>(callback), context);
   const CAutoLock lock(tableLock);
   if (closed_) return;
-  stopDetection = false;
-  std::erase_if(detections, [](const auto& detection) { return detection->thread.HasEnded(); });
   // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
   const auto detection = std::make_shared<Detection>();
-  detections.push_back(detection);
-  detectionThread = detection;
-  detection->thread.Start([self = shared_from_this(), detection] {
+  CWorker::Body body = [self = shared_from_this(), detection] {
     self->OnThreadDeviceDetectionProc(*detection);
     return 0U;
-  });
+  };
+  stopDetection = false;
+  ForgetEndedDetections();
+  detection->before = std::exchange(detections, detection);
+  detectionThread = detection;
+  detection->thread.Start(std::move(body));
 }
 
 void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
@@ -86,9 +87,10 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
       counter = 0;
       Detection* nobody = nullptr;
       if (passRunning.compare_exchange_strong(nobody, &detection)) {
-        detection.paths.clear();
-        CAudioHidCenter::EnumerateHidInterfaces(detection.paths);
-        OpenHidDevice(detection);
+        // One for which there is no memory comes to its end at the next.
+        if (!HadMemory([&] { Discover(detection); })) Probe<"hub: a pass without memory">();
+        detection.readFile.reset();
+        detection.writeFile.reset();
         Detection* mine = &detection;
         passRunning.compare_exchange_strong(mine, nullptr);
       } else {
@@ -100,49 +102,63 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
 }
 
 // A copy shares the readers of its original. It ends them when it is told to, and leaves them alone when it goes.
-CHub::Readers CHub::ReadersToEnd() {
-  Readers readers;
-  for (const auto& leaving : leaving_) {
-    if (auto reader = leaving.lock()) readers.push_back(std::move(reader));
+bool CHub::Ends(const HidDeviceEntry& row) const {
+  return row.reader && (!closed_ || row.reader->callbackContext == this);
+}
+
+// Needs no memory. A device that leaves the table meanwhile is met further on.
+template <class Call>
+void CHub::ForEachToEnd(Call call) {
+  for (std::size_t i = 0;; ++i) {
+    std::shared_ptr<CDeviceReader> reader;
+    {
+      const CAutoLock lock(tableLock);
+      const std::size_t rows = devices.size();
+      if (i >= rows + leaving_.size()) return;
+      if (i >= rows) {
+        reader = leaving_[i - rows].lock();
+      } else if (Ends(devices[i])) {
+        reader = devices[i].reader;
+      }
+    }
+    if (reader) call(*reader);
   }
-  for (const HidDeviceEntry& row : devices) {
-    if (row.reader && (!closed_ || row.reader->callbackContext == this)) readers.push_back(row.reader);
-  }
-  return readers;
 }
 
 // From its beginning on, no device comes in any more: a pass that runs sees under tableLock that its thread is asked.
 void CHub::Stop(CDeadline deadline) {
   stopDetection = true;
-  Readers readers;
-  {
-    const CAutoLock lock(tableLock);
-    for (const auto& detection : detections) detection->thread.Release();
-    readers = ReadersToEnd();
-  }
+  AskDetections();
   // All are asked before one is waited for: they end at the same time.
-  for (const auto& reader : readers) reader->Ask();
+  ForEachToEnd([](CDeviceReader& reader) { reader.Ask(); });
   EndDetections(deadline);
-  for (const auto& reader : readers) reader->End(deadline);
+  ForEachToEnd([&](CDeviceReader& reader) { reader.End(deadline); });
+}
+
+std::shared_ptr<CHub::Detection> CHub::AskDetections() {
+  const CAutoLock lock(tableLock);
+  for (Detection* each = detections.get(); each; each = each->before.get()) each->thread.Release();
+  return detections;
 }
 
 // Whoever else stops at the same time waits for the same threads.
 void CHub::EndDetections(CDeadline deadline) {
-  std::vector<std::shared_ptr<Detection>> ending;
   {
     const CAutoLock lock(tableLock);
-    ending = detections;
     detectionThread.reset();
   }
-  for (const auto& detection : ending) detection->thread.Release();
-  for (const auto& detection : ending) {
-    detection->thread.End(deadline);
+  for (auto each = AskDetections(); each; each = each->before) {
+    each->thread.End(deadline);
     // One that has not ended, or was ended in the middle of a pass, passes no more.
-    Detection* its = detection.get();
+    Detection* its = each.get();
     passRunning.compare_exchange_strong(its, nullptr);
   }
   const CAutoLock lock(tableLock);
-  std::erase_if(detections, [](const auto& detection) { return detection->thread.HasEnded(); });
+  ForgetEndedDetections();
+}
+
+void CHub::ForgetEndedDetections() {
+  while (detections && detections->thread.HasEnded()) detections = detections->before;
 }
 
 void CHub::CloseDevice() { Stop(CWorker::Patience()); }
@@ -151,40 +167,31 @@ void CHub::Release() { ReleaseBy(CWorker::Patience()); }
 
 void CHub::ReleaseBy(CDeadline deadline) {
   stopDetection = true;
-  std::vector<std::shared_ptr<Detection>> discovering;
-  {
-    const CAutoLock lock(tableLock);
-    discovering = detections;
-    for (const auto& detection : discovering) detection->thread.Release();
-  }
-  for (const auto& detection : discovering) {
-    if (!detection->thread.IsCurrent()) detection->thread.AwaitEnd(deadline.Before(kForExit));
+  for (auto each = AskDetections(); each; each = each->before) {
+    if (!each->thread.IsCurrent()) each->thread.AwaitEnd(deadline.Before(kForExit));
   }
   if (!closed_) SendAppExit(deadline);
   Stop(deadline);
   std::vector<HidDeviceEntry> rows;  // let go of without the lock
-  Readers readers;
+  std::vector<std::weak_ptr<CDeviceReader>> leaving;
   {
     const CAutoLock lock(tableLock);
-    readers = ReadersToEnd();
     rows.swap(devices);
-    leaving_.clear();
+    leaving.swap(leaving_);
   }
+  const auto forEach = [&](auto call) {
+    for (const HidDeviceEntry& row : rows) {
+      if (Ends(row)) call(*row.reader);
+    }
+    for (const auto& left : leaving) {
+      if (const auto reader = left.lock()) call(*reader);
+    }
+  };
   // Again, for devices that have come since, by an OpenDevice on another thread.
-  for (const auto& reader : readers) reader->End(deadline);
-  for (const auto& reader : readers) reader->ShutDown();
+  forEach([&](CDeviceReader& reader) { reader.End(deadline); });
+  forEach([](CDeviceReader& reader) { reader.ShutDown(); });
   if (anyDeviceConnected) ForgetDevices();
   UnloadAscDecoder();
-}
-
-// One that is not written by the time that the readers are ended is lost. So a moment is left for each device, also
-// when another one does not take its.
-void CHub::SendAppExit(CDeadline deadline) {
-  const CDeadline together(deadline.Before(kForReaders).Left(CDeviceReader::kWritePatience));
-  for (const auto& reader : Addressed(-1)) {
-    const CDeadline its(std::max(together.Left(), deadline.Left(kForOneExit)));
-    if (reader->otaStage == 0) reader->SendCommand(HidCommand::AppExit, reader->channel, its);
-  }
 }
 
 void CHub::Close() {

@@ -5,6 +5,7 @@
 
 #include "VoxDevice/VoxNet.h"
 #include "hub/Hub.h"
+#include "support/Memory.h"
 
 namespace {
 
@@ -20,7 +21,8 @@ bool IsSerialCharacter(std::uint8_t byte) {
 
 void CHub::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
                                    int reportLength, void* hub) {
-  static_cast<CHub*>(hub)->OnHidDeviceReaderCallback(device, model, link, report, reportLength);
+  // A report for which there is no memory is lost, as one that does not arrive.
+  HadMemory([&] { static_cast<CHub*>(hub)->OnHidDeviceReaderCallback(device, model, link, report, reportLength); });
 }
 
 void CHub::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,

@@ -8,6 +8,7 @@
 #include "legacy/States.h"
 #include "platform/os.h"
 #include "support/DeviceLists.h"
+#include "support/Memory.h"
 
 namespace {
 
@@ -116,7 +117,9 @@ void CFormerMouse::State::Init() {
   const CAutoLock held(lock);
   if (qlChecks.IsRunning()) return;
   qlChecks.Start([self = shared_from_this()](CWorker& thread) {
-    for (DWORD wait = kFirstQlCheck; thread.Sleep(wait); wait = kQlPeriod) self->CheckOnlyQlMouse();
+    for (DWORD wait = kFirstQlCheck; thread.Sleep(wait); wait = kQlPeriod) {
+      HadMemory([&] { self->CheckOnlyQlMouse(); });  // or else at the next look
+    }
   });
 }
 
@@ -150,16 +153,15 @@ bool CFormerMouse::State::ThreadIsClosed() const {
 }
 
 void CFormerMouse::State::Release(bool forGood) {
-  CTasks::List released;
   {
     const CAutoLock held(lock);
     closed = closed || forGood;
     if (forGood) qlChecks.Close();
-    usb->Release(released);
-    hid->Release(released);
-    qlChecks.Release(released);
+    usb->pollers.Release();
+    hid->Release();
+    qlChecks.Release();
   }
-  CTasks::End(released);
+  CTasks::End({&usb->pollers, &hid->reChecks, &hid->readers, &qlChecks});
 }
 
 void CFormerMouse::Init() { owner_->Share()->Init(); }

@@ -9,6 +9,7 @@
 #include "platform/os.h"
 #include "support/DeviceLists.h"
 #include "support/HidFile.h"
+#include "support/Memory.h"
 
 namespace {
 
@@ -36,7 +37,9 @@ void CFormerMouse_Hid::State::StartCheck() {
   // A run that was stopped may not have come to this yet, and must not do it any more.
   KeyState_Left = ButtonUp;
   KeyState_Right = ButtonUp;
-  reChecks.Start([self = shared_from_this()](CWorker& thread) { self->OnThreadReCheckHidProc(thread); });
+  reChecks.Start([self = shared_from_this(), run = std::make_shared<Run>()](CWorker& thread) {
+    self->OnThreadReCheckHidProc(run, thread);
+  });
 }
 
 // The readers at once, and not only when the re-check thread comes to it: that may be opening a device.
@@ -46,16 +49,15 @@ void CFormerMouse_Hid::State::StopCheck() {
   readers.Ask();
 }
 
-void CFormerMouse_Hid::State::Release(CTasks::List& released) {
+void CFormerMouse_Hid::State::Release() {
   const CAutoLock held(lock);
-  reChecks.Release(released);
-  readers.Release(released);
+  reChecks.Release();
+  readers.Release();
 }
 
 void CFormerMouse_Hid::State::End() {
-  CTasks::List released;
-  Release(released);
-  CTasks::End(released);
+  Release();
+  CTasks::End({&reChecks, &readers});
 }
 
 void CFormerMouse_Hid::State::EndForGood() {
@@ -63,12 +65,14 @@ void CFormerMouse_Hid::State::EndForGood() {
   End();
 }
 
-void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CWorker& thread) {
-  const auto run = std::make_shared<Run>();
+void CFormerMouse_Hid::State::OnThreadReCheckHidProc(const std::shared_ptr<Run>& run, CWorker& thread) {
   do {
-    std::vector<std::wstring> paths;
-    CAudioHidCenter::EnumerateHidInterfaces(paths);
-    for (const std::wstring& path : paths) OpenHidDevice(run, path, thread);
+    // What there is no memory for is looked at again at the next scan.
+    HadMemory([&] {
+      std::vector<std::wstring> paths;
+      CAudioHidCenter::EnumerateHidInterfaces(paths);
+      for (const std::wstring& path : paths) OpenHidDevice(run, path, thread);
+    });
   } while (thread.Sleep(kRescan));
   {
     const CAutoLock held(lock);
@@ -79,7 +83,7 @@ void CFormerMouse_Hid::State::OnThreadReCheckHidProc(CWorker& thread) {
   }
   if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
   // Nobody else asks again when one was on its way into its read.
-  CTasks::Await(readers.Asked(), CDeadline(kEndWait));
+  CTasks::Await({&readers}, CDeadline(kEndWait));
 }
 
 void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path,
@@ -105,11 +109,13 @@ void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, con
   {
     // In one go: whoever asks this thread to end finds the reader, or keeps it from being started.
     const CAutoLock held(lock);
-    if (!thread.IsAsked() &&
-        readers.Start([self = shared_from_this(), device = Device{handle, kind, identity.instance, run}](
-                          CWorker& reader) { self->ReadDevice(device, reader); })) {
-      return;
-    }
+    bool started = false;
+    HadMemory([&] {
+      started = !thread.IsAsked() &&
+                readers.Start([self = shared_from_this(), device = Device{handle, kind, identity.instance, run}](
+                                  CWorker& reader) { self->ReadDevice(device, reader); });
+    });
+    if (started) return;
     run->HidDevices.erase(identity.instance);
   }
   os::CloseHandle(handle);

@@ -70,9 +70,8 @@ void CFormerMouse_Usb::State::StopCheck() {
 }
 
 void CFormerMouse_Usb::State::End() {
-  CTasks::List released;
-  Release(released);
-  CTasks::End(released);
+  pollers.Release();
+  CTasks::End({&pollers});
 }
 
 void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CWorker& thread) {

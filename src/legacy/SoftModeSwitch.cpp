@@ -5,6 +5,7 @@
 #include "VoxDevice/VoxCommon.h"
 #include "legacy/Tasks.h"
 #include "platform/os.h"
+#include "support/Memory.h"
 
 namespace {
 
@@ -72,10 +73,9 @@ void CSoftModeSwitch::State::StartCheck(const Run& run) {
 }
 
 void CSoftModeSwitch::State::Release(bool forGood) {
-  CTasks::List released;
   if (forGood) switches.Close();
-  switches.Release(released);
-  CTasks::End(released);
+  switches.Release();
+  CTasks::End({&switches});
 }
 
 namespace {
@@ -103,12 +103,12 @@ void CSoftModeSwitch::State::OnThreadChangeHardwareMode(const Run& run, const CW
     sinceHardware += kCycle;
     if (sinceHardware == kHardwarePeriod) {
       sinceHardware = 0;
-      OnThreadCheck_ID(run, thread);
+      HadMemory([&] { OnThreadCheck_ID(run, thread); });  // or else at the next look
     }
     sinceKeys = BothPresent ? sinceKeys + kCycle : 0;
     if (sinceKeys == kKeyPeriod) {
       sinceKeys = 0;
-      if (!thread.IsReleased()) OnThreadCheck_Key(run, thread);
+      if (!thread.IsReleased()) HadMemory([&] { OnThreadCheck_Key(run, thread); });
     }
   } while (thread.Sleep(kCycle));
 }

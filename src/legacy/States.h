@@ -13,7 +13,6 @@ struct CFormerMouse_Usb::State : std::enable_shared_from_this<State> {
 
   void StartThread();
   void StopCheck();
-  void Release(CTasks::List& released) { pollers.Release(released); }
   void End();
   void EndForGood() { End(); }  // nothing starts again
   void OnThreadCheckButtonProc(CWorker& thread);
@@ -51,10 +50,10 @@ struct CFormerMouse_Hid::State : std::enable_shared_from_this<State> {
 
   void StartCheck();
   void StopCheck();
-  void Release(CTasks::List& released);
+  void Release();
   void End();
   void EndForGood();
-  void OnThreadReCheckHidProc(CWorker& thread);
+  void OnThreadReCheckHidProc(const std::shared_ptr<Run>& run, CWorker& thread);
   void OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path, CWorker& thread);
   void ReadDevice(const Device& device, CWorker& thread);
   void OnHidKey(int key, HidDeviceKind kind, const CWorker& thread);

@@ -2,18 +2,18 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "VoxDevice/Shared.h"
 #include "support/Operation.h"
 #include "support/Probe.h"
 
 // Threads of one kind: each start gets one of its own, so that none is lost while an earlier one is about to end.
+// Ending them needs no memory.
 class CTasks {
  public:
-  using List = std::vector<std::shared_ptr<CWorker>>;
   using Body = std::function<void(CWorker&)>;
 
   // lock: the owner's, which it also holds when it decides on more than one call.
@@ -26,15 +26,15 @@ class CTasks {
       Probe<"legacy: a start after the end">();
       return false;
     }
-    std::erase_if(tasks_, [](const auto& task) { return task->HasEnded(); });
-    auto task = std::make_shared<CWorker>(stop);
-    if (!task->StopEvent() || !task->Start([task, body = std::move(body)] {
-          body(*task);
+    ForgetEnded();
+    const auto task = std::make_shared<Task>(stop);
+    if (!task->worker.StopEvent() || !task->worker.Start([task, body = std::move(body)] {
+          body(task->worker);
           return 0U;
         })) {
       return false;
     }
-    tasks_.push_back(std::move(task));
+    task->before = std::exchange(tasks_, task);
     return true;
   }
 
@@ -48,63 +48,80 @@ class CTasks {
 
   void Ask() {
     const CAutoLock lock(lock_);
-    for (const auto& task : tasks_) task->Ask();
+    for (Task* each = tasks_.get(); each; each = each->before.get()) each->worker.Ask();
   }
-  // Asks, and adds them to `released`, for End.
-  void Release(List& released) {
+  // The same, and they tell the client nothing more.
+  void Release() {
     const CAutoLock lock(lock_);
-    for (const auto& task : tasks_) {
-      task->Release();
-      released.push_back(task);
-    }
+    for (Task* each = tasks_.get(); each; each = each->before.get()) each->worker.Release();
   }
   // No start succeeds any more.
   void Close() {
     const CAutoLock lock(lock_);
     closed_ = true;
   }
-  List Asked() const {
-    const CAutoLock lock(lock_);
-    List asked;
-    for (const auto& task : tasks_) {
-      if (task->IsAsked()) asked.push_back(task);
-    }
-    return asked;
-  }
 
-  // Without a lock. Asks again, since a thread may have been on its way into a blocking call, until they are gone or
-  // the deadline has passed.
-  static void Await(const List& tasks, CDeadline deadline) {
+  // Without a lock. Asks those again that have been asked, since a thread may have been on its way into a blocking
+  // call, until they are gone or the deadline has passed.
+  static void Await(std::initializer_list<CTasks*> kinds, CDeadline deadline) {
     for (;;) {
       bool gone = true;
-      for (const auto& task : tasks) {
-        if (task->IsCurrent() || task->HasEnded()) continue;
-        task->Ask();
+      ForEachAsked(kinds, [&](CWorker& task) {
+        if (task.IsCurrent() || task.HasEnded()) return;
+        task.Ask();
         gone = false;
-      }
+      });
       if (gone || deadline.HasPassed()) return;
       os::Sleep(1);
     }
   }
   // Without a lock.
-  static void End(const List& tasks) {
+  static void End(std::initializer_list<CTasks*> kinds) {
     const CDeadline deadline = CWorker::Patience();
-    Await(tasks, deadline);
-    for (const auto& task : tasks) task->End(deadline);
+    Await(kinds, deadline);
+    ForEachAsked(kinds, [&](CWorker& task) { task.End(deadline); });
   }
 
  private:
+  struct Task {
+    explicit Task(HANDLE stop) : worker(stop) {}
+    CWorker worker;
+    std::shared_ptr<Task> before;  // another one of the kind
+  };
+
   template <class Condition>
   bool Any(Condition condition) const {
     const CAutoLock lock(lock_);
-    for (const auto& task : tasks_) {
-      if (condition(*task)) return true;
+    for (const Task* each = tasks_.get(); each; each = each->before.get()) {
+      if (condition(each->worker)) return true;
     }
     return false;
   }
+  // One that is taken out meanwhile still leads to those before it.
+  template <class Visit>
+  static void ForEachAsked(std::initializer_list<CTasks*> kinds, Visit visit) {
+    for (CTasks* kind : kinds) {
+      for (auto each = kind->Before(nullptr); each; each = kind->Before(each.get())) {
+        if (each->worker.IsAsked()) visit(each->worker);
+      }
+    }
+  }
+  std::shared_ptr<Task> Before(const Task* task) const {
+    const CAutoLock lock(lock_);
+    return task ? task->before : tasks_;
+  }
+  void ForgetEnded() REQUIRES(lock_) {
+    for (std::shared_ptr<Task>* each = &tasks_; *each;) {
+      if ((*each)->worker.HasEnded()) {
+        *each = std::shared_ptr<Task>((*each)->before);
+      } else {
+        each = &(*each)->before;
+      }
+    }
+  }
 
   CLock& lock_;
-  List tasks_ GUARDED_BY(lock_);
+  std::shared_ptr<Task> tasks_ GUARDED_BY(lock_);  // the latest
   bool closed_ GUARDED_BY(lock_) = false;
 };
 

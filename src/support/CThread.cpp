@@ -4,6 +4,7 @@
 
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/VoxCommon.h"
+#include "support/Memory.h"
 #include "support/Operation.h"
 
 struct CThread::Threads {
@@ -28,15 +29,16 @@ CThread::~CThread() = default;
 std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads, CThread* object,
                                         std::shared_ptr<void> owned) {
   constexpr DWORD kLook = 10;  // ms
+  const auto thread = std::make_shared<Threads::Thread>();
   const HANDLE ready = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
   if (!ready) return nullptr;
-  const auto thread = std::make_shared<Threads::Thread>();
   thread->owned = owned.get();
   bool started = false;
-  {
+  HadMemory([&] {
     // Once it is in the list, EndThreads waits for it, so that the object is there when it is called.
     const CAutoLock lock(threads->lock);
     std::erase_if(threads->started, [](const auto& known) { return known->worker.HasEnded(); });
+    threads->started.reserve(threads->started.size() + 1);
     started = !threads->closed && thread->worker.Start([object, ready, owned = std::move(owned)] {
       MSG message;
       os::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // makes the queue
@@ -48,7 +50,7 @@ std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads,
       threads->latest = thread;
       threads->latestId = thread->worker.Id();
     }
-  }
+  });
   // One that is asked to end before it has begun is never ready.
   DWORD result = WAIT_TIMEOUT;
   while (started && result == WAIT_TIMEOUT) {
@@ -64,7 +66,9 @@ std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads,
 bool CThread::StartThread() {
   const CNotCutOff whole;
   const auto threads = threads_;
-  return Start(threads, this, nullptr) != nullptr;
+  bool started = false;
+  HadMemory([&] { started = Start(threads, this, nullptr) != nullptr; });
+  return started;
 }
 
 unsigned CThread::GetThreadID() const noexcept { return Operation(threads_)->latestId; }

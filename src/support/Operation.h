@@ -1,29 +1,46 @@
 // An operation of the client's on an object of the library's, which may go meanwhile.
 #pragma once
 
-#include <algorithm>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "support/CLock.h"
 #include "support/Deadline.h"
 #include "support/Worker.h"
 
-// The threads that are inside the operations of an object; once for each operation.
+// The threads that are inside the operations of an object. Takes no memory: an object must end without any, too.
 class CInside {
  public:
+  // One thread inside one operation, on its stack.
+  class Entry {
+   public:
+    template <class Of>
+    explicit Entry(Of& of) noexcept : inside_(of.inside) {
+      const CAutoLock lock(inside_.lock_);
+      next_ = inside_.first_;
+      if (next_) next_->previous_ = this;
+      inside_.first_ = this;
+    }
+    ~Entry() {
+      const CAutoLock lock(inside_.lock_);
+      if (next_) next_->previous_ = previous_;
+      (previous_ ? previous_->next_ : inside_.first_) = next_;
+    }
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+
+   private:
+    friend class CInside;
+    CInside& inside_;
+    const DWORD thread_ = os::GetCurrentThreadId();
+    Entry* next_ = nullptr;
+    Entry* previous_ = nullptr;
+  };
+
   // lock: the owner's, for short.
   explicit CInside(CLock& lock) noexcept : lock_(lock) {}
-  void Enter() {
-    const CAutoLock lock(lock_);
-    threads_.push_back(os::GetCurrentThreadId());
-  }
-  void Exit() noexcept {
-    const CAutoLock lock(lock_);
-    threads_.erase(std::find(threads_.begin(), threads_.end(), os::GetCurrentThreadId()));
-  }
   // Waits until no other thread is inside. The calling one may be, further out.
   void AwaitOthers(CDeadline deadline) noexcept {
     while (Others() && !deadline.HasPassed()) os::Sleep(1);
@@ -32,11 +49,13 @@ class CInside {
  private:
   bool Others() noexcept {
     const CAutoLock lock(lock_);
-    return std::any_of(threads_.begin(), threads_.end(), [](DWORD id) { return id != os::GetCurrentThreadId(); });
+    const Entry* entry = first_;
+    while (entry && entry->thread_ == os::GetCurrentThreadId()) entry = entry->next_;
+    return entry != nullptr;
   }
 
   CLock& lock_;
-  std::vector<DWORD> threads_ GUARDED_BY(lock_);
+  Entry* first_ GUARDED_BY(lock_) = nullptr;
 };
 
 // While one lives, what stands behind the client's object stays, and the thread, on which the client may be in a
@@ -45,14 +64,13 @@ class CInside {
 template <class Of>
 class Operation {
   static constexpr bool kIsWaitedFor = requires(Of & of) { of.inside; };
+  struct Nothing {
+    explicit Nothing(Of&) noexcept {}
+  };
 
  public:
-  explicit Operation(const std::shared_ptr<Of>& of) : of_(of) {
-    if constexpr (kIsWaitedFor) of_->inside.Enter();
-  }
-  ~Operation() {
-    if constexpr (kIsWaitedFor) of_->inside.Exit();
-  }
+  explicit Operation(const std::shared_ptr<Of>& of) noexcept : of_(of), entry_(*of_) {}
+  ~Operation() = default;
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
   Of* operator->() const noexcept { return of_.get(); }
@@ -61,6 +79,7 @@ class Operation {
  private:
   const CNotCutOff whole_;
   const std::shared_ptr<Of> of_;
+  const std::conditional_t<kIsWaitedFor, CInside::Entry, Nothing> entry_;
 };
 
 // What stands behind an object; made by its constructor.

@@ -29,6 +29,10 @@ struct ProbeSiteOf {
   static inline ProbeSite site{name.text};
 };
 
+// The client's code is called (1), has returned (-1): what it allocates is not the library's.
+extern "C" void voxClientCode(int change) noexcept;
+inline void AtClientCode(int change) noexcept { voxClientCode(change); }
+
 // Counts that this place has been reached. The name begins with its subject: Probe<"reader: ...">().
 template <ProbeName name>
 void Probe() noexcept {
@@ -37,4 +41,5 @@ void Probe() noexcept {
 #else
 template <ProbeName name>
 constexpr void Probe() noexcept {}
+constexpr void AtClientCode(int) noexcept {}
 #endif

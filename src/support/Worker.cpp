@@ -237,12 +237,14 @@ void CWorker::LeaveSystem() noexcept {
 void CWorker::Clear() noexcept { record_->set = false; }
 
 CClientCode::CClientCode() noexcept : record_(CWorker::Record::Current()) {
+  AtClientCode(1);
   // Client code inside client code (a callback that has called the library) stays what it is.
   mayCall_ = !record_ || (record_->word & kPlaceMask) != kInLibrary || !record_->released;
   if (record_ && !record_->CompareAndGo(kInLibrary, kInClient)) record_ = nullptr;
 }
 
 CClientCode::~CClientCode() {
+  AtClientCode(-1);
   if (record_) record_->Go(kInLibrary);
 }
 
