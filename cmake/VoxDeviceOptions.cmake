@@ -36,10 +36,13 @@ if(MINGW)
   endif()
 endif()
 
-# windows.h is long: where it is everywhere, it is read once. Elsewhere, no precompiled header hides a missing include.
+# Headers that are long and everywhere are read once, on Windows and with sanitizers. Elsewhere, no precompiled header
+# hides a missing include.
 function(voxdevice_precompile target)
-  if(MINGW)
+  if(MINGW OR VOXDEVICE_SANITIZE)
     target_precompile_headers(${target} ${ARGN})
+  endif()
+  if(MINGW)
     # From there, GCC 12 warns of what it thinks of the standard library's own code.
     target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overflow)
   endif()
