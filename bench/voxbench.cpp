@@ -66,7 +66,9 @@ void Report(benchmark::State& state, std::vector<std::uint8_t> report) {
   CVoxHidDeviceReader reader(MouseType_Wren);
   report.resize(64);
   const auto handle = [&] {
-    reader.OnReport(report);
+    CHidData reply;
+    ParseReport(report, DataChannel_Usb, reply);
+    reader.OnReport(reply);
     CAudioHidCenter::HidDeviceReaderCallback(1, MouseType_Wren, DataChannel_Usb, report.data(), 64, &hub);
   };
   handle();

@@ -47,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
                                   static_cast<CDeviceReader*>(&tern)}) {
       for (const DataChannel link : {DataChannel_BluetoothLE, DataChannel_Usb}) {
         reader->channel = link;
-        reader->OnReport(report);
+        CHidData reply;
+        if (ParseReport(report, link, reply)) reader->OnReport(reply);
         CAudioHidCenter::HidDeviceReaderCallback(1, reader->GetMouseType(), link, report.data(),
                                                  static_cast<int>(report.size()), &desk.hub);
       }

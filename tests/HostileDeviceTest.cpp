@@ -84,7 +84,9 @@ TEST(HostileDevice, MKeyListKeepsToItsHundredBytes) {
     for (int i = 0; i < 255; ++i) report.push_back(static_cast<std::uint8_t>(i));
     report.push_back(0xEF);
     reader.mKeyQuery = 1;
-    reader.OnReport(report);
+    CHidData reply;
+    ASSERT_TRUE(ParseReport(report, DataChannel_Usb, reply));
+    reader.OnReport(reply);
     EXPECT_EQ(reader.mKeyType, 0);
     EXPECT_EQ(reader.mKeyList[99], 99);
   }

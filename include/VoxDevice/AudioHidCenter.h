@@ -202,7 +202,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // Path of the form ...hid#{...}_dev_vid&02248a_pid&8266_...#instance#...
   static bool ParseBluetoothHidPath(const std::string& path, HidPathIdentity& identity);
 
-  // What the readers hold: each casts its last argument to the hub and calls the member On... .
+  // Each does for the hub that is its last argument what a reader of its own does: tells it of a report, of the end of
+  // a device, of a result.
   static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
                                       int reportLength, void* hub);
   static void HidDeviceDisconnect(int device, void* hub);

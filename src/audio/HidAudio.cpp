@@ -13,7 +13,6 @@ namespace {
 // The staging buffer is delivered as soon as it holds more than this.
 constexpr int kDeliveryBytes = 3600;
 constexpr int kTernPcmBytes = 640;
-constexpr int kWrenPayload = 60;
 constexpr int kWrenChunk = 20;
 // The header that a Wren leaves out of its frames: 16 kHz, mono, loudness, 8 subbands, bitpool 12, 10 blocks.
 constexpr std::uint8_t kWrenFrameHeader[] = {0xAD, 0x31, 0x0C};

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <utility>
 
-#include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/VoxCommon.h"
+#include "models/Models.h"
 #include "support/LogLine.h"
 #include "support/Memory.h"
 #include "support/Probe.h"
@@ -159,8 +159,10 @@ void CDeviceReader::ReadLoop(const File& file) noexcept {
     if (!read) return OnUnplugged(number);
     if (count < static_cast<DWORD>(length)) Probe<"reader: a short read">();
     std::fill(buffer.begin() + std::min<DWORD>(count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});
-    OnReport({buffer.data(), static_cast<std::size_t>(length)});
-    readerCallback(number, GetMouseType(), channel, buffer.data(), length, callbackContext);
+    if (CHidData reply; ParseReport({buffer.data(), static_cast<std::size_t>(length)}, channel, reply)) {
+      OnReport(reply);
+      readerCallback(number, GetMouseType(), channel, reply, callbackContext);
+    }
     if (readThread.IsAsked()) return;
   }
 }
@@ -215,7 +217,7 @@ bool CDeviceReader::AnnounceConnection(int number) noexcept {
     Probe<"reader: asked to end while it announces">();
     return false;
   }
-  if (GetMouseType() == MouseType_Swift) RequestMKeyTypeList(CDeadline(kWritePatience));
+  if (SheetOf(GetMouseType()).hasMKeys) RequestMKeyTypeList(CDeadline(kWritePatience));
   connectState = 2;
   return true;
 }
@@ -241,9 +243,8 @@ void CDeviceReader::WriteLoop(const std::shared_ptr<File>& file) noexcept {
   os::SetEvent(writeToken_);
 }
 
-void CDeviceReader::OnReport(std::span<const std::uint8_t> report) noexcept {
-  CHidData reply;
-  if (!ParseReport(report, channel, reply) || reply.reportId != kCommandReportId) return;
+void CDeviceReader::OnReport(const CHidData& reply) noexcept {
+  if (reply.reportId != kCommandReportId) return;
   const std::uint8_t* p = reply.data;
   switch (reply.code) {
     case HeartbeatReply:
@@ -298,9 +299,7 @@ void CDeviceReader::OnReport(std::span<const std::uint8_t> report) noexcept {
       OnMKeyTypeReply(reply);
       break;
     default:
-      if (reply.code >= IdentifyReplyFirst && reply.code <= IdentifyReplyLast) {
-        OnIdentifyReply(reply.code - kIdentifyReplyBase, reply);
-      }
+      if (const ModelSheet* named = FindByIdentifyReply(reply.code)) OnIdentifyReply(named->number, reply);
       break;
   }
 }
@@ -352,7 +351,7 @@ template <std::size_t Size>
 void CDeviceReader::LogDevice(int number, const wchar_t* what, int type) noexcept {
   // A line for which there is no memory is dropped.
   HadMemory([&] {
-    std::wstring text = LogLine<Size>(CAudioHidCenter::GetHidName(GetMouseType()), L"（编号：", number, what).Text();
+    std::wstring text = LogLine<Size>(SheetOf(GetMouseType()).name, L"（编号：", number, what).Text();
     Log(std::move(text), type);
   });
 }

@@ -59,8 +59,7 @@ struct CReaderMemory {
 // The hub reads the fields below from any thread; who writes each is said with it.
 class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
  public:
-  using ReaderCallback = void (*)(int device, MouseType model, DataChannel link, unsigned char* report, int length,
-                                  void* context);
+  using ReaderCallback = void (*)(int device, MouseType model, DataChannel link, CHidData& reply, void* context);
   using DisconnectCallback = void (*)(int device, void* context);
   using OtaCallback = void (*)(int device, DataChannel link, FwUpdateState state, void* context);
 
@@ -72,7 +71,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   virtual MouseType GetMouseType() const = 0;
   // The device has answered its first heartbeat, or the first one after it slept.
   virtual void StartIdentify() = 0;
-  // index: the model that the device names, 2 to 8.
+  // index: the model that the device names.
   virtual void OnIdentifyReply(int index, const CHidData& reply) = 0;
   virtual void RequestMKeyTypeList(CDeadline deadline);
   virtual void RequestMKeyTypeList2() {}
@@ -123,7 +122,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
                  CDeadline deadline) noexcept;
   // Handles what concerns the reader itself.
-  void OnReport(std::span<const std::uint8_t> report) noexcept;
+  void OnReport(const CHidData& reply) noexcept;
 
   // deadline: of what is sent. Each of these that waits for an answer returns its not-ready result when the reader is
   // stopped meanwhile.

@@ -13,7 +13,6 @@ constexpr std::uint8_t kTernAudioReportId = 0x1A;
 constexpr std::uint8_t kWrenAudioReportId = 0x1B;
 constexpr std::uint8_t kWrenAudioMark = 0xAD;  // second byte of an audio report with the command report id
 constexpr std::size_t kTernAudioBytes = 40;
-constexpr std::size_t kWrenAudioBytes = 60;
 
 // Reads a report as if it were followed by zeros for ever.
 class Reader {
@@ -94,7 +93,7 @@ bool ParseReport(std::span<const std::uint8_t> report, DataChannel channel, CHid
 
   switch (bytes[0]) {
     case kCommandReportId:
-      if (bytes[1] == kWrenAudioMark) return accept(DataChannel_BluetoothLE, AudioDataWren, 2, kWrenAudioBytes);
+      if (bytes[1] == kWrenAudioMark) return accept(DataChannel_BluetoothLE, AudioDataWren, 2, kWrenPayload);
       if (bytes[1] == kMagic[0]) return body(DataChannel_BluetoothLE, 2);
       if (bytes[1] != kPrefix || bytes[3] != kMagic[0]) return false;
       if (bytes[2] == kPrefixDevice) return body(DataChannel_Usb, 4);
@@ -105,7 +104,7 @@ bool ParseReport(std::span<const std::uint8_t> report, DataChannel channel, CHid
       if (bytes[1] != kPrefix || bytes[2] != kPrefixDevice) return false;
       return accept(DataChannel_Usb, AudioDataTern, 3, kTernAudioBytes);
     case kWrenAudioReportId:
-      return accept(DataChannel_BluetoothLE, AudioDataWren, 2, kWrenAudioBytes);
+      return accept(DataChannel_BluetoothLE, AudioDataWren, 2, kWrenPayload);
     default:
       return false;
   }

@@ -49,8 +49,7 @@ enum HidReply : std::uint8_t {
   DongleStateReply = 0x9D,
   DownloadUrlReply = 0x9E,
   MouseKeyReply = 0x9F,
-  IdentifyReplyFirst = 0xA0,  // the reply's code minus kIdentifyReplyBase is the model
-  IdentifyReplyLast = 0xA6,
+  // From 0xA0 on, the answers to Identify: each model's sheet has its own.
   MouseSNReply = 0xB1,
   MKeyTypeReply = 0xB3,
   // Not on the wire: the codes that the parser gives to audio reports.
@@ -58,13 +57,13 @@ enum HidReply : std::uint8_t {
   AudioDataWren = 0xC2,
 };
 
-constexpr int kIdentifyReplyBase = 0x9E;
 constexpr std::uint8_t kCommandReportId = 0x05;
 // A device with a shorter report, in either direction, is not one of this family.
 constexpr int kMinReportLength = 40;
 // The longest input report that a reader takes.
 constexpr int kMaxInputReportLength = 100;
 constexpr std::size_t kMaxPayload = 255;
+constexpr int kWrenPayload = 60;  // of an audio report
 // Report id, prefix, magic, code, length, payload, end marker.
 constexpr std::size_t kMaxFrame = 1 + 2 + 2 + 1 + 1 + kMaxPayload + 1;
 

@@ -20,10 +20,11 @@ void CModelIdentification::Request(CDeviceReader& reader) noexcept {
                    CDeadline(CDeviceReader::kWritePatience));
 }
 
-void CModelIdentification::OnReply(CDeviceReader& reader, int index, const CHidData& reply, MouseType first,
-                                   MouseType last) noexcept {
-  if (index < first || index > last || !reply.Has(kChallengeBytes) || !awaited_) return;
+void CModelIdentification::OnReply(CDeviceReader& reader, int index, const CHidData& reply,
+                                   FirmwareFamily family) noexcept {
+  const auto named = static_cast<MouseType>(index);
+  if (SheetOf(named).firmware != family || !reply.Has(kChallengeBytes) || !awaited_) return;
   awaited_ = false;
-  model_ = static_cast<MouseType>(index);
+  model_ = named;
   if (reader.IsReady()) reader.SendCommand(IdentifyAck, reader.channel);
 }

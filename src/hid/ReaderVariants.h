@@ -2,6 +2,7 @@
 #pragma once
 
 #include "hid/DeviceReader.h"
+#include "models/Models.h"
 
 // How a standard or Zh reader learns which model it serves: it sends a challenge, and the code of the answer names the
 // model.
@@ -12,8 +13,8 @@ class CModelIdentification {
   MouseType Model() const { return model_; }
   // Sends the challenge, unless the reader is idle or updates its firmware.
   void Request(CDeviceReader& reader) noexcept;
-  // Accepts an awaited answer that names a model from `first` to `last`.
-  void OnReply(CDeviceReader& reader, int index, const CHidData& reply, MouseType first, MouseType last) noexcept;
+  // Accepts an awaited answer that names a model of the family.
+  void OnReply(CDeviceReader& reader, int index, const CHidData& reply, FirmwareFamily family) noexcept;
 
  private:
   Shared<MouseType> model_;
@@ -53,7 +54,7 @@ class CBlockUpdate {
 extern const CBlockUpdate kStandardUpdate;
 extern const CBlockUpdate kZhUpdate;
 
-// Models 2 to 6: Wren, Finch, Robin, Heron, Egret.
+// The standard family.
 class CVoxHidDeviceReader : public CDeviceReader {
  public:
   explicit CVoxHidDeviceReader(MouseType preset) : identification_(preset) {}
@@ -61,7 +62,7 @@ class CVoxHidDeviceReader : public CDeviceReader {
   MouseType GetMouseType() const override { return identification_.Model(); }
   void StartIdentify() override { identification_.Request(*this); }
   void OnIdentifyReply(int index, const CHidData& reply) override {
-    identification_.OnReply(*this, index, reply, MouseType_Wren, MouseType_Egret);
+    identification_.OnReply(*this, index, reply, FirmwareFamily::Standard);
   }
   void OtaNextImage(OtaStep step) override { kStandardUpdate.NextImage(*this, step); }
   void OnOtaPrepareReply(const CHidData&) override {}
@@ -74,7 +75,7 @@ class CVoxHidDeviceReader : public CDeviceReader {
   CModelIdentification identification_;
 };
 
-// Models 7 and 8: Heron Plus, Swift.
+// The Zh family.
 class CZhHidDeviceReader : public CDeviceReader {
  public:
   explicit CZhHidDeviceReader(MouseType preset) : identification_(preset) {}
@@ -82,7 +83,7 @@ class CZhHidDeviceReader : public CDeviceReader {
   MouseType GetMouseType() const override { return identification_.Model(); }
   void StartIdentify() override { identification_.Request(*this); }
   void OnIdentifyReply(int index, const CHidData& reply) override {
-    identification_.OnReply(*this, index, reply, MouseType_HeronPlus, MouseType_Swift);
+    identification_.OnReply(*this, index, reply, FirmwareFamily::Zh);
   }
   void OtaNextImage(OtaStep step) override { kZhUpdate.NextImage(*this, step); }
   void OnOtaPrepareReply(const CHidData&) override {}
@@ -95,10 +96,12 @@ class CZhHidDeviceReader : public CDeviceReader {
   CModelIdentification identification_;
 };
 
-// Model 1: Tern (the Kite counts as one). Needs no identification.
+// The Tern's family. Needs no identification.
 class CHidDeviceReader_Tern : public CDeviceReader {
  public:
-  MouseType GetMouseType() const override { return MouseType_Tern; }
+  explicit CHidDeviceReader_Tern(MouseType model = MouseType_Tern) : model_(model) {}
+
+  MouseType GetMouseType() const override { return model_; }
   void StartIdentify() override {}
   void OnIdentifyReply(int, const CHidData&) override {}
   // The firmware update of a Tern: the device asks for any bytes of the image by offset and count, and only answers
@@ -115,4 +118,6 @@ class CHidDeviceReader_Tern : public CDeviceReader {
   // An answer that asks for the next bytes, or refuses with `refused`.
   void OnRequest(const CHidData& reply, FwUpdateState refused) noexcept;
   void SendOtaChunk(OtaStep step, std::int64_t offset, int count) noexcept;
+
+  const MouseType model_;
 };

@@ -132,8 +132,9 @@ void CAudioHidCenter::SetCallback_FwOtaResult(void* function, void* context) {
 
 void CAudioHidCenter::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
                                               int reportLength, void* hub) {
-  Operation(static_cast<CAudioHidCenter*>(hub)->m_pHub)
-      ->OnHidDeviceReaderCallback(device, model, link, report, reportLength);
+  CHidData reply;
+  if (reportLength <= 0 || !ParseReport({report, static_cast<std::size_t>(reportLength)}, link, reply)) return;
+  Operation(static_cast<CAudioHidCenter*>(hub)->m_pHub)->OnHidDeviceReaderCallback(device, model, link, reply);
 }
 void CAudioHidCenter::HidDeviceDisconnect(int device, void* hub) {
   Operation(static_cast<CAudioHidCenter*>(hub)->m_pHub)->OnHidDeviceDisconnect(device);

@@ -16,6 +16,8 @@
 #include "support/Operation.h"
 #include "support/Worker.h"
 
+enum class KeyAction;
+
 // One accepted vendor/product pair, spelled as in a HID interface path.
 struct LegalHidId {
   std::string vid;
@@ -93,12 +95,10 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   bool Tern_IsShortPress_R();
 
   // What the readers hold.
-  static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                      int reportLength, void* hub);
+  static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply, void* hub);
   static void HidDeviceDisconnect(int device, void* hub);
   static void FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub);
-  void OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                 int reportLength);
+  void OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply);
   void OnHidDeviceDisconnect(int device);
   void OnFwOtaResultCallback(int device, DataChannel link, FwUpdateState state);
 
@@ -163,18 +163,17 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void OnProcDownloadUrlReply(int device, MouseType model, DataChannel link, CHidData& reply);
   void OnProcMouseKeyReply(int device, MouseType model, CHidData& reply);
 
-  // Keys.
-  struct KeyRule;
-  void OnKeyReply_Tern(int device, CHidData& reply);
-  void OnKeyReply_Wren(int device, CHidData& reply);
-  void OnKeyReply_Finch(int device, CHidData& reply);
-  void OnKeyReply_Robin(int device, CHidData& reply);
-  void OnKeyReply_Heron(int device, CHidData& reply);
-  void OnKeyReply_Egret(int device, CHidData& reply);
-  void OnKeyReply_Heron_Plus(int device, CHidData& reply);
-  // Deliberately reachable from nowhere: a Swift's key replies are ignored.
-  void OnKeyReply_Swift(int device, CHidData& reply);
-  void OnKeyReply(int device, const CHidData& reply, const KeyRule* rules, std::size_t count);
+  // Keys, by the sheet of the model. A device's come through the first; a Swift's are deliberately never decoded.
+  void OnKeyReply(int device, const CHidData& reply, MouseType model);
+  void OnKeyReply_Tern(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Tern); }
+  void OnKeyReply_Wren(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Wren); }
+  void OnKeyReply_Finch(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Finch); }
+  void OnKeyReply_Robin(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Robin); }
+  void OnKeyReply_Heron(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Heron); }
+  void OnKeyReply_Egret(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Egret); }
+  void OnKeyReply_Heron_Plus(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_HeronPlus); }
+  void OnKeyReply_Swift(int device, CHidData& reply) { OnKeyReply(device, reply, MouseType_Swift); }
+  void Act(KeyAction action, int device);
   bool AllKeyUp() const;
   void InitButtonState();
   void LeftPress(int device);
@@ -183,8 +182,6 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void RightRelease(int device);
   void Key1Release(int device);
   void SwiftKey1Press(int device);
-  void OpenNavigationKey(int device);
-  void ScreenshotKey(int device);
   void TernDoubleClick(int device);
   void TernShortPressRight(int device);
   void TernI(int device);

@@ -8,6 +8,7 @@
 #include "hid/ReaderVariants.h"
 #include "hub/Detection.h"
 #include "hub/Hub.h"
+#include "models/Models.h"
 #include "support/DeviceLists.h"
 #include "support/Probe.h"
 
@@ -18,15 +19,16 @@ bool IsUsable(HidFile& file) { return file.Check(kMinReportLength) && file.Input
 
 // model: what the identifier says. settled: a device of that model has been in the row before.
 std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
-  switch (model) {
-    case MouseType_Tern:
-      return std::make_shared<CHidDeviceReader_Tern>();
-    case MouseType_HeronPlus:
-      return std::make_shared<CZhHidDeviceReader>(MouseType_HeronPlus);
-    default:
-      // Whatever the identifier says: the reader settles on the true model when the device has identified itself.
-      return std::make_shared<CVoxHidDeviceReader>(settled ? model : MouseType_Wren);
+  switch (SheetOf(model).firmware) {
+    case FirmwareFamily::Tern:
+      return std::make_shared<CHidDeviceReader_Tern>(model);
+    case FirmwareFamily::Zh:
+      return std::make_shared<CZhHidDeviceReader>(model);
+    case FirmwareFamily::Standard:
+      break;
   }
+  // A Wren, whatever the identifier says: the reader settles on the true model when the device has identified itself.
+  return std::make_shared<CVoxHidDeviceReader>(settled ? model : MouseType_Wren);
 }
 
 }  // namespace

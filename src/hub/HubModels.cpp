@@ -1,26 +1,18 @@
-// The supported models: their names, their identifiers, and how a path names them.
+// What tells which model a device is: its identifiers, how a path names them, and the name of its recording device.
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "hub/Hub.h"
+#include "models/Models.h"
 
 namespace {
 
-constexpr const wchar_t* kModelNames[] = {
-    L"VoxMouseB(未知类型)", L"VoxMouse Tern",  L"VoxMouse Wren",       L"VoxMouse Finch", L"VoxMouse Robin",
-    L"VoxMouse Heron",      L"VoxMouse Egret", L"VoxMouse Heron Plus", L"VoxMouse Swift",
-};
-
-// The words of a recording device's name, in the order in which they are looked for. There is deliberately none for the
-// Heron Plus.
-constexpr struct {
-  const wchar_t* word;
-  MouseType model;
-} kRecordingNames[] = {
-    {L"Tern", MouseType_Tern},   {L"Kite", MouseType_Tern},   {L"Wren", MouseType_Wren},   {L"Finch", MouseType_Finch},
-    {L"Robin", MouseType_Robin}, {L"Heron", MouseType_Heron}, {L"Egret", MouseType_Egret}, {L"Swift", MouseType_Swift},
-};
+// Four lower-case digits, as in a HID interface path.
+std::string InPath(std::uint16_t number) {
+  std::string digits;
+  for (int shift = 12; shift >= 0; shift -= 4) digits += "0123456789abcdef"[number >> shift & 0xF];
+  return digits;
+}
 
 // The value between `key` and the next `end`, from `from` on; false when the key is missing or the value is empty.
 // `from` moves behind the value.
@@ -55,22 +47,16 @@ bool ParseHidPath(const std::string& path, const char* vidKey, const char* pidKe
 
 }  // namespace
 
-std::wstring CAudioHidCenter::GetHidName(MouseType model) {
-  const auto index = static_cast<std::size_t>(model);
-  return kModelNames[index < std::size(kModelNames) ? index : 0];
-}
+std::wstring CAudioHidCenter::GetHidName(MouseType model) { return SheetOf(model).name; }
 
 void CHub::InitLegalPid_Vid() {
-  // Bluetooth LE paths spell the vendor with its two-digit source, 02, in front. The Swift has no row: it presents
-  // itself as a Heron Plus and is told apart by its reader.
-  static const LegalHidId ids[] = {
-      {"0d8c", "0137", MouseType_Tern},      {"020d8d", "0138", MouseType_Tern},
-      {"6d8c", "6137", MouseType_Wren},      {"026d8d", "6138", MouseType_Wren},
-      {"023d8d", "3138", MouseType_Finch},   {"022d8d", "2138", MouseType_Robin},
-      {"021d8d", "1138", MouseType_Heron},   {"024d8d", "6138", MouseType_Egret},
-      {"248a", "8100", MouseType_HeronPlus}, {"02248a", "8266", MouseType_HeronPlus},
-  };
-  legalIds.insert(legalIds.end(), std::begin(ids), std::end(ids));
+  for (const ModelSheet& sheet : ModelSheets()) {
+    for (const HidId& id : sheet.usb) legalIds.push_back({InPath(id.vendor), InPath(id.product), sheet.number});
+    // Bluetooth LE paths spell the vendor with its two-digit source, 02, in front.
+    for (const HidId& id : sheet.bluetooth) {
+      legalIds.push_back({"02" + InPath(id.vendor), InPath(id.product), sheet.number});
+    }
+  }
 }
 
 MouseType CHub::FindLegalId(const HidPathIdentity& identity) const {
@@ -89,14 +75,15 @@ bool CAudioHidCenter::ParseBluetoothHidPath(const std::string& path, HidPathIden
 }
 
 bool CHub::RecordDeviceIsHidDevice(const std::wstring& name) {
-  for (const auto& [word, model] : kRecordingNames) {
-    if (name.find(word) == std::wstring::npos) continue;
-    const int device = GetEffectiveDevice(model);
-    workDevice = device;
-    return device != -1;
+  int device = -1;
+  for (const ModelSheet& sheet : ModelSheets()) {
+    const auto contains = [&name](const wchar_t* word) { return name.find(word) != std::wstring::npos; };
+    if (std::none_of(sheet.recordingNames.begin(), sheet.recordingNames.end(), contains)) continue;
+    device = GetEffectiveDevice(sheet.number);
+    break;
   }
-  workDevice = -1;
-  return false;
+  workDevice = device;
+  return device != -1;
 }
 
 bool CHub::WorkHidIsWren() {

@@ -5,6 +5,7 @@
 
 #include "VoxDevice/VoxNet.h"
 #include "hub/Hub.h"
+#include "models/Models.h"
 #include "support/Memory.h"
 
 namespace {
@@ -19,16 +20,12 @@ bool IsSerialCharacter(std::uint8_t byte) {
 
 }  // namespace
 
-void CHub::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                   int reportLength, void* hub) {
+void CHub::HidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply, void* hub) {
   // A report for which there is no memory is lost, as one that does not arrive.
-  HadMemory([&] { static_cast<CHub*>(hub)->OnHidDeviceReaderCallback(device, model, link, report, reportLength); });
+  HadMemory([&] { static_cast<CHub*>(hub)->OnHidDeviceReaderCallback(device, model, link, reply); });
 }
 
-void CHub::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, unsigned char* report,
-                                     int reportLength) {
-  CHidData reply;
-  if (reportLength <= 0 || !ParseReport({report, static_cast<std::size_t>(reportLength)}, link, reply)) return;
+void CHub::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply) {
   switch (reply.code) {
     case DeviceConnectReply:
       return OnProcDeviceConnectReply(device, model, link, reply);
@@ -90,7 +87,7 @@ void CHub::OnProcMouseStateReply(int device, MouseType model, DataChannel link, 
     std::wstring address = std::to_wstring(p[5]);
     for (int i = 6; i < 11; ++i) address += L"-" + std::to_wstring(p[i]);
     info->SetBluetoothID(address.c_str());
-    info->SetBluetoothName(CAudioHidCenter::GetHidName(model).c_str());
+    info->SetBluetoothName(SheetOf(model).name);
   }
   mouseStateCallback(device, model, link, BigEndian16(p), BigEndian16(p + 2), static_cast<int>(p[4]));
 }
@@ -112,26 +109,9 @@ void CHub::OnProcMouseSNReply(int, MouseType model, DataChannel, CHidData& reply
   const std::wstring serial(reply.data, reply.data + kSerialLength);
   CVoxDeviceInfo* info = CVoxDeviceInfo::Instance();
   info->SetBluetoothID(serial.c_str());
-  info->SetBluetoothName(CAudioHidCenter::GetHidName(model).c_str());
+  info->SetBluetoothName(SheetOf(model).name);
 }
 
 void CHub::OnProcMouseKeyReply(int device, MouseType model, CHidData& reply) {
-  switch (model) {
-    case MouseType_Tern:
-      return OnKeyReply_Tern(device, reply);
-    case MouseType_Wren:
-      return OnKeyReply_Wren(device, reply);
-    case MouseType_Finch:
-      return OnKeyReply_Finch(device, reply);
-    case MouseType_Robin:
-      return OnKeyReply_Robin(device, reply);
-    case MouseType_Heron:
-      return OnKeyReply_Heron(device, reply);
-    case MouseType_Egret:
-      return OnKeyReply_Egret(device, reply);
-    case MouseType_HeronPlus:
-      return OnKeyReply_Heron_Plus(device, reply);
-    default:
-      return;  // deliberately also a Swift
-  }
+  if (SheetOf(model).keysAreDecoded) OnKeyReply(device, reply, model);
 }

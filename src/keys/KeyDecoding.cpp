@@ -1,85 +1,44 @@
-// What each model's keys do: the four buttons that all devices share, and the actions that keys trigger directly.
-#include <iterator>
-
+// What keys do: the four buttons that all devices share, and the actions that keys trigger directly.
 #include "VoxDevice/VoxCommon.h"
 #include "hub/Hub.h"
+#include "models/Models.h"
 
-// One key of a model: its character, and what it does.
-struct CHub::KeyRule {
-  char key;
-  void (CHub::*act)(int device);
-};
-
-void CHub::OnKeyReply(int device, const CHidData& reply, const KeyRule* rules, std::size_t count) {
+void CHub::OnKeyReply(int device, const CHidData& reply, MouseType model) {
   if (!reply.Has(1)) return;
-  for (const KeyRule* rule = rules; rule != rules + count; ++rule) {
-    if (static_cast<std::uint8_t>(rule->key) == reply.data[0]) return (this->*rule->act)(device);
+  for (const auto& [key, action] : SheetOf(model).keys) {
+    if (static_cast<std::uint8_t>(key) == reply.data[0]) return Act(action, device);
   }
 }
 
-void CHub::OnKeyReply_Tern(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftRelease},     {'1', &CHub::LeftPress},
-      {'2', &CHub::TernDoubleClick}, {'3', &CHub::TernShortPressRight},
-      {'4', &CHub::RightPress},      {'5', &CHub::RightRelease},
-      {'9', &CHub::LeftRelease},     {'@', &CHub::RightRelease},
-      {'I', &CHub::TernI},           {'Z', &CHub::TernZ},
-      {']', &CHub::TernReleaseAll},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
-}
-
-void CHub::OnKeyReply_Wren(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftPress},
-      {'9', &CHub::LeftRelease},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
-}
-
-// Finch and Heron deliberately carry the keys 2 and 3 in swapped order.
-void CHub::OnKeyReply_Finch(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftPress},     {'1', &CHub::RightPress},  {'2', &CHub::OpenNavigationKey},
-      {'3', &CHub::ScreenshotKey}, {'9', &CHub::LeftRelease}, {'@', &CHub::RightRelease},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
-}
-
-void CHub::OnKeyReply_Robin(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftPress},
-      {'1', &CHub::RightPress},
-      {'9', &CHub::LeftRelease},
-      {'@', &CHub::RightRelease},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
-}
-
-void CHub::OnKeyReply_Heron(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftPress},         {'1', &CHub::RightPress},  {'2', &CHub::ScreenshotKey},
-      {'3', &CHub::OpenNavigationKey}, {'9', &CHub::LeftRelease}, {'@', &CHub::RightRelease},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
-}
-
-void CHub::OnKeyReply_Egret(int device, CHidData& reply) { OnKeyReply_Heron(device, reply); }
-
-void CHub::OnKeyReply_Heron_Plus(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftPress},   {'1', &CHub::RightPress},   {'2', &CHub::ScreenshotKey},
-      {'9', &CHub::LeftRelease}, {'@', &CHub::RightRelease},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
-}
-
-void CHub::OnKeyReply_Swift(int device, CHidData& reply) {
-  static constexpr KeyRule rules[] = {
-      {'0', &CHub::LeftPress},   {'1', &CHub::RightPress},   {'4', &CHub::SwiftKey1Press},
-      {'9', &CHub::LeftRelease}, {'@', &CHub::RightRelease}, {'C', &CHub::Key1Release},
-  };
-  OnKeyReply(device, reply, rules, std::size(rules));
+void CHub::Act(KeyAction action, int device) {
+  switch (action) {
+    case KeyAction::VoiceDown:
+      return LeftPress(device);
+    case KeyAction::VoiceUp:
+      return LeftRelease(device);
+    case KeyAction::RightDown:
+      return RightPress(device);
+    case KeyAction::RightUp:
+      return RightRelease(device);
+    case KeyAction::MKeyDown:
+      return SwiftKey1Press(device);
+    case KeyAction::MKeyUp:
+      return Key1Release(device);
+    case KeyAction::OpenNavigation:
+      return VoxMessage::PostMainMenu(OpenNavigation);
+    case KeyAction::Screenshot:
+      return VoxMessage::MainMenu(Screenshot);
+    case KeyAction::DoubleClick:
+      return TernDoubleClick(device);
+    case KeyAction::RightShortPress:
+      return TernShortPressRight(device);
+    case KeyAction::VoiceDownOrRightUp:
+      return TernI(device);
+    case KeyAction::RightDownOrVoiceUp:
+      return TernZ(device);
+    case KeyAction::AllUp:
+      return TernReleaseAll(device);
+  }
 }
 
 // ---- The buttons. At most one is down at a time, across all devices; only the device that pressed it releases it.
@@ -140,10 +99,6 @@ void CHub::SwiftKey1Press(int device) {
     VoxMessage::MainMenu(Screenshot);
   }
 }
-
-void CHub::OpenNavigationKey(int) { VoxMessage::PostMainMenu(OpenNavigation); }
-
-void CHub::ScreenshotKey(int) { VoxMessage::MainMenu(Screenshot); }
 
 // ---- The Tern tells long from short presses itself. ----
 
