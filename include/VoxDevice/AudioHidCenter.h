@@ -30,9 +30,9 @@ struct HidPathIdentity {
 // two devices may run at the same time; the library holds no lock meanwhile. A callback should return soon: its device
 // is not read until it does.
 //
-// Memory: whatever ends or closes something needs none, nor do commands, keys and registrations. Constructors, copies,
-// OpenDevice and GetValidHidList throw std::bad_alloc when there is none; called again, they work. What the hub's own
-// threads have none for is left out: a pass of discovery, until the next, a report, a line of the log.
+// Memory: whatever ends or closes something needs none, nor do commands, keys and registrations. Where there is none
+// OpenDevice starts nothing, GetValidHidList gives nothing, and a constructor or copy throws std::bad_alloc. What the
+// hub's own threads have none for is left out: a pass of discovery, until the next, a report, a line of the log.
 //
 // Time: CloseDevice, Release and the destructor return within two seconds, whatever devices and drivers do; in a
 // callback or message within 0.1 s. Whatever sends to devices waits for them to take it one second at most, for all
@@ -83,7 +83,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null. After CloseDevice
   // it finds new devices; one that was open is found again only after Release, or when a device of its model has taken
   // its row. A device that cannot be opened or served, since the system has failed at it, is tried again a second
-  // later. Where there is no thread left for discovery, nothing is found, silently: call it again.
+  // later. Where there is no thread or memory left for discovery, nothing is found, silently: call it
+  // again.
   void OpenDevice(void* audioCallback, void* audioContext);
   // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer
   // returns. When it returns, neither callbacks nor messages run, unless it was called from one; but what an operation

@@ -183,8 +183,9 @@ std::vector<std::wstring> WaveInDeviceNames() {
   return names;
 }
 
-int CVoxRecord::VoxCheckSoundCard() {
-  const CNotCutOff whole;
+namespace {
+
+int FindSoundCard() {
   CVoxDeviceInfo& info = *CVoxDeviceInfo::Instance();
   const std::vector<std::wstring> names = WaveInDeviceNames();
   if (names.empty()) {
@@ -200,6 +201,15 @@ int CVoxRecord::VoxCheckSoundCard() {
   }
   info.SetFormerDeviceName(WithoutParentheses(*found).c_str());
   return static_cast<int>(std::distance(names.begin(), found));
+}
+
+}  // namespace
+
+int CVoxRecord::VoxCheckSoundCard() {
+  const CNotCutOff whole;
+  int index = -1;
+  HadMemory([&] { index = FindSoundCard(); });
+  return index;
 }
 
 int SetMixerInputVolume(const wchar_t* deviceName) {

@@ -265,7 +265,11 @@ void CVoxRecord::SetPen_MeetMode(std::wstring deviceName) {
   inside->penMeetDevice.swap(deviceName);
 }
 
-CVoxRecord::Choice CVoxRecord::ChooseDevice() const { return Operation(m_pRecorder)->ChooseDevice(); }
+CVoxRecord::Choice CVoxRecord::ChooseDevice() const {
+  Choice choice;
+  HadMemory([&] { choice = Operation(m_pRecorder)->ChooseDevice(); });
+  return choice;
+}
 int CVoxRecord::StartRecord() { return Operation(m_pRecorder)->StartRecord(); }
 unsigned int CVoxRecord::StopRecord() { return Operation(m_pRecorder)->Stop(); }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "hub/Hub.h"
+#include "support/Memory.h"
 
 namespace {
 
@@ -77,11 +78,16 @@ bool CHub::CheckDeviceConnect() { return GetEffectiveDevice() != -1; }
 void CHub::GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names) {
   numbers.clear();
   names.clear();
-  const CAutoLock lock(tableLock);
-  ForEachLive(-1, [&](HidDeviceEntry& row) {
-    numbers.push_back(row.deviceNumber);
-    names.push_back(CAudioHidCenter::GetHidName(row.reader->GetMouseType()));
+  const bool had = HadMemory([&] {
+    const CAutoLock lock(tableLock);
+    ForEachLive(-1, [&](HidDeviceEntry& row) {
+      numbers.push_back(row.deviceNumber);
+      names.push_back(CAudioHidCenter::GetHidName(row.reader->GetMouseType()));
+    });
   });
+  if (had) return;
+  numbers.clear();
+  names.clear();
 }
 
 // ---- Commands. One deadline for all the devices that a command addresses. ----

@@ -66,17 +66,19 @@ void CHub::OpenDevice(void* callback, void* context) {
   audioCallback.Set(reinterpret_cast<CAudioHidCenter::AudioCallback>(callback), context);
   const CAutoLock lock(tableLock);
   if (closed_) return;
-  // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
-  const auto detection = std::make_shared<Detection>();
-  CWorker::Body body = [self = shared_from_this(), detection] {
-    self->OnThreadDeviceDetectionProc(*detection);
-    return 0U;
-  };
   stopDetection = false;
-  ForgetEndedDetections();
-  detection->before = std::exchange(detections, detection);
-  detectionThread = detection;
-  detection->thread.Start(std::move(body));
+  // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
+  HadMemory([&] {
+    const auto detection = std::make_shared<Detection>();
+    CWorker::Body body = [self = shared_from_this(), detection] {
+      self->OnThreadDeviceDetectionProc(*detection);
+      return 0U;
+    };
+    ForgetEndedDetections();
+    detection->before = std::exchange(detections, detection);
+    detectionThread = detection;
+    detection->thread.Start(std::move(body));
+  });
 }
 
 void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
@@ -88,7 +90,7 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
       Detection* nobody = nullptr;
       if (passRunning.compare_exchange_strong(nobody, &detection)) {
         // One for which there is no memory comes to its end at the next.
-        if (!HadMemory([&] { Discover(detection); })) Probe<"hub: a pass without memory">();
+        HadMemory([&] { Discover(detection); });
         detection.readFile.reset();
         detection.writeFile.reset();
         Detection* mine = &detection;

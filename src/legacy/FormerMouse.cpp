@@ -117,9 +117,7 @@ void CFormerMouse::State::Init() {
   const CAutoLock held(lock);
   if (qlChecks.IsRunning()) return;
   qlChecks.Start([self = shared_from_this()](CWorker& thread) {
-    for (DWORD wait = kFirstQlCheck; thread.Sleep(wait); wait = kQlPeriod) {
-      HadMemory([&] { self->CheckOnlyQlMouse(); });  // or else at the next look
-    }
+    for (DWORD wait = kFirstQlCheck; thread.Sleep(wait); wait = kQlPeriod) self->CheckOnlyQlMouse();
   });
 }
 
@@ -178,6 +176,12 @@ void CFormerMouse::Release() { owner_->Share()->Release(false); }
 
 int CFormerMouse::ReCheckHardwareKind() {
   const CNotCutOff whole;
+  int kind = HardWare_Mouse;
+  HadMemory([&] { kind = PresentHardwareKind(); });
+  return kind;
+}
+
+int PresentHardwareKind() {
   const std::vector<std::wstring> tails = OlderDeviceTails();
   std::wstring identity = L"no_ID";
   bool named = false;
@@ -203,19 +207,24 @@ VoxHardWare CFormerMouse::InitVoxHardwareKind() {
   const CNotCutOff whole;
   bool pen = false;
   bool other = false;
-  // Deliberately the mark is looked for in the whole tail.
-  for (const std::wstring& tail : OlderDeviceTails()) (Contains(tail, kLaserPenMark) ? pen : other) = true;
+  HadMemory([&] {
+    // Deliberately the mark is looked for in the whole tail.
+    for (const std::wstring& tail : OlderDeviceTails()) (Contains(tail, kLaserPenMark) ? pen : other) = true;
+  });
   return pen && !other ? HardWare_LaserPen : HardWare_Mouse;
 }
 
+// A look for which there is no memory is left out.
 void CFormerMouse::State::CheckOnlyQlMouse() {
-  bool ql = false;
-  bool other = false;
-  for (const std::wstring& tail : OlderDeviceTails()) {
-    std::wstring serial;
-    if (CutSerial(tail, serial)) (Contains(serial, kQlMark) ? ql : other) = true;
-  }
-  OnlyQlMouse = ql && !other;
+  HadMemory([&] {
+    bool ql = false;
+    bool other = false;
+    for (const std::wstring& tail : OlderDeviceTails()) {
+      std::wstring serial;
+      if (CutSerial(tail, serial)) (Contains(serial, kQlMark) ? ql : other) = true;
+    }
+    OnlyQlMouse = ql && !other;
+  });
 }
 
 int CFormerMouse::IsConnect() {
@@ -226,7 +235,9 @@ int CFormerMouse::IsConnect() {
   DeviceSet devices(kMediaDevices);
   std::string ids;
   for (DWORD index = 0; devices.Select(index); ++index) {
-    if (!devices.HardwareIds(ids)) continue;
+    bool told = false;
+    HadMemory([&] { told = devices.HardwareIds(ids); });
+    if (!told) continue;
     if (ids.size() >= kHardwareIdBytes) {
       std::fprintf(
           stderr,

@@ -37,8 +37,10 @@ void CFormerMouse_Hid::State::StartCheck() {
   // A run that was stopped may not have come to this yet, and must not do it any more.
   KeyState_Left = ButtonUp;
   KeyState_Right = ButtonUp;
-  reChecks.Start([self = shared_from_this(), run = std::make_shared<Run>()](CWorker& thread) {
-    self->OnThreadReCheckHidProc(run, thread);
+  HadMemory([&] {
+    reChecks.Start([self = shared_from_this(), run = std::make_shared<Run>()](CWorker& thread) {
+      self->OnThreadReCheckHidProc(run, thread);
+    });
   });
 }
 

@@ -3,7 +3,7 @@
 #include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/FormerMouse.h"
 #include "VoxDevice/VoxCommon.h"
-#include "legacy/Tasks.h"
+#include "legacy/States.h"
 #include "platform/os.h"
 #include "support/Memory.h"
 
@@ -108,7 +108,7 @@ void CSoftModeSwitch::State::OnThreadChangeHardwareMode(const Run& run, const CW
     sinceKeys = BothPresent ? sinceKeys + kCycle : 0;
     if (sinceKeys == kKeyPeriod) {
       sinceKeys = 0;
-      if (!thread.IsReleased()) HadMemory([&] { OnThreadCheck_Key(run, thread); });
+      if (!thread.IsReleased()) OnThreadCheck_Key(run, thread);
     }
   } while (thread.Sleep(kCycle));
 }
@@ -119,7 +119,7 @@ void CSoftModeSwitch::State::OnThreadCheck_ID(const Run& run, const CWorker& thr
     return;
   }
   const int current = CPreferences::Instance()->GetHardWare();
-  const int kind = run.Mouse->ReCheckHardwareKind();
+  const int kind = PresentHardwareKind();
   if (thread.IsReleased()) return;
   if (kind == kBoth || (kind == kLaserPen && run.Hub->IsConnect())) {
     BothPresent = true;

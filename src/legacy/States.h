@@ -8,6 +8,9 @@
 #include "VoxDevice/KzCheckDoubleClick.h"
 #include "legacy/Tasks.h"
 
+// As CFormerMouse::ReCheckHardwareKind; throws std::bad_alloc.
+int PresentHardwareKind();
+
 struct CFormerMouse_Usb::State : std::enable_shared_from_this<State> {
   State();
 

@@ -1,12 +1,12 @@
 // The threads of the older hardware's objects.
 #pragma once
 
-#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <utility>
 
 #include "VoxDevice/Shared.h"
+#include "support/Memory.h"
 #include "support/Operation.h"
 #include "support/Probe.h"
 
@@ -14,28 +14,28 @@
 // Ending them needs no memory.
 class CTasks {
  public:
-  using Body = std::function<void(CWorker&)>;
-
   // lock: the owner's, which it also holds when it decides on more than one call.
   explicit CTasks(CLock& lock) noexcept : lock_(lock) {}
 
-  // False when no thread can be started, and after Close. stop: as for CWorker.
-  bool Start(Body body, HANDLE stop = nullptr) {
+  // Runs body(CWorker&) on a new thread. False when none can be started, and after Close. stop: as for CWorker.
+  template <class Body>
+  bool Start(Body body, HANDLE stop = nullptr) noexcept {
     const CAutoLock lock(lock_);
     if (closed_) {
       Probe<"legacy: a start after the end">();
       return false;
     }
     ForgetEnded();
-    const auto task = std::make_shared<Task>(stop);
-    if (!task->worker.StopEvent() || !task->worker.Start([task, body = std::move(body)] {
-          body(task->worker);
-          return 0U;
-        })) {
-      return false;
-    }
-    task->before = std::exchange(tasks_, task);
-    return true;
+    bool started = false;
+    HadMemory([&] {
+      const auto task = std::make_shared<Task>(stop);
+      started = task->worker.StopEvent() && task->worker.Start([task, body = std::move(body)] {
+        body(task->worker);
+        return 0U;
+      });
+      if (started) task->before = std::exchange(tasks_, task);
+    });
+    return started;
   }
 
   // One is at work that was not asked to end.
