@@ -1,5 +1,6 @@
 // Finding, opening and losing devices.
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -29,25 +30,37 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
   }
 }
 
-}  // namespace
-
-void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+void ListHidInterfaces(std::vector<std::wstring>& paths) {
   const CNotCutOff whole;
   GUID hid;
   os::HidD_GetHidGuid(&hid);
-  const std::vector<std::wstring> present = PresentInterfaces(hid);
-  paths.insert(paths.end(), present.begin(), present.end());
+  PresentInterfaces(hid, paths);
 }
 
+}  // namespace
+
+void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+  std::vector<std::wstring> present;
+  ListHidInterfaces(present);
+  std::move(present.begin(), present.end(), std::back_inserter(paths));
+}
+
+// Most paths are foreign, and the same as a second ago.
 void CHub::OpenHidDevice(Detection& detection) {
-  for (const std::wstring& path : detection.paths) {
+  ListHidInterfaces(detection.paths);
+  detection.foreign.resize(detection.paths.size());
+  for (std::size_t i = 0; i < detection.paths.size(); ++i) {
     if (stopDetection || detection.thread.IsAsked()) return;
-    OpenHidInterface(detection, path);
+    const std::wstring& path = detection.paths[i];
+    if (detection.foreign[i] == path) continue;
+    detection.foreign[i].clear();
+    if (!OpenHidInterface(detection, path)) detection.foreign[i] = path;
   }
   if (!detection.thread.IsAsked()) UpdateConnected();
 }
 
-void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
+// False when the path is none of a device of ours.
+bool CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   detection.path = NarrowPath(path);
   HidConnection connection;
   if (CAudioHidCenter::ParseUsbHidPath(detection.path, detection.identity)) {
@@ -55,10 +68,11 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   } else if (CAudioHidCenter::ParseBluetoothHidPath(detection.path, detection.identity)) {
     connection.channel = DataChannel_BluetoothLE;
   } else {
-    return;
+    return false;
   }
   const MouseType model = FindLegalId(detection.identity);
-  if (model == MouseType_Unknown || PathIsKnown(detection.path)) return;
+  if (model == MouseType_Unknown) return false;
+  if (PathIsKnown(detection.path)) return true;
 
   // Silently: many devices have a collection that only the system may open. It is tried again at every pass.
   auto& readFile = detection.readFile;
@@ -76,6 +90,7 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   }
   readFile.reset();
   writeFile.reset();
+  return true;
 }
 
 void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& connection) {

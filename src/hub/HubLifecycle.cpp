@@ -86,8 +86,6 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
       counter = 0;
       Detection* nobody = nullptr;
       if (passRunning.compare_exchange_strong(nobody, &detection)) {
-        detection.paths.clear();
-        CAudioHidCenter::EnumerateHidInterfaces(detection.paths);
         OpenHidDevice(detection);
         Detection* mine = &detection;
         passRunning.compare_exchange_strong(mine, nullptr);
