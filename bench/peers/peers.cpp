@@ -236,9 +236,9 @@ void compareConverters(int rate) {
   }
 #endif
 #ifdef HAVE_SOXR
-  for (const unsigned long quality : {SOXR_QQ, SOXR_LQ}) {
+  for (const int quality : {SOXR_QQ, SOXR_LQ}) {
     const soxr_io_spec_t io = soxr_io_spec(SOXR_INT16_I, SOXR_INT16_I);
-    const soxr_quality_spec_t spec = soxr_quality_spec(quality, 0);
+    const soxr_quality_spec_t spec = soxr_quality_spec(static_cast<unsigned>(quality), 0);
     soxr_t state = soxr_create(rate, 16000, 1, nullptr, &io, &spec, nullptr);
     require(state, "no converter in libsoxr");
     add(std::string("libsoxr, ") + (quality == SOXR_QQ ? "quick" : "low"),
