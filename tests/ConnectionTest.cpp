@@ -281,11 +281,13 @@ TEST(Discovery, OpensWhatIsUsableAndSkipsTheRest) {
   plug(sim::usbHidPath("6d8c", "6137", id(9)))->faults.noCaps = true;
   auto shy = plug(sim::usbHidPath("6d8c", "6137", id(10)));
   shy->faults.refuseOpen = [](int open) { return open % 2 == 1; };
+  const auto last = plug(sim::usbHidPath("046d", "c077", id(12)));
   desk.open();
   desk.run(3s);
   EXPECT_EQ(desk.record.lines(), (Lines(3, "Log 44 读写hid设备失败"))) << "once a pass, for the write handle alone";
   EXPECT_EQ(desk.machine.balance().handles, 4U) << "two locks, the discovery thread and its event";
   shy->faults.refuseOpen = nullptr;
+  desk.machine.unplug(last);  // in the list, one of ours is where a foreign one was
   // Two interfaces of one device are two devices; the smallest usable and the largest readable reports are used.
   plug(sim::usbHidPath("6d8c", "6137", id(11), 1), 40, 40);
   plug(sim::usbHidPath("6d8c", "6137", id(11), 2), 100, 64);

@@ -21,9 +21,10 @@ Frame randomFrame(std::mt19937_64& random) {
   frame[0] = random() % 32 == 0 ? frame[0] : random() % 2 == 0 ? 0x9C : 0xAD;
   if (random() % 4 != 0) frame[2] = static_cast<std::uint8_t>(frame[2] % 16);
   if (random() % 64 == 0) frame[1] = frame[2] = 0;
-  // Scale factors at both ends: sums that wrap, and subbands without bits.
+  // Scale factors at both ends: sums and samples that wrap, and subbands without bits.
   if (random() % 4 == 0)
     std::fill(frame.begin() + 4, frame.begin() + 12, static_cast<std::uint8_t>(random() % 2 == 0 ? 0xFF : 0));
+  if (random() % 8 == 0) frame[4] = 0xF0;
   return frame;
 }
 

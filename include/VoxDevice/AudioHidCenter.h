@@ -196,7 +196,7 @@ class VOXDEVICE_API CAudioHidCenter {
   void SetCallback_FwOtaResult(void* function, void* context);
 
   // ---- HID interface paths, also used for older devices ----
-  // The present HID interfaces, in the system's order.
+  // Adds the present HID interfaces, in the system's order; none when there is no memory for them.
   static void EnumerateHidInterfaces(std::vector<std::wstring>& paths);
   // Path of the form ...hid#vid_0d8c&pid_0137...#instance#...; false, with `identity` untouched, for any other.
   static bool ParseUsbHidPath(const std::string& path, HidPathIdentity& identity);

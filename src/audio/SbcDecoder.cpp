@@ -1,6 +1,10 @@
 #include "audio/SbcDecoder.h"
 
 #include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <numeric>
+#include <utility>
 
 namespace {
 
@@ -52,103 +56,153 @@ constexpr std::int32_t kWindow4[4][kTaps] = {
     {-359, 401, -4220, 10177, -36940, -25558, -804, -2679, -511, -71},
 };
 
-// The window with its taps as rows.
-constexpr auto kTapsOfWindow8 = [] {
-  std::array<std::array<std::int32_t, 8>, kTaps> taps{};
-  for (std::size_t i = 0; i < 8; ++i) {
-    for (std::size_t j = 0; j < kTaps; ++j) taps[j][i] = kWindow8[i][j];
+// The synthesis matrix, floor(65536 cos((i + N / 2)(2k + 1) pi / 2N)).
+template <int N>
+constexpr auto kMatrix = [] {
+  std::array<std::array<Word, N>, 2 * N> matrix{};
+  for (int i = 0; i < 2 * N; ++i) {
+    for (int k = 0; k < N; ++k) {
+      matrix[static_cast<std::size_t>(i)][static_cast<std::size_t>(k)] = W(Cosine(8 / N * (i + N / 2) * (2 * k + 1)));
+    }
   }
-  return taps;
+  return matrix;
 }();
+
+// Four neighbouring blocks, one to a lane.
+using Words [[gnu::vector_size(16)]] = Word;
+using Ints [[gnu::vector_size(16)]] = std::int32_t;
+
+// From here to SynthesizeBlocks all is compiled twice, and is inline by order: of its own accord a compiler for 32 bits
+// puts no function for any processor, W neither, into one for a newer.
+[[gnu::always_inline]] inline Words Load(const std::int32_t* from) {
+  Words words;
+  std::memcpy(&words, from, sizeof words);
+  return words;
+}
+
+// Row n - 4 of the matrix, n odd, of the differences between a column and its mirror.
+template <int n>
+[[gnu::always_inline]] inline Words OddRow(const Words* d) {
+  constexpr Word c[] = {W(Cosine(n)), W(Cosine(3 * n)), W(Cosine(5 * n)), W(Cosine(7 * n))};
+  return c[0] * d[0] + c[1] * d[1] + c[2] * d[2] + c[3] * d[3];
+}
+
+// Row n - 4, n = 6 or 14, of the sums. The columns k and 3 - k are opposite in it, too.
+template <int n>
+[[gnu::always_inline]] inline Words EvenRow(const Words* e) {
+  constexpr Word c[] = {W(Cosine(n)), W(Cosine(3 * n))};
+  return c[0] * (e[0] - e[3]) + c[1] * (e[1] - e[2]) - e[3] - e[2];
+}
 
 // The 16 x 8 synthesis matrix K[i][k] = floor(65536 cos((i + 4)(2k + 1) pi / 16)) has few numbers of its own. Its rows
 // and columns mirror each other; where the mirror changes the sign, floor(-x) = -floor(x) - 1 makes one sample to
 // subtract out of each product. All of that is exact in arithmetic that wraps, so 20 products replace 128.
-void MatrixEight(const std::int32_t* s, std::array<Word, 16>& rows) {
-  std::array<Word, 4> e;  // column k and its mirror 7 - k: equal in rows with even i
-  std::array<Word, 4> d;  // opposite in rows with odd i
-  Word mirrored = 0;
-  Word all = 0;
+[[gnu::always_inline]] inline void MatrixEight(const SbcSamples& samples, std::size_t block, SbcRowList::Rows& rows,
+                                               std::size_t at) {
+  Words e[4];  // column k and its mirror 7 - k: equal in rows with even i
+  Words d[4];  // opposite in rows with odd i
+  Words mirrored{};
   for (std::size_t k = 0; k < 4; ++k) {
-    const Word a = W(s[k]);
-    const Word b = W(s[7 - k]);
+    const Words a = Load(samples[k] + block);
+    const Words b = Load(samples[7 - k] + block);
     e[k] = a + b;
     d[k] = a - b;
     mirrored += b;
-    all += e[k];
   }
-  const auto odd = [&](int n) {
-    return W(Cosine(n)) * d[0] + W(Cosine(3 * n)) * d[1] + W(Cosine(5 * n)) * d[2] + W(Cosine(7 * n)) * d[3] - mirrored;
-  };
-  // In rows 2 and 10 the columns k and 3 - k are opposite too.
-  const auto even = [&](int n) {
-    return W(Cosine(n)) * (e[0] - e[3]) + W(Cosine(3 * n)) * (e[1] - e[2]) - e[3] - e[2];
-  };
-  rows[0] = W(Cosine(4)) * (e[0] + e[3]) + W(Cosine(12)) * (e[1] + e[2]);
-  rows[1] = odd(5);
-  rows[2] = even(6);
-  rows[3] = odd(7);
-  rows[4] = 0;
-  for (std::size_t i = 5; i <= 8; ++i) rows[i] = Word{0} - rows[8 - i] - all;
-  rows[9] = odd(13);
-  rows[10] = even(14);
-  rows[11] = odd(15);
-  rows[12] = Word{0} - (all << 16);
-  for (std::size_t i = 13; i <= 15; ++i) rows[i] = rows[24 - i];
+  const Words all = e[0] + e[1] + e[2] + e[3];
+  constexpr Word c4 = W(Cosine(4));
+  constexpr Word c12 = W(Cosine(12));
+  const Words r0 = c4 * (e[0] + e[3]) + c12 * (e[1] + e[2]);
+  const Words r1 = OddRow<5>(d) - mirrored;
+  const Words r2 = EvenRow<6>(e);
+  const Words r3 = OddRow<7>(d) - mirrored;
+  const Words r9 = OddRow<13>(d) - mirrored;
+  const Words r10 = EvenRow<14>(e);
+  const Words r11 = OddRow<15>(d) - mirrored;
+  const Words r[] = {r0, r1, r2, r3, {}, -r3 - all, -r2 - all, -r1 - all, -r0 - all, r9, r10, r11, -(all << 16)};
+  for (std::size_t i = 0; i < sizeof r / sizeof *r; ++i) {
+    const Ints values = (Ints)r[i] >> 15;
+    std::memcpy(rows[i] + at, &values, sizeof values);
+  }
 }
 
-// Eight outputs from the row values of the last ten blocks, the newest first.
-[[gnu::always_inline]] inline void WindowRows(const std::int32_t* row, std::int32_t* out) {
-  std::array<Word, 8> sum{};
-  for (std::size_t j = 0; j < kTaps; j += 2, row += 32) {
-    for (std::size_t i = 0; i < 8; ++i) {
-      sum[i] += W(kTapsOfWindow8[j][i]) * W(row[i]) + W(kTapsOfWindow8[j + 1][i]) * W(row[24 + i]);
-    }
+// Output i from the row values of the last ten blocks.
+template <std::size_t i>
+[[gnu::always_inline]] inline Words WindowEight(const SbcRowList::Rows& rows, std::size_t at) {
+  constexpr std::size_t oddRow = SbcRowList::Stored(i + 8);
+  Words sum{};
+  for (std::size_t j = 0; j < kTaps; j += 2) {
+    if (i != 4) sum += static_cast<Word>(kWindow8[i][j]) * Load(rows[i] + at - j);  // row 4 is 0
+    sum += static_cast<Word>(kWindow8[i][j + 1]) * Load(rows[oddRow] + at - j - 1);
   }
-  for (std::size_t i = 0; i < 8; ++i) out[i] = S(sum[i]) >> 16;
+  return sum;
 }
 
-void WindowRowsPlain(const std::int32_t* row, std::int32_t* out) { WindowRows(row, out); }
+// Outputs i and i + 1, two 16-bit samples to a word.
+template <std::size_t i>
+[[gnu::always_inline]] inline Words WindowTwo(const SbcRowList::Rows& rows, std::size_t at) {
+  return WindowEight<i>(rows, at) >> 16 | (WindowEight<i + 1>(rows, at) & 0xFFFF0000U);
+}
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-// The same loop with the vector product of 32-bit words, which the baseline of the architecture lacks.
-[[gnu::target("sse4.1")]] void WindowRowsSse41(const std::int32_t* row, std::int32_t* out) { WindowRows(row, out); }
+// All outputs, the lanes made into blocks.
+[[gnu::always_inline]] inline void WriteFourBlocks(const SbcRowList::Rows& rows, std::size_t at, std::int16_t* pcm) {
+  const Words a = WindowTwo<0>(rows, at);
+  const Words b = WindowTwo<2>(rows, at);
+  const Words c = WindowTwo<4>(rows, at);
+  const Words d = WindowTwo<6>(rows, at);
+  const Words ab[] = {__builtin_shufflevector(a, b, 0, 4, 1, 5), __builtin_shufflevector(a, b, 2, 6, 3, 7)};
+  const Words cd[] = {__builtin_shufflevector(c, d, 0, 4, 1, 5), __builtin_shufflevector(c, d, 2, 6, 3, 7)};
+  for (std::size_t half = 0; half < 2; ++half) {
+    const Words two[] = {__builtin_shufflevector(ab[half], cd[half], 0, 1, 4, 5),
+                         __builtin_shufflevector(ab[half], cd[half], 2, 3, 6, 7)};
+    std::memcpy(pcm + 16 * half, two, sizeof two);
+  }
+}
 
-const auto windowRows = __builtin_cpu_supports("sse4.1") ? &WindowRowsSse41 : &WindowRowsPlain;
+// From samples to PCM, up to the next multiple of four blocks.
+[[gnu::always_inline]] inline void SynthesizeBlocks(const SbcSamples& samples, std::size_t blocks, SbcRowList& list,
+                                                    std::int16_t* pcm) {
+  const std::size_t at = list.next;
+  for (std::size_t block = 0; block < blocks; block += 4) MatrixEight(samples, block, list.rows, at + block);
+  for (std::size_t block = 0; block < blocks; block += 4) WriteFourBlocks(list.rows, at + block, pcm + 8 * block);
+}
+
+void SynthesizePlain(const SbcSamples& samples, std::size_t blocks, SbcRowList& list, std::int16_t* pcm) {
+  SynthesizeBlocks(samples, blocks, list, pcm);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+// The same with the vector product of 32-bit words, which the baseline of the architecture lacks.
+[[gnu::target("sse4.1")]] void SynthesizeSse41(const SbcSamples& samples, std::size_t blocks, SbcRowList& list,
+                                               std::int16_t* pcm) {
+  SynthesizeBlocks(samples, blocks, list, pcm);
+}
+
+const auto synthesizeBlocks = __builtin_cpu_supports("sse4.1") ? &SynthesizeSse41 : &SynthesizePlain;
 #else
-const auto windowRows = &WindowRowsPlain;
+const auto synthesizeBlocks = &SynthesizePlain;
 #endif
 
-// Takes bits from the frame, the most significant first. Beyond the frame there are zeros.
-class BitReader {
- public:
-  BitReader(std::span<const std::uint8_t, CSbcDecoder::kFrameBytes> frame, int position)
-      : frame_(frame), next_(static_cast<std::size_t>(position) / 8), taken_(position) {
-    if (const int within = position % 8; within != 0) {
-      taken_ -= within;
-      Read(within);
-    }
-  }
-  // count: 0 to 16.
-  Word Read(int count) {
-    while (have_ < count) {
-      window_ = window_ << 8 | (next_ < frame_.size() ? frame_[next_] : std::uint8_t{0});
-      ++next_;
-      have_ += 8;
-    }
-    have_ -= count;
-    taken_ += count;
-    return static_cast<Word>(window_ >> have_) & ((Word{1} << count) - 1);
-  }
-  int Position() const { return taken_; }
-
- private:
-  std::span<const std::uint8_t, CSbcDecoder::kFrameBytes> frame_;
-  std::uint64_t window_ = 0;
-  int have_ = 0;  // bits of the window not yet taken
-  std::size_t next_;
-  int taken_;
+// Division by 2^bits - 1 as a multiplication: floor(n / (2^bits - 1)) = (n + 1) * value >> shift for every n up to
+// 2^31, because value = (2^shift - 1) / (2^bits - 1) is a whole number (shift is a multiple of bits) and shift is at
+// least 32.
+struct Reciprocal {
+  Word value;
+  int shift;
 };
+constexpr auto kReciprocals = [] {
+  std::array<Reciprocal, kMaxBits + 1> reciprocals{};
+  for (int bits = 1; bits <= kMaxBits; ++bits) {
+    const int shift = (32 + bits - 1) / bits * bits;
+    const auto value = ((std::uint64_t{1} << shift) - 1) / ((std::uint64_t{1} << bits) - 1);
+    reciprocals[static_cast<std::size_t>(bits)] = {static_cast<Word>(value), shift};
+  }
+  return reciprocals;
+}();
+
+constexpr Word BigEndian(const std::uint8_t* bytes) {
+  return Word{bytes[0]} << 24 | Word{bytes[1]} << 16 | Word{bytes[2]} << 8 | bytes[3];
+}
 
 }  // namespace
 
@@ -158,8 +212,9 @@ void CSbcDecoder::Reset() {
   sampleRate_ = 0;
   bits_ = {};
   scaleFactor_ = {};
-  levels_ = {};
   samples_ = {};
+  pcm_ = {};
+  stereo_ = {};
   V_ = {};
   list_ = {};
   for (auto& offsets : offset_) {
@@ -185,10 +240,10 @@ bool CSbcDecoder::ParseHeader() {
     blocks_ = kVariantBlocks;
   } else {
     frequencyIndex_ = input_[1] >> 6;
-    blocks_ = static_cast<std::int8_t>(variant ? kVariantBlocks : 4 * ((input_[1] >> 4 & 3) + 1));
+    blocks_ = static_cast<std::uint8_t>(variant ? kVariantBlocks : 4 * ((input_[1] >> 4 & 3) + 1));
     mode_ = input_[1] >> 2 & 3;
     allocation_ = input_[1] >> 1 & 1;
-    subbands_ = static_cast<std::int8_t>(4 * ((input_[1] & 1) + 1));
+    subbands_ = static_cast<std::uint8_t>(4 * ((input_[1] & 1) + 1));
     bitpool_ = input_[2];
   }
   channels_ = mode_ == kMono ? 1 : 2;
@@ -211,56 +266,52 @@ int CSbcDecoder::DecodeFrame() {
     }
     position += subbands_;
   }
-  BitReader factors(input_, position);
-  for (std::size_t ch = 0; ch < static_cast<std::size_t>(channels_); ++ch) {
-    for (std::size_t sb = 0; sb < static_cast<std::size_t>(subbands_); ++sb) {
-      scaleFactor_[ch][sb] = static_cast<std::int8_t>(factors.Read(kScaleFactorBits));
+  for (std::size_t ch = 0; ch < channels_; ++ch) {
+    for (std::size_t sb = 0; sb < subbands_; ++sb, position += kScaleFactorBits) {
+      const int two = input_[static_cast<std::size_t>(position / 8)];
+      scaleFactor_[ch][sb] = static_cast<std::int8_t>(position % 8 == 0 ? two >> 4 : two & 15);
     }
   }
-  position = factors.Position();
   CalculateBits();
   ReadSamples(position);
   if (mode_ == kJointStereo) UndoJointStereo();
-  if (subbands_ == 4) {
-    SynthesizeFour();
-  } else {
-    SynthesizeEight();
+  for (std::size_t ch = 0; ch < channels_; ++ch) {
+    if (subbands_ == 4) {
+      LeaveList(ch);
+      SynthesizeRing<4>(ch);
+    } else if (list_[ch].used) {
+      SynthesizeList(ch);
+    } else {
+      SynthesizeRing<8>(ch);
+    }
   }
-  PackOutput();
+  if (channels_ == 2) {
+    for (std::size_t i = 0; i < samplesPerChannel_; ++i) {
+      stereo_[2 * i] = pcm_[0][i];
+      stereo_[2 * i + 1] = pcm_[1][i];
+    }
+  }
   return (position + 7) / 8;
 }
 
 void CSbcDecoder::CalculateBits() {
-  const auto subbands = static_cast<std::size_t>(subbands_);
-  // Both channels in one row, so that stereo can share its bits between them.
-  std::array<std::int8_t, 2 * kMaxSubbands> bitneed{};
-  std::array<std::int8_t, 2 * kMaxSubbands> bits{};
-  const bool shared = mode_ == kStereo || mode_ == kJointStereo;
-  for (std::size_t ch = 0; ch < static_cast<std::size_t>(channels_); ++ch) {
-    for (std::size_t sb = 0; sb < subbands; ++sb) {
+  std::array<std::int8_t, kMaxChannels * kMaxSubbands> bitneed{};
+  for (std::size_t ch = 0; ch < channels_; ++ch) {
+    for (std::size_t sb = 0; sb < subbands_; ++sb) {
       int need = scaleFactor_[ch][sb];
       if (allocation_ == kLoudness) {
         const int offset = subbands_ == 4 ? kOffset4[frequencyIndex_][sb] : kOffset8[frequencyIndex_][sb];
         const int loudness = need - offset;
         need = need == 0 ? -5 : (loudness > 0 ? loudness / 2 : loudness);
       }
-      // Remaining bits go to both channels of a subband before the next subband.
-      bitneed[shared ? 2 * sb + ch : ch * subbands + sb] = static_cast<std::int8_t>(need);
+      bitneed[Entry(ch, sb)] = static_cast<std::int8_t>(need);
     }
   }
-  if (shared) {
-    AllocateBits({bitneed.data(), 2 * subbands}, {bits.data(), 2 * subbands});
-  } else {
-    for (std::size_t ch = 0; ch < static_cast<std::size_t>(channels_); ++ch) {
-      AllocateBits({bitneed.data() + ch * subbands, subbands}, {bits.data() + ch * subbands, subbands});
-    }
-  }
-  for (std::size_t ch = 0; ch < static_cast<std::size_t>(channels_); ++ch) {
-    for (std::size_t sb = 0; sb < subbands; ++sb) {
-      const std::int8_t count = bits[shared ? 2 * sb + ch : ch * subbands + sb];
-      bits_[ch][sb] = count;
-      levels_[ch][sb] = S((Word{1} << count) - 1);
-    }
+  bits_ = {};
+  const std::size_t entries = std::size_t{channels_} * subbands_;
+  const std::size_t unit = mode_ == kDualChannel ? subbands_ : entries;
+  for (std::size_t first = 0; first < entries; first += unit) {
+    AllocateBits({bitneed.data() + first, unit}, {bits_.data() + first, unit});
   }
 }
 
@@ -311,49 +362,51 @@ void CSbcDecoder::AllocateBits(std::span<const std::int8_t> bitneed, std::span<s
   }
 }
 
+// A subband at a time: it has the same place in every block.
 void CSbcDecoder::ReadSamples(int& position) {
-  // The subbands that carry bits. Division by levels = 2^bits - 1 is a multiplication by its reciprocal, rounded up:
-  // exact for every 32-bit dividend, because reciprocal * levels exceeds 2^(31 + bits) by no more than levels.
-  struct Active {
-    std::size_t channel;
-    std::size_t subband;
-    int bits;
-    int scale;
-    std::uint64_t reciprocal;
-  };
-  std::array<Active, kMaxChannels * kMaxSubbands> active;
-  std::size_t count = 0;
-  for (std::size_t ch = 0; ch < static_cast<std::size_t>(channels_); ++ch) {
-    std::fill_n(samples_[ch].begin(), samplesPerChannel_, 0);
-    for (std::size_t sb = 0; sb < static_cast<std::size_t>(subbands_); ++sb) {
-      const int bits = bits_[ch][sb];
-      if (bits == 0) continue;
-      const auto levels = static_cast<std::uint64_t>(levels_[ch][sb]);
-      active[count++] = {ch, sb, bits, scaleFactor_[ch][sb], (std::uint64_t{1} << (31 + bits)) / levels + 1};
+  const std::size_t blocks = blocks_;
+  std::array<std::uint8_t, kFrameBytes + 3> frame{};  // four bytes are read from any place
+  std::copy(input_.begin(), input_.end(), frame.begin());
+  const int blockBits = std::accumulate(bits_.begin(), bits_.end(), 0);
+  const int end = position + blocks_ * blockBits;
+  for (std::size_t ch = 0; ch < channels_; ++ch) {
+    for (std::size_t sb = 0; sb < subbands_; ++sb) {
+      auto& samples = samples_[ch][sb];
+      const int bits = bits_[Entry(ch, sb)];
+      if (bits == 0) {
+        std::fill(std::begin(samples), std::end(samples), 0);
+        continue;
+      }
+      auto at = static_cast<unsigned>(position);
+      for (std::size_t block = 0; block < blocks; ++block, at += static_cast<unsigned>(blockBits)) {
+        samples[block] = S(BigEndian(frame.data() + at / 8) << at % 8);
+      }
+      position += bits;
+      const int scale = scaleFactor_[ch][sb];
+      const Reciprocal reciprocal = kReciprocals[static_cast<std::size_t>(bits)];
+      for (std::size_t block = 0; block < (blocks + 3) / 4 * 4; ++block) {
+        std::int32_t& sample = samples[block];
+        const std::int32_t dividend = S((2 * (W(sample) >> (32 - bits)) + 1) << scale);
+        const Word sign = W(dividend >> 31);
+        const Word magnitude = (W(dividend) ^ sign) - sign;
+        const auto high = static_cast<Word>(std::uint64_t{magnitude + 1} * reciprocal.value >> 32);
+        const Word quotient = high >> (reciprocal.shift - 32);
+        sample = S(((quotient ^ sign) - sign) - (Word{1} << scale));
+      }
     }
   }
-
-  BitReader reader(input_, position);
-  for (std::size_t first = 0; first < samplesPerChannel_; first += static_cast<std::size_t>(subbands_)) {
-    for (std::size_t i = 0; i < count; ++i) {
-      const Active& a = active[i];
-      const std::int32_t dividend = S((2 * reader.Read(a.bits) + 1) << a.scale);
-      const Word magnitude = dividend < 0 ? Word{0} - W(dividend) : W(dividend);
-      const auto quotient = static_cast<Word>(magnitude * a.reciprocal >> (31 + a.bits));
-      const Word value = dividend < 0 ? Word{0} - quotient : quotient;
-      samples_[a.channel][first + a.subband] = S(value - (Word{1} << a.scale));
-    }
-  }
-  position = reader.Position();
+  position = end;
 }
 
 void CSbcDecoder::UndoJointStereo() {
-  for (std::size_t i = 0; i < samplesPerChannel_; ++i) {
-    if ((joint_ >> (i % static_cast<std::size_t>(subbands_)) & 1) == 0) continue;
-    const Word s0 = W(samples_[0][i]);
-    const Word s1 = W(samples_[1][i]);
-    samples_[0][i] = S(s0 + s1);
-    samples_[1][i] = S(s0 - s1);
+  for (std::size_t sb = 0; sb < kMaxSubbands; ++sb) {
+    if ((joint_ >> sb & 1) == 0) continue;
+    for (std::size_t block = 0; block < kMaxBlocks; ++block) {
+      const Word s0 = W(samples_[0][sb][block]);
+      const Word s1 = W(samples_[1][sb][block]);
+      samples_[0][sb][block] = S(s0 + s1);
+      samples_[1][sb][block] = S(s0 - s1);
+    }
   }
 }
 
@@ -361,12 +414,23 @@ void CSbcDecoder::UndoJointStereo() {
 //
 // The history is defined as a ring of 20 values per subband with a tail, and a position in it for each row; when frames
 // of 4 and of 8 subbands follow each other, their rows overlap in it and every cell counts. As long as a channel has
-// only seen 8 subbands, nobody can tell that ring from a plain list of the last blocks, which the processor likes
+// only seen 8 subbands, nobody can tell that ring from a plain list of each row's values, which the processor likes
 // better.
 
+void CSbcDecoder::SynthesizeList(std::size_t channel) {
+  SbcRowList& list = list_[channel];
+  if (list.next + kMaxBlocks > std::size(list.rows[0])) {
+    for (auto& row : list.rows) std::copy_n(row + list.next - SbcRowList::kRemembered, SbcRowList::kRemembered, row);
+    list.next = SbcRowList::kRemembered;
+  }
+  synthesizeBlocks(samples_[channel], blocks_, list, pcm_[channel].data());
+  list.next += blocks_;
+  list.blocks += blocks_;
+}
+
 // Puts the newest value of each row into the ring, one row after the other: where rows overlap, the order counts.
-template <int N>
-void CSbcDecoder::PushRing(std::size_t channel, const Word* newest) {
+template <std::size_t N>
+void CSbcDecoder::PushRing(std::size_t channel, const std::int32_t* newest) {
   auto& v = V_[channel];
   auto& offset = offset_[channel];
   for (std::size_t i = 0; i < 2 * N; ++i) {
@@ -374,110 +438,46 @@ void CSbcDecoder::PushRing(std::size_t channel, const Word* newest) {
       offset[i] = 20 * N - 1;
       std::copy_n(v.begin(), kTaps - 1, v.begin() + 20 * N);
     }
-    v[static_cast<std::size_t>(offset[i])] = S(newest[i]) >> 15;
+    v[static_cast<std::size_t>(offset[i])] = newest[i];
   }
 }
 
-template <int N>
-void CSbcDecoder::WindowRing(std::size_t channel, std::int32_t* out) const {
+template <std::size_t N>
+void CSbcDecoder::SynthesizeRing(std::size_t channel) {
   const auto& v = V_[channel];
   const auto& offset = offset_[channel];
-  for (std::size_t i = 0; i < N; ++i) {
-    const std::int32_t* window = N == 8 ? kWindow8[i] : kWindow4[i];
-    const std::int32_t* even = v.data() + offset[i];
-    const std::int32_t* odd = v.data() + offset[i + N];
-    Word sum = 0;
-    for (std::size_t j = 0; j < kTaps; j += 2) sum += W(window[j]) * W(even[j]) + W(window[j + 1]) * W(odd[j + 1]);
-    out[i] = S(sum) >> 16;
+  std::int16_t* out = pcm_[channel].data();
+  for (std::size_t block = 0; block < blocks_; ++block) {
+    std::array<std::int32_t, 2 * N> newest;
+    for (std::size_t i = 0; i < 2 * N; ++i) {
+      Word sum = 0;
+      for (std::size_t k = 0; k < N; ++k) sum += kMatrix<N>[i][k] * W(samples_[channel][k][block]);
+      newest[i] = S(sum) >> 15;
+    }
+    PushRing<N>(channel, newest.data());
+    for (std::size_t i = 0; i < N; ++i) {
+      const std::int32_t* window = N == 8 ? kWindow8[i] : kWindow4[i];
+      const std::int32_t* even = v.data() + offset[i];
+      const std::int32_t* odd = v.data() + offset[i + N];
+      Word sum = 0;
+      for (std::size_t j = 0; j < kTaps; j += 2) sum += W(window[j]) * W(even[j]) + W(window[j + 1]) * W(odd[j + 1]);
+      *out++ = static_cast<std::int16_t>(sum >> 16);
+    }
   }
 }
 
-std::int32_t* CSbcDecoder::BlockList::Push() {
-  if (newest == 0) {
-    std::copy_n(rows.begin(), kRemembered * 16, rows.end() - kRemembered * 16);
-    newest = kLength - kRemembered;
-  }
-  --newest;
-  ++blocks;
-  return rows.data() + newest * 16;
-}
-
-// Writes the ring as it would stand had it been used from the beginning.
+// Makes the ring as it would stand had it been used from the beginning: what the list remembers passes through it.
 void CSbcDecoder::LeaveList(std::size_t channel) {
-  BlockList& list = list_[channel];
-  if (!list.used) return;
-  list.used = false;
-  const auto value = [&list](int row, std::int64_t age) {
-    return age < static_cast<std::int64_t>(BlockList::kRemembered)
-               ? list.rows[(list.newest + static_cast<std::size_t>(age)) * 16 + static_cast<std::size_t>(row)]
-               : 0;
-  };
-  const std::int64_t n = list.blocks;
-  auto& v = V_[channel];
-  if (n == 0) return;  // as after Reset
+  SbcRowList& list = list_[channel];
+  if (!std::exchange(list.used, false) || list.blocks == 0) return;
   for (int i = 0; i < 16; ++i) {
-    const auto at = (kTaps * (i + 1) - n) % 160;
-    offset_[channel][static_cast<std::size_t>(i)] = static_cast<std::int32_t>(at < 0 ? at + 160 : at);
+    const auto at =
+        static_cast<std::int32_t>((kTaps * (i + 1) + static_cast<int>(SbcRowList::kRemembered) - list.blocks) % 160);
+    offset_[channel][static_cast<std::size_t>(i)] = at < 0 ? at + 160 : at;
   }
-  // Row i wrote cell 10 (i + 1) - m at block m, counted round the ring: the last to write a cell did so at most 9
-  // blocks ago.
-  for (int cell = 0; cell < 160; ++cell) {
-    const std::int64_t age = (cell + n) % kTaps;
-    const std::int64_t row = (((cell + n - age) / kTaps - 1) % 16 + 16) % 16;
-    v[static_cast<std::size_t>(cell)] = value(static_cast<int>(row), age);
-  }
-  // The tail is the beginning of the ring as it stood when a row last passed it, which one row does in every ten
-  // blocks.
-  const std::int64_t sincePassed = (n - 1) % kTaps;
-  const std::int64_t passed = n - sincePassed;  // the block at which it did
-  const std::int64_t row = (((passed - 1) / kTaps - 1) % 16 + 16) % 16;
-  for (int k = 0; k < kTaps - 1; ++k) {
-    v[static_cast<std::size_t>(160 + k)] = value(static_cast<int>(row), sincePassed + 1 + k);
-  }
-}
-
-void CSbcDecoder::SynthesizeFour() {
-  constexpr int N = 4;
-  for (std::size_t channel = 0; channel < static_cast<std::size_t>(channels_); ++channel) {
-    LeaveList(channel);
-    for (int block = 0; block < blocks_; ++block) {
-      std::int32_t* s = samples_[channel].data() + block * N;
-      std::array<Word, 2 * N> rows{};
-      for (int i = 0; i < 2 * N; ++i) {
-        for (int k = 0; k < N; ++k) rows[static_cast<std::size_t>(i)] += W(Cosine(2 * (i + 2) * (2 * k + 1))) * W(s[k]);
-      }
-      PushRing<N>(channel, rows.data());
-      WindowRing<N>(channel, s);
-    }
-  }
-}
-
-void CSbcDecoder::SynthesizeEight() {
-  for (std::size_t channel = 0; channel < static_cast<std::size_t>(channels_); ++channel) {
-    BlockList& list = list_[channel];
-    for (int block = 0; block < blocks_; ++block) {
-      std::int32_t* s = samples_[channel].data() + block * 8;
-      std::array<Word, 16> rows;
-      MatrixEight(s, rows);
-      if (list.used) {
-        std::int32_t* newest = list.Push();
-        for (std::size_t i = 0; i < 16; ++i) newest[i] = S(rows[i]) >> 15;
-        windowRows(list.rows.data() + list.newest * 16, s);
-      } else {
-        PushRing<8>(channel, rows.data());
-        WindowRing<8>(channel, s);
-      }
-    }
-  }
-}
-
-// In place, two 16-bit samples to a word: neighbours of the one channel, or the two channels of a moment.
-void CSbcDecoder::PackOutput() {
-  auto& left = samples_[0];
-  const auto pack = [](std::int32_t low, std::int32_t high) { return S((W(low) & 0xFFFFU) | W(high) << 16); };
-  if (channels_ == 1) {
-    for (std::size_t i = 0; i < samplesPerChannel_ / 2U; ++i) left[i] = pack(left[2 * i], left[2 * i + 1]);
-  } else {
-    for (std::size_t i = 0; i < samplesPerChannel_; ++i) left[i] = pack(left[i], samples_[1][i]);
+  for (std::size_t block = list.next - SbcRowList::kRemembered; block < list.next; ++block) {
+    std::array<std::int32_t, 16> newest;
+    for (std::size_t i = 0; i < 16; ++i) newest[i] = list.rows[SbcRowList::Stored(i)][block];
+    PushRing<8>(channel, newest.data());
   }
 }

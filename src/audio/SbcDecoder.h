@@ -6,6 +6,22 @@
 #include <cstdint>
 #include <span>
 
+// Of 8 subbands, the samples of up to 16 blocks.
+using SbcSamples = std::int32_t[8][16];
+
+// The values of each row of the synthesis matrix for 8 subbands in the order of time. Row 4 is always 0, and rows 13 to
+// 15 are rows 11 to 9.
+struct SbcRowList {
+  static constexpr std::size_t kRemembered = 20;  // blocks: as far back as the ring below and its tail reach
+  using Rows = std::int32_t[13][kRemembered + 80];
+  static constexpr std::size_t Stored(std::size_t row) { return row <= 12 ? row : 24 - row; }
+
+  bool used = true;
+  std::size_t next = kRemembered;  // where the next block is put
+  std::int64_t blocks = 0;         // since Reset
+  Rows rows{};
+};
+
 // Decodes one frame at a time. All arithmetic is in 32 bits and wraps; the output wraps into 16 bits and is not
 // clipped. It comes at half the level of the codec's usual decoders (-6.02 dB). One thread at a time.
 class CSbcDecoder {
@@ -41,54 +57,46 @@ class CSbcDecoder {
   static constexpr int kMaxChannels = 2;
   static constexpr int kMaxSubbands = 8;
   static constexpr int kMaxBlocks = 16;
-  using PerSubband = std::array<std::array<std::int8_t, kMaxSubbands>, kMaxChannels>;
 
   bool ParseHeader();
+  // Where a subband stands in the allocation of bits: remaining ones go to both channels of a subband before the next
+  // subband when the channels share them.
+  std::size_t Entry(std::size_t ch, std::size_t sb) const {
+    return mode_ >= kStereo ? 2 * sb + ch : ch * subbands_ + sb;
+  }
   void CalculateBits();
   void AllocateBits(std::span<const std::int8_t> bitneed, std::span<std::int8_t> bits) const;
   void ReadSamples(int& position);
   void UndoJointStereo();
-  void SynthesizeFour();
-  void SynthesizeEight();
-  template <int N>
-  void PushRing(std::size_t channel, const std::uint32_t* newest);
-  template <int N>
-  void WindowRing(std::size_t channel, std::int32_t* out) const;
+  void SynthesizeList(std::size_t channel);
+  template <std::size_t N>
+  void SynthesizeRing(std::size_t channel);
+  template <std::size_t N>
+  void PushRing(std::size_t channel, const std::int32_t* newest);
   void LeaveList(std::size_t channel);
-  void PackOutput();
-  const unsigned char* Output() const { return reinterpret_cast<const unsigned char*>(samples_[0].data()); }
+  const unsigned char* Output() const {
+    return reinterpret_cast<const unsigned char*>(channels_ == 2 ? stereo_.data() : pcm_[0].data());
+  }
 
-  std::int8_t blocks_ = 0;
-  std::int8_t subbands_ = 0;
+  std::uint8_t blocks_ = 0;
+  std::uint8_t subbands_ = 0;
   std::uint8_t joint_ = 0;  // bit n: subband n
   std::uint8_t bitpool_ = 0;
   std::uint8_t mode_ = kMono;
   std::uint8_t frequencyIndex_ = 0;
   std::uint8_t allocation_ = kLoudness;
-  PerSubband bits_{};
-  PerSubband scaleFactor_{};
-  std::array<std::array<std::int32_t, kMaxSubbands>, kMaxChannels> levels_{};
-  std::int8_t channels_ = 0;
+  std::array<std::int8_t, kMaxChannels * kMaxSubbands> bits_{};
+  std::array<std::array<std::int8_t, kMaxSubbands>, kMaxChannels> scaleFactor_{};
+  std::uint8_t channels_ = 0;
   std::uint8_t samplesPerChannel_ = 0;
   std::uint16_t sampleRate_ = 0;
-  // Index block * subbands + subband. Holds subband samples, then PCM, then the packed 16-bit output.
-  std::array<std::array<std::int32_t, kMaxBlocks * kMaxSubbands>, kMaxChannels> samples_{};
+  std::array<SbcSamples, kMaxChannels> samples_{};
+  std::array<std::array<std::int16_t, kMaxBlocks * kMaxSubbands>, kMaxChannels> pcm_{};
+  std::array<std::int16_t, kMaxChannels * kMaxBlocks * kMaxSubbands> stereo_{};
   // Per channel a ring of 20 values per subband with a tail that repeats its beginning, and for each of the
   // 2 * subbands rows of the synthesis matrix the position of its newest value. Rows keep 10 places apart.
   std::array<std::array<std::int32_t, 170>, kMaxChannels> V_{};
   std::array<std::array<std::int32_t, 16>, kMaxChannels> offset_{};
-  // What a channel uses instead while it has only seen 8 subbands: the 16 row values of each of the last blocks, the
-  // newest first.
-  struct BlockList {
-    static constexpr std::size_t kRemembered = 20;  // as far back as the ring and its tail reach
-    static constexpr std::size_t kLength = 84;
-    std::int32_t* Push();
-
-    bool used = true;
-    std::size_t newest = kLength - kRemembered;
-    std::int64_t blocks = 0;  // since Reset
-    std::array<std::int32_t, kLength * 16> rows{};
-  };
-  std::array<BlockList, kMaxChannels> list_{};
+  std::array<SbcRowList, kMaxChannels> list_{};  // what a channel uses instead while it has only seen 8 subbands
   std::array<std::uint8_t, kFrameBytes> input_{};
 };

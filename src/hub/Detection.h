@@ -12,7 +12,8 @@
 // Not on the thread's stack: a thread that is ended by force, inside the client's code, loses nothing.
 struct CHub::Detection {
   std::vector<std::wstring> paths;
-  std::string path;  // the one that is looked at
+  std::vector<std::wstring> foreign;  // at the same places, the paths that the last pass found to be none of ours
+  std::string path;                   // the one that is looked at
   HidPathIdentity identity;
   std::optional<HidFile> readFile;
   std::optional<HidFile> writeFile;

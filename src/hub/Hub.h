@@ -142,9 +142,8 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   // Models and discovery.
   void InitLegalPid_Vid();
   MouseType FindLegalId(const HidPathIdentity& identity) const;
-  void Discover(Detection& detection);
   void OpenHidDevice(Detection& detection);
-  void OpenHidInterface(Detection& detection, const std::wstring& path);
+  bool OpenHidInterface(Detection& detection, const std::wstring& path);
   void ConnectReader(Detection& detection, MouseType model, HidConnection& connection);
   bool PathIsKnown(const std::string& path);
   void UpdateConnected();

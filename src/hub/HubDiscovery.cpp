@@ -1,5 +1,6 @@
 // Finding, opening and losing devices.
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -10,6 +11,7 @@
 #include "hub/Hub.h"
 #include "models/Models.h"
 #include "support/DeviceLists.h"
+#include "support/Memory.h"
 #include "support/Probe.h"
 
 namespace {
@@ -31,31 +33,39 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
   return std::make_shared<CVoxHidDeviceReader>(settled ? model : MouseType_Wren);
 }
 
-}  // namespace
-
-void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+void ListHidInterfaces(std::vector<std::wstring>& paths) {
   const CNotCutOff whole;
   GUID hid;
   os::HidD_GetHidGuid(&hid);
-  const std::vector<std::wstring> present = PresentInterfaces(hid);
-  paths.insert(paths.end(), present.begin(), present.end());
+  PresentInterfaces(hid, paths);
 }
 
-void CHub::Discover(Detection& detection) {
-  detection.paths.clear();
-  CAudioHidCenter::EnumerateHidInterfaces(detection.paths);
-  OpenHidDevice(detection);
+}  // namespace
+
+void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+  HadMemory([&] {
+    std::vector<std::wstring> present;
+    ListHidInterfaces(present);
+    std::move(present.begin(), present.end(), std::back_inserter(paths));
+  });
 }
 
+// Most paths are foreign, and the same as a second ago.
 void CHub::OpenHidDevice(Detection& detection) {
-  for (const std::wstring& path : detection.paths) {
+  ListHidInterfaces(detection.paths);
+  detection.foreign.resize(detection.paths.size());
+  for (std::size_t i = 0; i < detection.paths.size(); ++i) {
     if (stopDetection || detection.thread.IsAsked()) return;
-    OpenHidInterface(detection, path);
+    const std::wstring& path = detection.paths[i];
+    if (detection.foreign[i] == path) continue;
+    detection.foreign[i].clear();
+    if (!OpenHidInterface(detection, path)) detection.foreign[i] = path;
   }
   if (!detection.thread.IsAsked()) UpdateConnected();
 }
 
-void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
+// False when the path is none of a device of ours.
+bool CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   detection.path = NarrowPath(path);
   HidConnection connection;
   if (CAudioHidCenter::ParseUsbHidPath(detection.path, detection.identity)) {
@@ -63,10 +73,11 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   } else if (CAudioHidCenter::ParseBluetoothHidPath(detection.path, detection.identity)) {
     connection.channel = DataChannel_BluetoothLE;
   } else {
-    return;
+    return false;
   }
   const MouseType model = FindLegalId(detection.identity);
-  if (model == MouseType_Unknown || PathIsKnown(detection.path)) return;
+  if (model == MouseType_Unknown) return false;
+  if (PathIsKnown(detection.path)) return true;
 
   // Silently: many devices have a collection that only the system may open. It is tried again at every pass.
   auto& readFile = detection.readFile;
@@ -84,6 +95,7 @@ void CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   }
   readFile.reset();
   writeFile.reset();
+  return true;
 }
 
 void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& connection) {

@@ -90,7 +90,7 @@ void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
       Detection* nobody = nullptr;
       if (passRunning.compare_exchange_strong(nobody, &detection)) {
         // One for which there is no memory comes to its end at the next.
-        HadMemory([&] { Discover(detection); });
+        HadMemory([&] { OpenHidDevice(detection); });
         detection.readFile.reset();
         detection.writeFile.reset();
         Detection* mine = &detection;

@@ -40,7 +40,9 @@ bool Answers(const std::wstring& path) {
 // What follows the prefix in the path of every older USB device that answers.
 std::vector<std::wstring> OlderDeviceTails() {
   std::vector<std::wstring> tails;
-  for (const std::wstring& path : PresentInterfaces(kUsbDevices, true, kDetailBytes)) {
+  std::vector<std::wstring> paths;
+  PresentInterfaces(kUsbDevices, paths, true, kDetailBytes);
+  for (const std::wstring& path : paths) {
     if (!Answers(path)) continue;
     for (const wchar_t* prefix : kPrefixes) {
       const std::size_t at = path.find(prefix);

@@ -1,7 +1,6 @@
 #include "support/DeviceLists.h"
 
 #include <algorithm>
-#include <memory>
 
 namespace {
 
@@ -22,38 +21,41 @@ class InterfaceList {
     return list_ != INVALID_HANDLE_VALUE &&
            os::SetupDiEnumDeviceInterfaces(list_, nullptr, &class_, index, &entry_) != FALSE;
   }
-  bool Path(std::size_t most, std::wstring& path) {
+  // The selected entry's path, until the next one is asked for; null when it cannot be read.
+  const WCHAR* Path(std::size_t most) {
     DWORD size = 0;
     os::SetupDiGetDeviceInterfaceDetailW(list_, &entry_, nullptr, 0, &size, nullptr);
-    if (size < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W) || size > most) return false;
-    const auto bytes = std::make_unique<std::byte[]>(size);
-    auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(bytes.get());
+    if (size < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W) || size > most) return nullptr;
+    detail_.resize(std::max<std::size_t>(detail_.size(), size));
+    auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(detail_.data());
     detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
-    if (!os::SetupDiGetDeviceInterfaceDetailW(list_, &entry_, detail, size, nullptr, nullptr)) return false;
-    path = static_cast<const WCHAR*>(detail->DevicePath);
-    return true;
+    if (!os::SetupDiGetDeviceInterfaceDetailW(list_, &entry_, detail, size, nullptr, nullptr)) return nullptr;
+    return detail->DevicePath;
   }
 
  private:
   const GUID class_;
   const HDEVINFO list_;
   SP_DEVICE_INTERFACE_DATA entry_{};
+  std::vector<std::byte> detail_;
 };
 
 }  // namespace
 
-std::vector<std::wstring> PresentInterfaces(const GUID& interfaceClass, bool stopAtFailure, std::size_t most) {
-  std::vector<std::wstring> paths;
+void PresentInterfaces(const GUID& interfaceClass, std::vector<std::wstring>& paths, bool stopAtFailure,
+                       std::size_t most) {
   InterfaceList list(interfaceClass);
-  std::wstring path;
+  std::size_t count = 0;
   for (DWORD i = 0; list.Select(i); ++i) {
-    if (list.Path(most, path)) {
-      paths.push_back(path);
-    } else if (stopAtFailure) {
-      break;
+    const WCHAR* path = list.Path(most);
+    if (!path) {
+      if (stopAtFailure) break;
+      continue;
     }
+    if (count == paths.size()) paths.emplace_back();
+    paths[count++] = path;
   }
-  return paths;
+  paths.resize(count);
 }
 
 DeviceSet::DeviceSet(const GUID& setupClass)
@@ -85,8 +87,7 @@ bool DeviceSet::HardwareIds(std::string& ids) {
 }
 
 std::string NarrowPath(const std::wstring& path) {
-  std::string result;
-  result.reserve(path.size());
-  for (const wchar_t c : path) result.push_back(static_cast<char>(c));
+  std::string result(path.size(), 0);
+  std::transform(path.begin(), path.end(), result.begin(), [](wchar_t c) { return static_cast<char>(c); });
   return result;
 }

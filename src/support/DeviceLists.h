@@ -7,11 +7,12 @@
 
 #include "platform/os.h"
 
-// The paths of the present interfaces of a class, in the system's order.
+// Makes `paths` the paths of the present interfaces of a class, in the system's order. Its strings are written over: a
+// list that is asked for again and again is not allocated again.
 // stopAtFailure: an entry that cannot be read ends the list, instead of being left out. most: bytes that an entry's
 // detail may have; a longer one cannot be read.
-std::vector<std::wstring> PresentInterfaces(const GUID& interfaceClass, bool stopAtFailure = false,
-                                            std::size_t most = static_cast<std::size_t>(-1));
+void PresentInterfaces(const GUID& interfaceClass, std::vector<std::wstring>& paths, bool stopAtFailure = false,
+                       std::size_t most = static_cast<std::size_t>(-1));
 
 // The present devices of a setup class; each with its hardware ids, run together without their terminators.
 class DeviceSet {
