@@ -30,6 +30,8 @@ endif()
 if(MINGW)
   # Programs and the library need nothing that Windows does not have: the C++ runtime is linked in.
   add_link_options(-static)
+  # What the loader goes by: Windows 7.
+  add_link_options(LINKER:--major-subsystem-version,6,--minor-subsystem-version,1,--major-os-version,6,--minor-os-version,1)
   if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     # The same arithmetic as everywhere else. Windows calls us with a stack that is aligned to 4 bytes only.
     add_compile_options(-msse2 -mfpmath=sse -mstackrealign)

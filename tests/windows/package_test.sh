@@ -1,8 +1,8 @@
 #!/bin/sh
-# What a user of the package has: package_test.sh SOURCE BUILD TOOLCHAIN WINE. Makes the ZIP, builds the example client
+# What a user of the package has: package_test.sh BUILD TOOLCHAIN WINE. Makes the ZIP, builds the example client
 # against what is in it, and runs the client and voxdesk with a virtual Wren plugged in.
 set -eu
-source=$1 build=$2 toolchain=$3 wine=$4
+build=$1 toolchain=$2 wine=$3
 work=$build/package_test
 rm -rf "$work"
 mkdir -p "$work"
@@ -10,13 +10,24 @@ mkdir -p "$work"
 cpack --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log"
 (cd "$work" && cmake -E tar xf ./*.zip)
 package=$(echo "$work"/VoxDevice-*/)
-for file in bin/VoxDevice.dll lib/libVoxDevice.dll.a include/VoxDevice/VoxDevice.h bin/voxdesk.exe README.md; do
+for file in bin/VoxDevice.dll lib/libVoxDevice.dll.a include/VoxDevice/VoxDevice.h bin/voxdesk.exe README.md \
+  docs/windows.md examples/client/main.cpp THIRD-PARTY.md; do
   [ -f "$package/$file" ] || { echo "missing in the package: $file" >&2; exit 1; }
 done
-cmake -S "$source/examples/client" -B "$work/client" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
-  -DVoxDevice_DIR="$package/lib/cmake/VoxDevice" -DCMAKE_EXE_LINKER_FLAGS=-static >"$work/configure.log"
+cmake -S "$package/examples/client" -B "$work/client" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+  -DCMAKE_PREFIX_PATH="$package" >"$work/configure.log"
 cmake --build "$work/client" >"$work/build.log" || { cat "$work/build.log" >&2; exit 1; }
 cp "$package/bin/VoxDevice.dll" "$work/client"
+# Every link in its documents leads to something that is there.
+(cd "$package" && grep -oE '\]\([^)#:]+' README.md CONTRIBUTING.md docs/*.md | while IFS=: read -r document link; do
+  [ -e "$(dirname "$document")/${link#??}" ] || { echo "dangling in the package: $document ${link#??}" >&2; exit 1; }
+done)
+# Another compiler, here that of this system, gets a sentence.
+if cmake -S "$package/examples/client" -B "$work/other" -DCMAKE_PREFIX_PATH="$package" >"$work/other.log" 2>&1 ||
+  ! grep -q "built by g++ of mingw-w64" "$work/other.log"; then
+  cat "$work/other.log" >&2
+  exit 1
+fi
 
 # expect PATTERN COMMAND...: runs a command that must succeed and have a line of this pattern in its output.
 expect() {
