@@ -92,7 +92,7 @@ class HidOpen final : public Object {
   const DWORD access;
   const DWORD shareMode;
   std::deque<Bytes> reports;
-  std::size_t reportsKept = 32;  // the driver's default; nobody asks for another
+  std::size_t reportsKept = 32;  // the driver's default
   bool gone = false;             // pulled out, dead, or closed while somebody reads
   int reads = 0;                 // in progress: the real system would keep whoever closes the handle waiting for them
 };

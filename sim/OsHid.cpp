@@ -180,6 +180,15 @@ BOOLEAN HidD_FreePreparsedData(PHIDP_PREPARSED_DATA preparsed) {
   return TRUE;
 }
 
+BOOLEAN HidD_SetNumInputBuffers(HANDLE device, ULONG count) {
+  Call call("HidD_SetNumInputBuffers");
+  auto* open = call.object<HidOpen>(device);
+  if (!open || call.fails(ERROR_GEN_FAILURE) || open->gone) return FALSE;
+  if (count < 2 || count > 512) return call.misused("not 2 to 512 reports", ERROR_INVALID_PARAMETER, BOOLEAN{FALSE});
+  open->reportsKept = count;
+  return TRUE;
+}
+
 NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps) {
   constexpr auto kInvalidPreparsedData = static_cast<NTSTATUS>(0xC0110001);
   Call call("HidP_GetCaps");

@@ -326,6 +326,8 @@ const struct {
        HIDD_ATTRIBUTES attributes{};
        return errorAfter(BOOL{os::HidD_GetAttributes(s.open(), &attributes)});
      }},
+    {"HidD_SetNumInputBuffers: not 2 to 512 reports", ERROR_INVALID_PARAMETER,
+     [](Seam& s) { return errorAfter(BOOL{os::HidD_SetNumInputBuffers(s.open(), 1)}); }},
     {"HidD_FreePreparsedData: not preparsed data, or freed before", 0,
      [](Seam& s) {
        PHIDP_PREPARSED_DATA parsed = nullptr;

@@ -89,6 +89,8 @@ void HidD_GetHidGuid(GUID* result);
 BOOLEAN HidD_GetAttributes(HANDLE device, HIDD_ATTRIBUTES* attributes);
 BOOLEAN HidD_GetPreparsedData(HANDLE device, PHIDP_PREPARSED_DATA* preparsed);
 BOOLEAN HidD_FreePreparsedData(PHIDP_PREPARSED_DATA preparsed);
+// How many input reports the class driver keeps for a handle: 2 to 512, 32 unless it is told.
+BOOLEAN HidD_SetNumInputBuffers(HANDLE device, ULONG count);
 NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps);
 
 // ---- Libraries ------------------------------------------------------------------------------------------------------

@@ -129,6 +129,7 @@ BOOLEAN HidD_GetAttributes(HANDLE device, HIDD_ATTRIBUTES* attributes) {
 BOOLEAN HidD_GetPreparsedData(HANDLE device, PHIDP_PREPARSED_DATA* preparsed) {
   return ::HidD_GetPreparsedData(device, preparsed);
 }
+BOOLEAN HidD_SetNumInputBuffers(HANDLE device, ULONG count) { return ::HidD_SetNumInputBuffers(device, count); }
 BOOLEAN HidD_FreePreparsedData(PHIDP_PREPARSED_DATA preparsed) { return ::HidD_FreePreparsedData(preparsed); }
 NTSTATUS HidP_GetCaps(PHIDP_PREPARSED_DATA preparsed, HIDP_CAPS* caps) { return ::HidP_GetCaps(preparsed, caps); }
 
