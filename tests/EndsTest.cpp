@@ -221,8 +221,8 @@ TEST(Ends, EveryStopWaitsForDiscoveryAndNothingIsToldAfterIt) {
 
 TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
   // On the discovery thread, which has a handle of a device in hand; on a heartbeat thread; on a read thread, there
-  // also in a callback.
-  for (const char* message : {"Log 43", "Log 44", "HidConnect", "HidDisconnect", "PowerReport"}) {
+  // also in a callback, and with the result of an update.
+  for (const std::string message : {"Log 43", "Log 44", "HidConnect", "HidDisconnect", "PowerReport", "FwOtaResult"}) {
     for (const DWORD milliseconds : {1500U, 9000U}) {
       SCOPED_TRACE(message);
       Desk desk;
@@ -234,11 +234,13 @@ TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
         finished = true;
       };
       auto tern = desk.make("Tern");
-      if (std::string(message) == "Log 44") tern->faults.refuseOpen = [](int open) { return open % 2 == 1; };
+      if (message == "Log 44") tern->faults.refuseOpen = [](int open) { return open % 2 == 1; };
       desk.machine.plug(tern);
       desk.open();
       if (!desk.machine.waitFor([&] { return told; }, 3s)) {
-        std::string(message) == "PowerReport" ? tern->reportPower(1) : desk.machine.unplug(tern);
+        if (message == "HidDisconnect") desk.machine.unplug(tern);
+        if (message == "PowerReport") tern->reportPower(1);
+        if (message == "FwOtaResult") desk.hub->StartOTA(1, FwUpdate_First, "", "");
       }
       ASSERT_TRUE(desk.machine.waitFor([&] { return told; }, 5s));
       const auto left = std::min<std::int64_t>(milliseconds, kBound);
