@@ -188,6 +188,34 @@ TEST(Ends, EndsThatMeetTakeAMomentAndNoForce) {
   }
 }
 
+TEST(Ends, ADeviceThatAReleaseInACallbackCouldNotAwaitIsAwaitedByAStop) {
+  for (const sim::Time begins : {20ms, 500ms}) {  // before and after that Release
+    Desk desk;
+    desk.open();
+    auto wren = desk.connect("Wren");
+    auto tern = desk.connect("Tern");
+    int calls = 0;
+    bool inside = false;
+    desk.record.during = [&](const std::string& what) {
+      if (what != "PowerReport") return;
+      if (calls++ == 0) {
+        desk.run(100ms);
+        return desk.hub->Release();
+      }
+      inside = true;
+      desk.run(1500ms);
+      inside = false;
+    };
+    wren->reportPower(1);
+    desk.run(10ms);
+    tern->reportPower(1);
+    desk.run(begins);
+    EXPECT_TRUE(inside);
+    desk.hub->CloseDevice();
+    EXPECT_FALSE(inside);
+  }
+}
+
 TEST(Ends, EveryStopWaitsForDiscoveryAndNothingIsToldAfterIt) {
   for (const Ending ending : kEndings) {
     for (const bool stuck : {false, true}) {
