@@ -262,7 +262,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
   void Log(std::wstring text, int type);
-  void StartOtaWaiter() REQUIRES(otaLock_);
+  void StartOtaWaiter() noexcept REQUIRES(otaLock_);
   void OtaWaitLoop(const CWorker& thread) noexcept;
   void OnOtaTimeOut(OtaStep step) noexcept;
   void OnOtaWritten(OtaStep step) noexcept;

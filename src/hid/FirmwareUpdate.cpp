@@ -84,24 +84,29 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
     otaDevice = device;
     otaContext = context.get();
     otaCallback = callback;
-    // By no thread that tells a result: that may be ended with its receiver.
+    // Kept here, by no thread that tells a result: that may be ended with its receiver.
     if (std::find(otaContexts_.begin(), otaContexts_.end(), context) == otaContexts_.end()) {
       otaContexts_.splice(otaContexts_.end(), kept);
     }
     // One wait thread at a time: that of the update before stays, unless it is about to leave.
-    if (!otaWaits_) HadMemory([&] { StartOtaWaiter(); });
+    if (!otaWaits_) StartOtaWaiter();
     // It is over at once when nobody would see a time-out; and before a device gets an image that is not whole.
     if (!otaWaits_ || !loaded) otaPlan = 0;
   }
   OtaNextImage(step);
 }
 
-void CDeviceReader::StartOtaWaiter() {
-  const auto waiter = std::make_shared<CWorker>(otaStopEvent);
-  CWorker::Body body = [self = shared_from_this(), its = waiter.get()] {
-    self->OtaWaitLoop(*its);
-    return 0U;
-  };
+void CDeviceReader::StartOtaWaiter() noexcept {
+  std::shared_ptr<CWorker> waiter;
+  CWorker::Body body;
+  const bool had = HadMemory([&] {
+    waiter = std::make_shared<CWorker>(otaStopEvent);
+    body = [self = shared_from_this(), its = waiter.get()] {
+      self->OtaWaitLoop(*its);
+      return 0U;
+    };
+  });
+  if (!had) return;
   otaWaiter_ = waiter;
   otaWaits_ = waiter->Start(std::move(body));
 }

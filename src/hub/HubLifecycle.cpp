@@ -64,21 +64,24 @@ void CHub::CopyFrom(CHub& other) {
 
 void CHub::OpenDevice(void* callback, void* context) {
   audioCallback.Set(reinterpret_cast<CAudioHidCenter::AudioCallback>(callback), context);
-  const CAutoLock lock(tableLock);
-  if (closed_) return;
-  stopDetection = false;
-  // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
-  HadMemory([&] {
-    const auto detection = std::make_shared<Detection>();
-    CWorker::Body body = [self = shared_from_this(), detection] {
+  std::shared_ptr<Detection> detection;
+  CWorker::Body body;
+  const bool had = HadMemory([&] {
+    detection = std::make_shared<Detection>();
+    body = [self = shared_from_this(), detection] {
       self->OnThreadDeviceDetectionProc(*detection);
       return 0U;
     };
-    ForgetEndedDetections();
-    detection->before = std::exchange(detections, detection);
-    detectionThread = detection;
-    detection->thread.Start(std::move(body));
   });
+  const CAutoLock lock(tableLock);
+  if (closed_) return;
+  stopDetection = false;
+  if (!had) return;
+  // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
+  ForgetEndedDetections();
+  detection->before = std::exchange(detections, detection);
+  detectionThread = detection;
+  detection->thread.Start(std::move(body));
 }
 
 void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
