@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "VoxDevice/VoxDevice.h"
@@ -21,9 +22,9 @@ using namespace std::chrono_literals;
 class Record : public VoxMessageSink {
  public:
   void add(const std::string& line);
-  // The same, and what the client does inside it.
-  void hear(const char* what, const std::string& line) {
-    add(line);
+  // The same, and what the client does inside it. It may be ended there, and leaves nothing.
+  void hear(const char* what, std::string line) {
+    add(std::exchange(line, {}));
     tell(what);
   }
   std::vector<std::string> lines();

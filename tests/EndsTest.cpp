@@ -188,6 +188,34 @@ TEST(Ends, EndsThatMeetTakeAMomentAndNoForce) {
   }
 }
 
+TEST(Ends, ADeviceThatAReleaseInACallbackCouldNotAwaitIsAwaitedByAStop) {
+  for (const sim::Time begins : {20ms, 500ms}) {  // before and after that Release
+    Desk desk;
+    desk.open();
+    auto wren = desk.connect("Wren");
+    auto tern = desk.connect("Tern");
+    int calls = 0;
+    bool inside = false;
+    desk.record.during = [&](const std::string& what) {
+      if (what != "PowerReport") return;
+      if (calls++ == 0) {
+        desk.run(100ms);
+        return desk.hub->Release();
+      }
+      inside = true;
+      desk.run(1500ms);
+      inside = false;
+    };
+    wren->reportPower(1);
+    desk.run(10ms);
+    tern->reportPower(1);
+    desk.run(begins);
+    EXPECT_TRUE(inside);
+    desk.hub->CloseDevice();
+    EXPECT_FALSE(inside);
+  }
+}
+
 TEST(Ends, EveryStopWaitsForDiscoveryAndNothingIsToldAfterIt) {
   for (const Ending ending : kEndings) {
     for (const bool stuck : {false, true}) {
@@ -221,8 +249,8 @@ TEST(Ends, EveryStopWaitsForDiscoveryAndNothingIsToldAfterIt) {
 
 TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
   // On the discovery thread, which has a handle of a device in hand; on a heartbeat thread; on a read thread, there
-  // also in a callback.
-  for (const char* message : {"Log 43", "Log 44", "HidConnect", "HidDisconnect", "PowerReport"}) {
+  // also in a callback, and with the result of an update.
+  for (const std::string message : {"Log 43", "Log 44", "HidConnect", "HidDisconnect", "PowerReport", "FwOtaResult"}) {
     for (const DWORD milliseconds : {1500U, 9000U}) {
       SCOPED_TRACE(message);
       Desk desk;
@@ -234,11 +262,13 @@ TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
         finished = true;
       };
       auto tern = desk.make("Tern");
-      if (std::string(message) == "Log 44") tern->faults.refuseOpen = [](int open) { return open % 2 == 1; };
+      if (message == "Log 44") tern->faults.refuseOpen = [](int open) { return open % 2 == 1; };
       desk.machine.plug(tern);
       desk.open();
       if (!desk.machine.waitFor([&] { return told; }, 3s)) {
-        std::string(message) == "PowerReport" ? tern->reportPower(1) : desk.machine.unplug(tern);
+        if (message == "HidDisconnect") desk.machine.unplug(tern);
+        if (message == "PowerReport") tern->reportPower(1);
+        if (message == "FwOtaResult") desk.hub->StartOTA(1, FwUpdate_First, "", "");
       }
       ASSERT_TRUE(desk.machine.waitFor([&] { return told; }, 5s));
       const auto left = std::min<std::int64_t>(milliseconds, kBound);

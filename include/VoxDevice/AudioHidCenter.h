@@ -83,8 +83,7 @@ class VOXDEVICE_API CAudioHidCenter {
   // Starts discovery; devices appear about a second later. audioCallback: an AudioCallback, or null. After CloseDevice
   // it finds new devices; one that was open is found again only after Release, or when a device of its model has taken
   // its row. A device that cannot be opened or served, since the system has failed at it, is tried again a second
-  // later. Where there is no thread or memory left for discovery, nothing is found, silently: call it
-  // again.
+  // later. Where there is no thread or memory left for discovery, nothing is found, silently: call it again.
   void OpenDevice(void* audioCallback, void* audioContext);
   // Stops discovery, and every thread of every device: no device is live any more, and what waits for an answer
   // returns. When it returns, neither callbacks nor messages run, unless it was called from one; but what an operation

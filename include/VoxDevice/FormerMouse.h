@@ -14,10 +14,9 @@
 //
 // Where the system has no thread left, whatever a start would have run does not run, silently, and can be started
 // again; but for the poller of the USB mouse, whose keys the object then never sees. A list of devices that the system
-// cannot give counts as empty. It is the same where there is
-// no memory left: whatever ends something needs none, the threads leave out a look that they have none for, and only
-// constructors and copies throw std::bad_alloc. A device that cannot be opened, or whose read fails, is tried
-// again: at the next start, or the next rescan.
+// cannot give counts as empty. It is the same where there is no memory left: whatever ends something needs none, the
+// threads leave out a look that they have none for, and only constructors and copies throw std::bad_alloc. A device
+// that cannot be opened, or whose read fails, is tried again: at the next start, or the next rescan.
 #pragma once
 
 #include <memory>

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -144,8 +145,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // Loads the files, and starts the first image. Results go to `callback`: on the read thread for answers, on the wait
   // thread for time-outs, on this thread when there is nothing to send. While another update runs, this one takes its
   // place: its images, its plan and its results from then on. Nothing happens when the device has gone. device: the
-  // number that results name, even when it goes meanwhile. context: kept until another update takes the place of this
-  // one.
+  // number that results name, even when it goes meanwhile. context: kept until the reader goes.
   void StartOta(int device, int type, const std::string& firstPath, const std::string& secondPath, OtaCallback callback,
                 const std::shared_ptr<void>& context) noexcept;
   // False, with nothing changed, when there is no such file, or it is empty or longer than an int can say. Otherwise
@@ -230,7 +230,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // The device that the update is for. Results name it even when it has gone and the reader has no number any more.
   Shared<int> otaDevice{-1};
   Shared<OtaCallback> otaCallback{nullptr};
-  std::shared_ptr<void> otaContext;  // under otaLock
+  Shared<void*> otaContext{nullptr};
 
  private:
   struct LogEntry;
@@ -262,7 +262,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   template <std::size_t Size>
   void LogDevice(int number, const wchar_t* what, int type) noexcept;
   void Log(std::wstring text, int type);
-  void StartOtaWaiter() REQUIRES(otaLock_);
+  void StartOtaWaiter() noexcept REQUIRES(otaLock_);
   void OtaWaitLoop(const CWorker& thread) noexcept;
   void OnOtaTimeOut(OtaStep step) noexcept;
   void OnOtaWritten(OtaStep step) noexcept;
@@ -294,6 +294,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool otaWaits_ GUARDED_BY(otaLock_) = false;     // the wait thread is there and will look at the fields again
   bool otaAwaits_ GUARDED_BY(otaLock_) = false;    // a request of this step is out
   CDeadline otaAnswerBy_ GUARDED_BY(otaLock_){0};  // when its time-out comes
+  std::list<std::shared_ptr<void>> otaContexts_ GUARDED_BY(otaLock_);  // of all updates so far
   // The wait thread; ends by itself when no update runs any more.
   std::shared_ptr<CWorker> otaWaiter_ GUARDED_BY(otaLock_);
   // Every line this reader has logged: receivers may keep the text until the reader goes. Pushed from several threads.

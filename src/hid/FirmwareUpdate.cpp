@@ -4,6 +4,7 @@
 #include <array>
 #include <climits>
 #include <cstdio>
+#include <list>
 #include <utility>
 
 #include "VoxDevice/VoxCommon.h"
@@ -60,12 +61,13 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
   OtaImage first, second;
   int firstSize = -1;
   int secondSize = -1;
+  std::list<std::shared_ptr<void>> kept;
   const bool loaded = HadMemory([&] {
+    kept.push_back(context);
     if (type == FwUpdate_First || type == FwUpdate_Both) LoadImageFile(firstPath, first, firstSize);
     if (type == FwUpdate_Second || type == FwUpdate_Both) LoadImageFile(secondPath, second, secondSize);
   });
   OtaStep step = 0;
-  std::shared_ptr<void> before = context;  // let go of without the lock
   {
     const CAutoLock lock(otaLock_);
     if (hasStopped_ || deviceNumber == -1) return Probe<"update: a start on a device that has gone">();
@@ -80,22 +82,31 @@ void CDeviceReader::StartOta(int device, int type, const std::string& firstPath,
     if (firstSize >= 0) image1Size = firstSize;
     if (secondSize >= 0) image2Size = secondSize;
     otaDevice = device;
-    otaContext.swap(before);
+    otaContext = context.get();
     otaCallback = callback;
+    // Kept here, by no thread that tells a result: that may be ended with its receiver.
+    if (std::find(otaContexts_.begin(), otaContexts_.end(), context) == otaContexts_.end()) {
+      otaContexts_.splice(otaContexts_.end(), kept);
+    }
     // One wait thread at a time: that of the update before stays, unless it is about to leave.
-    if (!otaWaits_) HadMemory([&] { StartOtaWaiter(); });
+    if (!otaWaits_) StartOtaWaiter();
     // It is over at once when nobody would see a time-out; and before a device gets an image that is not whole.
     if (!otaWaits_ || !loaded) otaPlan = 0;
   }
   OtaNextImage(step);
 }
 
-void CDeviceReader::StartOtaWaiter() {
-  const auto waiter = std::make_shared<CWorker>(otaStopEvent);
-  CWorker::Body body = [self = shared_from_this(), its = waiter.get()] {
-    self->OtaWaitLoop(*its);
-    return 0U;
-  };
+void CDeviceReader::StartOtaWaiter() noexcept {
+  std::shared_ptr<CWorker> waiter;
+  CWorker::Body body;
+  const bool had = HadMemory([&] {
+    waiter = std::make_shared<CWorker>(otaStopEvent);
+    body = [self = shared_from_this(), its = waiter.get()] {
+      self->OtaWaitLoop(*its);
+      return 0U;
+    };
+  });
+  if (!had) return;
   otaWaiter_ = waiter;
   otaWaits_ = waiter->Start(std::move(body));
 }
@@ -182,7 +193,7 @@ void CDeviceReader::ReportOta(OtaStep step, int state) noexcept {
   OtaCallback callback = nullptr;
   int device = -1;
   DataChannel target = DataChannel_Unknown;
-  std::shared_ptr<void> context;
+  void* context = nullptr;
   {
     const CAutoLock lock(otaLock_);
     if (!IsOfThisUpdate(step)) return Probe<"update: a result of a replaced update is dropped">();
@@ -191,7 +202,7 @@ void CDeviceReader::ReportOta(OtaStep step, int state) noexcept {
     target = otaTarget;
     context = otaContext;
   }
-  if (callback) callback(device, target, static_cast<FwUpdateState>(state), context.get());
+  if (callback) callback(device, target, static_cast<FwUpdateState>(state), context);
 }
 
 void CDeviceReader::ReportOtaProgress(OtaStep step, int done, int total) noexcept {

@@ -117,6 +117,8 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void Stop(CDeadline deadline);
   template <class Call>
   void ForEachToEnd(Call call);
+  template <class Call>
+  void ForEachLeaving(Call call);
   bool Ends(const HidDeviceEntry& row) const;
   std::shared_ptr<Detection> AskDetections();
   void EndDetections(CDeadline deadline);

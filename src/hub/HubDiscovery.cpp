@@ -46,6 +46,7 @@ void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
   HadMemory([&] {
     std::vector<std::wstring> present;
     ListHidInterfaces(present);
+    paths.reserve(paths.size() + present.size());  // all, or none
     std::move(present.begin(), present.end(), std::back_inserter(paths));
   });
 }

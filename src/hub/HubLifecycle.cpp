@@ -33,7 +33,7 @@ void CHub::CopyFrom(CHub& other) {
   }
   {
     const CAutoLock lock(tableLock);
-    leaving_.reserve(leaving_.size() + devices.size());
+    leaving_.reserve(leaving_.size() + devices.size() + rows.size());
     devices.swap(rows);
     for (const HidDeviceEntry& row : rows) {
       const bool stays = std::any_of(devices.begin(), devices.end(),
@@ -64,21 +64,24 @@ void CHub::CopyFrom(CHub& other) {
 
 void CHub::OpenDevice(void* callback, void* context) {
   audioCallback.Set(reinterpret_cast<CAudioHidCenter::AudioCallback>(callback), context);
-  const CAutoLock lock(tableLock);
-  if (closed_) return;
-  stopDetection = false;
-  // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
-  HadMemory([&] {
-    const auto detection = std::make_shared<Detection>();
-    CWorker::Body body = [self = shared_from_this(), detection] {
+  std::shared_ptr<Detection> detection;
+  CWorker::Body body;
+  const bool had = HadMemory([&] {
+    detection = std::make_shared<Detection>();
+    body = [self = shared_from_this(), detection] {
       self->OnThreadDeviceDetectionProc(*detection);
       return 0U;
     };
-    ForgetEndedDetections();
-    detection->before = std::exchange(detections, detection);
-    detectionThread = detection;
-    detection->thread.Start(std::move(body));
   });
+  const CAutoLock lock(tableLock);
+  if (closed_) return;
+  stopDetection = false;
+  if (!had) return;
+  // Deliberately no guard against a second call: it starts a second discovery thread. The two take turns.
+  ForgetEndedDetections();
+  detection->before = std::exchange(detections, detection);
+  detectionThread = detection;
+  detection->thread.Start(std::move(body));
 }
 
 void CHub::OnThreadDeviceDetectionProc(Detection& detection) {
@@ -108,20 +111,30 @@ bool CHub::Ends(const HidDeviceEntry& row) const {
   return row.reader && (!closed_ || row.reader->callbackContext == this);
 }
 
-// Needs no memory. A device that leaves the table meanwhile is met further on.
+// Needs no memory. A device that leaves the table meanwhile, all of them with a Release too, is met among those that
+// leave.
 template <class Call>
 void CHub::ForEachToEnd(Call call) {
   for (std::size_t i = 0;; ++i) {
     std::shared_ptr<CDeviceReader> reader;
     {
       const CAutoLock lock(tableLock);
-      const std::size_t rows = devices.size();
-      if (i >= rows + leaving_.size()) return;
-      if (i >= rows) {
-        reader = leaving_[i - rows].lock();
-      } else if (Ends(devices[i])) {
-        reader = devices[i].reader;
-      }
+      if (i >= devices.size()) break;
+      if (Ends(devices[i])) reader = devices[i].reader;
+    }
+    if (reader) call(*reader);
+  }
+  ForEachLeaving(call);
+}
+
+template <class Call>
+void CHub::ForEachLeaving(Call call) {
+  for (std::size_t i = 0;; ++i) {
+    std::shared_ptr<CDeviceReader> reader;
+    {
+      const CAutoLock lock(tableLock);
+      if (i >= leaving_.size()) return;
+      reader = leaving_[i].lock();
     }
     if (reader) call(*reader);
   }
@@ -175,23 +188,17 @@ void CHub::ReleaseBy(CDeadline deadline) {
   if (!closed_) SendAppExit(deadline);
   Stop(deadline);
   std::vector<HidDeviceEntry> rows;  // let go of without the lock
-  std::vector<std::weak_ptr<CDeviceReader>> leaving;
   {
     const CAutoLock lock(tableLock);
     rows.swap(devices);
-    leaving.swap(leaving_);
-  }
-  const auto forEach = [&](auto call) {
+    // Whoever else stops, now or later, waits for those whose threads are not gone.
     for (const HidDeviceEntry& row : rows) {
-      if (Ends(row)) call(*row.reader);
+      if (Ends(row)) Leave(row.reader);
     }
-    for (const auto& left : leaving) {
-      if (const auto reader = left.lock()) call(*reader);
-    }
-  };
+  }
   // Again, for devices that have come since, by an OpenDevice on another thread.
-  forEach([&](CDeviceReader& reader) { reader.End(deadline); });
-  forEach([](CDeviceReader& reader) { reader.ShutDown(); });
+  ForEachLeaving([&](CDeviceReader& reader) { reader.End(deadline); });
+  ForEachLeaving([](CDeviceReader& reader) { reader.ShutDown(); });
   if (anyDeviceConnected) ForgetDevices();
   UnloadAscDecoder();
 }

@@ -26,15 +26,16 @@ class CTasks {
       return false;
     }
     ForgetEnded();
+    std::shared_ptr<Task> task;
     bool started = false;
     HadMemory([&] {
-      const auto task = std::make_shared<Task>(stop);
+      task = std::make_shared<Task>(stop);
       started = task->worker.StopEvent() && task->worker.Start([task, body = std::move(body)] {
         body(task->worker);
         return 0U;
       });
-      if (started) task->before = std::exchange(tasks_, task);
     });
+    if (started) task->before = std::exchange(tasks_, task);
     return started;
   }
 
