@@ -32,8 +32,8 @@ struct HidPathIdentity {
 //
 // Memory: whatever ends or closes something needs none, nor do commands, keys and registrations. Where there is none
 // OpenDevice starts nothing, GetValidHidList gives nothing, and a constructor, a copy or what gives a text throws
-// std::bad_alloc. What the hub's own threads have none for is left out: a pass of discovery, until the next, a report, a
-// line of the log.
+// std::bad_alloc. What the hub's own threads have none for is left out: a pass of discovery, until the next, a report,
+// a line of the log.
 //
 // Time: CloseDevice, Release and the destructor return within two seconds, whatever devices and drivers do; in a
 // callback or message within 0.1 s. Whatever sends to devices waits for them to take it one second at most, for all
