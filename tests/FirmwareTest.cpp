@@ -283,6 +283,19 @@ TEST(Firmware, FilesThatCannotBeReadLeaveTheirImageEmpty) {
   }
 }
 
+TEST(Firmware, WithoutAThreadThatSeesTimeOutsNoneIsBegun) {
+  UpdateDesk desk("Wren");
+  desk.device->update(Updated::mouse, {.size = 10});
+  desk.machine.faults().fail("_beginthreadex", 1);
+  desk.start(FwUpdate_First, desk.files.with(pattern(10)));
+  EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"0 11"}));
+  EXPECT_EQ(desk.device->firmware(Updated::mouse).image(), std::vector<std::uint8_t>{});
+  desk.machine.faults().repair();
+  desk.start(FwUpdate_First, desk.files.with(pattern(10)));
+  desk.finish();
+  EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"0 11", "2 8", "0 11"}));
+}
+
 TEST(Firmware, RequestsThatLeadOutOfTheImageGetNothing) {
   for (const std::int64_t offset :
        {std::int64_t{-1}, std::int64_t{-0x80000000LL}, std::int64_t{0x7FFFFFFF}, std::int64_t{51}}) {
