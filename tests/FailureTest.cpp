@@ -272,11 +272,8 @@ class Failures : public ::testing::TestWithParam<std::tuple<Scenario, Fails>> {}
 std::string runWith(const Scenario& scenario, Fails fails, std::uint64_t n) {
   Desk desk({.seed = fails == Fails::callShuffled ? n : 0});
   desk.close();  // each run makes what it works with
-  if (fails == Fails::allocation) {
-    sim::failAllocation(n);
-  } else {
-    desk.machine.failCall(n);
-  }
+  sim::failAllocation(fails == Fails::allocation ? n : 0);
+  if (fails != Fails::allocation) desk.machine.failCall(n);
   Outcome outcome = scenario.run(desk);
   std::string failed = desk.machine.failedCall();
   if (sim::allocations() >= n && fails == Fails::allocation) failed = "operator new";

@@ -34,7 +34,6 @@ std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
 }
 
 void ListHidInterfaces(std::vector<std::wstring>& paths) {
-  const CNotCutOff whole;
   GUID hid;
   os::HidD_GetHidGuid(&hid);
   PresentInterfaces(hid, paths);
@@ -43,6 +42,7 @@ void ListHidInterfaces(std::vector<std::wstring>& paths) {
 }  // namespace
 
 void CAudioHidCenter::EnumerateHidInterfaces(std::vector<std::wstring>& paths) {
+  const CNotCutOff whole;
   HadMemory([&] {
     std::vector<std::wstring> present;
     ListHidInterfaces(present);

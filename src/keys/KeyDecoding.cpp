@@ -41,8 +41,7 @@ void CHub::Act(KeyAction action, int device) {
   }
 }
 
-// ---- The buttons. At most one is down at a time, across all devices; only the device that pressed it releases it.
-// ----
+// ---- The buttons. At most one is down, across all devices; only the device that pressed it releases it. ----
 
 bool CHub::AllKeyUp() const {
   return ButtonState_Left == ButtonUp && ButtonState_Right == ButtonUp && ButtonState_Key1 == ButtonUp &&
