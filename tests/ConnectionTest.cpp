@@ -329,4 +329,36 @@ TEST(Discovery, PathsAreParsedByTheirForm) {
   }
 }
 
+TEST(Connection, ADeviceThatGoesIsToldAfterWhatIsBeingToldOfIt) {
+  Desk desk;
+  auto wren = desk.make("Wren");
+  bool inside = false;
+  desk.record.during = [&](const std::string& message) {
+    if (message == "HidConnect") {
+      inside = true;
+      desk.machine.unplug(wren);
+      desk.run(300ms);
+      inside = false;
+    }
+    if (message == "HidDisconnect") {
+      EXPECT_FALSE(inside);
+    }
+  };
+  desk.machine.plug(wren);
+  desk.open();
+  desk.run(5s);
+  EXPECT_EQ(desk.record.lines("Hid"), (std::vector<std::string>{"HidConnect 1", "HidDisconnect 1"}));
+}
+
+TEST(Connection, ADeviceThatHasGoneIsClosedThoughACopyHasIt) {
+  Desk desk;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  const CAudioHidCenter copy(*desk.hub);
+  const auto handles = desk.machine.balance().handles;
+  desk.machine.unplug(wren);
+  desk.run(100ms);
+  EXPECT_EQ(handles - desk.machine.balance().handles, 2U);
+}
+
 }  // namespace

@@ -140,6 +140,22 @@ TEST(Speaker, ALongPacketIsDeliveredInPieces) {
   EXPECT_EQ(desk.heard, desk.sound().speaker.plays);
 }
 
+TEST(Speaker, NothingOfALongPacketFollowsAStopInItsMidst) {
+  SpeakerDesk desk(16000, 1);
+  desk.sound().speaker.packetFrames = 20'000;  // 40000 bytes
+  desk.sound().speaker.plays = tone(16000, 1, 2);
+  const auto onData = [](const char* data, int byteCount, void* context) {
+    auto& its = *static_cast<SpeakerDesk*>(context);
+    Deliveries::onData(data, byteCount, static_cast<Deliveries*>(&its));
+    if (data) its.recorder->StopRecord();
+  };
+  desk.recorder->Init(reinterpret_cast<void*>(+onData), &desk);
+  ASSERT_EQ(desk.start(), 1);
+  desk.run(3s);
+  EXPECT_EQ(desk.sizes, (std::vector{8192, 0}));
+  desk.leftOpen.sound.comReferences = 1;
+}
+
 TEST(Speaker, FormatsAreCheckedAndOnlyFloatOnesAccepted) {
   const struct {
     int rate, channels;
