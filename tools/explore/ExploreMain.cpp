@@ -273,8 +273,9 @@ class Explorer {
       std::this_thread::sleep_for(5ms);
       std::size_t ended = 0;
       for (std::size_t i = 0; i < children.size() && failure.empty(); ++i) {
-        const Clock::duration since(Clock::now().time_since_epoch().count() - works_[i]->began);
-        if (works_[i]->began != 0 && since > kLongestRun) children[i]->kill();
+        const std::int64_t began = works_[i]->began;  // read once: between two runs it is zero
+        const Clock::duration since(Clock::now().time_since_epoch().count() - began);
+        if (began != 0 && since > kLongestRun) children[i]->kill();
         if (!children[i]->wait(WNOHANG)) continue;
         ++ended;
         failure = children[i]->failure();
