@@ -211,6 +211,8 @@ class VOXDEVICE_API CAudioHidCenter {
   static void FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub);
 
  private:
+  friend struct CHubAccess;  // the flat interface's way to what happens to the buttons
+
   const std::shared_ptr<CHub> m_pHub;  // what the hub's threads and operations work on; goes with the last of them
 
   static Atomic<CAudioHidCenter*> s_pHidDeviceCenter;

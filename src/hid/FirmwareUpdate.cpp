@@ -11,6 +11,7 @@
 #include "hid/DeviceReader.h"
 #include "support/Memory.h"
 #include "support/Probe.h"
+#include "support/Text.h"
 
 namespace {
 
@@ -46,6 +47,14 @@ void PrintNoAnswer(int stage) {
       break;
   }
   std::fflush(stdout);
+}
+
+// path: UTF-8; where there is no such file on Windows, as well in the process's code page.
+std::FILE* OpenToRead(const std::string& path) {
+#ifdef _WIN32
+  if (std::FILE* file = _wfopen(Wide(path).c_str(), L"rb")) return file;
+#endif
+  return std::fopen(path.c_str(), "rb");
 }
 
 struct CloseFile {
@@ -113,7 +122,7 @@ void CDeviceReader::StartOtaWaiter() noexcept {
 
 bool CDeviceReader::LoadImageFile(const std::string& path, OtaImage& image, int& size) {
   if (path.empty()) return false;
-  const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
+  const std::unique_ptr<std::FILE, CloseFile> file(OpenToRead(path));
   if (!file || std::fseek(file.get(), 0, SEEK_END) != 0) return false;
   const long length = std::ftell(file.get());
   if (length <= 0 || length > INT_MAX || std::fseek(file.get(), 0, SEEK_SET) != 0) return false;

@@ -34,8 +34,14 @@ struct HidDeviceEntry {
   CReaderMemory memory;                   // of the device that has gone
 };
 
+// What happens to a button, in the numbers of the flat interface.
+enum class ButtonEvent : int { up, down, shortPress, doubleClick, doubleClickNoNet };
+enum class Button : int { left, right, key1, key2 };
+
 // What the client has registered.
 struct CHubCallbacks {
+  // device: that has pressed the button. On its read thread, like most.
+  using ButtonCallback = void (*)(int device, Button button, ButtonEvent what, void* context);
   CallbackSlot<CAudioHidCenter::AudioCallback> audioCallback;
   CallbackSlot<CAudioHidCenter::MouseConnectCallback> mouseConnectCallback;
   CallbackSlot<CAudioHidCenter::VoiceOperateCallback> voiceOperateCallback;
@@ -45,6 +51,7 @@ struct CHubCallbacks {
   CallbackSlot<CAudioHidCenter::PowerReportCallback> powerReportCallback;
   CallbackSlot<CAudioHidCenter::DownloadUrlCallback> downloadUrlCallback;
   CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn> fwOtaResultCallback;
+  CallbackSlot<ButtonCallback> buttonCallback;
 };
 
 // The hub's threads, its readers and every operation that runs hold a reference, so that nothing they use can go before
@@ -94,6 +101,9 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   bool LeftKeyDown_Up();
   bool Tern_IsShortPress_R();
 
+  // Null when no live device has this number.
+  std::shared_ptr<CDeviceReader> FindLive(int device);
+
   // What the readers hold.
   static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply, void* hub);
   static void HidDeviceDisconnect(int device, void* hub);
@@ -133,7 +143,6 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void Leave(const std::shared_ptr<CDeviceReader>& reader) REQUIRES(tableLock);
   template <class Call>
   void ForEachAddressed(int device, Call call);
-  std::shared_ptr<CDeviceReader> FindLive(int device);
   int GetEffectiveDevice(MouseType model);
   bool CheckDeviceConnect();
 
@@ -177,6 +186,9 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   void Act(KeyAction action, int device);
   bool AllKeyUp() const;
   void InitButtonState();
+  // Tells of it when it changes.
+  void SetButton(Button button, VoxButtonState state);
+  void TellDoubleClick(int device);
   void LeftPress(int device);
   void LeftRelease(int device);
   void RightPress(int device);

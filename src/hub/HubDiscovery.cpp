@@ -185,12 +185,12 @@ void CHub::OnHidDeviceDisconnect(int device) {
   }
 
   if (ButtonHid_Left == device && ButtonState_Left == ButtonDown) {
-    ButtonState_Left = ButtonUp;
+    SetButton(Button::left, ButtonUp);
     DoubleClick.Clear();
   }
-  if (ButtonHid_Right == device) ButtonState_Right = ButtonUp;
-  if (ButtonHid_Key1 == device) ButtonState_Key1 = ButtonUp;
-  if (ButtonHid_Key2 == device) ButtonState_Key2 = ButtonUp;
+  if (ButtonHid_Right == device) SetButton(Button::right, ButtonUp);
+  if (ButtonHid_Key1 == device) SetButton(Button::key1, ButtonUp);
+  if (ButtonHid_Key2 == device) SetButton(Button::key2, ButtonUp);
 
   if (!CheckDeviceConnect()) ForgetDevices();
 }

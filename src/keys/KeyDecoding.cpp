@@ -48,14 +48,37 @@ bool CHub::AllKeyUp() const {
          ButtonState_Key2 == ButtonUp;
 }
 
+void CHub::SetButton(Button button, VoxButtonState state) {
+  const auto set = [&](Shared<VoxButtonState>& field, int device) {
+    if (field.exchange(state) == state) return;
+    buttonCallback(device, button, state == ButtonDown ? ButtonEvent::down : ButtonEvent::up);
+  };
+  switch (button) {
+    case Button::left:
+      return set(ButtonState_Left, ButtonHid_Left);
+    case Button::right:
+      return set(ButtonState_Right, ButtonHid_Right);
+    case Button::key1:
+      return set(ButtonState_Key1, ButtonHid_Key1);
+    case Button::key2:
+      return set(ButtonState_Key2, ButtonHid_Key2);
+  }
+}
+
+void CHub::TellDoubleClick(int device) {
+  const VoxClickMode mode = DoubleClick.GetClickMode();
+  if (mode == ClickNone) return;
+  buttonCallback(device, Button::left, mode == ClickDouble ? ButtonEvent::doubleClick : ButtonEvent::doubleClickNoNet);
+}
+
 void CHub::InitButtonState() {
   DoubleClick.Clear();
-  ButtonState_Left = ButtonUp;
+  SetButton(Button::left, ButtonUp);
   LastState_Left = ButtonUp;
-  ButtonState_Right = ButtonUp;
+  SetButton(Button::right, ButtonUp);
   ShortPress_R = false;
-  ButtonState_Key1 = ButtonUp;
-  ButtonState_Key2 = ButtonUp;
+  SetButton(Button::key1, ButtonUp);
+  SetButton(Button::key2, ButtonUp);
   ButtonHid_Left = -1;
   ButtonHid_Right = -1;
   ButtonHid_Key1 = -1;
@@ -65,35 +88,37 @@ void CHub::InitButtonState() {
 void CHub::LeftPress(int device) {
   if (!AllKeyUp()) return;
   ButtonHid_Left = device;
-  ButtonState_Left = ButtonDown;
+  SetButton(Button::left, ButtonDown);
   DoubleClick.SetKeyState(ButtonDown);
 }
 
 void CHub::LeftRelease(int device) {
   if (ButtonHid_Left != device) return;
-  ButtonState_Left = ButtonUp;
+  SetButton(Button::left, ButtonUp);
+  const bool before = DoubleClick.GetClickMode() != ClickNone;
   DoubleClick.SetKeyState(ButtonUp);
+  if (!before) TellDoubleClick(device);
 }
 
 void CHub::RightPress(int device) {
   if (!AllKeyUp()) return;
   ButtonHid_Right = device;
-  ButtonState_Right = ButtonDown;
+  SetButton(Button::right, ButtonDown);
 }
 
 void CHub::RightRelease(int device) {
-  if (ButtonHid_Right == device) ButtonState_Right = ButtonUp;
+  if (ButtonHid_Right == device) SetButton(Button::right, ButtonUp);
 }
 
 void CHub::Key1Release(int device) {
-  if (ButtonHid_Key1 == device) ButtonState_Key1 = ButtonUp;
+  if (ButtonHid_Key1 == device) SetButton(Button::key1, ButtonUp);
 }
 
 void CHub::SwiftKey1Press(int device) {
   if (!AllKeyUp()) return;
   if (GetMKeyType_Key1(device, 1) == MouseMKeyType_HeldButton) {
     ButtonHid_Key1 = device;
-    ButtonState_Key1 = ButtonDown;
+    SetButton(Button::key1, ButtonDown);
   } else if (GetMKeyType_Key1(device, 1) == MouseMKeyType_Screenshot) {
     VoxMessage::MainMenu(Screenshot);
   }
@@ -107,15 +132,17 @@ void CHub::TernDoubleClick(int device) {
   } else if (ButtonState_Left != ButtonDown || ButtonHid_Left != device) {
     return;
   }
-  ButtonState_Left = ButtonUp;
+  SetButton(Button::left, ButtonUp);
   DoubleClick.SetDoubleClick();
+  TellDoubleClick(device);
 }
 
 void CHub::TernShortPressRight(int device) {
   if (!AllKeyUp() && (ButtonState_Right != ButtonDown || ButtonHid_Right != device)) return;
   ButtonHid_Right = device;
-  ButtonState_Right = ButtonUp;
+  SetButton(Button::right, ButtonUp);
   ShortPress_R = true;
+  buttonCallback(device, Button::right, ButtonEvent::shortPress);
 }
 
 void CHub::TernI(int device) {
@@ -123,7 +150,7 @@ void CHub::TernI(int device) {
   if (AllKeyUp()) {
     LeftPress(device);
   } else if (ButtonState_Right == ButtonDown && ButtonHid_Right == device) {
-    ButtonState_Right = ButtonUp;
+    SetButton(Button::right, ButtonUp);
   }
 }
 

@@ -1,10 +1,13 @@
-#include "sim/Text.h"
+// Texts between the system's form and that of files and other languages.
+#pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
-namespace sim {
-
-std::string utf8(std::wstring_view text) {
+// UTF-8 of a wide text: of code points where wchar_t has 32 bits, of UTF-16 where it has 16. Half a surrogate pair
+// becomes U+FFFD.
+inline std::string Utf8(std::wstring_view text) {
   std::string result;
   for (std::size_t at = 0; at < text.size(); ++at) {
     auto c = static_cast<std::uint32_t>(text[at]);
@@ -34,7 +37,8 @@ std::string utf8(std::wstring_view text) {
   return result;
 }
 
-std::wstring wide(std::string_view text) {
+// The other way; bytes that are no UTF-8 become U+FFFD.
+inline std::wstring Wide(std::string_view text) {
   std::wstring result;
   for (std::size_t at = 0; at < text.size();) {
     const auto lead = static_cast<std::uint8_t>(text[at++]);
@@ -45,7 +49,7 @@ std::wstring wide(std::string_view text) {
       good = at < text.size() && (static_cast<std::uint8_t>(text[at]) & 0xC0) == 0x80;
       if (good) code = code << 6 | (static_cast<std::uint8_t>(text[at++]) & 0x3F);
     }
-    if (!good) code = 0xFFFD;
+    if (!good || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) code = 0xFFFD;
     if (sizeof(wchar_t) == 2 && code >= 0x10000) {
       result += static_cast<wchar_t>(0xD7C0 + (code >> 10));
       code = 0xDC00 | (code & 0x3FF);
@@ -54,5 +58,3 @@ std::wstring wide(std::string_view text) {
   }
   return result;
 }
-
-}  // namespace sim

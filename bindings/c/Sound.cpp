@@ -1,0 +1,85 @@
+// Microphones and the speaker.
+#include <string>
+
+#include "Objects.h"
+#include "VoxDevice/VoxRecord.h"
+#include "VoxDevice/VoxSpeakerRecord.h"
+#include "support/Text.h"
+
+namespace flat {
+namespace {
+
+void DeliverBytes(const char* data, int byteCount, void* context) { Source::Deliver(data, byteCount, context); }
+
+template <class Recorder>
+class Recording : public Source {
+ public:
+  vox_result Start() override {
+    recorder.Init(reinterpret_cast<void*>(&DeliverBytes), ContextOf(handle));
+    audio.Begin();
+    return recorder.StartRecord() == 1 ? VOX_OK : VOX_ERROR_NOT_STARTED;
+  }
+  vox_result Stop() override {
+    switch (recorder.StopRecord()) {
+      case 0:
+        return VOX_OK;
+      case 7:
+        return VOX_ERROR_NOT_STOPPED;
+      default:
+        return VOX_ERROR_NOT_RESET;
+    }
+  }
+
+  Recorder recorder;
+};
+
+using Microphone = Recording<CVoxRecord>;
+using Speaker = Recording<CVoxSpeakerRecord>;
+
+template <class It>
+vox_result Create() noexcept {
+  return Guarded([]() -> vox_result {
+    if (const vox_result result = Listen(); result < 0) return result;
+    const vox_result handle = Objects::All().Add<It>();
+    return handle < 0 ? handle : With<It>(handle, [&](It& it) -> vox_result {
+      if (!it.audio.IsWhole()) return Objects::All().Take(handle), VOX_ERROR_SYSTEM;
+      return handle;
+    });
+  });
+}
+
+}  // namespace
+}  // namespace flat
+
+using flat::Guarded;
+using flat::Microphone;
+using flat::Speaker;
+using flat::With;
+
+vox_result VOX_CALL vox_microphone_create(void) { return flat::Create<Microphone>(); }
+vox_result VOX_CALL vox_speaker_create(void) { return flat::Create<Speaker>(); }
+
+vox_result VOX_CALL vox_microphone_choice(vox_handle microphone, vox_choice* choice) {
+  if (!choice || choice->size < sizeof *choice) return VOX_ERROR_ARGUMENT;
+  return With<Microphone>(microphone, [&](Microphone& it) -> vox_result {
+    const CVoxRecord::Choice chosen = it.recorder.ChooseDevice();
+    choice->index = chosen.index;
+    flat::GiveStart(Utf8(chosen.name), choice->name);
+    flat::GiveStart(Utf8(chosen.volumeName), choice->volume_name);
+    flat::GiveStart(chosen.rule, choice->rule);
+    return VOX_OK;
+  });
+}
+
+vox_result VOX_CALL vox_microphone_pen_meeting(vox_handle microphone, const char* device_name) {
+  if (!device_name) return VOX_ERROR_ARGUMENT;
+  return With<Microphone>(
+      microphone, [&](Microphone& it) -> vox_result { return it.recorder.SetPen_MeetMode(Wide(device_name)), VOX_OK; });
+}
+
+vox_result VOX_CALL vox_sound_card_check(void) {
+  return Guarded([]() -> vox_result {
+    const int index = CVoxRecord::VoxCheckSoundCard();
+    return index < 0 ? VOX_ERROR_NO_DEVICE : index;
+  });
+}

@@ -1,0 +1,534 @@
+// The flat interface: what a client in any language gets.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "VoxDevice/voxdevice.h"
+#include "bindings/c/Objects.h"
+#include "sim/Wav.h"
+#include "tests/Desk.h"
+#include "tests/Sentence.h"
+#include "tools/explore/Explore.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const char* const kEvents[] = {"",      "connect", "disconnect", "mouse-connect", "voice",  "dpi",
+                               "state", "dongle",  "power",      "url",           "update", "progress",
+                               "mkeys", "menu",    "window",     "end",           "button", "lost"};
+constexpr std::size_t kValues[] = {0, 0, 0, 1, 1, 2, 5, 4, 1, 1, 2, 2, 2, 2, 1, 1, 2, 3};
+
+std::string lineOf(const vox_event& event) {
+  const auto kind = static_cast<std::size_t>(event.kind);
+  std::string line = std::string(kEvents[kind]) + ' ' + std::to_string(event.device);
+  for (std::size_t i = 0; i < kValues[kind]; ++i) line += ' ' + std::to_string(event.value[i]);
+  return line;
+}
+
+class FlatDesk {
+ public:
+  explicit FlatDesk(sim::MachineOptions options = {}, int32_t clicks = 1) : machine(options) {
+    machine.install(L"asc_lib.dll", sim::ascLibrary());
+    for (const auto& [setting, value] : {std::pair{VOX_SET_VOICE_CLICK_TIMES, clicks},
+                                         {VOX_SET_DOUBLE_CLICK_MS, 400},
+                                         {VOX_SET_LONG_DOWN, 0},
+                                         {VOX_SET_HARDWARE, 1},
+                                         {VOX_SET_NETWORK, 1}}) {
+      EXPECT_EQ(vox_set(setting, value), VOX_OK);
+    }
+    hub = vox_hub_create();
+    EXPECT_GT(hub, 0);
+  }
+  ~FlatDesk() {
+    vox_destroy(hub);
+    flat::Restart();
+    EXPECT_EQ(machine.balance(), leftOpen);
+    EXPECT_EQ(machine.misuses(), Lines{});
+  }
+  FlatDesk(const FlatDesk&) = delete;
+  FlatDesk& operator=(const FlatDesk&) = delete;
+
+  void open() { EXPECT_EQ(vox_hub_open(hub), VOX_OK); }
+  std::shared_ptr<sim::VirtualMouse> connect(const std::string& model, sim::Link link = sim::Link::usb) {
+    auto device = sim::makeMouse(model, link, "7&" + std::to_string(++instances_) + "&0&0000");
+    machine.plug(device);
+    machine.sleep(6s);
+    return device;
+  }
+  // The events since the last look, of this beginning.
+  Lines events(const std::string& beginning = {}) {
+    Lines lines;
+    vox_event event{sizeof event, 0, 0, {}};
+    while (vox_next_event(&event, 0) == 1) {
+      if (const std::string line = lineOf(event); line.rfind(beginning, 0) == 0) lines.push_back(line);
+    }
+    return lines;
+  }
+
+  sim::Machine machine;
+  sim::Balance leftOpen;  // what is left at the end by design
+  vox_handle hub = 0;
+
+ private:
+  int instances_ = 0;
+};
+
+TEST(Flat, AHeldVoiceKeyIsAskedForAndRecorded) {
+  std::string error;
+  const auto sentence = sim::readSpeech(std::string(VOXDEVICE_SAMPLES) + "/sentence.wav", error);
+  FlatDesk desk;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  EXPECT_EQ(desk.events(), (Lines{"connect 1", "mouse-connect 1 1", "state 1 2 2 1 1600 80", "dongle 1 2 2 4660 1"}));
+  int32_t device = 0;
+  EXPECT_EQ(vox_hub_devices(desk.hub, &device, 1), 1);
+  EXPECT_EQ(device, 1);
+  EXPECT_EQ(vox_hub_model(desk.hub, 1), 2);
+  EXPECT_EQ(vox_hub_link(desk.hub, 1), 2);
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_ERROR_NO_DEVICE) << "no work device is chosen";
+  wren->hear(sentence);
+  wren->pressVoiceKey();
+  vox_event event{sizeof event, 0, 0, {}};
+  EXPECT_EQ(vox_next_event(&event, 1000), 1) << "it waits";
+  EXPECT_EQ(lineOf(event), "button 1 0 1");
+  EXPECT_EQ(vox_hub_choose(desk.hub, 1), VOX_OK);
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_OK);
+  std::vector<std::int16_t> pcm;
+  std::vector<std::int16_t> part(700);
+  while (pcm.size() < kSentenceSamples) {
+    const vox_result count = vox_read(desk.hub, part.data(), 700, 2000);
+    ASSERT_GT(count, 0);
+    pcm.insert(pcm.end(), part.begin(), part.begin() + count);
+  }
+  pcm.resize(kSentenceSamples);
+  EXPECT_EQ(hashOf(pcm), kSentenceHash);
+  wren->releaseVoiceKey();
+  EXPECT_EQ(vox_record_stop(desk.hub), VOX_OK);
+  while (vox_read(desk.hub, part.data(), 700, 0) > 0) {
+  }
+  EXPECT_EQ(vox_read(desk.hub, part.data(), 700, 0xFFFFFFFF), VOX_ERROR_END);
+  EXPECT_EQ(desk.events(), (Lines{"voice 1 3", "button 1 0 0", "voice 1 0", "end -1 " + std::to_string(desk.hub)}));
+}
+
+TEST(Flat, AudioGoesToItsCallbackAndEndsOnce) {
+  struct Heard {
+    std::size_t samples = 0;
+    int ends = 0;
+  } heard;
+  FlatDesk desk;
+  desk.machine.locked([&] {
+    desk.machine.sound().microphones.push_back(std::make_shared<sim::Microphone>(L"Microphone (VoxMouse USB AUDIO)"));
+    desk.machine.sound().microphones.back()->hears.assign(16000, 5);
+  });
+  const vox_handle microphone = vox_microphone_create();
+  ASSERT_GT(microphone, 0);
+  EXPECT_EQ(vox_on_audio(
+                microphone,
+                [](const int16_t* samples, int32_t count, void* context) {
+                  auto& it = *static_cast<Heard*>(context);
+                  samples ? it.samples += static_cast<std::size_t>(count) : it.samples += 0;
+                  if (!samples) ++it.ends;
+                },
+                &heard),
+            VOX_OK);
+  vox_choice choice{sizeof choice, 0, {}, {}, {}};
+  ASSERT_EQ(vox_microphone_choice(microphone, &choice), VOX_OK);
+  ASSERT_EQ(choice.index, 0) << choice.rule;
+  EXPECT_STREQ(choice.name, "Microphone (VoxMouse USB AUDIO)");
+  ASSERT_EQ(vox_record_start(microphone), VOX_OK);
+  desk.machine.sleep(600ms);
+  EXPECT_EQ(vox_record_stop(microphone), VOX_OK);
+  EXPECT_GE(heard.samples, 8000U);
+  EXPECT_EQ(heard.ends, 1);
+  std::int16_t sample = 0;
+  EXPECT_EQ(vox_read(microphone, &sample, 1, 0), VOX_ERROR_END) << "the callback has it all";
+  EXPECT_EQ(vox_destroy(microphone), VOX_OK);
+  EXPECT_EQ(vox_record_stop(microphone), VOX_ERROR_HANDLE);
+}
+
+TEST(Flat, ButtonsAreToldWhateverBecomesOfThem) {
+  FlatDesk desk({}, 2);
+  desk.open();
+  auto tern = desk.connect("Tern");
+  const auto press = [&](const std::string& keys) {
+    for (const char key : keys) tern->key(key);
+    desk.machine.sleep(1ms);
+    return desk.events("button");
+  };
+  desk.events();
+  EXPECT_EQ(press("1"), (Lines{"button 1 0 1"}));
+  EXPECT_EQ(press("]"), (Lines{"button 1 0 0"}));
+  EXPECT_EQ(press("3"), (Lines{"button 1 1 2"}));
+  EXPECT_EQ(vox_hub_right_short_press(desk.hub), 1);
+  EXPECT_EQ(press("2"), (Lines{"button 1 0 3"}));
+  EXPECT_EQ(vox_set(VOX_SET_NETWORK, 0), VOX_OK);
+  EXPECT_EQ(press("2"), (Lines{"button 1 0 4"}));
+  EXPECT_EQ(press("4"), (Lines{"button 1 1 1"}));
+  EXPECT_EQ(vox_hub_button(desk.hub, VOX_BUTTON_RIGHT), VOX_DOWN);
+  desk.machine.unplug(tern);
+  desk.machine.sleep(100ms);
+  EXPECT_EQ(desk.events(), (Lines{"button 1 1 0", "disconnect 1"}));
+}
+
+TEST(Flat, CommandsSayWhatBecomesOfThem) {
+  FlatDesk desk;
+  desk.open();
+  EXPECT_EQ(vox_hub_newest(desk.hub), VOX_ERROR_NO_DEVICE);
+  EXPECT_EQ(vox_hub_ask_mouse_state(desk.hub, -1), VOX_ERROR_NO_DEVICE);
+  auto swift = desk.connect("Swift", sim::Link::bluetooth);
+  auto wren = desk.connect("Wren");
+  EXPECT_EQ(vox_hub_newest(desk.hub), 2);
+  desk.events();
+  EXPECT_EQ(vox_hub_set_dpi(desk.hub, 1, 40000), VOX_ERROR_ARGUMENT);
+  EXPECT_EQ(vox_hub_set_dpi(desk.hub, 3, 800), VOX_ERROR_NO_DEVICE);
+  EXPECT_EQ(vox_hub_set_dpi(desk.hub, 2, 800), VOX_OK);
+  desk.machine.sleep(50ms);
+  EXPECT_EQ(desk.events("dpi"), (Lines{"dpi 2 800 1"}));
+
+  std::uint8_t functions[8] = {};
+  EXPECT_EQ(vox_hub_mkey_list(desk.hub, 1, 1, nullptr, 0), 4);
+  EXPECT_EQ(vox_hub_mkey_list(desk.hub, 1, 1, functions, 8), 4);
+  EXPECT_EQ(vox_hub_set_mkey(desk.hub, 1, 1, 200), VOX_ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(vox_hub_set_mkey(desk.hub, 1, 1, functions[1]), VOX_OK);
+  swift->answer(0x15, {.silent = true});
+  EXPECT_EQ(vox_hub_set_mkey(desk.hub, 1, 1, functions[1]), VOX_ERROR_TIMEOUT);
+
+  // Every device gets the whole text, and the caller keeps it.
+  const std::string url = "vox.example/a";
+  desk.events();
+  EXPECT_EQ(vox_hub_set_url(desk.hub, -1, "a:b"), VOX_ERROR_CHARACTER);
+  EXPECT_EQ(vox_hub_set_url(desk.hub, -1, url.c_str()), VOX_OK);
+  desk.machine.sleep(50ms);
+  EXPECT_EQ(swift->received(0x0E).back().payload, wren->received(0x0E).back().payload);
+  EXPECT_EQ(desk.events("url"), (Lines{"url 1 1", "url 2 1"}));
+
+  EXPECT_EQ(vox_hub_choose(desk.hub, 2), VOX_OK);
+  wren->answer(0x03, {.refuse = true});
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_ERROR_REFUSED);
+  wren->answer(0x03, {.silent = true});
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_ERROR_TIMEOUT);
+
+  EXPECT_EQ(vox_hub_update(desk.hub, 2, 1, "/nowhere", nullptr), VOX_ERROR_FILE);
+  EXPECT_EQ(vox_hub_update(desk.hub, 2, 1, VOXDEVICE_SAMPLES "/sentence.wav", nullptr), VOX_OK);
+  EXPECT_EQ(vox_hub_set_dpi(desk.hub, 2, 800), VOX_ERROR_BUSY);
+  EXPECT_EQ(vox_hub_set_mkey(desk.hub, 2, 1, 2), VOX_ERROR_BUSY);
+  EXPECT_EQ(vox_hub_close(desk.hub), VOX_OK);
+  EXPECT_EQ(vox_hub_newest(desk.hub), VOX_ERROR_NO_DEVICE);
+}
+
+TEST(Flat, TextsFitOrStay) {
+  FlatDesk desk;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  char text[80] = "?";
+  int32_t kind = 0, category = 0;
+  const vox_result needed = vox_next_text(&kind, &category, text, 4, 0);
+  EXPECT_GT(needed, 4);
+  EXPECT_STREQ(text, "?") << "it does not fit";
+  EXPECT_EQ(vox_next_text(&kind, &category, text, 80, 0), needed);
+  EXPECT_EQ(kind, VOX_TEXT_LOG);
+  EXPECT_EQ(category, 43);
+  EXPECT_EQ(std::string(text).size() + 1, static_cast<std::size_t>(needed));
+  EXPECT_NE(std::string(text).find("连接成功"), std::string::npos) << text;
+
+  EXPECT_EQ(vox_set_text(VOX_TEXT_RECORD_NAME, "麦克风 \xF0\x9F\x8E\xA4 \xFF"), VOX_OK);
+  EXPECT_EQ(vox_get_text(VOX_TEXT_RECORD_NAME, nullptr, 0), 19);
+  EXPECT_EQ(vox_get_text(VOX_TEXT_RECORD_NAME, text, 80), 19);
+  EXPECT_STREQ(text, "麦克风 \xF0\x9F\x8E\xA4 \xEF\xBF\xBD");
+  EXPECT_EQ(vox_model_name(7, text, 80), 20);
+  EXPECT_STREQ(text, "VoxMouse Heron Plus");
+  EXPECT_EQ(vox_hid_path(0, text, 0), vox_hid_path(0, nullptr, 0));
+  EXPECT_EQ(vox_hid_path(99, text, 80), 0);
+  vox_path path{sizeof path, 0, {}, {}, {}};
+  EXPECT_EQ(vox_parse_hid_path(R"(\\?\hid#vid_0d8c&pid_0137&mi_03#7&1&0&0000#{})", &path), VOX_OK);
+  EXPECT_EQ(path.link, 2);
+  EXPECT_STREQ(path.pid, "0137");
+  EXPECT_EQ(vox_parse_hid_path(("\\\\?\\hid#vid_0d8c&pid_0137#" + std::string(200, '7') + "#").c_str(), &path),
+            VOX_ERROR_ARGUMENT);
+}
+
+TEST(Flat, WhatIsNotReadGivesWayAndIsCounted) {
+  FlatDesk desk;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  desk.events();
+  for (int i = 0; i < 1100; ++i) {
+    wren->reportPower(static_cast<std::uint8_t>(i));
+    desk.machine.sleep(1ms);
+  }
+  desk.machine.sleep(10ms);
+  const Lines told = desk.events();
+  ASSERT_EQ(told.size(), 1025U);
+  EXPECT_EQ(told[0], "lost -1 1 76 0");
+  EXPECT_EQ(told[1], "power 1 76");
+  vox_hub_choose(desk.hub, 1);
+  wren->hear(std::vector<std::int16_t>(40 * 16000, 3));
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_OK);
+  desk.machine.sleep(32s);
+  const Lines lost = desk.events("lost");
+  ASSERT_EQ(lost.size(), 1U);
+  EXPECT_EQ(lost[0].rfind("lost -1 3 ", 0), 0U);
+  vox_record_stop(desk.hub);
+}
+
+TEST(Flat, WhoWaitsReturnsWhenTheObjectGoes) {
+  FlatDesk desk;
+  const vox_handle speaker = vox_speaker_create();
+  std::int16_t sample = 0;
+  vox_result result = VOX_OK;
+  auto reader = desk.machine.spawn([&] { result = vox_read(speaker, &sample, 1, 0xFFFFFFFF); });
+  desk.machine.sleep(10s);
+  EXPECT_EQ(vox_destroy(speaker), VOX_OK);
+  reader.join();
+  EXPECT_EQ(result, VOX_ERROR_HANDLE);
+  EXPECT_EQ(vox_destroy(speaker), VOX_ERROR_HANDLE);
+}
+
+TEST(Flat, AHubIsDestroyedInItsOwnCallback) {
+  for (const char* when : {"connect", "button"}) {
+    FlatDesk desk;
+    struct Client {
+      FlatDesk& desk;
+      std::string when;
+      int after = 0;
+      bool gone = false;
+    } client{desk, when};
+    vox_on_event(
+        [](const vox_event* event, void* context) {
+          auto& it = *static_cast<Client*>(context);
+          if (it.gone) ++it.after;
+          if (lineOf(*event).rfind(it.when, 0) != 0 || it.gone) return;
+          it.gone = true;
+          EXPECT_EQ(vox_destroy(it.desk.hub), VOX_OK);
+        },
+        &client);
+    desk.open();
+    auto wren = desk.connect("Wren");
+    wren->pressVoiceKey();
+    desk.machine.sleep(3s);
+    EXPECT_TRUE(client.gone);
+    EXPECT_EQ(client.after, 0);
+    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    vox_on_event(nullptr, nullptr);
+  }
+}
+
+// Any function, with arguments of any kind: a handle of the right or wrong kind, one that has gone, numbers and
+// pointers out of range.
+struct Caller {
+  Trial& random;
+  std::atomic<vox_handle>* handles;
+  std::atomic<std::size_t>* pollers;  // of USB mice: they deliberately leave an event each
+
+  vox_handle any() {
+    switch (random() % 8) {
+      case 0:
+        return static_cast<vox_handle>(random() % 40);
+      case 1:
+        return random() % 2 == 0 ? -1 : INT32_MIN;
+      default:
+        return handles[random() % 8];
+    }
+  }
+  int32_t number() {
+    static constexpr int32_t odd[] = {-1, 0, 1, 2, 3, 4, 5, 17, 255, 256, 70000, INT32_MAX, INT32_MIN};
+    return odd[random() % std::size(odd)];
+  }
+  uint32_t time() { return static_cast<uint32_t>(random() % 3 * 40); }
+  const char* text() {
+    static constexpr const char* texts[] = {nullptr, "",         "a",        "vox.example/a",
+                                            "a:b",   "\xFF\xC3", "/nowhere", R"(\\?\hid#vid_0d8c&pid_0137#7#)"};
+    return texts[random() % std::size(texts)];
+  }
+  vox_result create() {
+    switch (random() % 6) {
+      case 0:
+        return vox_hub_create();
+      case 1:
+        return vox_microphone_create();
+      case 2:
+        return vox_speaker_create();
+      case 3: {
+        const int32_t kind = number();
+        const vox_result made = vox_former_create(kind);
+        if (made > 0 && kind != VOX_FORMER_HID) ++*pollers;
+        return made;
+      }
+      case 4:
+        return vox_switch_create();
+      default:
+        return vox_click_create();
+    }
+  }
+  vox_result call() {
+    char room[40];
+    char* const out = random() % 3 == 0 ? nullptr : room;
+    const int32_t size = out ? static_cast<int32_t>(random() % 41) : number();
+    vox_event event{random() % 4 == 0 ? 8U : static_cast<uint32_t>(sizeof event), 0, 0, {}};
+    vox_path path{random() % 4 == 0 ? 8U : static_cast<uint32_t>(sizeof path), 0, {}, {}, {}};
+    vox_choice choice{random() % 4 == 0 ? 8U : static_cast<uint32_t>(sizeof choice), 0, {}, {}, {}};
+    int32_t value = 0, other = 0;
+    int16_t samples[20];
+    uint8_t* const bytes = reinterpret_cast<uint8_t*>(out);
+    switch (random() % 60) {
+      case 0:
+        return vox_destroy(any());
+      case 1:
+        return vox_on_event(nullptr, nullptr);
+      case 2:
+        return vox_on_text(nullptr, nullptr);
+      case 3:
+        return vox_next_event(random() % 5 == 0 ? nullptr : &event, time());
+      case 4:
+        return vox_next_text(random() % 2 ? &value : nullptr, &other, out, out ? size : std::min(size, 0), time());
+      case 5:
+        return vox_record_start(any());
+      case 6:
+        return vox_record_stop(any());
+      case 7:
+        return vox_on_audio(any(), nullptr, nullptr);
+      case 8:
+        return vox_read(any(), samples, static_cast<int32_t>(random() % 21), time());
+      case 9:
+        return vox_read(any(), nullptr, number(), time());
+      case 10:
+        return vox_hub_open(any());
+      case 11:
+        return vox_hub_stop(any());
+      case 12:
+        return vox_hub_close(any());
+      case 13:
+        return vox_hub_threads_closed(any());
+      case 14:
+        return vox_hub_is_connected(any());
+      case 15:
+        return vox_hub_newest(any());
+      case 16:
+        return vox_hub_devices(any(), random() % 2 ? &value : nullptr, static_cast<int32_t>(random() % 2));
+      case 17:
+        return vox_hub_model(any(), number());
+      case 18:
+        return vox_hub_link(any(), number());
+      case 19:
+        return vox_model_name(number(), out, size);
+      case 20:
+        return vox_hub_choose(any(), number());
+      case 21:
+        return vox_hub_choose_by_microphone(any(), text());
+      case 22:
+        return vox_hub_work_is_wren(any());
+      case 23:
+        return vox_hub_ask_mouse_state(any(), number());
+      case 24:
+        return vox_hub_ask_dongle_state(any(), number());
+      case 25:
+        return vox_hub_set_dpi(any(), number(), number());
+      case 26:
+        return vox_hub_set_url(any(), number(), text());
+      case 27:
+        return vox_hub_ask_mkeys(any(), number(), number());
+      case 28:
+        return vox_hub_mkey(any(), number(), number());
+      case 29:
+        return vox_hub_mkey_list(any(), number(), number(), bytes, out ? size : std::min(size, 0));
+      case 30:
+        return vox_hub_set_mkey(any(), number(), number(), number());
+      case 31:
+        return vox_hub_update(any(), number(), number(), text(), text());
+      case 32:
+        return vox_hub_button(any(), number());
+      case 33:
+        return vox_hub_left_pressed(any());
+      case 34:
+        return vox_hub_right_short_press(any());
+      case 35:
+        return vox_hub_click_mode(any());
+      case 36:
+        return vox_hid_path(number(), out, size);
+      case 37:
+        return vox_parse_hid_path(text(), random() % 5 == 0 ? nullptr : &path);
+      case 38:
+        return vox_set(number(), number() % 3);
+      case 39:
+        return vox_get(number(), random() % 5 == 0 ? nullptr : &value);
+      case 40:
+        return vox_set_text(number(), text());
+      case 41:
+        return vox_get_text(number(), out, size);
+      case 42:
+        return vox_click_key(any(), number());
+      case 43:
+        return random() % 2 ? vox_click_mode(any()) : vox_click_clear(any());
+      case 44:
+        return vox_former_init(any());
+      case 45:
+        return vox_former_start(any());
+      case 46:
+        return vox_former_stop(any());
+      case 47:
+        return random() % 2 ? vox_former_close(any()) : vox_former_release(any());
+      case 48:
+        return random() % 2 ? vox_former_threads_closed(any()) : vox_former_is_checking(any());
+      case 49:
+        return random() % 2 ? vox_former_recheck(any()) : vox_former_sound_index(any());
+      case 50:
+        return random() % 2 ? vox_former_hardware() : vox_former_revision(any());
+      case 51:
+        return random() % 2 ? vox_former_button(any(), number()) : vox_former_imitate(any(), number());
+      case 52:
+        return random() % 2 ? vox_former_left_pressed(any()) : vox_former_click_mode(any());
+      case 53:
+        return random() % 2 ? vox_pen_button(number()) : vox_pen_imitate(number());
+      case 54:
+        return vox_keys_down(number(), number());
+      case 55:
+        return vox_switch_start(any(), any(), any());
+      case 56:
+        return random() % 2 ? vox_switch_pause(any(), number()) : vox_switch_stop(any());
+      case 57:
+        return vox_switch_release(any());
+      case 58:
+        return vox_microphone_choice(any(), random() % 5 == 0 ? nullptr : &choice);
+      default:
+        return random() % 2 ? vox_microphone_pen_meeting(any(), text()) : vox_sound_card_check();
+    }
+  }
+};
+
+void anyCalls(Trial& random) {
+  FlatDesk desk(random.machine);
+  auto wren = sim::makeMouse("Wren", sim::Link::usb, "7&1&0&0000");
+  desk.machine.plug(wren);
+  std::atomic<vox_handle> handles[8] = {desk.hub};
+  desk.open();
+  std::atomic<std::size_t> pollers{0};
+  std::vector<sim::Machine::Spawned> clients(4);
+  for (auto& client : clients) {
+    client = desk.machine.spawn([&] {
+      Caller caller{random, handles, &pollers};
+      for (int i = 0; i < 25; ++i) {
+        if (random() % 6 == 0) {
+          const vox_result made = caller.create();
+          EXPECT_TRUE(made > 0 || made == VOX_ERROR_ARGUMENT);
+          if (made > 0) vox_destroy(handles[random() % 8].exchange(made));
+        }
+        const vox_result result = caller.call();
+        EXPECT_TRUE(result >= VOX_ERROR_SYSTEM && result != VOX_ERROR_SYSTEM && result != VOX_ERROR_MEMORY) << result;
+        if (random() % 8 == 0) desk.machine.sleep(random.within(1500));
+      }
+    });
+  }
+  for (auto& client : clients) client.join();
+  for (auto& handle : handles) vox_destroy(handle);
+  EXPECT_EQ(desk.machine.balance().threads, 0U) << desk.machine.waiting();
+  desk.leftOpen.handles = pollers;
+  vox_set(VOX_SET_WINDOWS_VERSION, 6);
+}
+
+const Scenario flatCalls("flat", "", anyCalls);
+
+TEST(Flat, AnyCallsFromAnywhereAreDefined) { explore(flatCalls, 250); }
+
+}  // namespace
