@@ -1,24 +1,21 @@
 // A desk of virtual hardware on the simulated machine.
 #pragma once
 
-#include <memory>
-#include <vector>
-
 #include "Desk.h"
-#include "DeskFile.h"
 #include "sim/Machine.h"
+#include "sim/VirtualDesk.h"
 
 class SimulatedDesk final : public Desk {
  public:
-  SimulatedDesk(DeskDescription description, bool virtualTime);
+  SimulatedDesk(sim::DeskDescription description, bool virtualTime);
 
   // The timelines of the devices begin.
-  void setUp() override;
+  void setUp() override { desk_.setUp(); }
   double seconds() override;
   // Does what the timelines ask for.
   void run(std::chrono::milliseconds time) override;
   std::string greeting() const override;
-  std::optional<std::size_t> expectedDevices() const override { return devices_.size(); }
+  std::optional<std::size_t> expectedDevices() const override { return desk_.devices().size(); }
   std::string voiceKeyOwner() const override { return "Wren"; }
   void holdVoiceKey(bool down) override;
   // That of the Wren, or of the first device.
@@ -30,26 +27,9 @@ class SimulatedDesk final : public Desk {
   std::string leftOpen(const LeftOpen& byDesign) override;
 
  private:
-  struct Due {
-    double at;
-    std::size_t device;
-    DeskAction action;
-  };
-  struct DueLegacy {
-    double at;
-    std::size_t device;
-    DeskLegacyAction action;
-  };
-  void act(const Due& due);
-  void act(const DueLegacy& due);
-  void setUpSound();
   // The first Wren, whose voice key the desk holds; the end when there is none.
   std::size_t wren() const;
 
-  DeskDescription description_;
   sim::Machine machine_;
-  std::vector<std::shared_ptr<sim::VirtualMouse>> devices_;
-  std::vector<std::unique_ptr<sim::LegacyDevice>> legacy_;
-  std::vector<Due> due_;  // in the order of time
-  std::vector<DueLegacy> dueLegacy_;
+  sim::VirtualDesk desk_;
 };

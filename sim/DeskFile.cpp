@@ -1,4 +1,4 @@
-#include "DeskFile.h"
+#include "sim/DeskFile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +11,7 @@
 #include "sim/Text.h"
 #include "sim/Wav.h"
 
+namespace sim {
 namespace {
 
 using nlohmann::json;
@@ -21,17 +22,17 @@ const std::map<std::string, std::uint8_t> kCommands = {
     {"identify", 0x0F},  {"mkey-list", 0x14}, {"mkey-set", 0x15},
 };
 
-const std::map<std::string, sim::UpdateStep> kUpdateSteps = {
-    {"ota-prepare", sim::UpdateStep::prepare},
-    {"ota-open", sim::UpdateStep::open},
-    {"ota-data", sim::UpdateStep::data},
-    {"ota-complete", sim::UpdateStep::complete},
+const std::map<std::string, UpdateStep> kUpdateSteps = {
+    {"ota-prepare", UpdateStep::prepare},
+    {"ota-open", UpdateStep::open},
+    {"ota-data", UpdateStep::data},
+    {"ota-complete", UpdateStep::complete},
 };
 
-const std::map<std::string, sim::LegacyKind> kLegacyKinds = {
-    {"usb-mouse", sim::LegacyKind::usbMouse},      {"usb-mouse-2", sim::LegacyKind::usbMouseRev2},
-    {"usb-mouse-ql", sim::LegacyKind::usbMouseQl}, {"laser-pen", sim::LegacyKind::laserPen},
-    {"hid-mouse", sim::LegacyKind::hidMouse},      {"voice-keyboard", sim::LegacyKind::voiceKeyboard},
+const std::map<std::string, LegacyKind> kLegacyKinds = {
+    {"usb-mouse", LegacyKind::usbMouse},      {"usb-mouse-2", LegacyKind::usbMouseRev2},
+    {"usb-mouse-ql", LegacyKind::usbMouseQl}, {"laser-pen", LegacyKind::laserPen},
+    {"hid-mouse", LegacyKind::hidMouse},      {"voice-keyboard", LegacyKind::voiceKeyboard},
 };
 
 const std::map<std::string, int> kVirtualKeys = {
@@ -144,13 +145,13 @@ DeskAction readAction(const Place& place) {
   return action;
 }
 
-void readUpdateFault(const Place& place, sim::UpdateStep step, DeskDevice& device) {
+void readUpdateFault(const Place& place, UpdateStep step, DeskDevice& device) {
   std::string image = "first";
   if (place.has("image")) {
     image = place["image"].text("\"first\" or \"second\"");
     if (image != "first" && image != "second") place["image"].expected("\"first\" or \"second\"");
   }
-  sim::UpdateScript& script = image == "first" ? device.firstUpdate : device.secondUpdate;
+  UpdateScript& script = image == "first" ? device.firstUpdate : device.secondUpdate;
   if (place.has("message")) script.atMessage = place["message"].integer<unsigned>(0, 1'000'000);
   const std::string answer = place["answer"].text("an answer");
   if (answer == "silent") {
@@ -188,7 +189,7 @@ void readFault(const Place& place, DeskDevice& device) {
   for (const auto& [known, step] : kUpdateSteps) names.push_back(known);
   const auto command = kCommands.find(name);
   if (command == kCommands.end()) place["command"].expected("one of: " + listOf(names));
-  sim::Answering answering;
+  Answering answering;
   const std::string answer = place["answer"].text("an answer");
   if (answer == "silent") {
     answering.silent = true;
@@ -208,18 +209,18 @@ void readFault(const Place& place, DeskDevice& device) {
 
 void readModel(const Place& place, DeskDevice& device) {
   std::vector<std::string> names;
-  for (const sim::ModelSheet& sheet : sim::modelSheets()) names.emplace_back(sheet.name);
+  for (const ModelSheet& sheet : modelSheets()) names.emplace_back(sheet.name);
   device.model = place["model"].text("a model's name");
-  const sim::ModelSheet* sheet = sim::findModel(device.model);
+  const ModelSheet* sheet = findModel(device.model);
   if (!sheet) place["model"].expected("one of: " + listOf(names));
   const std::string links = !sheet->usb ? "\"bluetooth\"" : "\"usb\" or \"bluetooth\"";
   if (!place.has("link")) {
-    device.link = sheet->usb ? sim::Link::usb : sim::Link::bluetooth;
+    device.link = sheet->usb ? Link::usb : Link::bluetooth;
     return;
   }
   const std::string link = place["link"].text(links);
   if (link != "bluetooth" && (link != "usb" || !sheet->usb)) place["link"].expected(links + " for a " + device.model);
-  device.link = link == "usb" ? sim::Link::usb : sim::Link::bluetooth;
+  device.link = link == "usb" ? Link::usb : Link::bluetooth;
 }
 
 DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
@@ -246,7 +247,7 @@ DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
     // Beside the desk file, unless it says where.
     const std::filesystem::path file = folder / place["speech"].text("the name of a WAV file");
     std::string error;
-    device.speech = sim::readSpeech(file.string(), error);
+    device.speech = readSpeech(file.string(), error);
     if (!error.empty()) throw DeskFileError(error);
   }
   place.each("faults", [&](const Place& fault) { readFault(fault, device); });
@@ -254,7 +255,7 @@ DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
   return device;
 }
 
-DeskLegacyAction readLegacyAction(const Place& place, sim::LegacyKind device) {
+DeskLegacyAction readLegacyAction(const Place& place, LegacyKind device) {
   using Kind = DeskLegacyAction::Kind;
   place.object({"at", "plug", "unplug", "press", "release", "key"});
   DeskLegacyAction action;
@@ -275,7 +276,7 @@ DeskLegacyAction readLegacyAction(const Place& place, sim::LegacyKind device) {
     ++actions;
   }
   if (place.has("key")) {
-    if (device != sim::LegacyKind::hidMouse && device != sim::LegacyKind::voiceKeyboard) {
+    if (device != LegacyKind::hidMouse && device != LegacyKind::voiceKeyboard) {
       place["key"].expected("no \"key\" for this kind (press and release its virtual keys)");
     }
     action.kind = Kind::key;
@@ -306,14 +307,14 @@ DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
     DeskMicrophone microphone{.name = entry["name"].text("a device's name"), .hears = {}};
     if (entry.has("hears")) {
       std::string error;
-      microphone.hears = sim::readSpeech((folder / entry["hears"].text("the name of a WAV file")).string(), error);
+      microphone.hears = readSpeech((folder / entry["hears"].text("the name of a WAV file")).string(), error);
       if (!error.empty()) throw DeskFileError(error);
     }
     sound.microphones.push_back(microphone);
   });
   place.each("endpoints", [&](const Place& entry) {
     entry.object({"name", "volume", "muted"});
-    sim::CaptureEndpoint endpoint{.name = sim::wide(entry["name"].text("a device's name"))};
+    CaptureEndpoint endpoint{.name = wide(entry["name"].text("a device's name"))};
     if (entry.has("volume")) endpoint.volume = static_cast<float>(entry["volume"].integer<int>(0, 100)) / 100;
     if (entry.has("muted")) endpoint.muted = entry["muted"].flag();
     sound.endpoints.push_back(endpoint);
@@ -331,7 +332,7 @@ DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
 
 DeskSpeaker readSpeakerFile(const std::string& path) {
   std::string error;
-  const sim::Wav wav = sim::readWav(path, error);
+  const Wav wav = readWav(path, error);
   if (!error.empty()) throw DeskFileError(error);
   if (wav.formatTag != 1 || wav.bitsPerSample != 16 || wav.channels < 1 || wav.channels > 8 || wav.sampleRate < 1) {
     throw DeskFileError(path + ": expected 16-bit PCM of 1 to 8 channels. Convert it with: sox " + path +
@@ -370,13 +371,13 @@ DeskDescription readDeskFile(const std::string& path) {
 
 DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) {
   using Kind = DeskAction::Kind;
-  DeskDevice wren{.model = "Wren", .link = sim::Link::usb, .battery = std::uint8_t{80}, .dpi = std::uint16_t{1600}};
+  DeskDevice wren{.model = "Wren", .link = Link::usb, .battery = std::uint8_t{80}, .dpi = std::uint16_t{1600}};
   wren.serial = "WR0123456789ABCDEF";
   wren.speech = speech;
   DeskDevice heronPlus{
-      .model = "Heron Plus", .link = sim::Link::bluetooth, .battery = std::uint8_t{64}, .dpi = std::uint16_t{1200}};
+      .model = "Heron Plus", .link = Link::bluetooth, .battery = std::uint8_t{64}, .dpi = std::uint16_t{1200}};
   heronPlus.address = {0x24, 0x8A, 0x10, 0x20, 0x30, 0x40};
-  DeskDevice tern{.model = "Tern", .link = sim::Link::usb, .battery = std::uint8_t{93}, .dpi = std::uint16_t{800}};
+  DeskDevice tern{.model = "Tern", .link = Link::usb, .battery = std::uint8_t{93}, .dpi = std::uint16_t{800}};
   tern.address = {0x0D, 0x8C, 0x01, 0x02, 0x03, 0x04};
   tern.speech = speech;
   if (busy) {
@@ -392,20 +393,20 @@ DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) 
   for (const char* name : {"Line In (HD Audio)", "Microphone (VoxMouse Pipit)", "Microphone (VoxMouse Lark)"}) {
     const bool ours = std::string(name).find("VoxMouse") != std::string::npos;
     sound.microphones.push_back({.name = name, .hears = ours ? speech : std::vector<std::int16_t>()});
-    sound.endpoints.push_back({.name = sim::wide(name)});
+    sound.endpoints.push_back({.name = wide(name)});
   }
   sound.speaker = DeskSpeaker{.plays = speech};
   DeskDescription desk{{wren, heronPlus, tern}, sound};
   if (busy) {
     // A mouse that is used and goes, a laser pen that comes and is used.
     using Legacy = DeskLegacyAction::Kind;
-    DeskLegacy mouse{.kind = sim::LegacyKind::usbMouse, .serial = {}, .timeline = {}};
+    DeskLegacy mouse{.kind = LegacyKind::usbMouse, .serial = {}, .timeline = {}};
     for (const double second : {2.0, 2.2}) {
       mouse.timeline.push_back({.at = second, .kind = Legacy::press, .code = kVirtualKeys.at("F19")});
       mouse.timeline.push_back({.at = second + 0.1, .kind = Legacy::release, .code = kVirtualKeys.at("F19")});
     }
     mouse.timeline.push_back({.at = 14, .kind = Legacy::unplug});
-    DeskLegacy pen{.kind = sim::LegacyKind::laserPen, .serial = {}, .plugged = false, .timeline = {}};
+    DeskLegacy pen{.kind = LegacyKind::laserPen, .serial = {}, .plugged = false, .timeline = {}};
     pen.timeline = {{.at = 5, .kind = Legacy::plug},
                     {.at = 10, .kind = Legacy::press, .code = kVirtualKeys.at("F23")},
                     {.at = 10.5, .kind = Legacy::release, .code = kVirtualKeys.at("F23")}};
@@ -413,3 +414,5 @@ DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy) 
   }
   return desk;
 }
+
+}  // namespace sim

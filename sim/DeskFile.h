@@ -12,6 +12,8 @@
 #include "sim/devices/Legacy.h"
 #include "sim/devices/Mice.h"
 
+namespace sim {
+
 // A moment of the user's hands.
 struct DeskAction {
   enum class Kind { key, power, sleep, wake, unplug, plug };
@@ -23,15 +25,15 @@ struct DeskAction {
 
 struct DeskDevice {
   std::string model;
-  sim::Link link = sim::Link::usb;
+  Link link = Link::usb;
   std::optional<std::uint8_t> battery;
   std::optional<std::uint16_t> dpi;
   std::string serial{};
   std::optional<std::array<std::uint8_t, 6>> address{};
   std::vector<std::int16_t> speech{};
-  std::vector<std::pair<std::uint8_t, sim::Answering>> answers{};  // by command code
-  sim::UpdateScript firstUpdate{};  // how the device takes an update, and how its receiver does
-  sim::UpdateScript secondUpdate{};
+  std::vector<std::pair<std::uint8_t, Answering>> answers{};  // by command code
+  UpdateScript firstUpdate{};  // how the device takes an update, and how its receiver does
+  UpdateScript secondUpdate{};
   bool refuseOpen = false;
   bool failWrites = false;
   std::vector<DeskAction> timeline{};
@@ -51,7 +53,7 @@ struct DeskSpeaker {
 
 struct DeskSound {
   std::vector<DeskMicrophone> microphones;
-  std::vector<sim::CaptureEndpoint> endpoints;
+  std::vector<CaptureEndpoint> endpoints;
   std::optional<DeskSpeaker> speaker;
 };
 
@@ -64,7 +66,7 @@ struct DeskLegacyAction {
 };
 
 struct DeskLegacy {
-  sim::LegacyKind kind = sim::LegacyKind::usbMouse;
+  LegacyKind kind = LegacyKind::usbMouse;
   std::string serial;
   bool plugged = true;  // from the beginning
   std::vector<DeskLegacyAction> timeline;
@@ -88,3 +90,5 @@ DeskSpeaker readSpeakerFile(const std::string& path);
 // A Wren on USB, a Heron Plus on Bluetooth LE, a Tern on USB. The Wren and the Tern hear `speech`.
 // busy: somebody uses them, so that there is something to watch.
 DeskDescription defaultDesk(const std::vector<std::int16_t>& speech, bool busy);
+
+}  // namespace sim
