@@ -575,6 +575,26 @@ TEST(Firmware, NoFrameOfAnUpdateFollowsTheFirstOneOfALater) {
   }
 }
 
+TEST(Firmware, AnAnswerThatMeetsItsTimeOutIsOneOrTheOther) {
+  std::size_t refused = 0, missed = 0;
+  for (std::uint64_t seed = 1; seed <= seeds(120) && !HasFailure(); ++seed) {
+    UpdateDesk desk("Wren", sim::Link::usb, {.seed = seed});
+    const std::chrono::milliseconds thinking(3095 + seed % 8);
+    desk.device->update(Updated::mouse, {.size = 40, .thinking = thinking, .refuseAt = UpdateStep::open});
+    desk.start(FwUpdate_First, desk.files.with(pattern(40)));
+    desk.run(3200ms);
+    const Lines told = desk.record.lines("FwOtaResult");
+    refused += told[0] == "FwOtaResult 1 2 4";
+    missed += told[0] == "FwOtaResult 1 2 3";
+    EXPECT_EQ(std::count(told.begin(), told.end(), "FwOtaResult 1 2 4") +
+                  std::count(told.begin(), told.end(), "FwOtaResult 1 2 3"),
+              1)
+        << "seed " << seed;
+  }
+  EXPECT_GT(refused, 0U);
+  EXPECT_GT(missed, 0U);
+}
+
 // Clients that start updates at any moment and from anywhere, a device that refuses, falls silent, goes and comes.
 void updateClients(Trial& random) {
   const char* const models[] = {"Wren", "Swift", "Tern"};

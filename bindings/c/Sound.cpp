@@ -33,8 +33,8 @@ class Recording : public Source {
   Recorder recorder;
 };
 
-using Microphone = Recording<CVoxRecord>;
-using Speaker = Recording<CVoxSpeakerRecord>;
+using MicrophoneSource = Recording<CVoxRecord>;
+using SpeakerSource = Recording<CVoxSpeakerRecord>;
 
 template <class It>
 vox_result Create() noexcept {
@@ -52,16 +52,16 @@ vox_result Create() noexcept {
 }  // namespace flat
 
 using flat::Guarded;
-using flat::Microphone;
-using flat::Speaker;
+using flat::MicrophoneSource;
+using flat::SpeakerSource;
 using flat::With;
 
-vox_result VOX_CALL vox_microphone_create(void) { return flat::Create<Microphone>(); }
-vox_result VOX_CALL vox_speaker_create(void) { return flat::Create<Speaker>(); }
+vox_result VOX_CALL vox_microphone_create(void) { return flat::Create<MicrophoneSource>(); }
+vox_result VOX_CALL vox_speaker_create(void) { return flat::Create<SpeakerSource>(); }
 
 vox_result VOX_CALL vox_microphone_choice(vox_handle microphone, vox_choice* choice) {
   if (!choice || choice->size < sizeof *choice) return VOX_ERROR_ARGUMENT;
-  return With<Microphone>(microphone, [&](Microphone& it) -> vox_result {
+  return With<MicrophoneSource>(microphone, [&](MicrophoneSource& it) -> vox_result {
     const CVoxRecord::Choice chosen = it.recorder.ChooseDevice();
     choice->index = chosen.index;
     flat::GiveStart(Utf8(chosen.name), choice->name);
@@ -73,8 +73,8 @@ vox_result VOX_CALL vox_microphone_choice(vox_handle microphone, vox_choice* cho
 
 vox_result VOX_CALL vox_microphone_pen_meeting(vox_handle microphone, const char* device_name) {
   if (!device_name) return VOX_ERROR_ARGUMENT;
-  return With<Microphone>(
-      microphone, [&](Microphone& it) -> vox_result { return it.recorder.SetPen_MeetMode(Wide(device_name)), VOX_OK; });
+  return With<MicrophoneSource>(
+      microphone, [&](MicrophoneSource& it) -> vox_result { return it.recorder.SetPen_MeetMode(Wide(device_name)), VOX_OK; });
 }
 
 vox_result VOX_CALL vox_sound_card_check(void) {

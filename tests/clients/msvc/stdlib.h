@@ -1,0 +1,2 @@
+#pragma once
+__declspec(noreturn) void __cdecl exit(int code);
