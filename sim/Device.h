@@ -29,6 +29,7 @@ struct HidFaults {
   bool noPreparsedData = false;  // HidD_GetPreparsedData fails
   bool noCaps = false;           // HidP_GetCaps fails
   bool failReads = false;        // a read fails at once, as if the device were just being pulled out
+  Time readEntry{0};             // how long a read takes until it waits, and can be cancelled
   bool failWrites = false;
   bool hangWrites = false;    // a write never comes back
   Time writeTime{0};          // how long a write takes

@@ -100,6 +100,8 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OV
   if (open->device->faults.failReads) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
   sim::Object* const object = open;
   ++open->reads;
+  if (const sim::Time entry = open->device->faults.readEntry; entry.count() > 0)
+    call.kernel.waitAny(call.lock, {}, entry);
   const int by = open->device->faults.ignoreCancel ? call.kernel.waitAny(call.lock, {&object, 1}, std::nullopt)
                                                    : call.kernel.waitCancellable(call.lock, {&object, 1}, std::nullopt);
   --open->reads;

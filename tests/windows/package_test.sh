@@ -11,13 +11,17 @@ cpack --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log"
 (cd "$work" && cmake -E tar xf ./*.zip)
 package=$(echo "$work"/VoxDevice-*/)
 for file in bin/VoxDevice.dll lib/libVoxDevice.dll.a include/VoxDevice/VoxDevice.h bin/voxdesk.exe README.md \
-  docs/windows.md examples/client/main.cpp THIRD-PARTY.md; do
+  docs/windows.md examples/client/main.cpp THIRD-PARTY.md bin/VoxDeviceC.dll lib/VoxDeviceC.lib lib/libVoxDeviceC.dll.a \
+  include/VoxDevice/voxdevice.h bindings/python/voxdevice.py simulated/VoxDevice.dll simulated/VoxDeviceC.dll \
+  simulated/README.txt; do
   [ -f "$package/$file" ] || { echo "missing in the package: $file" >&2; exit 1; }
 done
 cmake -S "$package/examples/client" -B "$work/client" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
   -DCMAKE_PREFIX_PATH="$package" >"$work/configure.log"
 cmake --build "$work/client" >"$work/build.log" || { cat "$work/build.log" >&2; exit 1; }
 cp "$package/bin/VoxDevice.dll" "$work/client"
+mkdir "$work/stand-in"
+cp "$work/client/client.exe" "$package/simulated/VoxDevice.dll" "$work/stand-in"
 # Every link in its documents leads to something that is there.
 (cd "$package" && grep -oE '\]\([^)#:]+' README.md CONTRIBUTING.md docs/*.md | while IFS=: read -r document link; do
   [ -e "$(dirname "$document")/${link#??}" ] || { echo "dangling in the package: $document ${link#??}" >&2; exit 1; }
@@ -38,6 +42,9 @@ expect() {
 }
 # The simulated desk is in the package too, with what it says.
 expect "Stopped: nothing is left open." "$wine" "$package/bin/voxdesk.exe" --desk default --virtual-time --out "$work/take.wav"
+
+# The same client, unchanged, without hardware.
+VOXDEVICE_DESK="$(dirname "$0")/../clients/held-key.json" expect "recorded [12]\.[0-9] s" "$wine" "$work/stand-in/client.exe" 8
 
 "$wine" "$build/bin/plug.exe" Wren 20 >"$work/plug.log" 2>&1 &
 plug=$!
