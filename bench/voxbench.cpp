@@ -12,9 +12,11 @@
 #include <vector>
 
 #include "VoxDevice/VoxDevice.h"
+#include "VoxDevice/voxdevice.h"
 #include "audio/ConvertTo16kMono.h"
 #include "audio/SbcDecoder.h"
 #include "bench/Allocations.h"
+#include "bindings/c/Objects.h"
 #include "hid/ReaderVariants.h"
 #include "platform/os.h"
 #include "sim/Machine.h"
@@ -256,6 +258,36 @@ void SpeechSecond(benchmark::State& state) {
   hub.Release();
 }
 BENCHMARK(SpeechSecond)->Unit(benchmark::kMillisecond);
+
+// The flat interface: a call through a handle, and the way of an event from a report to who asks for it.
+void FlatCall(benchmark::State& state) {
+  sim::Machine machine;
+  const vox_handle hub = vox_hub_create();
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(vox_hub_button(hub, VOX_BUTTON_LEFT));
+  vox_destroy(hub);
+  flat::Restart();
+}
+BENCHMARK(FlatCall);
+
+void ClassCall(benchmark::State& state) {
+  sim::Machine machine;
+  CAudioHidCenter hub;
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(hub.GetButtonState_Left());
+}
+BENCHMARK(ClassCall);
+
+void FlatEvent(benchmark::State& state) {
+  sim::Machine machine;
+  const vox_handle click = vox_click_create();
+  vox_event event{sizeof event, 0, 0, {}};
+  for ([[maybe_unused]] auto _ : state) {
+    VoxMessage::HidConnect(1);
+    if (vox_next_event(&event, 0) != 1) state.SkipWithError("no event");
+  }
+  vox_destroy(click);
+  flat::Restart();
+}
+BENCHMARK(FlatEvent);
 
 void SpeechEncoding(benchmark::State& state) {
   sim::SbcEncoder encoder;

@@ -1,4 +1,5 @@
-// The flat interface takes arguments from programs in other languages: any call with any of them, on a desk with a Wren.
+// The flat interface takes arguments from programs in other languages: any call with any of them, on a desk with a
+// Wren.
 #include <cstdlib>
 
 #include "bindings/c/Objects.h"

@@ -11,7 +11,8 @@ std::vector<std::int16_t> tone() {
   constexpr int kRate = 16'000;
   std::vector<std::int16_t> samples(2 * kRate);
   for (std::size_t i = 0; i < samples.size(); ++i) {
-    samples[i] = static_cast<std::int16_t>(8000 * std::sin(2 * std::numbers::pi * 440 * static_cast<double>(i) / kRate));
+    samples[i] =
+        static_cast<std::int16_t>(8000 * std::sin(2 * std::numbers::pi * 440 * static_cast<double>(i) / kRate));
   }
   return samples;
 }

@@ -1,11 +1,22 @@
 // Texts as programs print them.
 #pragma once
 
+#include <filesystem>
+
 #include "support/Text.h"
 
 namespace sim {
 
 inline std::string utf8(std::wstring_view text) { return Utf8(text); }
 inline std::wstring wide(std::string_view text) { return Wide(text); }
+
+// The file of a name in UTF-8.
+inline std::filesystem::path pathOf(std::string_view name) {
+#ifdef _WIN32
+  return Wide(name);
+#else
+  return name;
+#endif
+}
 
 }  // namespace sim

@@ -78,8 +78,8 @@ class AnyCall {
   }
   uint32_t any(const uint32_t*) { return static_cast<uint32_t>(random_() % 3 * 40); }
   const char* any(const char* const*) {
-    static constexpr const char* kTexts[] = {nullptr,    "",         "a", "vox.example/a", "a:b",
-                                             "\xFF\xC3", "/nowhere", R"(\\?\hid#vid_0d8c&pid_0137#7#)"};
+    static constexpr const char* kTexts[] = {nullptr, "",         "a",        "vox.example/a",
+                                             "a:b",   "\xFF\xC3", "/nowhere", R"(\\?\hid#vid_0d8c&pid_0137#7#)"};
     return kTexts[random_() % std::size(kTexts)];
   }
   // Larger than anything that is ever written.

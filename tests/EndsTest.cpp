@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/os.h"
+#include "support/CallbackSlot.h"
 #include "tests/Desk.h"
 #include "tests/RandomClients.h"
 
@@ -293,6 +294,42 @@ TEST(Ends, AReadThatCannotBeCancelledYetIsCancelledAgain) {
   desk.run(5ms);
   EXPECT_LE(timeOf(desk, [&] { desk.hub->CloseDevice(); }), 300);
   EXPECT_EQ(desk.machine.balance().threads, 0U);
+}
+
+TEST(Ends, ADeviceThatIsStillBeingOpenedDoesNotComeInAfterAStop) {
+  Desk desk;
+  auto wren = desk.make("Wren");
+  wren->faults.openTime = 3s;
+  desk.machine.plug(wren);
+  desk.open();
+  desk.run(1500ms);
+  EXPECT_LE(timeOf(desk, [&] { desk.hub->CloseDevice(); }), kBound);
+  desk.run(10s);
+  EXPECT_EQ(desk.machine.balance().threads, 0U) << desk.machine.waiting();
+  EXPECT_EQ(desk.record.lines("HidConnect"), Lines{});
+  wren->faults.openTime = 0s;
+  desk.open();
+  desk.run(6s);
+  EXPECT_EQ(desk.record.lines("HidConnect"), Lines{"HidConnect 1"});
+}
+
+TEST(Ends, ACallbackAndItsContextAreOnePair) {
+  using Callback = void (*)(void*);
+  const Callback first = [](void*) {};
+  int one = 0, two = 0;
+  for (std::uint64_t seed = 1; seed <= seeds(30); ++seed) {
+    sim::Machine machine({.seed = seed});
+    CallbackSlot<Callback> slot;
+    slot.Set(first, &one);
+    auto writer = machine.spawn([&] {
+      for (int i = 0; i < 20; ++i) i % 2 == 0 ? slot.Set(nullptr, &two) : slot.Set(first, &one);
+    });
+    for (int i = 0; i < 100; ++i) {
+      const auto pair = slot.Get();
+      ASSERT_EQ(pair.function == first, pair.context == &one) << "seed " << seed;
+    }
+    writer.join();
+  }
 }
 
 TEST(Ends, NothingIsToldAfterCloseDevice) {

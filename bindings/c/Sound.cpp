@@ -73,8 +73,9 @@ vox_result VOX_CALL vox_microphone_choice(vox_handle microphone, vox_choice* cho
 
 vox_result VOX_CALL vox_microphone_pen_meeting(vox_handle microphone, const char* device_name) {
   if (!device_name) return VOX_ERROR_ARGUMENT;
-  return With<MicrophoneSource>(
-      microphone, [&](MicrophoneSource& it) -> vox_result { return it.recorder.SetPen_MeetMode(Wide(device_name)), VOX_OK; });
+  return With<MicrophoneSource>(microphone, [&](MicrophoneSource& it) -> vox_result {
+    return it.recorder.SetPen_MeetMode(Wide(device_name)), VOX_OK;
+  });
 }
 
 vox_result VOX_CALL vox_sound_card_check(void) {

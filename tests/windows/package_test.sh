@@ -41,7 +41,8 @@ expect() {
   grep -qE -- "$pattern" "$work/out" || { cat "$work/out"; echo "not in the output of $*: $pattern" >&2; exit 1; }
 }
 # The simulated desk is in the package too, with what it says.
-expect "Stopped: nothing is left open." "$wine" "$package/bin/voxdesk.exe" --desk default --virtual-time --out "$work/take.wav"
+expect "Stopped: nothing is left open." "$wine" "$package/bin/voxdesk.exe" --desk default --virtual-time --out "$work/录音.wav"
+[ -s "$work/录音.wav" ] || { echo "the recording has another name:" "$work"/*.wav >&2; exit 1; }
 
 # The same client, unchanged, without hardware.
 VOXDEVICE_DESK="$(dirname "$0")/../clients/held-key.json" expect "recorded [12]\.[0-9] s" "$wine" "$work/stand-in/client.exe" 8

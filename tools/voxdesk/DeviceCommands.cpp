@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "Session.h"
+#include "sim/Text.h"
 
 namespace {
 
@@ -41,10 +42,10 @@ struct DeviceSession : Session {
 std::size_t checkImage(const std::string& path, const std::string& model) {
   namespace fs = std::filesystem;
   std::error_code error;
-  const fs::file_status status = fs::status(path, error);
+  const fs::file_status status = fs::status(sim::pathOf(path), error);
   if (status.type() == fs::file_type::not_found) throw Failure(path + ": No such file or directory");
   if (status.type() != fs::file_type::regular) throw Failure(path + ": not a file of bytes; expected a firmware image");
-  const std::uintmax_t size = fs::file_size(path, error);
+  const std::uintmax_t size = fs::file_size(sim::pathOf(path), error);
   if (error) throw Failure(path + ": " + error.message());
   if (size == 0) throw Failure(path + ": empty; expected a firmware image");
   const std::uintmax_t most = model.find("Tern") != std::string::npos ? 0x7FFFFFFF : kBlocksEnd;

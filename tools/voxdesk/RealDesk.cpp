@@ -132,7 +132,7 @@ std::optional<int> runOther(int argc, char** argv) {
   if (!asked) return std::nullopt;
   const std::filesystem::path program = programFolder() / "voxdesk-simulated.exe";
   std::vector<std::wstring> arguments{quoted(program.wstring())};
-  for (int i = 1; i < argc; ++i) arguments.push_back(quoted(std::filesystem::path(argv[i]).wstring()));
+  for (int i = 1; i < argc; ++i) arguments.push_back(quoted(sim::wide(argv[i])));
   std::vector<const wchar_t*> pointers;
   pointers.reserve(arguments.size() + 1);
   for (const std::wstring& argument : arguments) pointers.push_back(argument.c_str());

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "sim/Text.h"
 #include "sim/Wav.h"
 
 namespace {
@@ -31,7 +32,7 @@ double rounded(double dB) { return std::round(dB * 10) / 10; }
 }  // namespace
 
 void Take::checkWritable(const std::string& path) {
-  const bool there = std::filesystem::exists(path);
+  const bool there = std::filesystem::exists(sim::pathOf(path));
   std::FILE* file = std::fopen(path.c_str(), "ab");
   if (!file) throw Failure(path + ": " + std::strerror(errno));
   std::fclose(file);
