@@ -1,5 +1,6 @@
-# What is installed, and the ZIP of it.
+# What is installed, the ZIP of it, and Debian's packages: voxdesk and libvoxdevice-dev.
 include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 include(CMakePackageConfigHelpers)
 
 if(WIN32)
@@ -29,11 +30,17 @@ install(FILES ${PROJECT_BINARY_DIR}/VoxDeviceConfig.cmake ${PROJECT_BINARY_DIR}/
         DESTINATION ${package_folder})
 
 if(VOXDEVICE_TOOLS)
-  install(TARGETS voxdesk)
+  install(TARGETS voxdesk COMPONENT program)
   if(WIN32)
     install(TARGETS voxdesk-simulated)
   endif()
-  install(FILES samples/sentence.wav DESTINATION ${CMAKE_INSTALL_DATADIR}/VoxDevice)
+  install(FILES samples/sentence.wav DESTINATION ${CMAKE_INSTALL_DATADIR}/VoxDevice COMPONENT program)
+  if(NOT WIN32)
+    install(FILES packaging/voxdesk.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+    install(FILES packaging/voxdesk.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME voxdesk
+            COMPONENT program)
+    install(FILES THIRD-PARTY.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/voxdesk COMPONENT program)
+  endif()
 endif()
 
 set(CPACK_GENERATOR ZIP)
@@ -45,4 +52,17 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
 else()
   set(CPACK_PACKAGE_FILE_NAME VoxDevice-${PROJECT_VERSION}-${system}-x64)
 endif()
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The developers of VoxDevice <voxdevice@example.invalid>")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME voxdesk)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_PROGRAM_DESCRIPTION "client of VoxDevice at a desk of virtual voice mice
+ Shows, lists, watches, records, commands and updates voice mice, which are simulated.")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvoxdevice-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "device layer for voice mice, on a simulated machine
+ Classes for C++ and a flat interface for any language, with documents and examples.")
 include(CPack)
