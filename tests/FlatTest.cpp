@@ -287,6 +287,105 @@ TEST(Flat, WhoWaitsReturnsWhenTheObjectGoes) {
   EXPECT_EQ(vox_destroy(speaker), VOX_ERROR_HANDLE);
 }
 
+TEST(Flat, ARecordingEndsOnceWhateverBecomesOfIt) {
+  struct Heard {
+    FlatDesk& desk;
+    std::chrono::milliseconds slow{0};
+    int blocks = 0, ends = 0, afterEnd = 0;
+  };
+  FlatDesk desk;
+  desk.open();
+  auto wren = desk.connect("Wren");
+  wren->hear(std::vector<std::int16_t>(16000 * 60, 7));
+  std::int16_t sample = 0;
+  EXPECT_EQ(vox_hub_choose(desk.hub, 1), VOX_OK);
+
+  // One that does not start is over at once; a stop without one ends nothing.
+  wren->answer(0x03, {.refuse = true});
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_ERROR_REFUSED);
+  EXPECT_EQ(vox_read(desk.hub, &sample, 1, 0xFFFFFFFE), VOX_ERROR_END);
+  EXPECT_EQ(vox_record_stop(desk.hub), VOX_OK);
+  EXPECT_EQ(desk.events("end"), Lines{});
+  wren->answer(0x03, {});
+
+  Heard heard{desk};
+  vox_on_audio(
+      desk.hub,
+      [](const int16_t* samples, int32_t, void* context) {
+        auto& it = *static_cast<Heard*>(context);
+        it.afterEnd += it.ends;
+        samples ? ++it.blocks : ++it.ends;
+        if (samples) it.desk.machine.sleep(it.slow);
+      },
+      &heard);
+  // The device does not confirm the end, and goes on.
+  wren->answer(0x04, {.silent = true});
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_OK);
+  desk.machine.sleep(1s);
+  EXPECT_EQ(vox_record_stop(desk.hub), VOX_ERROR_TIMEOUT);
+  desk.machine.sleep(2s);
+  EXPECT_GT(heard.blocks, 0);
+  EXPECT_EQ(heard.ends, 1);
+  EXPECT_EQ(heard.afterEnd, 0);
+  wren->answer(0x04, {});
+  EXPECT_EQ(vox_record_stop(desk.hub), VOX_OK);
+  EXPECT_EQ(heard.ends, 1);
+
+  // A callback that is still inside a block; and another thread that wants to start meanwhile.
+  heard.slow = 700ms;
+  heard.ends = heard.afterEnd = 0;
+  EXPECT_EQ(vox_record_start(desk.hub), VOX_OK);
+  desk.machine.sleep(400ms);
+  auto other = desk.machine.spawn([&] {
+    desk.machine.sleep(5ms);
+    EXPECT_EQ(vox_record_start(desk.hub), VOX_ERROR_BUSY);
+    EXPECT_EQ(vox_record_stop(desk.hub), VOX_ERROR_BUSY);
+  });
+  vox_record_stop(desk.hub);
+  other.join();
+  desk.machine.sleep(2s);
+  EXPECT_EQ(heard.ends, 1);
+  EXPECT_EQ(heard.afterEnd, 0);
+  desk.events();
+}
+
+TEST(Flat, AMicrophoneIsDestroyedWhileAnotherThreadWaitsForItsCallback) {
+  for (const auto slow : {1500ms, 3600'000ms}) {
+    FlatDesk desk;
+    struct Client {
+      FlatDesk& desk;
+      std::chrono::milliseconds slow;
+      bool gone = false;
+      int after = 0;
+    } client{desk, slow};
+    desk.machine.locked([&] {
+      desk.machine.sound().microphones.push_back(std::make_shared<sim::Microphone>(L"Microphone (VoxMouse USB AUDIO)"));
+      desk.machine.sound().microphones.back()->hears.assign(160000, 5);
+    });
+    const vox_handle microphone = vox_microphone_create();
+    vox_on_audio(
+        microphone,
+        [](const int16_t*, int32_t, void* context) {
+          auto& it = *static_cast<Client*>(context);
+          if (it.gone) ++it.after;
+          it.desk.machine.sleep(it.slow);
+        },
+        &client);
+    ASSERT_EQ(vox_record_start(microphone), VOX_OK);
+    desk.machine.sleep(300ms);
+    auto other = desk.machine.spawn([&] { vox_record_stop(microphone); });
+    desk.machine.sleep(50ms);
+    const auto begin = desk.machine.now();
+    EXPECT_EQ(vox_destroy(microphone), VOX_OK);
+    EXPECT_LE(desk.machine.now() - begin, 2200ms);
+    client.gone = true;
+    other.join();
+    desk.machine.sleep(5s);
+    EXPECT_EQ(client.after, 0);
+    EXPECT_EQ(desk.machine.balance().threads, 0U) << desk.machine.waiting();
+  }
+}
+
 TEST(Flat, AHubIsDestroyedInItsOwnCallback) {
   for (const char* when : {"connect", "button"}) {
     FlatDesk desk;

@@ -28,15 +28,15 @@ class Former final : public Object {
 class Switch final : public Object {
  public:
   void End() noexcept override {
-    mode.Release();
     const CAutoLock lock(lock_);
+    mode.Release();
     kept_.clear();
   }
-  void Start(CFormerMouse& mouse, CAudioHidCenter& hub, std::shared_ptr<Object> first, std::shared_ptr<Object> second) {
-    {
-      const CAutoLock lock(lock_);
-      kept_.push_back(std::move(first));
-      kept_.push_back(std::move(second));
+  void Start(CFormerMouse& mouse, CAudioHidCenter& hub, const std::shared_ptr<Object>& first,
+             const std::shared_ptr<Object>& second) {
+    const CAutoLock lock(lock_);
+    for (const auto& each : {first, second}) {
+      if (std::find(kept_.begin(), kept_.end(), each) == kept_.end()) kept_.push_back(each);
     }
     mode.StartCheck(reinterpret_cast<void*>(&MayNotSwitch), ContextOf(handle), &mouse, &hub, &pen_);
   }

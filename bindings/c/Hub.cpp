@@ -75,16 +75,15 @@ class Hub final : public Source {
     return reader->otaStage != OtaStage_Idle ? VOX_ERROR_BUSY : VOX_OK;
   }
 
-  vox_result Start() override {
+  vox_result StartRecording() override {
     const int device = CHubAccess::Of(center)->workDevice;
     if (const vox_result there = device == -1 ? VOX_ERROR_NO_DEVICE : IsThere(device); there < 0) return there;
-    audio.Begin();
     if (center.OpenHidRecord()) return VOX_OK;
     const auto reader = CHubAccess::Of(center)->FindLive(device);
     if (!reader) return VOX_ERROR_NO_DEVICE;
     return reader->recordState == 2 ? VOX_ERROR_REFUSED : VOX_ERROR_TIMEOUT;
   }
-  vox_result Stop() override { return center.CloseHidRecord() ? VOX_OK : VOX_ERROR_TIMEOUT; }
+  vox_result StopRecording() override { return center.CloseHidRecord() ? VOX_OK : VOX_ERROR_TIMEOUT; }
   void End() noexcept override {
     Source::End();
     CHubAccess::Of(center)->buttonCallback.Set(nullptr,
@@ -100,7 +99,7 @@ vox_result Flag(bool value) { return value ? 1 : 0; }
 bool IsReadable(const char* path) {
   OtaImage image;
   int size = 0;
-  return path && CDeviceReader::LoadImageFile(path, image, size);
+  return path && CDeviceReader::LoadImageFile(path, image, size) && size > 0;
 }
 
 // Runs `work` with the hub, when the device is there.
@@ -292,7 +291,7 @@ vox_result VOX_CALL vox_hub_set_mkey(vox_handle hub, int32_t device, int32_t key
         break;
     }
     const vox_result there = it.IsThere(device);
-    return there < 0 ? there : VOX_ERROR_BUSY;
+    return there < 0 ? there : VOX_ERROR_NO_DEVICE;
   });
 }
 

@@ -29,27 +29,84 @@ std::shared_ptr<Object> Objects::Take(vox_handle handle) noexcept {
 
 Source::Source() : audio(kMostSamples) {}
 
+void Source::End() noexcept {
+  records_ = false;
+  callback.Set(nullptr, nullptr);
+  audio.Close();
+}
+
+// Named by a number: who is ended by force inside keeps nobody waiting twice.
+class Source::Turn {
+ public:
+  explicit Turn(Source& source) noexcept : number_(++source.lastTurn_) {
+    const CDeadline deadline(CWorker::CurrentStopEvent() ? 0 : kTurnPatience);
+    for (int none = 0; !source.turn_.compare_exchange_strong(none, number_); none = 0) {
+      if (deadline.HasPassed()) {
+        source.turn_ = number_;
+        return;
+      }
+      os::Sleep(1);
+    }
+  }
+  int Number() const noexcept { return number_; }
+
+ private:
+  static constexpr DWORD kTurnPatience = 2000;  // ms
+
+  const int number_;
+};
+
 void Source::Deliver(const void* data, int byteCount, void* context) noexcept {
   // The end is told by who stops: a microphone marks it up to three times.
   if (!data || byteCount <= 1) return;
   const auto* const samples = static_cast<const std::int16_t*>(data);
   const std::int32_t count = byteCount / 2;
   CallbackSlot<vox_audio_fn>::Pair pair;
+  int turn = 0;
   {
     const CNotCutOff whole;
     const auto source = Objects::All().Find<Source>(HandleIn(context));
-    if (!source) return;
+    if (!source || !source->records_) return;
     pair = source->callback.Get();
     if (!pair.function) return source->audio.Put(samples, static_cast<std::size_t>(count));
+    turn = Turn(*source).Number();
   }
   // Nothing is held meanwhile: the thread may be ended there.
   pair.function(samples, count, pair.context);
+  const CNotCutOff whole;
+  if (const auto source = Objects::All().Find<Source>(HandleIn(context))) {
+    source->turn_.compare_exchange_strong(turn, 0);
+  }
 }
 
-void Source::Finish() noexcept {
+vox_result Source::Start() {
+  if (busy_.exchange(true)) return VOX_ERROR_BUSY;
+  audio.Begin();
+  records_ = true;
+  const vox_result result = StartRecording();
+  if (result < 0) {
+    records_ = false;
+    audio.End();
+  }
+  busy_ = false;
+  return result;
+}
+
+vox_result Source::Stop() {
+  if (busy_.exchange(true)) return VOX_ERROR_BUSY;
+  const vox_result result = StopRecording();
+  const bool recorded = records_;
+  if (recorded) Turn last(*this);  // a delivery that runs comes first
+  turn_ = 0;
+  records_ = false;
   audio.End();
-  callback(nullptr, 0);
-  Tell(VOX_EVENT_AUDIO_END, -1, {handle});
+  busy_ = false;
+  // Once for each recording, and not when the object has been destroyed meanwhile.
+  if (recorded && Objects::All().Find<Source>(handle)) {
+    callback(nullptr, 0);
+    Tell(VOX_EVENT_AUDIO_END, -1, {handle});
+  }
+  return result;
 }
 
 }  // namespace flat
@@ -74,7 +131,7 @@ const char* VOX_CALL vox_error_text(vox_result code) {
     case VOX_ERROR_NO_DEVICE:
       return "no such device is connected";
     case VOX_ERROR_BUSY:
-      return "the device takes no command now: its firmware is being updated";
+      return "the device's firmware is being updated, or another thread is just starting or stopping the recording";
     case VOX_ERROR_TIMEOUT:
       return "the device has not answered in time";
     case VOX_ERROR_REFUSED:
@@ -120,11 +177,7 @@ vox_result VOX_CALL vox_record_start(vox_handle source) {
 }
 
 vox_result VOX_CALL vox_record_stop(vox_handle source) {
-  return With<Source>(source, [](Source& it) {
-    const vox_result result = it.Stop();
-    it.Finish();
-    return result;
-  });
+  return With<Source>(source, [](Source& it) { return it.Stop(); });
 }
 
 vox_result VOX_CALL vox_on_audio(vox_handle source, vox_audio_fn function, void* context) {

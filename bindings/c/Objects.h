@@ -19,6 +19,9 @@
 
 namespace flat {
 
+// Of the tick counter, whose differences are signed: 24 days.
+constexpr std::uint32_t kLongestWait = 0x7FFFFFFF;  // ms
+
 // A function of the interface: no exception leaves it.
 template <class Work>
 vox_result Guarded(Work&& work) noexcept {
@@ -97,7 +100,7 @@ class Queue {
   // result, or 0 when nothing comes in time, VOX_ERROR_END, VOX_ERROR_HANDLE when it is closed.
   template <class Take>
   vox_result Get(std::uint32_t milliseconds, Take&& take) noexcept {
-    const CDeadline deadline(milliseconds);
+    const CDeadline deadline(std::min(milliseconds, kLongestWait));
     for (;;) {
       {
         const CNotCutOff whole;
@@ -210,7 +213,10 @@ template <class T, class Work>
 vox_result With(vox_handle handle, Work&& work) noexcept {
   return Guarded([&]() -> vox_result {
     const std::shared_ptr<T> object = Objects::All().Find<T>(handle);
-    return object ? work(*object) : VOX_ERROR_HANDLE;
+    if (!object) return VOX_ERROR_HANDLE;
+    const vox_result result = work(*object);
+    // What has failed because the object went meanwhile.
+    return result < 0 && !Objects::All().Find<T>(handle) ? VOX_ERROR_HANDLE : result;
   });
 }
 
@@ -226,18 +232,31 @@ inline vox_handle HandleIn(void* context) noexcept {
 class Source : public Object {
  public:
   Source();
-  // Who reads returns. The rest is for the destructor, which ends a callback that does not return.
-  void End() noexcept override { audio.Close(); }
-  virtual vox_result Start() = 0;
-  virtual vox_result Stop() = 0;
+  // Who reads returns, and nobody is told anything any more.
+  void End() noexcept override;
+  // VOX_ERROR_BUSY while another thread is inside one of them.
+  vox_result Start();
+  vox_result Stop();
 
   // Audio for the source with the handle in `context`: to its callback, or to who reads.
   static void Deliver(const void* data, int byteCount, void* context) noexcept;
-  // The end, on the calling thread.
-  void Finish() noexcept;
 
   CallbackSlot<vox_audio_fn> callback;
   Queue<std::int16_t> audio;
+
+ protected:
+  virtual vox_result StartRecording() = 0;
+  virtual vox_result StopRecording() = 0;
+
+ private:
+  // Deliveries of one source, one after the other: the rest of a recording comes on the thread that stops it. Not one
+  // that does not come back within the time in which a callback may be ended, nor one on the thread's own stack.
+  class Turn;
+
+  Atomic<bool> busy_{false};
+  Atomic<bool> records_{false};
+  Atomic<int> turn_{0};  // the number of the delivery that runs, 0 none
+  Atomic<int> lastTurn_{0};
 };
 
 // Tells the process of an event: its callback, or who asks.

@@ -39,9 +39,12 @@ class Told final : public VoxMessageSink {
     vox_event event{sizeof event, kind, device, {}};
     std::copy(values.begin(), values.end(), event.value);
     const auto pair = onEvent.Get();
-    if (pair.function) return pair.function(&event, pair.context);
-    events.Put(&event, 1);
+    if (!pair.function) return events.Put(&event, 1);
+    for (vox_event lost{sizeof lost, 0, 0, {}}; NextLost(lost);) pair.function(&lost, pair.context);
+    pair.function(&event, pair.context);
   }
+  // What was lost, and has not been told of yet.
+  bool NextLost(vox_event& event) noexcept;
 
   CallbackSlot<vox_event_fn> onEvent;
   CallbackSlot<vox_text_fn> onText;
@@ -92,7 +95,7 @@ class Told final : public VoxMessageSink {
   }
 };
 
-bool NextLost(vox_event& event) noexcept {
+bool Told::NextLost(vox_event& event) noexcept {
   const auto lost = [&](std::int32_t what, std::size_t count, vox_handle handle) {
     if (count == 0) return false;
     event.kind = VOX_EVENT_LOST;
@@ -102,8 +105,7 @@ bool NextLost(vox_event& event) noexcept {
     event.value[2] = handle;
     return true;
   };
-  Told& told = Told::It();
-  return lost(1, told.events.TakeLost(), 0) || lost(2, told.texts.TakeLost() + told.lostForMemory.exchange(0), 0) ||
+  return lost(1, events.TakeLost(), 0) || lost(2, texts.TakeLost() + lostForMemory.exchange(0), 0) ||
          Objects::All().ForEach<Source>(
              [&](Source& source) { return lost(3, source.audio.TakeLost(), source.handle); });
 }
@@ -143,6 +145,8 @@ vox_result MKeyList(std::int32_t device, std::int32_t key, std::uint8_t* functio
 
 using flat::Told;
 
+constexpr DWORD kLookForLost = 500;  // ms
+
 vox_result VOX_CALL vox_on_event(vox_event_fn function, void* context) {
   if (const vox_result result = flat::Listen(); result < 0) return result;
   Told::It().onEvent.Set(function, context);
@@ -160,13 +164,19 @@ vox_result VOX_CALL vox_next_event(vox_event* event, uint32_t milliseconds) {
   if (const vox_result result = flat::Listen(); result < 0) return result;
   const std::uint32_t size = event->size;
   vox_event next{};
-  vox_result result = 1;
-  if (!flat::NextLost(next)) {
-    result = Told::It().events.Get(milliseconds, [&](const vox_event* first, std::size_t) {
+  vox_result result = 0;
+  const CDeadline deadline(std::min(milliseconds, flat::kLongestWait));
+  do {
+    if (Told::It().NextLost(next)) {
+      result = 1;
+      break;
+    }
+    const DWORD left = milliseconds == INFINITE ? kLookForLost : deadline.Left(kLookForLost);
+    result = Told::It().events.Get(left, [&](const vox_event* first, std::size_t) {
       next = *first;
       return std::pair(std::size_t{1}, vox_result{1});
     });
-  }
+  } while (result == 0 && (milliseconds == INFINITE || !deadline.HasPassed()));
   if (result == 1) {
     *event = next;
     event->size = size;

@@ -22,6 +22,7 @@ import ctypes
 import ctypes.util
 import os
 import sys
+import threading
 import time
 import wave
 from pathlib import Path
@@ -60,8 +61,7 @@ class Event(NamedTuple):
     values: tuple[int, ...]
 
     def is_button(self, button: str, what: str) -> bool:
-        return (self.kind == "button" and BUTTONS[self.values[0]] == button and
-                BUTTON_EVENTS[self.values[1]] == what)
+        return self.kind == "button" and self.values[:2] == (BUTTONS.index(button), BUTTON_EVENTS.index(what))
 
 
 class Device(NamedTuple):
@@ -158,14 +158,20 @@ class Source:
 
 
 class Recording:
-    """From `with` to its end. Then `samples` has what was recorded."""
+    """From `with` to its end. `samples` has what was recorded, whole after the end. Read on a thread of its own."""
 
     def __init__(self, source: Source) -> None:
         self.source = source
         self.samples = array.array("h")
+        self._reader = threading.Thread(target=self._read)
+
+    def _read(self) -> None:
+        for block in self.source.blocks():
+            self.samples.extend(block)
 
     def __enter__(self) -> Recording:
         library.vox_record_start(self.source.handle)
+        self._reader.start()
         return self
 
     def __exit__(self, kind: Optional[type[BaseException]], error: Optional[BaseException],
@@ -173,8 +179,7 @@ class Recording:
         try:
             library.vox_record_stop(self.source.handle)
         finally:
-            for block in self.source.blocks():
-                self.samples.extend(block)
+            self._reader.join()
 
 
 class Hub(Source):
@@ -209,7 +214,7 @@ class Hub(Source):
         """The first event that is wanted; those before it are dropped. TimeoutError."""
         end = time.monotonic() + seconds
         while (left := end - time.monotonic()) > 0:
-            event = self.next_event(left)
+            event = self.next_event(min(left, 3600))
             if event and wanted(event):
                 return event
         raise TimeoutError(f"nothing of that kind within {seconds} s")
@@ -252,9 +257,11 @@ def speaker() -> Source:
 def log_lines() -> Iterator[tuple[int, str]]:
     """(category, text) of every log line that nobody has asked for yet."""
     kind, category = ctypes.c_int32(), ctypes.c_int32()
-    room = ctypes.create_string_buffer(4096)
-    while library.vox_next_text(ctypes.byref(kind), ctypes.byref(category), room, len(room), 0):
-        if kind.value == 1:
+    room = ctypes.create_string_buffer(1)
+    while needed := library.vox_next_text(ctypes.byref(kind), ctypes.byref(category), room, len(room), 0):
+        if needed > len(room):
+            room = ctypes.create_string_buffer(needed)
+        elif kind.value == 1:
             yield category.value, room.value.decode()
 
 

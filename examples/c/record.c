@@ -34,8 +34,8 @@ static vox_result check(vox_result result, const char* what) {
   exit(1);
 }
 
-/* Waits for the voice key of any device: its device, or -1 when nobody presses it in time. */
-static int32_t await_voice_key(int32_t what, uint32_t milliseconds) {
+/* The device whose voice key goes down (or up), or -1 when none does within so many milliseconds. */
+static int32_t voice_key(int32_t what, uint32_t milliseconds) {
   vox_event event = {sizeof event, 0, 0, {0}};
   while (check(vox_next_event(&event, milliseconds), "waiting") == 1) {
     if (event.kind == VOX_EVENT_CONNECT) fprintf(stderr, "device %d\n", (int)event.device);
@@ -46,18 +46,19 @@ static int32_t await_voice_key(int32_t what, uint32_t milliseconds) {
 
 int main(int argc, char** argv) {
   const char* path = argc > 1 ? argv[1] : "recording.wav";
+  const int32_t most = (int32_t)(sizeof speech / sizeof *speech);
   int32_t count = 0, device;
   vox_result read = 0;
   const vox_handle hub = check(vox_hub_create(), "no hub");
   check(vox_hub_open(hub), "no discovery");
   fputs("Hold the voice key of a device and speak.\n", stderr);
-  device = await_voice_key(VOX_DOWN, 60000);
+  device = voice_key(VOX_DOWN, 60000);
   if (device < 0) return fputs("Nobody has pressed a voice key within a minute.\n", stderr), 1;
   check(vox_hub_choose(hub, device), "the device");
   check(vox_record_start(hub), "the voice channel");
-  await_voice_key(VOX_UP, 60000);
+  while (voice_key(VOX_UP, 0) < 0 && (read = vox_read(hub, speech + count, most - count, 100)) >= 0) count += read;
   if (vox_record_stop(hub) < 0) fputs("The device has not confirmed the end.\n", stderr);
-  while ((read = vox_read(hub, speech + count, (int32_t)(sizeof speech / sizeof *speech) - count, 1000)) > 0) count += read;
+  while ((read = vox_read(hub, speech + count, most - count, 1000)) > 0) count += read;
   vox_destroy(hub);
   if (!write_wav(path, speech, (uint32_t)count)) return perror(path), 1;
   printf("%s: %.2f s\n", path, count / 16000.0);

@@ -32,10 +32,11 @@ static class Vox {
 static class Record {
   const int Button = 16, Left = 0, Up = 0, Down = 1;
 
-  static int AwaitVoiceKey(int what) {
+  // The device whose voice key goes down (or up), or -1 when none does within so many milliseconds.
+  static int VoiceKey(int what, uint ms) {
     for (;;) {
       var next = new VoxEvent { Size = (uint)Marshal.SizeOf(typeof(VoxEvent)), Value = new int[6] };
-      if (Vox.Check(Vox.vox_next_event(ref next, 60000)) == 0) throw new Exception("nobody has used a voice key for a minute");
+      if (Vox.Check(Vox.vox_next_event(ref next, ms)) == 0) return -1;
       if (next.Kind == Button && next.Value[0] == Left && next.Value[1] == what) return next.Device;
     }
   }
@@ -45,16 +46,14 @@ static class Record {
     int hub = Vox.Check(Vox.vox_hub_create());
     Vox.Check(Vox.vox_hub_open(hub));
     Console.Error.WriteLine("Hold the voice key of a device and speak.");
-    Vox.Check(Vox.vox_hub_choose(hub, AwaitVoiceKey(Down)));
+    Vox.Check(Vox.vox_hub_choose(hub, VoiceKey(Down, 60000)));
     Vox.Check(Vox.vox_record_start(hub));
-    AwaitVoiceKey(Up);
-    Vox.vox_record_stop(hub);
     var speech = new MemoryStream();
     var block = new short[4096];
-    for (int count; (count = Vox.vox_read(hub, block, block.Length, 1000)) > 0;) {
-      var bytes = new byte[2 * count];
-      Buffer.BlockCopy(block, 0, bytes, 0, bytes.Length);
-      speech.Write(bytes, 0, bytes.Length);
+    for (int count = 0; count >= 0;) {
+      count = Vox.vox_read(hub, block, block.Length, 100);
+      for (int i = 0; i < count; ++i) speech.Write(BitConverter.GetBytes(block[i]), 0, 2);
+      if (VoiceKey(Up, 0) >= 0) Vox.vox_record_stop(hub);  // what is left is still read
     }
     Vox.vox_destroy(hub);
     using (var wav = new BinaryWriter(File.Create(path))) {

@@ -28,19 +28,19 @@ func call(name string, arguments ...uintptr) int32 {
 }
 
 func check(name string, arguments ...uintptr) uintptr {
-	result := call(name, arguments...)
-	if result < 0 {
-		log.Fatalf("%s: error %d", name, result)
+	if result := call(name, arguments...); result >= 0 {
+		return uintptr(result)
 	}
-	return uintptr(result)
+	log.Fatal(name, " has failed")
+	return 0
 }
 
-func awaitVoiceKey(what int32) uintptr {
+// The device whose voice key goes down (or up), or 0 when none does within so many milliseconds.
+func voiceKey(what int32, ms uintptr) uintptr {
 	for {
-		next := event{}
-		next.size = uint32(unsafe.Sizeof(next))
-		if check("vox_next_event", uintptr(unsafe.Pointer(&next)), 60000) == 0 {
-			log.Fatal("nobody has used a voice key for a minute")
+		next := event{size: 36}
+		if check("vox_next_event", uintptr(unsafe.Pointer(&next)), ms) == 0 {
+			return 0
 		}
 		if next.kind == button && next.value[0] == left && next.value[1] == what {
 			return uintptr(next.device)
@@ -49,22 +49,22 @@ func awaitVoiceKey(what int32) uintptr {
 }
 
 func main() {
-	path := "recording.wav"
-	if len(os.Args) > 1 {
-		path = os.Args[1]
-	}
+	path := append(os.Args, "recording.wav")[1]
 	hub := check("vox_hub_create")
 	check("vox_hub_open", hub)
 	fmt.Fprintln(os.Stderr, "Hold the voice key of a device and speak.")
-	check("vox_hub_choose", hub, awaitVoiceKey(down))
+	check("vox_hub_choose", hub, voiceKey(down, 60000))
 	check("vox_record_start", hub)
-	awaitVoiceKey(up)
-	call("vox_record_stop", hub)
 	var speech, wav bytes.Buffer
 	block := make([]int16, 4096)
-	read := func() int32 { return call("vox_read", hub, uintptr(unsafe.Pointer(&block[0])), uintptr(len(block)), 1000) }
-	for count := read(); count > 0; count = read() {
-		binary.Write(&speech, binary.LittleEndian, block[:count])
+	for count := int32(0); count >= 0; {
+		count = call("vox_read", hub, uintptr(unsafe.Pointer(&block[0])), uintptr(len(block)), 100)
+		if count > 0 {
+			binary.Write(&speech, binary.LittleEndian, block[:count])
+		}
+		if voiceKey(up, 0) != 0 { // what is left is still read
+			call("vox_record_stop", hub)
+		}
 	}
 	check("vox_destroy", hub)
 	length := uint32(speech.Len())

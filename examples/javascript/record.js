@@ -28,10 +28,11 @@ function check(result) {
 const later = (name, ...args) =>
   new Promise((resolve, reject) => vox[name].async(...args, (error, result) => (error ? reject(error) : resolve(result))));
 
-async function awaitVoiceKey(what) {
+// The device whose voice key goes down (or up), or 0 when none does within so many milliseconds.
+async function voiceKey(what, ms) {
   for (;;) {
     const next = {size: 36, kind: 0, device: 0, value: [0, 0, 0, 0, 0, 0]};
-    if (check(await later('next_event', next, 60000)) === 0) throw new Error('nobody has used a voice key for a minute');
+    if (check(await later('next_event', next, ms)) === 0) return 0;
     if (next.kind === 16 && next.value[0] === 0 && next.value[1] === what) return next.device;
   }
 }
@@ -41,16 +42,14 @@ async function main() {
   const hub = check(vox.hub_create());
   check(vox.hub_open(hub));
   console.error('Hold the voice key of a device and speak.');
-  check(vox.hub_choose(hub, await awaitVoiceKey(1)));
+  check(vox.hub_choose(hub, await voiceKey(1, 60000)));
   check(await later('record_start', hub));
-  await awaitVoiceKey(0);
-  await later('record_stop', hub);
   const blocks = [];
-  for (;;) {
+  for (let count = 0; count >= 0; ) {
     const block = new Int16Array(4096);
-    const count = vox.read(hub, block, block.length, 1000);
-    if (count <= 0) break;
-    blocks.push(Buffer.from(block.buffer, 0, 2 * count));
+    count = await later('read', hub, block, block.length, 100);
+    if (count > 0) blocks.push(Buffer.from(block.buffer, 0, 2 * count));
+    if ((await voiceKey(0, 0)) !== 0) await later('record_stop', hub); // what is left is still read
   }
   vox.destroy(hub);
   const speech = Buffer.concat(blocks);

@@ -15,14 +15,16 @@
  * Threads: any function may be called from any thread at any moment, a callback included, also while the object is
  * destroyed: it works, or says VOX_ERROR_HANDLE. Functions return at once unless said otherwise.
  *
- * Callbacks run on threads of the library, several at the same time, and should return soon: a device is not read
- * until they do. One that has not returned two seconds after vox_hub_stop, vox_hub_close or vox_destroy has begun is
- * ended there, in the middle of the client's code. When those have returned none runs for that object any more, unless
- * they were called in a callback.
+ * Callbacks run on threads of the library, several at the same time (those with the audio of one object one after the
+ * other), and should return soon: a device is not read until they do. So what waits for an answer of a device
+ * (vox_record_start, vox_record_stop, vox_hub_set_mkey) can only time out in a callback of that same device. One that
+ * has not returned two seconds after vox_hub_stop, vox_hub_close or vox_destroy has begun is ended there, in the middle
+ * of the client's code. When those have returned none runs for that object any more, unless they were called in a
+ * callback. No exception and no cancellation of a thread may pass through a callback or function.
  *
  * A program whose language cannot be called on other threads registers no callback, and asks: vox_next_event,
  * vox_next_text, vox_read. What has a callback is not queued for who asks. Queues are bounded (1,024 events, 256 texts,
- * 30 s of audio): the oldest give way, and VOX_EVENT_LOST tells how many.
+ * 30 s of audio): the oldest give way, and VOX_EVENT_LOST tells how many, before the next event.
  *
  * The library is not to be unloaded, nor called in DllMain; destroy every object before the process ends.
  */
@@ -57,7 +59,7 @@ enum {
   VOX_ERROR_ARGUMENT = -1,       /* null, out of range, or a structure that is too small */
   VOX_ERROR_HANDLE = -2,         /* no object of this kind has this handle (any more) */
   VOX_ERROR_NO_DEVICE = -3,      /* no live device has this number */
-  VOX_ERROR_BUSY = -4,           /* the device takes no command now: its firmware is being updated */
+  VOX_ERROR_BUSY = -4,           /* the device's firmware is being updated; another thread starts or stops it */
   VOX_ERROR_TIMEOUT = -5,        /* no answer within the time that the function names */
   VOX_ERROR_REFUSED = -6,        /* the device said no */
   VOX_ERROR_NOT_SUPPORTED = -7,  /* not in the device's list; not of this kind of object */
@@ -75,10 +77,12 @@ VOX_API uint32_t VOX_CALL vox_api_version(void);              /* VOX_API_VERSION
 VOX_API const char* VOX_CALL vox_version(void);               /* "0.1.0", static */
 VOX_API const char* VOX_CALL vox_error_text(vox_result code); /* English, static; never NULL */
 
-/* Ends what the object does and frees it. At most 2 s, 0.1 s in a callback. A hub is closed first. */
+/* Ends what the object does and frees it. About 2 s at most, 0.1 s in a callback. A hub is closed first, silently: no
+ * device is told to have gone, no button to be up. */
 VOX_API vox_result VOX_CALL vox_destroy(vox_handle object);
 
-/* ---- What the library tells, of all objects of the process ---- */
+/* ---- What the library tells, of all objects of the process ----
+ * Have one hub: device numbers are those of a hub, and events do not say of which. */
 enum {
   VOX_EVENT_CONNECT = 1,          /* device */
   VOX_EVENT_DISCONNECT = 2,       /* device */
@@ -94,7 +98,7 @@ enum {
   VOX_EVENT_MKEYS = 12,           /* device, {key, function}: the list is in vox_hub_mkey_list now */
   VOX_EVENT_MAIN_MENU = 13,       /* -1, {menu, posted}: 8 navigation, 16 screenshot */
   VOX_EVENT_MAIN_WINDOW = 14,     /* -1, {work}: 2 the working mode has changed */
-  VOX_EVENT_AUDIO_END = 15,       /* -1, {handle}: vox_record_stop has ended a recording */
+  VOX_EVENT_AUDIO_END = 15,       /* -1, {handle}: vox_record_stop has ended a recording that had begun */
   VOX_EVENT_BUTTON = 16,          /* device, {button, what}: see below; of hubs */
   VOX_EVENT_LOST = 17             /* -1, {what, count, handle}: 1 events, 2 texts, 3 samples of the handle were lost */
 };
@@ -123,20 +127,21 @@ typedef void(VOX_CALL* vox_audio_fn)(const int16_t* samples, int32_t count, void
 /* NULL takes a callback away. One that is just running may outlast its replacement; with its old context, then. */
 VOX_API vox_result VOX_CALL vox_on_event(vox_event_fn function, void* context);
 VOX_API vox_result VOX_CALL vox_on_text(vox_text_fn function, void* context);
-/* 1: an event; 0: none within `milliseconds` (0xFFFFFFFF: for ever). */
+/* 1: an event; 0: none within `milliseconds` (0xFFFFFFFF: for ever; 24 days at most otherwise). */
 VOX_API vox_result VOX_CALL vox_next_event(vox_event* event, uint32_t milliseconds);
 /* Bytes of the next text, or 0 as above. One that does not fit stays the next. */
 VOX_API vox_result VOX_CALL vox_next_text(int32_t* kind, int32_t* category, char* text, int32_t capacity,
                                           uint32_t milliseconds);
 
 /* ---- Recording: of a hub (its work device's voice channel), a microphone or a speaker ---- */
-/* Begins, and forgets what was not read of the recording before. A hub: VOX_ERROR_NO_DEVICE, _TIMEOUT after 1 s,
- * _REFUSED. Others: VOX_ERROR_NOT_STARTED. A hub's device is the one that vox_hub_choose or a getter of its buttons has
- * chosen. */
+/* Begins, and forgets what was not read of the recording before. A hub: VOX_ERROR_NO_DEVICE, _BUSY, _REFUSED, _TIMEOUT
+ * after 1 s. Others: VOX_ERROR_NOT_STARTED. One that has not begun is over (VOX_ERROR_END). A hub's device is the one
+ * that vox_hub_choose or a getter of its buttons has chosen. */
 VOX_API vox_result VOX_CALL vox_record_start(vox_handle source);
-/* Ends it; the rest of the audio, and the end, come before this returns, whatever it returns. A hub: VOX_ERROR_TIMEOUT
- * when a device has not confirmed within 1 s. A microphone: VOX_ERROR_NOT_STOPPED, VOX_ERROR_NOT_RESET; at most 3 s,
- * and what the callback takes. A speaker likewise, without an error. */
+/* Ends it; the rest of the audio, and the end, come before this returns, whatever it returns, and nothing after it. A
+ * hub: VOX_ERROR_TIMEOUT when a device has not confirmed within 1 s; and what the callback takes. A microphone:
+ * VOX_ERROR_NOT_STOPPED, VOX_ERROR_NOT_RESET; at most 3 s, and what the callback takes. A speaker likewise, without an
+ * error. */
 VOX_API vox_result VOX_CALL vox_record_stop(vox_handle source);
 VOX_API vox_result VOX_CALL vox_on_audio(vox_handle source, vox_audio_fn function, void* context);
 /* Samples, `capacity` at most, or 0: none within `milliseconds`. VOX_ERROR_END, again and again until the next start.
@@ -148,9 +153,11 @@ VOX_API vox_result VOX_CALL vox_read(vox_handle source, int16_t* samples, int32_
  * device is live from its first answer until it sleeps or goes. What sends waits for the devices to take it, 1 s at
  * most for all together. */
 VOX_API vox_result VOX_CALL vox_hub_create(void); /* a handle */
-/* Starts to look for devices; the first appear about a second later. Silent where the system has no thread for it. */
+/* Starts to look for devices; the first are there about a second later, and told of (VOX_EVENT_CONNECT) a second after
+ * that. Silent where the system has no thread for it. */
 VOX_API vox_result VOX_CALL vox_hub_open(vox_handle hub);
-/* Ends discovery and every device's threads; devices stay open, and known, until closed. At most 2 s. */
+/* Ends discovery and every device's threads: no device is live any more, and none is told to have gone. They stay open,
+ * and are not found again, until vox_hub_close. At most 2 s. */
 VOX_API vox_result VOX_CALL vox_hub_stop(vox_handle hub);
 /* Says good-bye to live devices, ends everything, forgets every device. At most 2 s. It can be opened again. */
 VOX_API vox_result VOX_CALL vox_hub_close(vox_handle hub);
