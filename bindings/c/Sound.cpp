@@ -18,7 +18,7 @@ class Recording : public Source {
   // ended. While one is inside StartRecord, that one ends it.
   void End() noexcept override {
     Source::End();
-    std::unique_ptr<Recorder> going;
+    std::unique_ptr<Owned> going;
     const CAutoLock lock(lock_);
     hasEnded_ = true;
     if (!starts_) going = std::move(recorder_);
@@ -42,6 +42,8 @@ class Recording : public Source {
   }
 
  private:
+  struct Owned final : Recorder {};
+
   vox_result StartRecording() override {
     {
       const CAutoLock lock(lock_);
@@ -50,7 +52,7 @@ class Recording : public Source {
     }
     recorder_->Init(reinterpret_cast<void*>(&DeliverBytes), ContextOf(handle));
     const bool started = recorder_->StartRecord() == 1;
-    std::unique_ptr<Recorder> going;
+    std::unique_ptr<Owned> going;
     const CAutoLock lock(lock_);
     starts_ = false;
     if (hasEnded_) going = std::move(recorder_);
@@ -70,7 +72,7 @@ class Recording : public Source {
   }
 
   CLock lock_;
-  std::unique_ptr<Recorder> recorder_ = std::make_unique<Recorder>();
+  std::unique_ptr<Owned> recorder_ = std::make_unique<Owned>();
   bool starts_ = false;
   bool hasEnded_ = false;
 };
