@@ -30,7 +30,7 @@
  */
 #ifndef VOXDEVICE_H
 #define VOXDEVICE_H
-#include <stdint.h>
+#include <stdint.h> /* NOLINT(modernize-deprecated-headers): of C */
 
 #if defined(_WIN32)
 #define VOX_CALL __cdecl
