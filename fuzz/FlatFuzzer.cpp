@@ -3,9 +3,9 @@
 #include <cstdlib>
 
 #include "bindings/c/Objects.h"
+#include "fuzz/AnyCall.h"
 #include "sim/Machine.h"
 #include "sim/devices/Mice.h"
-#include "tests/AnyCall.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   using namespace std::chrono_literals;

@@ -6,8 +6,8 @@
 
 #include "VoxDevice/voxdevice.h"
 #include "bindings/c/Objects.h"
+#include "fuzz/AnyCall.h"
 #include "sim/Wav.h"
-#include "tests/AnyCall.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
 #include "tools/explore/Explore.h"
