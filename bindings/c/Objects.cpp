@@ -4,6 +4,7 @@
 namespace flat {
 
 constexpr std::size_t kMostSamples = 30 * 16000;
+constexpr DWORD kTurnPatience = 2000;  // ms
 
 vox_result Objects::Enter(std::shared_ptr<Object> object) {
   const CNotCutOff whole;
@@ -35,26 +36,24 @@ void Source::End() noexcept {
   audio.Close();
 }
 
-// Named by a number: who is ended by force inside keeps nobody waiting twice.
-class Source::Turn {
- public:
-  explicit Turn(Source& source) noexcept : number_(++source.lastTurn_) {
-    const CDeadline deadline(CWorker::CurrentStopEvent() ? 0 : kTurnPatience);
-    for (int none = 0; !source.turn_.compare_exchange_strong(none, number_); none = 0) {
-      if (deadline.HasPassed()) {
-        source.turn_ = number_;
-        return;
-      }
-      os::Sleep(1);
+bool Source::TakeTurn() noexcept {
+  const DWORD self = os::GetCurrentThreadId();
+  if (turn_ == self) return false;
+  const CDeadline deadline(kTurnPatience);
+  for (DWORD none = 0; !turn_.compare_exchange_strong(none, self); none = 0) {
+    if (deadline.HasPassed()) {
+      turn_ = self;
+      break;
     }
+    os::Sleep(1);
   }
-  int Number() const noexcept { return number_; }
+  return true;
+}
 
- private:
-  static constexpr DWORD kTurnPatience = 2000;  // ms
-
-  const int number_;
-};
+void Source::GiveTurn() noexcept {
+  DWORD self = os::GetCurrentThreadId();
+  turn_.compare_exchange_strong(self, 0);
+}
 
 void Source::Deliver(const void* data, int byteCount, void* context) noexcept {
   // The end is told by who stops: a microphone marks it up to three times.
@@ -62,21 +61,21 @@ void Source::Deliver(const void* data, int byteCount, void* context) noexcept {
   const auto* const samples = static_cast<const std::int16_t*>(data);
   const std::int32_t count = byteCount / 2;
   CallbackSlot<vox_audio_fn>::Pair pair;
-  int turn = 0;
+  bool outermost = false;
   {
     const CNotCutOff whole;
     const auto source = Objects::All().Find<Source>(HandleIn(context));
     if (!source || !source->records_) return;
     pair = source->callback.Get();
     if (!pair.function) return source->audio.Put(samples, static_cast<std::size_t>(count));
-    turn = Turn(*source).Number();
+    outermost = source->TakeTurn();
+    if (!source->records_) return outermost ? source->GiveTurn() : void();
   }
   // Nothing is held meanwhile: the thread may be ended there.
   pair.function(samples, count, pair.context);
+  if (!outermost) return;
   const CNotCutOff whole;
-  if (const auto source = Objects::All().Find<Source>(HandleIn(context))) {
-    source->turn_.compare_exchange_strong(turn, 0);
-  }
+  if (const auto source = Objects::All().Find<Source>(HandleIn(context))) source->GiveTurn();
 }
 
 vox_result Source::Start() {
@@ -95,10 +94,9 @@ vox_result Source::Start() {
 vox_result Source::Stop() {
   if (busy_.exchange(true)) return VOX_ERROR_BUSY;
   const vox_result result = StopRecording();
-  const bool recorded = records_;
-  if (recorded) Turn last(*this);  // a delivery that runs comes first
-  turn_ = 0;
-  records_ = false;
+  const bool outermost = TakeTurn();  // a delivery that runs comes first
+  const bool recorded = records_.exchange(false);
+  if (outermost) GiveTurn();
   audio.End();
   busy_ = false;
   // Once for each recording, and not when the object has been destroyed meanwhile.

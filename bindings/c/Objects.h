@@ -249,14 +249,15 @@ class Source : public Object {
   virtual vox_result StopRecording() = 0;
 
  private:
-  // Deliveries of one source, one after the other: the rest of a recording comes on the thread that stops it. Not one
-  // that does not come back within the time in which a callback may be ended, nor one on the thread's own stack.
-  class Turn;
+  // Deliveries of one source come one after the other: the rest of a recording comes on the thread that stops it. But
+  // no longer than a callback may take, which may have been ended by force; and not after one on the thread's own
+  // stack. False in the last case.
+  bool TakeTurn() noexcept;
+  void GiveTurn() noexcept;
 
   Atomic<bool> busy_{false};
   Atomic<bool> records_{false};
-  Atomic<int> turn_{0};  // the number of the delivery that runs, 0 none
-  Atomic<int> lastTurn_{0};
+  Atomic<DWORD> turn_{0};  // the thread that delivers, 0 none
 };
 
 // Tells the process of an event: its callback, or who asks.
