@@ -88,15 +88,17 @@ void CHub::InitButtonState() {
 void CHub::LeftPress(int device) {
   if (!AllKeyUp()) return;
   ButtonHid_Left = device;
-  SetButton(Button::left, ButtonDown);
-  DoubleClick.SetKeyState(ButtonDown);
+  ButtonState_Left = ButtonDown;
+  DoubleClick.SetKeyState(ButtonDown);  // takes the time, which a callback may not delay
+  buttonCallback(device, Button::left, ButtonEvent::down);
 }
 
 void CHub::LeftRelease(int device) {
   if (ButtonHid_Left != device) return;
-  SetButton(Button::left, ButtonUp);
+  const bool wasDown = ButtonState_Left.exchange(ButtonUp) == ButtonDown;
   const bool before = DoubleClick.GetClickMode() != ClickNone;
   DoubleClick.SetKeyState(ButtonUp);
+  if (wasDown) buttonCallback(device, Button::left, ButtonEvent::up);
   if (!before) TellDoubleClick(device);
 }
 
