@@ -14,18 +14,18 @@ namespace capture {
 
 // A HID interface.
 struct Interface {
-  std::string path;             // as Windows spells it; made up where the file does not tell it
-  std::uint16_t vendor = 0;     // 0: the file does not tell
+  std::string path;          // as Windows spells it, in UTF-8; made up where the file does not tell it
+  std::uint16_t vendor = 0;  // 0: the file does not tell
   std::uint16_t product = 0;
-  int inputLength = 0;          // bytes, with the report id; 0: unknown
+  int inputLength = 0;  // bytes, with the report id; of USB captures the longest one seen; 0: unknown
   int outputLength = 0;
   DataChannel link = DataChannel_Unknown;
-  bool former = false;          // an older device
+  bool former = false;  // an older device
 };
 
 enum class Kind {
-  Sent,         // an output report that the device has taken
-  Received,     // an input report
+  Sent,      // an output report that the device has taken, as far as the file tells
+  Received,  // an input report
   Opened,
   Refused,      // could not be opened, or is unusable
   ReadFailed,   // the device has gone, mostly
@@ -34,16 +34,17 @@ enum class Kind {
 };
 
 struct Event {
-  std::int64_t time = 0;       // microseconds since 1970
+  std::int64_t time = 0;  // microseconds since 1970; never negative, and differences never overflow
   Kind kind = Kind::Told;
-  int interface = -1;          // its index; -1 of what concerns none
-  int device = -1;             // the client's number for it; -1: unknown
-  std::uint32_t thread = 0;    // the library's thread; 0: unknown
-  std::uint32_t error = 0;     // the system's, of what failed
+  int interface = -1;        // its index; -1 of what concerns none
+  int device = -1;           // the client's number for it; -1: unknown
+  std::uint32_t thread = 0;  // the library's thread; 0: unknown
+  std::uint32_t error = 0;   // the system's, of what failed
   std::vector<std::uint8_t> report;
-  std::string name;            // of what was told: "log", "connect", "disconnect", "voice" ...
-  std::string text;            // its text, in UTF-8
-  std::uint64_t offset = 0;    // of its block in the file
+  std::string name;          // of what was told: "log", "connect", "disconnect", "voice" ...
+  std::string text;          // its text, as it stands in the file: UTF-8, if the file is right
+  int category = 0;          // of a log line
+  std::uint64_t offset = 0;  // of its block in the file
 };
 
 struct Capture {
@@ -53,13 +54,14 @@ struct Capture {
   // Why reading has ended before the end of the file, with the offset: "at 1234: a block of 3 bytes". What came before
   // it is there. Empty: all was read.
   std::string problem;
-  std::size_t leftOut = 0;    // packets that carry none of our reports
+  std::size_t leftOut = 0;  // packets that carry none of our reports
 };
 
-// Any bytes: pcapng or classic pcap, of link type 252 (our own recorder), 249 (USBPcap) or 220 (usbmon).
+// Any bytes: pcapng or classic pcap, of link type 252 (our own recorder), 249 (USBPcap), 220 or 189 (usbmon). Of USB
+// there are the interfaces over which a frame of ours or speech has gone, and of their reports those with our ids.
 Capture read(std::span<const std::uint8_t> bytes);
 // Throws std::runtime_error, with a sentence, when the file cannot be read or is no capture at all. A file that was
-// continued (NAME.pcapng, NAME-2.pcapng, ...) is read with those that continue it.
+// continued (NAME.pcapng, NAME-2.pcapng, ...) is read with those that continue it; a problem names the one it is in.
 Capture readFile(const std::filesystem::path& path);
 
 }  // namespace capture
