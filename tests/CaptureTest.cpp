@@ -431,7 +431,7 @@ TEST(Recorder, GoesOnInFurtherFiles) {
   const Folder folder;
   const Lines script{"open", "run 2500", "voice 900", "run 100"};
   std::ofstream(folder / "a-9.pcapng") << "an old one";
-  const Result was = live("Wren", sim::Link::usb, script, folder, "a.pcapng", {.fileBytes = 4000, .now = {}});
+  const Result was = live("Wren", sim::Link::usb, script, folder, "a.pcapng", {.fileBytes = 4000});
   std::size_t parts = 0;
   for (const auto& entry : fs::directory_iterator(folder / "")) {
     ++parts;
@@ -452,7 +452,7 @@ TEST(Recorder, KeepsToItselfWhatIsPrivate) {
   for (const auto link : {sim::Link::usb, sim::Link::bluetooth}) {
     for (const char* model : {"Wren", "Tern"}) {
       if (link == sim::Link::bluetooth && !sim::findModel(model)->bluetooth) continue;
-      const Result was = live(model, link, script, folder, "a.pcapng", {.noSpeech = true, .now = {}});
+      const Result was = live(model, link, script, folder, "a.pcapng", {.noSpeech = true});
       std::ifstream file(folder / "a.pcapng", std::ios::binary);
       const std::string bytes{std::istreambuf_iterator<char>(file), {}};
       for (const std::string& secret : {std::string("SN0123456789ABCDEF"), std::string("7&1a2b3c"),

@@ -212,6 +212,31 @@ expect 1 --virtual-time --desk pulled.json record --device 1 --speech "$sample" 
 err "the device went away during the recording; kept.wav holds what it had sent"
 [ "$(wc -c <kept.wav)" -gt 50000 ] || fail "two seconds had come"
 
+# What passes is captured, and the capture is a desk.
+expect 0 --virtual-time --out live.wav --capture case.pcapng
+out "Captured in case.pcapng: "
+expect 0 --virtual-time --desk case.pcapng --out again.wav
+out "Recorded device 1: 392 of its 392 reports were sent."
+cmp live.wav again.wav || fail "the speech differs"
+expect 0 --virtual-time --desk case.pcapng dpi 800 --json
+out 'the recording does not hold SetDpi.'
+expect 1 --virtual-time monitor --seconds 3 --capture nowhere/case.pcapng
+err "nowhere/case.pcapng: No such file or directory"
+head -c 3000 case.pcapng >cut.pcapng
+expect 0 --virtual-time --desk cut.pcapng devices
+err "cut.pcapng is not read to its end: at "
+mistake '{"devices": [{"replay": "case.pcapng", "device": 4}]}' 'there is no device 4 in this capture; it has 3'
+expect 0 --virtual-time monitor --raw --seconds 3
+out "#1  -> 05 ff f1 fe c0 0c 00 ef 00 00"
+out "#1  <- 05 ff f1 fe c0 9c 0b 00 01 06 40 50 c0 a8 01 02 03 ff ef"
+expect 0 --virtual-time send 05FFF1:FEC0 0602012CEF --wait 100
+out "#1  -> 05 ff f1 fe c0 06 02 01 2c ef"
+out "#1  <- 05 ff f1 fe c0 96 03 01 2c 00 ef"
+expect 1 --virtual-time send 05FFF1FEC00800EF
+err "belongs to a firmware update"
+expect 1 --virtual-time send 05F
+err "two digits to each byte"
+
 # Ctrl-C stops cleanly, and keeps the recording so far.
 "$voxdesk" record --speech "$sample" --out stopped.wav >out 2>err &
 pid=$!
