@@ -501,12 +501,14 @@ local function parse_former(report, former)
   return frame
 end
 
--- What is known of a device from the packets so far. Decided in the first pass, when packets come in their order: what a
--- packet needs of it in a later pass is kept in its note. ----------------------------------------------------------------
+-- What is known of a device from the packets so far. ----------------------------------------------------------------------
+-- It is learnt when a packet is seen for the first time, since then packets come in their order. What the packet needs of
+-- it later is kept in its note.
 
-local peers, ids, notes, lost
+local peers, ids, notes, lost, in_order
 
 local function forget()
+  in_order = false  -- whether the first pass has had fields to learn from
   peers = {}  -- by source
   ids = {}    -- vendor and product, by source: of any device
   notes = {}  -- by packet number
@@ -740,16 +742,16 @@ local function bound_of(request)
   return request.within and ("within %g s"):format(request.within) or "before the next two heartbeats"
 end
 
--- In the first pass the future is not known: there the warning stands at the packet that shows that no answer came, in
--- later passes at the request.
+-- At first the future is not known: there the warning stands at the packet that shows that no answer came, later at the
+-- request.
 local function show_lost(note, tree, pinfo)
   local mine = lost[pinfo.number]
-  if pinfo.visited and mine then
+  if note.seen and mine then
     tree:add_proto_expert_info(E.no_answer, ("No %s %s"):format(mine.answer, bound_of(mine)))
   end
   for _, request in ipairs(note.lost) do
     local item = tree:add(F.unanswered, request.number):set_generated()
-    if not pinfo.visited then
+    if not note.seen then
       local text = ("No %s to packet %d %s"):format(request.answer, request.number, bound_of(request))
       item:add_proto_expert_info(E.no_answer, text)
     end
@@ -760,6 +762,7 @@ local function show_links(note, tree, pinfo)
   if note.request then show_request(note.request, tree) end
   if note.answers then show_answer(note, tree) end
   show_lost(note, tree, pinfo)
+  note.seen = true
 end
 
 local function summary(words, frame, note)
@@ -805,6 +808,7 @@ local function reader(name)
   end
 end
 
+local frame_number = reader("frame.number")
 local frame_interface = reader("frame.interface_id")
 local frame_description = reader("frame.interface_description")
 local frame_comments = Field.new("frame.comment")
@@ -813,6 +817,7 @@ local usb_bus, usb_device = reader("usb.bus_id"), reader("usb.device_address")
 local usb_transfer = reader("usb.transfer_type")
 local usb_vendor, usb_product = reader("usb.idVendor"), reader("usb.idProduct")
 local att_handle = reader("btatt.handle")
+local att_vendor, att_product = reader("btatt.pnp_id.vendor_id"), reader("btatt.pnp_id.product_id")
 local acl_connection = reader("bthci_acl.chandle")
 
 local function usb_key()
@@ -841,6 +846,8 @@ local function usb_source(tvb)
   return {key = key, report = report, link = USB, id = id, former = FORMER[id]}
 end
 
+local function att_key() return ("att %s %s"):format(frame_interface() or 0, acl_connection() or 0) end
+
 -- The report id is not in the value of a characteristic. Speech is told by its length.
 local function att_report(tvb)
   local value = Report.new(tvb, 0)
@@ -856,8 +863,8 @@ end
 local function att_source(tvb)
   local report = att_report(tvb)
   if not report then return nil end
-  local key = ("att %s %s"):format(frame_interface() or 0, acl_connection() or 0)
-  return {key = key, report = report, link = BLUETOOTH}
+  local key = att_key()
+  return {key = key, report = report, link = BLUETOOTH, id = ids[key]}
 end
 
 local LINKS = {usb = USB, ble = BLUETOOTH, receiver = RECEIVER}
@@ -920,13 +927,15 @@ end
 local function show_event(facts, pinfo, root)
   local tree = root:add(voxmouse)
   local text = event_words(facts)
-  if not pinfo.visited then
-    notes[pinfo.number] = {lost = {}}
-    expire(pinfo.abs_ts, notes[pinfo.number])
+  local note = notes[pinfo.number]
+  if not note then
+    note = {lost = {}}
+    notes[pinfo.number] = note
+    expire(pinfo.abs_ts, note)
   end
   tree:append_text(": " .. text)
   show_facts(facts, tree)
-  if notes[pinfo.number] then show_lost(notes[pinfo.number], tree, pinfo) end
+  show_links(note, tree, pinfo)
   pinfo.cols.protocol = "VoxMouse"
   pinfo.cols.info = text
 end
@@ -972,11 +981,7 @@ end
 -- What was ours in the first pass is ours in every one, whatever has been learnt since.
 local function claim(source, pinfo, tree)
   if not source then return false end
-  if pinfo.visited then
-    if not notes[pinfo.number] then return false end
-  elseif not is_ours(source) then
-    return false
-  end
+  if not notes[pinfo.number] and (pinfo.visited and in_order or not is_ours(source)) then return false end
   dissect(source, pinfo, tree)
   return true
 end
@@ -991,22 +996,28 @@ local function dissect_pdu(tvb, pinfo, tree)
   return tvb:len()
 end
 
--- Called for our link type, for our products, and where the user says so.
+local function is_foreign(source) return source and source.id and not MODEL_OF_ID[source.id] and not source.former end
+
+-- A device of which the capture may not tell the product.
+local function guess(source, pinfo, tree) return not is_foreign(source) and claim(source, pinfo, tree) end
+
+local function guess_usb(tvb, pinfo, tree) return guess(usb_source(tvb), pinfo, tree) end
+
+-- Called for our link type, for our products, for every report of HID over GATT, and where the user says so. Without
+-- fields, as in the first pass of tshark -2, nothing can be said.
 function voxmouse.dissector(tvb, pinfo, tree)
   if pdu_name() then return dissect_pdu(tvb, pinfo, tree) end
-  local source = usb_transfer() and usb_source(tvb) or att_handle() and att_source(tvb)
-  return claim(source or nil, pinfo, tree) and tvb:len() or 0
+  local ours = false
+  if usb_transfer() then
+    ours = claim(usb_source(tvb), pinfo, tree)
+  elseif att_handle() then
+    ours = guess(att_source(tvb), pinfo, tree)
+  end
+  return ours and tvb:len() or 0
 end
 
--- A USB device of which the capture does not tell the product.
-local function guess(tvb, pinfo, tree)
-  local source = usb_source(tvb)
-  if source and source.id and not MODEL_OF_ID[source.id] and not source.former then return false end
-  return claim(source, pinfo, tree)
-end
-
-voxmouse:register_heuristic("usb.interrupt", guess)
-voxmouse:register_heuristic("usb.control", guess)
+voxmouse:register_heuristic("usb.interrupt", guess_usb)
+voxmouse:register_heuristic("usb.control", guess_usb)
 
 local products = DissectorTable.get("usb.product")
 for id in pairs(MODEL_OF_ID) do products:add(id, voxmouse) end
@@ -1016,15 +1027,20 @@ DissectorTable.get("usb.device"):add_for_decode_as(voxmouse)
 DissectorTable.get("bluetooth.uuid"):add("2a4d", voxmouse)
 DissectorTable.get("btatt.handle"):add_for_decode_as(voxmouse)
 
--- Device descriptors are nobody's but theirs: who sends which reports is read beside them.
-local watch = Proto("voxmouse_watch", "VoxMouse, identifiers of USB devices")
+-- Who a device is is told in packets that are nobody's reports, and read after everybody else has read them.
+local watch = Proto("voxmouse_watch", "VoxMouse, identifiers of devices")
+
+local function learn_id(key, vendor, product)
+  local id = vendor * 65536 + product
+  if ids[key] == id then return end
+  ids[key], peers[key] = id, nil
+end
 
 function watch.dissector(_, pinfo)
-  if pinfo.visited then return end
-  local vendor, product = usb_vendor(), usb_product()
-  local key = vendor and product and usb_key()
-  if not key or ids[key] == vendor * 65536 + product then return end
-  ids[key] = vendor * 65536 + product
-  peers[key] = nil
+  if pinfo.visited and in_order or not frame_number() then return end
+  in_order = not pinfo.visited
+  local usb, att = usb_vendor() and usb_product() and usb_key(), att_vendor() and att_product()
+  if usb then learn_id(usb, usb_vendor(), usb_product()) end
+  if att then learn_id(att_key(), att_vendor(), att_product()) end
 end
 register_postdissector(watch)
