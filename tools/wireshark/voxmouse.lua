@@ -1,9 +1,9 @@
--- What goes over the wire between a VoxMouse and its host. docs/protocol.md describes the protocol, docs/wireshark.md how
--- to install and use this file. For Lua 5.2 to 5.4, as Wireshark has them.
+-- What goes over the wire between a VoxMouse and its host. docs/protocol.md describes the protocol, docs/wireshark.md
+-- how to install and use this file. For Lua 5.2 to 5.4, as Wireshark has them.
 
 local voxmouse = Proto("voxmouse", "VoxMouse")
 
--- Fields ---------------------------------------------------------------------------------------------------------------
+-- Fields --------------------------------------------------------------------------------------------------------------
 
 local CRC_STATUS = {[0] = "Bad", [1] = "Good"}
 local M_KEY_FUNCTIONS = {[0] = "none", [2] = "held button", [3] = "screenshot"}
@@ -86,7 +86,7 @@ end
 voxmouse.fields = values(F)
 voxmouse.experts = values(E)
 
--- Models ---------------------------------------------------------------------------------------------------------------
+-- Models --------------------------------------------------------------------------------------------------------------
 
 local HERON_KEYS = {
   ["0"] = "voice down", ["1"] = "right down", ["2"] = "screenshot", ["3"] = "open navigation", ["9"] = "voice up",
@@ -133,7 +133,7 @@ for _, model in ipairs(MODELS) do
   if model.identify then MODEL_OF_ANSWER[model.identify] = model end
 end
 
--- A report, and the payload of the frame in it. Bytes that are not there count as zero, as in the library. ---------------
+-- A report, and the payload of the frame in it. Bytes that are not there count as zero, as in the library. ------------
 
 local Report = {}
 Report.__index = Report
@@ -182,7 +182,7 @@ function Payload:range(at, count)
   return count > 0 and self.report:range(self.from + at, count) or nil
 end
 
--- Checksums --------------------------------------------------------------------------------------------------------------
+-- Checksums -----------------------------------------------------------------------------------------------------------
 
 -- Not every Lua has the operator, and not every one a library for it.
 local function xor(a, b)
@@ -212,7 +212,7 @@ local function crc_of(payload, from, count)
   return crc
 end
 
--- Payloads ---------------------------------------------------------------------------------------------------------------
+-- Payloads ------------------------------------------------------------------------------------------------------------
 -- In what follows: p, the payload; tree, where its fields go; note, what is known of this packet from those before it.
 
 -- What the status says; tells the expert of anything but 0.
@@ -357,9 +357,9 @@ local function ota_data_reply(p, tree)
   return status_at(0, index == 0 and "has everything" or ("wants block %d"):format(index))(p, tree)
 end
 
--- The catalogue ----------------------------------------------------------------------------------------------------------
--- sizes: of the payload; none: any. least: its least size. fields: field, offset, size. say: adds what no row can say, and
--- gives the words for the summary. answer, within: the reply that a command waits for, and for how many seconds.
+-- The catalogue -------------------------------------------------------------------------------------------------------
+-- sizes: of the payload; none: any. least: its least size. fields: field, offset, size. say: adds what no row can say,
+-- and gives the words for the summary. answer, within: the reply that a command waits for, and for how many seconds.
 
 -- How long the library waits, and for what it does not wait for: as long as for the voice channel.
 local VOICE, M_KEY, UPDATE, OTHER = 1.0, 2.5, 3.1, 1.0
@@ -375,7 +375,8 @@ local COMMANDS = {
   [0x03] = {name = "VoiceOpen", sizes = NONE, answer = "VoiceOpenReply", within = VOICE},
   [0x04] = {name = "VoiceStop", sizes = NONE, answer = "VoiceStopReply", within = VOICE},
   [0x05] = {name = "Heartbeat", sizes = NONE, answer = "HeartbeatReply"},
-  [0x06] = {name = "SetDpi", sizes = {2}, fields = {{F.dpi, 0, 2}}, say = word_at(0), answer = "DpiReply", within = OTHER},
+  [0x06] = {name = "SetDpi", sizes = {2}, fields = {{F.dpi, 0, 2}}, say = word_at(0), answer = "DpiReply",
+            within = OTHER},
   [0x07] = {name = "OtaPrepare", sizes = NONE, answer = "OtaPrepareReply", within = UPDATE},
   [0x08] = {name = "OtaOpen", say = image_part, answer = "OtaOpenReply", within = UPDATE},
   [0x09] = {name = "OtaData", say = ota_data, answer = "OtaDataReply", within = UPDATE},
@@ -431,7 +432,7 @@ local function takes(entry, count)
   return false
 end
 
--- Parsing, as the library does it ----------------------------------------------------------------------------------------
+-- Parsing, as the library does it -------------------------------------------------------------------------------------
 
 local COMMAND_REPORT, TERN_SPEECH_REPORT, WREN_SPEECH_REPORT = 0x05, 0x1A, 0x1B
 local WREN_SPEECH_MARK = 0xAD
@@ -501,9 +502,9 @@ local function parse_former(report, former)
   return frame
 end
 
--- What is known of a device from the packets so far. ----------------------------------------------------------------------
--- It is learnt when a packet is seen for the first time, since then packets come in their order. What the packet needs of
--- it later is kept in its note.
+-- What is known of a device from the packets so far. ------------------------------------------------------------------
+-- It is learnt when a packet is seen for the first time, since then packets come in their order. What the packet needs
+-- of it later is kept in its note.
 
 local peers, ids, notes, lost, in_order
 
@@ -547,8 +548,8 @@ local function expire(now, note)
   table.sort(note.lost, function(a, b) return a.number < b.number end)
 end
 
--- Whether the device has to answer: not the completion that ends an update that is done, and over Bluetooth LE there is no
--- receiver.
+-- Whether the device has to answer: not the completion that ends an update that is done, and over Bluetooth LE there is
+-- no receiver.
 local function must_answer(peer, source, frame, entry)
   if entry.name == "OtaComplete" and peer.image_done then return false end
   return not (frame.prefix == PREFIX_RECEIVER and source.link == BLUETOOTH)
@@ -629,7 +630,6 @@ local function follow(peer, source, frame, sent, pinfo)
   note.link = link_of(peer, source, frame, sent)
   local entry = frame.kind == "frame" and not frame.damage and not frame.cut and entry_of(frame.code, sent)
   if entry and takes(entry, frame.payload.count) then
-    peer.seen = true
     note.wanted = peer.wanted
     if sent then
       follow_sent(peer, source, frame, entry, note, pinfo)
@@ -641,7 +641,7 @@ local function follow(peer, source, frame, sent, pinfo)
   return note
 end
 
--- Showing ----------------------------------------------------------------------------------------------------------------
+-- Showing -------------------------------------------------------------------------------------------------------------
 
 local function show_rows(entry, payload, tree)
   for _, row in ipairs(entry.fields or {}) do
@@ -653,8 +653,8 @@ end
 -- Gives the words for the summary.
 local function show_payload(entry, payload, tree, note)
   if not takes(entry, payload.count) then
-    tree:add_proto_expert_info(E.ignored, ("%s of %d bytes: ignored by its receiver"):format(entry.name, payload.count))
-    return ("of %d bytes"):format(payload.count)
+    tree:add_proto_expert_info(E.ignored, ("%s of length %d: ignored by its receiver"):format(entry.name, payload.count))
+    return ("of length %d"):format(payload.count)
   end
   show_rows(entry, payload, tree)
   return entry.say and entry.say(payload, tree, note)
@@ -785,8 +785,11 @@ local function show(report, frame, note, pinfo, root)
   tree:add(F.direction, note.sent and "sent" or "received"):set_generated()
   if note.link then tree:add(F.link, note.link):set_generated() end
   if frame.former or note.model then tree:add(F.model, (frame.former or note.model).name):set_generated() end
-  local id = tree:add(F.report_id, report:byte(0))
-  if report.id then id:set_generated() end
+  if report.id then
+    tree:add(F.report_id, report.id):set_generated()
+  else
+    add(tree, F.report_id, report:range(0, 1))
+  end
   local text = summary(SHOW[frame.kind](report, frame, tree, note), frame, note)
   show_experts(frame, note, tree)
   show_links(note, tree, pinfo)
@@ -796,7 +799,7 @@ local function show(report, frame, note, pinfo, root)
   return tree
 end
 
--- Where packets come from ------------------------------------------------------------------------------------------------
+-- Where packets come from ---------------------------------------------------------------------------------------------
 -- A source: key, of the device that it belongs to; report; id, vendor and product where they are known; link of the
 -- interface, where it is known; former, of an older device; unwritten, the error of a report that was not written.
 
@@ -900,7 +903,7 @@ local function pdu_source(tvb)
   }
 end
 
--- Events of the recorder that have no report -------------------------------------------------------------------------------
+-- Events of the recorder that have no report --------------------------------------------------------------------------
 
 local FACTS = {
   {"device", F.device, -0x80000000, 0x7FFFFFFF}, {"thread", F.thread, 0, 0xFFFFFFFF}, {"tick", F.tick, 0, 0xFFFFFFFF},
@@ -940,7 +943,7 @@ local function show_event(facts, pinfo, root)
   pinfo.cols.info = text
 end
 
--- Entries ----------------------------------------------------------------------------------------------------------------
+-- Entries -------------------------------------------------------------------------------------------------------------
 
 -- Where the capture does not tell the direction, the code does.
 local function is_sent(report, pinfo)
@@ -974,8 +977,7 @@ end
 local function is_ours(source)
   if source.former then return source.report:size() >= FORMER_REPORT end
   if has_form(source.report) then return true end
-  local known = MODEL_OF_ID[source.id] or (peers[source.key] and peers[source.key].seen)
-  return known and OWN_REPORTS[source.report:byte(0)]
+  return (MODEL_OF_ID[source.id] or peers[source.key]) and OWN_REPORTS[source.report:byte(0)]
 end
 
 -- What was ours in the first pass is ours in every one, whatever has been learnt since.
