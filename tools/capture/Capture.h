@@ -14,18 +14,18 @@ namespace capture {
 
 // A HID interface.
 struct Interface {
-  std::string path;             // as Windows spells it; made up where the file does not tell it
-  std::uint16_t vendor = 0;     // 0: the file does not tell
+  std::string path;          // as Windows spells it; made up where the file does not tell it
+  std::uint16_t vendor = 0;  // 0: the file does not tell
   std::uint16_t product = 0;
-  int inputLength = 0;          // bytes, with the report id; 0: unknown
+  int inputLength = 0;  // bytes, with the report id; 0: unknown
   int outputLength = 0;
   DataChannel link = DataChannel_Unknown;
-  bool former = false;          // an older device
+  bool former = false;  // an older device
 };
 
 enum class Kind {
-  Sent,         // an output report that the device has taken
-  Received,     // an input report
+  Sent,      // an output report that the device has taken
+  Received,  // an input report
   Opened,
   Refused,      // could not be opened, or is unusable
   ReadFailed,   // the device has gone, mostly
@@ -34,16 +34,16 @@ enum class Kind {
 };
 
 struct Event {
-  std::int64_t time = 0;       // microseconds since 1970
+  std::int64_t time = 0;  // microseconds since 1970
   Kind kind = Kind::Told;
-  int interface = -1;          // its index; -1 of what concerns none
-  int device = -1;             // the client's number for it; -1: unknown
-  std::uint32_t thread = 0;    // the library's thread; 0: unknown
-  std::uint32_t error = 0;     // the system's, of what failed
+  int interface = -1;        // its index; -1 of what concerns none
+  int device = -1;           // the client's number for it; -1: unknown
+  std::uint32_t thread = 0;  // the library's thread; 0: unknown
+  std::uint32_t error = 0;   // the system's, of what failed
   std::vector<std::uint8_t> report;
-  std::string name;            // of what was told: "log", "connect", "disconnect", "voice" ...
-  std::string text;            // its text, in UTF-8
-  std::uint64_t offset = 0;    // of its block in the file
+  std::string name;          // of what was told: "log", "connect", "disconnect", "voice" ...
+  std::string text;          // its text, in UTF-8
+  std::uint64_t offset = 0;  // of its block in the file
 };
 
 struct Capture {
@@ -53,7 +53,7 @@ struct Capture {
   // Why reading has ended before the end of the file, with the offset: "at 1234: a block of 3 bytes". What came before
   // it is there. Empty: all was read.
   std::string problem;
-  std::size_t leftOut = 0;    // packets that carry none of our reports
+  std::size_t leftOut = 0;  // packets that carry none of our reports
 };
 
 // Any bytes: pcapng or classic pcap, of link type 252 (our own recorder), 249 (USBPcap) or 220 (usbmon).
