@@ -16,7 +16,7 @@ START = 1_700_000_000 * SECOND
 FIELDS = """direction link model name code length dpi status battery state address connection serial url challenge
   dongle.state dongle.flag dongle.ignored key key.action key.byte mkey.function mkey.supported ota.block ota.data
   ota.crc ota.crc_status ota.next ota.offset ota.count sbc.frame sbc.crc sbc.scale_factors codec.packet device thread
-  tick event event.category event.error event.text response_in response_to time unanswered""".split()
+  tick event event.error event.text event.values response_in response_to time unanswered unwritten_report""".split()
 PROTOCOL = pathlib.Path(__file__).parent.parent / "docs/protocol.md"
 
 
@@ -500,33 +500,44 @@ def recorder_file(frames):
     file = File(252)
     file.interface("client")
     interfaces = {}
-    for number, device in enumerate(frames.devices):
-        path = rf"\\?\hid#vid_{device.vendor:04x}&pid_{device.product:04x}#{number}"
+
+    def path_of(number):
+        return rf"\\?\hid#vid_{frames.devices[number].vendor:04x}#{number}"
+
+    def about(device):
         link = {USB: "usb", BLE: "ble"}[device.link]
-        about = f"vid={device.vendor:04x} pid={device.product:04x} link={link} in=64 out=64 former={int(device.former)}"
-        interfaces[device] = file.interface(path, about)
+        return f"vid={device.vendor:04x} pid={device.product:04x} link={link} in=64 out=64 former={int(device.former)}"
+
+    for number, device in enumerate(frames.devices):
+        interfaces[device] = file.interface(path_of(number), about(device))
 
     def pdu(report, sent):
         direction = b"" if sent is None else struct.pack(">HHI", 35, 4, 0 if sent else 1)
         return struct.pack(">HH8s", 12, 8, b"voxmouse") + direction + bytes(4) + report
 
-    def add_event(interface, event, info, report=b"", sent=None, experts=(), device=-1, **fields):
-        packet = Packet(None, START, sent, report)
-        told = {key.replace("event_", ""): value for key, value in fields.items() if key.startswith("event_")}
-        comment = f"device={device} thread=3 tick=4294967295 event={event}"
-        comment += "".join(f" {key}={value}" for key, value in sorted(told.items()))
-        packet.info, packet.experts = info, list(experts)
-        packet.fields = {key.replace("_", ".", 1): value for key, value in fields.items()}
+    def add_event(interface, event, info, device=-1, **told):
+        packet = Packet(None, START, False, b"")
+        packet.info = info
+        packet.fields = {"event." + name: value for name, value in told.items()}
         packet.fields.update(event=event, device=str(device), thread="3", tick="4294967295")
-        file.add(START, pdu(report, sent), packet, interface, comment)
+        comment = f"device={device} thread=3 tick=4294967295 event={event}"
+        comment += "".join(f" {name}={told[name]}" for name in ("error", "values", "text") if name in told)
+        file.add(START, pdu(b"", None), packet, interface, comment)
+        return packet
 
     add_event(1, "opened", "opened")
-    add_event(2, "refused", "refused, error 5", event_error="5")
-    text = "设备 text=connected"
-    add_event(0, "log", f"log 43: {text}", device=1, event_category="43", event_text=text)
-    add_event(1, "write-failed", "-> Heartbeat (USB)", frame(b"\xff\xf1", 5, b"").ljust(64, b"\0"), True,
-              ["Could not be written: error 1167"], event_error="1167", direction="sent", link=USB, model="Wren",
-              name="Heartbeat", code="0x05", length="0")
+    add_event(2, "refused", "refused, error 5", error="5")
+    add_event(0, "log", "log 43: 设备 text=connected", device=1, values="43", text="设备 text=connected")
+    add_event(0, "mousestate", "mousestate 2,2,258", device=1, values="2,2,258")
+    # An interface that is described again stays the same.
+    again = file.interface(path_of(0), about(frames.devices[0]))
+    request = Packet(frames.devices[0], START, True, frame(b"\xff\xf1", 3, b"").ljust(64, b"\0"))
+    request.info = "-> VoiceOpen (USB)"
+    request.fields = {"direction": "sent", "link": USB, "model": "Wren", **VOICE_OPEN.fields}
+    file.add(START, pdu(request.report, True), request, 1)
+    failed = add_event(again, "write-failed", "write-failed, error 1167", error="1167")
+    failed.fields["unwritten_report"] = str(request.number)
+    failed.experts = [f"Packet {request.number} could not be written"]
     for packet in frames.packets:
         if packet.fields is None:
             continue  # the recorder has opened no such device

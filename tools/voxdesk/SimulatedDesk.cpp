@@ -2,13 +2,24 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "System.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 
+namespace {
+
+// For tests, which compare it with what else is recorded.
+std::string machineLog() {
+  const char* file = std::getenv("VOXDEVICE_MACHINE_LOG");
+  return file ? file : "";
+}
+
+}  // namespace
+
 SimulatedDesk::SimulatedDesk(sim::DeskDescription description, bool virtualTime)
-    : machine_({.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime}),
+    : machine_({.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime, .logFile = machineLog()}),
       desk_(machine_, std::move(description)) {}
 
 std::size_t SimulatedDesk::legacyHids() {

@@ -57,14 +57,15 @@ local F = {
   thread = ProtoField.uint32("voxmouse.thread", "Thread"),
   tick = ProtoField.uint32("voxmouse.tick", "Tick (ms)"),
   event = ProtoField.string("voxmouse.event", "Event"),
-  event_category = ProtoField.uint32("voxmouse.event.category", "Category"),
   event_error = ProtoField.uint32("voxmouse.event.error", "Error"),
   event_text = ProtoField.string("voxmouse.event.text", "Text"),
+  event_values = ProtoField.string("voxmouse.event.values", "Values"),
 
   response_in = ProtoField.framenum("voxmouse.response_in", "Answered in", base.NONE, frametype.RESPONSE),
   response_to = ProtoField.framenum("voxmouse.response_to", "Answers", base.NONE, frametype.REQUEST),
   time = ProtoField.relative_time("voxmouse.time", "Time since the request"),
   unanswered = ProtoField.framenum("voxmouse.unanswered", "Not answered in time", base.NONE, frametype.REQUEST),
+  unwritten = ProtoField.framenum("voxmouse.unwritten_report", "Not written", base.NONE, frametype.REQUEST),
 }
 
 local E = {
@@ -556,7 +557,7 @@ local function must_answer(peer, source, frame, entry)
 end
 
 local function await(peer, source, frame, entry, note, pinfo)
-  if not entry.answer or note.unwritten or not must_answer(peer, source, frame, entry) then return end
+  if not entry.answer or not must_answer(peer, source, frame, entry) then return end
   local kind = queue_of(frame, entry.answer)
   local queue = peer.waiting[kind] or {}
   peer.waiting[kind], peer.late[kind] = queue, nil
@@ -600,6 +601,7 @@ end
 local IMAGE_STEPS = {OtaPrepare = true, OtaOpen = true, OtaData = true, OtaComplete = true}
 
 local function follow_sent(peer, source, frame, entry, note, pinfo)
+  peer.last_sent = pinfo.number
   learn_flow(peer, entry.name, frame.payload)
   await(peer, source, frame, entry, note, pinfo)
   if IMAGE_STEPS[entry.name] then
@@ -617,6 +619,14 @@ local function follow_received(peer, frame, entry, note, pinfo)
   if (entry.name == "OtaOpenReply" or entry.name == "OtaDataReply") and p.count == 6 then peer.wanted = p:long(0) end
 end
 
+-- The report that was sent last to this interface has not been taken: no answer is due.
+local function withdraw(peer, note)
+  note.unwritten, peer.last_sent = peer.last_sent, nil
+  for _, queue in pairs(peer.waiting) do
+    if queue[#queue] and queue[#queue].number == note.unwritten then table.remove(queue) end
+  end
+end
+
 local function link_of(peer, source, frame, sent)
   if frame.prefix == PREFIX_RECEIVER then return RECEIVER end
   if frame.kind ~= "frame" or sent then return source.link or peer.link end
@@ -625,7 +635,7 @@ local function link_of(peer, source, frame, sent)
 end
 
 local function follow(peer, source, frame, sent, pinfo)
-  local note = {lost = {}, model = peer.model or MODEL_OF_ID[source.id], unwritten = source.unwritten, sent = sent}
+  local note = {lost = {}, model = peer.model or MODEL_OF_ID[source.id], sent = sent}
   expire(pinfo.abs_ts, note)
   note.link = link_of(peer, source, frame, sent)
   local entry = frame.kind == "frame" and not frame.damage and not frame.cut and entry_of(frame.code, sent)
@@ -653,8 +663,9 @@ end
 -- Gives the words for the summary.
 local function show_payload(entry, payload, tree, note)
   if not takes(entry, payload.count) then
-    tree:add_proto_expert_info(E.ignored, ("%s of length %d: ignored by its receiver"):format(entry.name, payload.count))
-    return ("of length %d"):format(payload.count)
+    local words = ("of length %d"):format(payload.count)
+    tree:add_proto_expert_info(E.ignored, ("%s %s: ignored by its receiver"):format(entry.name, words))
+    return words
   end
   show_rows(entry, payload, tree)
   return entry.say and entry.say(payload, tree, note)
@@ -772,12 +783,9 @@ local function summary(words, frame, note)
   return ("%s %s%s%s"):format(arrow, words, link, damage)
 end
 
-local function show_experts(frame, note, tree)
+local function show_experts(frame, tree)
   if frame.damage then tree:add_proto_expert_info(E.damaged, "Damaged: " .. frame.damage) end
   if frame.cut then tree:add_proto_expert_info(E.cut) end
-  if note.unwritten then
-    tree:add_proto_expert_info(E.unwritten, ("Could not be written: error %s"):format(note.unwritten))
-  end
 end
 
 local function show(report, frame, note, pinfo, root)
@@ -791,7 +799,7 @@ local function show(report, frame, note, pinfo, root)
     add(tree, F.report_id, report:range(0, 1))
   end
   local text = summary(SHOW[frame.kind](report, frame, tree, note), frame, note)
-  show_experts(frame, note, tree)
+  show_experts(frame, tree)
   show_links(note, tree, pinfo)
   tree:append_text(": " .. text)
   pinfo.cols.protocol = "VoxMouse"
@@ -801,7 +809,7 @@ end
 
 -- Where packets come from ---------------------------------------------------------------------------------------------
 -- A source: key, of the device that it belongs to; report; id, vendor and product where they are known; link of the
--- interface, where it is known; former, of an older device; unwritten, the error of a report that was not written.
+-- interface, where it is known; former, of an older device; facts, what the recorder says of it.
 
 local function reader(name)
   local field = Field.new(name)
@@ -813,6 +821,7 @@ end
 
 local frame_number = reader("frame.number")
 local frame_interface = reader("frame.interface_id")
+local frame_interface_name = reader("frame.interface_name")
 local frame_description = reader("frame.interface_description")
 local frame_comments = Field.new("frame.comment")
 local pdu_name = Field.new("exported_pdu.prot_name")
@@ -893,13 +902,13 @@ local function pdu_source(tvb)
   local about, facts = facts_of(frame_description() or ""), comment_facts()
   local id = tonumber((about.vid or "") .. (about.pid or ""), 16)
   return {
-    key = ("pdu %s"):format(frame_interface() or 0),
+    -- By its name: an interface is described again when more is known of it.
+    key = "pdu " .. tostring(frame_interface_name() or frame_interface()),
     report = Report.new(tvb, 0),
     link = LINKS[about.link],
     id = id,
     former = FORMER[id],
     facts = facts,
-    unwritten = facts.event == "write-failed" and (facts.error or "unknown") or nil,
   }
 end
 
@@ -907,7 +916,7 @@ end
 
 local FACTS = {
   {"device", F.device, -0x80000000, 0x7FFFFFFF}, {"thread", F.thread, 0, 0xFFFFFFFF}, {"tick", F.tick, 0, 0xFFFFFFFF},
-  {"category", F.event_category, 0, 0xFFFFFFFF}, {"error", F.event_error, 0, 0xFFFFFFFF},
+  {"error", F.event_error, 0, 0xFFFFFFFF},
 }
 
 local function show_facts(facts, tree)
@@ -917,27 +926,35 @@ local function show_facts(facts, tree)
     if number and number >= row[3] and number <= row[4] then tree:add(row[2], number):set_generated() end
   end
   if facts.event then tree:add(F.event, facts.event):set_generated() end
+  if facts.values then tree:add(F.event_values, facts.values):set_generated() end
   if facts.text then tree:add(F.event_text, facts.text):set_generated() end
 end
 
 local function event_words(facts)
   local words = facts.event or "nothing"
-  if facts.category then words = words .. " " .. facts.category end
+  if facts.values then words = words .. " " .. facts.values end
   if facts.error then words = words .. ", error " .. facts.error end
   return facts.text and ("%s: %s"):format(words, facts.text) or words
 end
 
-local function show_event(facts, pinfo, root)
+local function follow_event(source, pinfo)
+  local note = {lost = {}}
+  expire(pinfo.abs_ts, note)
+  if source.facts.event == "write-failed" then withdraw(peer_of(source), note) end
+  return note
+end
+
+local function show_event(source, pinfo, root)
+  local note = notes[pinfo.number] or follow_event(source, pinfo)
+  notes[pinfo.number] = note
   local tree = root:add(voxmouse)
-  local text = event_words(facts)
-  local note = notes[pinfo.number]
-  if not note then
-    note = {lost = {}}
-    notes[pinfo.number] = note
-    expire(pinfo.abs_ts, note)
-  end
+  local text = event_words(source.facts)
   tree:append_text(": " .. text)
-  show_facts(facts, tree)
+  show_facts(source.facts, tree)
+  if note.unwritten then
+    local item = tree:add(F.unwritten, note.unwritten):set_generated()
+    item:add_proto_expert_info(E.unwritten, ("Packet %d could not be written"):format(note.unwritten))
+  end
   show_links(note, tree, pinfo)
   pinfo.cols.protocol = "VoxMouse"
   pinfo.cols.info = text
@@ -991,7 +1008,7 @@ end
 local function dissect_pdu(tvb, pinfo, tree)
   local source = pdu_source(tvb)
   if tvb:len() == 0 then
-    show_event(source.facts, pinfo, tree)
+    show_event(source, pinfo, tree)
   else
     show_facts(source.facts, dissect(source, pinfo, tree))
   end
