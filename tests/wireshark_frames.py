@@ -357,7 +357,7 @@ def finch(frames):
     d.reply(key(b"3", "screenshot"))
     speech = bytes(range(60))
     d.packet(False, b"\x1b\x77" + speech, "Speech, 3 SBC frames", sbc(speech))
-    d.packet(False, b"\x05\xad" + speech, "Speech, 3 SBC frames", sbc(speech))
+    d.packet(False, b"\x05\xad" + speech + b"\0\0", "Speech, 3 SBC frames", sbc(speech))
     d.damaged("05fec09f0133ee", "no end marker at byte 6", "MouseKeyReply", name="MouseKeyReply", code="0x9f",
               length="1")
 
