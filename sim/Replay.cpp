@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
-#include <map>
+#include <optional>
 #include <stdexcept>
 
-#include "capture/Capture.h"
 #include "sim/Text.h"
+#include "tools/capture/Capture.h"
 
 namespace sim {
 namespace {
@@ -59,30 +59,28 @@ bool isCapture(const std::string& path) {
 Replay readReplay(const std::string& path) {
   const capture::Capture file = capture::readFile(pathOf(path));
   Replay replay{.devices = {}, .problem = file.problem};
-  std::map<std::string, std::size_t> places;
-  std::vector<std::size_t> placeOf;  // of each interface
   for (const capture::Interface& interface : file.interfaces) {
-    const auto [place, isNew] = places.try_emplace(interface.path, replay.devices.size());
-    placeOf.push_back(place->second);
-    if (isNew) replay.devices.emplace_back().path = wide(interface.path);
-    Recording& device = replay.devices[place->second];
-    // What an interface tells later, when it is open, counts.
-    if (interface.vendor != 0) device.vendor = interface.vendor;
-    if (interface.product != 0) device.product = interface.product;
+    replay.devices.push_back({.path = wide(interface.path), .vendor = interface.vendor, .product = interface.product});
   }
-  const std::int64_t began = file.events.empty() ? 0 : file.events.front().time;
+  std::int64_t began = 0;
+  std::int64_t ended = 0;
+  if (!file.events.empty()) {
+    const auto earlier = [](const auto& a, const auto& b) { return a.time < b.time; };
+    const auto [first, last] = std::minmax_element(file.events.begin(), file.events.end(), earlier);
+    began = first->time;
+    ended = last->time;
+  }
   for (const capture::Event& event : file.events) {
     const auto kind = kindOf(event.kind);
-    const auto at = std::chrono::microseconds(std::max<std::int64_t>(event.time - began, 0));
-    for (Recording& device : replay.devices) device.length = std::max<Time>(device.length, at);
-    if (!kind || event.interface < 0 || static_cast<std::size_t>(event.interface) >= placeOf.size()) continue;
-    replay.devices[placeOf[static_cast<std::size_t>(event.interface)]].events.push_back({at, *kind, event.report});
+    if (!kind || event.interface < 0) continue;
+    const std::chrono::microseconds at(event.time - began);
+    replay.devices[static_cast<std::size_t>(event.interface)].events.push_back({at, *kind, event.report});
   }
-  for (std::size_t i = 0; i < file.interfaces.size(); ++i) {
-    const capture::Interface& interface = file.interfaces[i];
-    Recording& device = replay.devices[placeOf[i]];
-    device.inputLength = lengthOf(interface.inputLength, device.events, Kind::received);
-    device.outputLength = lengthOf(interface.outputLength, device.events, Kind::sent);
+  for (std::size_t i = 0; i < replay.devices.size(); ++i) {
+    Recording& device = replay.devices[i];
+    device.inputLength = lengthOf(file.interfaces[i].inputLength, device.events, Kind::received);
+    device.outputLength = lengthOf(file.interfaces[i].outputLength, device.events, Kind::sent);
+    device.length = std::chrono::microseconds(ended - began);
   }
   for (Recording& device : replay.devices) {
     std::stable_sort(device.events.begin(), device.events.end(),

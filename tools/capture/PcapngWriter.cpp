@@ -1,4 +1,4 @@
-#include "PcapngWriter.h"
+#include "tools/capture/PcapngWriter.h"
 
 #include <algorithm>
 

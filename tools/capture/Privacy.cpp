@@ -1,4 +1,4 @@
-#include "Privacy.h"
+#include "tools/capture/Privacy.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "Recorder.h"
+#include "tools/capture/Recorder.h"
 
 #include <cerrno>
 #include <cinttypes>

@@ -11,7 +11,7 @@
 #include "Commands.h"
 #include "Desk.h"
 #include "Terminal.h"
-#include "capture/Recorder.h"
+#include "tools/capture/Recorder.h"
 
 // printf for one number.
 std::string fixed(const char* format, double value);

@@ -1,0 +1,133 @@
+#include "tools/capture/Capture.h"
+
+#include <algorithm>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "tools/capture/Exported.h"
+#include "tools/capture/Packets.h"
+#include "tools/capture/Usb.h"
+
+namespace capture {
+namespace {
+
+constexpr std::uint32_t kExported = 252;
+
+std::size_t numberOf(std::vector<Interface>& interfaces, const Interface& wanted) {
+  const auto known = std::find_if(interfaces.begin(), interfaces.end(),
+                                  [&wanted](const Interface& each) { return each.path == wanted.path; });
+  if (known != interfaces.end()) {
+    if (wanted.vendor != 0) *known = wanted;  // it tells more of itself when it is open
+    return static_cast<std::size_t>(known - interfaces.begin());
+  }
+  interfaces.push_back(wanted);
+  return interfaces.size() - 1;
+}
+
+class Reader final : public PacketSink {
+ public:
+  explicit Reader(Capture& capture) : capture_(capture) {}
+
+  void madeBy(std::string_view program) override {
+    if (capture_.source.empty()) capture_.source = program;
+  }
+
+  void sectionComment(std::string_view comment) override { readPart(comment, capture_); }
+
+  void link(const Link& link) override {
+    Interface interface;
+    const bool isInterface = link.type == kExported && readInterface(link, interface);
+    links_.push_back({link.type, isInterface ? static_cast<int>(numberOf(capture_.interfaces, interface)) : -1});
+  }
+
+  void packet(const Packet& packet) override {
+    ++packets_;
+    const auto [type, interface] = links_[packet.link];
+    if (type == kExported) {
+      Event event;
+      if (!readExported(packet, event)) return;
+      event.interface = interface;
+      capture_.events.push_back(std::move(event));
+    } else if (type == Usb::kUsbPcap || type == Usb::kUsbmon || type == Usb::kUsbmonShort) {
+      usb_.add(packet, type);
+    }
+  }
+
+  void finish() {
+    usb_.moveInto(capture_);
+    std::stable_sort(capture_.events.begin(), capture_.events.end(),
+                     [](const Event& left, const Event& right) { return left.offset < right.offset; });
+    capture_.leftOut = packets_ - capture_.events.size();
+  }
+
+ private:
+  Capture& capture_;
+  std::vector<std::pair<std::uint32_t, int>> links_;  // type, and interface
+  Usb usb_;
+  std::size_t packets_ = 0;
+};
+
+std::string textOf(const std::filesystem::path& path) {
+  const auto text = path.u8string();
+  return {text.begin(), text.end()};
+}
+
+std::vector<std::uint8_t> bytesOf(const std::filesystem::path& path) {
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) throw std::runtime_error(textOf(path) + ": is a folder");
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  if (!file) throw std::runtime_error(textOf(path) + ": cannot be opened");
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(file.tellg()));
+  file.seekg(0);
+  if (!file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()))) {
+    throw std::runtime_error(textOf(path) + ": cannot be read");
+  }
+  return bytes;
+}
+
+// NAME-2.pcapng of NAME.pcapng.
+std::filesystem::path continuation(const std::filesystem::path& path, int number) {
+  std::filesystem::path name = path.stem();
+  name += "-" + std::to_string(number);
+  name += path.extension();
+  return path.parent_path() / name;
+}
+
+void append(Capture& capture, Capture more, const std::string& name) {
+  std::vector<std::size_t> numbers;
+  for (const Interface& interface : more.interfaces) numbers.push_back(numberOf(capture.interfaces, interface));
+  for (Event& event : more.events) {
+    if (event.interface >= 0) event.interface = static_cast<int>(numbers[static_cast<std::size_t>(event.interface)]);
+    capture.events.push_back(std::move(event));
+  }
+  capture.leftOut += more.leftOut;
+  if (more.problem.empty()) return;
+  capture.problem += (capture.problem.empty() ? "" : "; ") + name + " " + more.problem;
+}
+
+}  // namespace
+
+Capture read(std::span<const std::uint8_t> bytes) {
+  Capture capture;
+  Reader reader(capture);
+  capture.problem = readPackets(bytes, reader);
+  reader.finish();
+  return capture;
+}
+
+Capture readFile(const std::filesystem::path& path) {
+  const std::vector<std::uint8_t> bytes = bytesOf(path);
+  if (!isCapture(bytes)) throw std::runtime_error(textOf(path) + ": neither pcapng nor pcap");
+  Capture capture = read(bytes);
+  for (int number = 2;; ++number) {
+    const std::filesystem::path next = continuation(path, number);
+    if (std::error_code error; !std::filesystem::is_regular_file(next, error)) return capture;
+    Capture more = read(bytesOf(next));
+    // Another recording may have stood here.
+    if (capture.recording.empty() || more.recording != capture.recording || more.part != number) return capture;
+    append(capture, std::move(more), textOf(next.filename()));
+  }
+}
+
+}  // namespace capture
