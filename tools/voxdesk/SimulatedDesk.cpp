@@ -10,17 +10,18 @@
 
 namespace {
 
-// For tests, which compare it with what else is recorded.
-std::string machineLog() {
-  const char* file = std::getenv("VOXDEVICE_MACHINE_LOG");
-  return file ? file : "";
+sim::MachineOptions machineOptions(bool virtualTime) {
+  sim::MachineOptions options;
+  options.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime;
+  // For tests, which compare the machine's log with what else is recorded.
+  if (const char* file = std::getenv("VOXDEVICE_MACHINE_LOG")) options.logFile = file;
+  return options;
 }
 
 }  // namespace
 
 SimulatedDesk::SimulatedDesk(sim::DeskDescription description, bool virtualTime)
-    : machine_({.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime, .logFile = machineLog()}),
-      desk_(machine_, std::move(description)) {}
+    : machine_(machineOptions(virtualTime)), desk_(machine_, std::move(description)) {}
 
 std::size_t SimulatedDesk::legacyHids() {
   return static_cast<std::size_t>(std::count_if(desk_.legacy().begin(), desk_.legacy().end(),
