@@ -414,22 +414,30 @@ def foreign(frames, link):
     d.packet(True, frame(b"\xff\xf1", 0x05, b"").ljust(64, b"\0"), "", None)
 
 
+def models_table(document, part):
+    """The rows of a table that is made from the models' sheets."""
+    text = document.read_text().split(f"<!-- models: {part} -->")[1].split("<!-- end")[0]
+    rows = [[cell.strip() for cell in line.strip("|").split("|")] for line in text.strip().splitlines()]
+    return [dict(zip(rows[0], row)) for row in rows[2:]]
+
+
 def every_key(frames):
-    """The keys of every model, as the table of docs/protocol.md has them."""
-    identifiers = {"Tern": (0x0D8D, 0x0138), "Wren": (0x6D8D, 0x6138), "Finch": (0x3D8D, 0x3138),
-                   "Robin": (0x2D8D, 0x2138), "Heron": (0x1D8D, 0x1138), "Egret": (0x4D8D, 0x6138),
-                   "Heron Plus": (0x248A, 0x8266)}
-    table = PROTOCOL.read_text().split("<!-- models: keys -->")[1].split("<!-- end")[0].strip().splitlines()
-    cells = [[cell.strip() for cell in line.strip("|").split("|")] for line in table]
-    for column, models in enumerate(cells[0][1:], 1):
+    """The keys of every model, as the documents have them."""
+    identifiers = {row["model"].split(" (")[0]: row["Bluetooth LE (vendor:product)"]
+                   for row in models_table(PROTOCOL.parent.parent / "README.md", "hardware")}
+    answers = {row["model"]: row["`IdentifyReply`"] for row in models_table(PROTOCOL, "firmware")}
+    keys = models_table(PROTOCOL, "keys")
+    for models in list(keys[0])[1:]:
         for model in models.split(", "):
-            d = Device(frames, *identifiers.get(model, identifiers["Heron Plus"]), BLE, model)
-            if model == "Swift":
-                d.model = "Heron Plus"
-                connect(d, 0xA6, "Swift")
-            for row in cells[2:]:
-                action = row[column] if row[column] != "-" else "no key of this model"
-                d.reply(key(row[0].strip("`").encode(), action))
+            presented = identifiers[model].removeprefix("as the ")
+            vendor, product = (int(number, 16) for number in identifiers.get(presented, presented).split(":"))
+            d = Device(frames, vendor, product, BLE, model)
+            if presented in identifiers:
+                d.model = presented
+                connect(d, int(answers[model], 16), model)
+            for row in keys:
+                action = row[models] if row[models] != "-" else "no key of this model"
+                d.reply(key(row["key"].strip("`").encode(), action))
 
 
 def all_frames():

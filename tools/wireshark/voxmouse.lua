@@ -89,32 +89,97 @@ voxmouse.experts = values(E)
 
 -- Models --------------------------------------------------------------------------------------------------------------
 
-local HERON_KEYS = {
-  ["0"] = "voice down", ["1"] = "right down", ["2"] = "screenshot", ["3"] = "open navigation", ["9"] = "voice up",
-  ["@"] = "right up",
-}
-
--- ids: vendor and product, over USB and over Bluetooth LE.
+-- ids: vendor and product, over USB and over Bluetooth LE. A model without presents itself as another of its firmware.
+-- In parentheses: keys that the library does not decode.
 local MODELS = {
-  {name = "Tern", firmware = "Tern", ids = {0x0D8C0137, 0x0D8D0138}, keys = {
-    ["0"] = "voice up", ["1"] = "voice down", ["2"] = "voice double click", ["3"] = "right short press",
-    ["4"] = "right down", ["5"] = "right up", ["9"] = "voice up", ["@"] = "right up", ["I"] = "voice down, or right up",
-    ["Z"] = "right down, or voice up", ["]"] = "all up"}},
-  {name = "Wren", firmware = "standard", identify = 0xA0, ids = {0x6D8C6137, 0x6D8D6138},
-   keys = {["0"] = "voice down", ["9"] = "voice up"}},
-  {name = "Finch", firmware = "standard", identify = 0xA1, ids = {0x3D8D3138}, keys = {
-    ["0"] = "voice down", ["1"] = "right down", ["2"] = "open navigation", ["3"] = "screenshot", ["9"] = "voice up",
-    ["@"] = "right up"}},
-  {name = "Robin", firmware = "standard", identify = 0xA2, ids = {0x2D8D2138},
-   keys = {["0"] = "voice down", ["1"] = "right down", ["9"] = "voice up", ["@"] = "right up"}},
-  {name = "Heron", firmware = "standard", identify = 0xA3, ids = {0x1D8D1138}, keys = HERON_KEYS},
-  {name = "Egret", firmware = "standard", identify = 0xA4, ids = {0x4D8D6138}, keys = HERON_KEYS},
-  {name = "Heron Plus", firmware = "Zh", identify = 0xA5, ids = {0x248A8100, 0x248A8266}, keys = {
-    ["0"] = "voice down", ["1"] = "right down", ["2"] = "screenshot", ["9"] = "voice up", ["@"] = "right up"}},
-  -- Presents itself as a Heron Plus. The library does not decode its keys.
-  {name = "Swift", firmware = "Zh", identify = 0xA6, ids = {}, keys = {
-    ["0"] = "(voice down)", ["1"] = "(right down)", ["4"] = "(M key down)", ["9"] = "(voice up)", ["@"] = "(right up)",
-    ["C"] = "(M key up)"}},
+  -- <!-- models: dissector -->
+  {
+    name = "Tern", firmware = "Tern", ids = {0x0D8C0137, 0x0D8D0138},
+    keys = {
+      ["0"] = "voice up",
+      ["1"] = "voice down",
+      ["2"] = "voice double click",
+      ["3"] = "right short press",
+      ["4"] = "right down",
+      ["5"] = "right up",
+      ["9"] = "voice up",
+      ["@"] = "right up",
+      ["I"] = "voice down, or right up",
+      ["Z"] = "right down, or voice up",
+      ["]"] = "all up",
+    },
+  },
+  {
+    name = "Wren", firmware = "standard", identify = 0xA0, ids = {0x6D8C6137, 0x6D8D6138},
+    keys = {
+      ["0"] = "voice down",
+      ["9"] = "voice up",
+    },
+  },
+  {
+    name = "Finch", firmware = "standard", identify = 0xA1, ids = {0x3D8D3138},
+    keys = {
+      ["0"] = "voice down",
+      ["1"] = "right down",
+      ["2"] = "open navigation",
+      ["3"] = "screenshot",
+      ["9"] = "voice up",
+      ["@"] = "right up",
+    },
+  },
+  {
+    name = "Robin", firmware = "standard", identify = 0xA2, ids = {0x2D8D2138},
+    keys = {
+      ["0"] = "voice down",
+      ["1"] = "right down",
+      ["9"] = "voice up",
+      ["@"] = "right up",
+    },
+  },
+  {
+    name = "Heron", firmware = "standard", identify = 0xA3, ids = {0x1D8D1138},
+    keys = {
+      ["0"] = "voice down",
+      ["1"] = "right down",
+      ["2"] = "screenshot",
+      ["3"] = "open navigation",
+      ["9"] = "voice up",
+      ["@"] = "right up",
+    },
+  },
+  {
+    name = "Egret", firmware = "standard", identify = 0xA4, ids = {0x4D8D6138},
+    keys = {
+      ["0"] = "voice down",
+      ["1"] = "right down",
+      ["2"] = "screenshot",
+      ["3"] = "open navigation",
+      ["9"] = "voice up",
+      ["@"] = "right up",
+    },
+  },
+  {
+    name = "Heron Plus", firmware = "Zh", identify = 0xA5, ids = {0x248A8100, 0x248A8266},
+    keys = {
+      ["0"] = "voice down",
+      ["1"] = "right down",
+      ["2"] = "screenshot",
+      ["9"] = "voice up",
+      ["@"] = "right up",
+    },
+  },
+  {
+    name = "Swift", firmware = "Zh", identify = 0xA6, ids = {},
+    keys = {
+      ["0"] = "(voice down)",
+      ["1"] = "(right down)",
+      ["4"] = "(M key down)",
+      ["9"] = "(voice up)",
+      ["@"] = "(right up)",
+      ["C"] = "(M key up)",
+    },
+  },
+  -- <!-- end of models -->
 }
 
 -- The older devices have no protocol: one byte of each report tells the keys.
