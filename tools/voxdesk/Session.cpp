@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <utility>
@@ -33,9 +34,6 @@ Session::Session(const Options& options, bool busy)
 
 Session::~Session() {
   stop();
-  for (const std::string& sentence : desk->replayed()) {
-    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
-  }
   if (!captureProblem_.empty()) std::fprintf(stderr, "voxdesk: %s\n", captureProblem_.c_str());
 }
 
@@ -46,10 +44,9 @@ void Session::startCapture(const Options& options) {
         options.virtualTime ? kVirtualBeginning : std::chrono::duration_cast<std::chrono::microseconds>(now).count();
     recorder_ = std::make_unique<capture::Recorder>(
         sim::pathOf(options.capture),
-        capture::RecorderOptions{
-            .noSpeech = options.noSpeech,
-            .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
-            .now = [this, began] { return began + static_cast<std::int64_t>(desk->seconds() * 1e6); }});
+        capture::RecorderOptions{.noSpeech = options.noSpeech,
+                                 .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
+                                 .now = [this, began] { return began + std::llround(desk->seconds() * 1e6); }});
   }
   if (recorder_ || raw_) VoxObserver::SetCallback(&Session::observe, this);
 }
