@@ -17,7 +17,8 @@ FIELDS += ["voxmouse." + field for field in """direction name code length payloa
 Row = collections.namedtuple("Row", [field.split(".", 1)[1].replace(".", "_") for field in FIELDS])
 
 FIRST = {"model": "Wren", "serial": "WR0123456789ABCDEF",
-         "timeline": [{"at": 3, "key": "0"}, {"at": 3.5, "key": "9"}, {"at": 4, "power": 33}, {"at": 7, "unplug": True}],
+         "timeline": [{"at": 3, "key": "0"}, {"at": 3.5, "key": "9"}, {"at": 4, "power": 33},
+                      {"at": 7, "unplug": True}],
          "faults": [{"command": "mouse-state", "answer": "garbled"}, {"command": "dongle-state", "answer": "silent"}]}
 OTHERS = [{"model": "Swift", "link": "bluetooth", "timeline": [{"at": 3, "key": "4"}, {"at": 4, "sleep": True}]},
           {"model": "Tern", "link": "bluetooth", "timeline": [{"at": 5, "key": "I"}]},
