@@ -62,11 +62,15 @@ Writer packetBlock(bool big, std::uint32_t link, std::uint64_t time, const Bytes
   return body.option(1, comment).put(0, 4);
 }
 
-// direction 0: none.
+// direction: 0 none, 1 sent, 2 received; as one program and as another writes it.
 Bytes exported(std::uint32_t direction, const Bytes& report) {
   Writer tags(true);
   tags.option(12, "voxmouse");
-  if (direction != 0) tags.put(36, 2).put(4, 2).put(direction, 4);
+  if (direction == 2) {
+    tags.put(35, 2).put(4, 2).put(1, 4);
+  } else if (direction != 0) {
+    tags.put(36, 2).put(4, 2).put(direction, 4);
+  }
   return tags.put(0, 4).put(report).bytes;
 }
 
