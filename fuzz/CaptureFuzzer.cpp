@@ -43,7 +43,7 @@ void check(std::span<const std::uint8_t> file) {
   for (const capture::Event& event : capture.events) {
     // In the order of the file, in which each one is; and no event of an interface that is not there.
     if (event.offset < before || event.offset >= file.size() || event.time < 0) std::abort();
-    if (event.interface < -1 || event.interface >= static_cast<int>(capture.interfaces.size())) std::abort();
+    if (event.hid < -1 || event.hid >= static_cast<int>(capture.interfaces.size())) std::abort();
     if (event.report.size() > file.size()) std::abort();
     before = event.offset;
   }

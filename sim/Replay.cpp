@@ -59,8 +59,8 @@ bool isCapture(const std::string& path) {
 Replay readReplay(const std::string& path) {
   const capture::Capture file = capture::readFile(pathOf(path));
   Replay replay{.devices = {}, .problem = file.problem};
-  for (const capture::Interface& interface : file.interfaces) {
-    replay.devices.push_back({.path = wide(interface.path), .vendor = interface.vendor, .product = interface.product});
+  for (const capture::Interface& hid : file.interfaces) {
+    replay.devices.push_back({.path = wide(hid.path), .vendor = hid.vendor, .product = hid.product});
   }
   std::int64_t began = 0;
   std::int64_t ended = 0;
@@ -72,9 +72,9 @@ Replay readReplay(const std::string& path) {
   }
   for (const capture::Event& event : file.events) {
     const auto kind = kindOf(event.kind);
-    if (!kind || event.interface < 0) continue;
+    if (!kind || event.hid < 0) continue;
     const std::chrono::microseconds at(event.time - began);
-    replay.devices[static_cast<std::size_t>(event.interface)].events.push_back({at, *kind, event.report});
+    replay.devices[static_cast<std::size_t>(event.hid)].events.push_back({at, *kind, event.report});
   }
   for (std::size_t i = 0; i < replay.devices.size(); ++i) {
     Recording& device = replay.devices[i];

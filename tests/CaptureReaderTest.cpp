@@ -88,7 +88,7 @@ std::string inWords(const Capture& capture) {
   }
   const char* const kinds[] = {"sent", "received", "opened", "refused", "read failed", "write failed", "told"};
   for (const auto& event : capture.events) {
-    text << event.time << ' ' << event.interface << ' ' << kinds[static_cast<int>(event.kind)];
+    text << event.time << ' ' << event.hid << ' ' << kinds[static_cast<int>(event.kind)];
     if (event.device != -1) text << " device " << event.device;
     if (event.thread != 0) text << " thread " << event.thread;
     if (event.error != 0) text << " error " << event.error;

@@ -36,18 +36,18 @@ class Reader final : public PacketSink {
   void sectionComment(std::string_view comment) override { readPart(comment, capture_); }
 
   void link(const Link& link) override {
-    Interface interface;
-    const bool isInterface = link.type == kExported && readInterface(link, interface);
-    links_.push_back({link.type, isInterface ? static_cast<int>(numberOf(capture_.interfaces, interface)) : -1});
+    Interface hid;
+    const bool isInterface = link.type == kExported && readInterface(link, hid);
+    links_.push_back({link.type, isInterface ? static_cast<int>(numberOf(capture_.interfaces, hid)) : -1});
   }
 
   void packet(const Packet& packet) override {
     ++packets_;
-    const auto [type, interface] = links_[packet.link];
+    const auto [type, hid] = links_[packet.link];
     if (type == kExported) {
       Event event;
       if (!readExported(packet, event)) return;
-      event.interface = interface;
+      event.hid = hid;
       capture_.events.push_back(std::move(event));
     } else if (type == Usb::kUsbPcap || type == Usb::kUsbmon || type == Usb::kUsbmonShort) {
       usb_.add(packet, type);
@@ -96,9 +96,9 @@ std::filesystem::path continuation(const std::filesystem::path& path, int number
 
 void append(Capture& capture, Capture more, const std::string& name) {
   std::vector<std::size_t> numbers;
-  for (const Interface& interface : more.interfaces) numbers.push_back(numberOf(capture.interfaces, interface));
+  for (const Interface& hid : more.interfaces) numbers.push_back(numberOf(capture.interfaces, hid));
   for (Event& event : more.events) {
-    if (event.interface >= 0) event.interface = static_cast<int>(numbers[static_cast<std::size_t>(event.interface)]);
+    if (event.hid >= 0) event.hid = static_cast<int>(numbers[static_cast<std::size_t>(event.hid)]);
     capture.events.push_back(std::move(event));
   }
   capture.leftOut += more.leftOut;

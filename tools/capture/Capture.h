@@ -36,7 +36,7 @@ enum class Kind {
 struct Event {
   std::int64_t time = 0;  // microseconds since 1970; never negative, and differences never overflow
   Kind kind = Kind::Told;
-  int interface = -1;        // its index; -1 of what concerns none
+  int hid = -1;              // its index; -1 of what concerns none
   int device = -1;           // the client's number for it; -1: unknown
   std::uint32_t thread = 0;  // the library's thread; 0: unknown
   std::uint32_t error = 0;   // the system's, of what failed

@@ -57,19 +57,19 @@ void readPart(std::string_view comment, Capture& capture) {
   });
 }
 
-bool readInterface(const Link& link, Interface& interface) {
+bool readInterface(const Link& link, Interface& hid) {
   if (link.name == "client") return false;
-  interface.path = link.name;
-  forPairs(link.description, [&interface](std::string_view key, std::string_view value) {
-    if (key == "vid") number(value, interface.vendor, 16);
-    if (key == "pid") number(value, interface.product, 16);
-    if (key == "in") number(value, interface.inputLength);
-    if (key == "out") number(value, interface.outputLength);
-    if (key == "former") interface.former = value == "1";
+  hid.path = link.name;
+  forPairs(link.description, [&hid](std::string_view key, std::string_view value) {
+    if (key == "vid") number(value, hid.vendor, 16);
+    if (key == "pid") number(value, hid.product, 16);
+    if (key == "in") number(value, hid.inputLength);
+    if (key == "out") number(value, hid.outputLength);
+    if (key == "former") hid.former = value == "1";
     if (key != "link") return;
-    if (value == "ble") interface.link = DataChannel_BluetoothLE;
-    if (value == "usb") interface.link = DataChannel_Usb;
-    if (value == "receiver") interface.link = DataChannel_Receiver;
+    if (value == "ble") hid.link = DataChannel_BluetoothLE;
+    if (value == "usb") hid.link = DataChannel_Usb;
+    if (value == "receiver") hid.link = DataChannel_Receiver;
   });
   return true;
 }

@@ -92,10 +92,10 @@ Bytes interfaceDescription(std::uint16_t linkType, std::string_view name, std::s
   return block.finish();
 }
 
-Bytes enhancedPacket(std::uint32_t interface, std::int64_t time, std::span<const std::uint8_t> data,
+Bytes enhancedPacket(std::uint32_t interfaceNumber, std::int64_t time, std::span<const std::uint8_t> data,
                      std::string_view comment) {
   Block block(kEnhancedPacket);
-  block.add32(interface);
+  block.add32(interfaceNumber);
   block.add32(static_cast<std::uint64_t>(time) >> 32);
   block.add32(static_cast<std::uint64_t>(time) & 0xFFFFFFFF);
   block.add32(data.size());
@@ -109,7 +109,9 @@ Bytes exportedPdu(PduDirection direction, std::span<const std::uint8_t> report) 
   Bytes bytes;
   addTag(bytes, kDissectorName, {reinterpret_cast<const std::uint8_t*>(kDissector.data()), kDissector.size()});
   if (direction != PduDirection::none) {
-    addTag(bytes, kDirection, std::initializer_list<std::uint8_t>{0, 0, 0, static_cast<std::uint8_t>(direction == PduDirection::received)});
+    addTag(
+        bytes, kDirection,
+        std::initializer_list<std::uint8_t>{0, 0, 0, static_cast<std::uint8_t>(direction == PduDirection::received)});
   }
   addTag(bytes, 0, {});
   bytes.insert(bytes.end(), report.begin(), report.end());

@@ -17,7 +17,7 @@ Bytes sectionHeader(std::string_view application, std::string_view comment);
 // Packets with times in microseconds.
 Bytes interfaceDescription(std::uint16_t linkType, std::string_view name, std::string_view description);
 // time: microseconds since 1970.
-Bytes enhancedPacket(std::uint32_t interface, std::int64_t time, std::span<const std::uint8_t> data,
+Bytes enhancedPacket(std::uint32_t interfaceNumber, std::int64_t time, std::span<const std::uint8_t> data,
                      std::string_view comment);
 
 enum class PduDirection { none, sent, received };

@@ -138,7 +138,7 @@ void Recorder::add(const VoxObservation& observation) {
   std::unique_lock lock(mutex_);
   if (ending_) return;
   if (options_.noSpeech) privacy_.clean(report);
-  const std::uint32_t interface = interfaceOf(observation);
+  const std::uint32_t interfaceNumber = interfaceOf(observation);
   if (dropped_ > 0) {
     const std::string gap = "device=-1 event=dropped values=" + std::to_string(dropped_);
     if (!enqueue(lock, {enhancedPacket(kClient, time, exportedPdu(PduDirection::none, {}), gap)})) {
@@ -147,7 +147,7 @@ void Recorder::add(const VoxObservation& observation) {
     }
     dropped_ = 0;
   }
-  if (enqueue(lock, {enhancedPacket(interface, time, exportedPdu(direction, report), text)})) {
+  if (enqueue(lock, {enhancedPacket(interfaceNumber, time, exportedPdu(direction, report), text)})) {
     ++events_;
   } else {
     ++dropped_;
@@ -216,7 +216,7 @@ void Recorder::openPart() {
   char comment[64];
   std::snprintf(comment, sizeof comment, "part=%d of=%" PRId64, part_, began_);
   put(sectionHeader("voxdevice " VOXDEVICE_VERSION, comment));
-  for (const Bytes& interface : interfaces_) put(interface);
+  for (const Bytes& description : interfaces_) put(description);
   headBytes_ = partBytes_;
 }
 

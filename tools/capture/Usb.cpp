@@ -144,7 +144,7 @@ void Usb::report(const Packet& packet, const Transfer& transfer, int endpoint, b
   event.error = failed ? transfer.error : 0;
   event.time = packet.time;
   event.offset = packet.offset;
-  event.interface = static_cast<int>(number);
+  event.hid = static_cast<int>(number);
   if (!failed) event.report.assign(transfer.data.begin(), transfer.data.end());
   if (!in) sent_[transfer.id] = events_.size();
   events_.push_back(std::move(event));
@@ -166,10 +166,10 @@ void Usb::describe(const Transfer& transfer, const Setup& setup) {
     devices_[number].product = product;
   }
   if (setup[3] != kConfiguration) return;
-  int interface = -1;
+  int hid = -1;
   for (std::size_t at = 0; at < data.bytes.size() && data.u8(at) >= 2; at += data.u8(at)) {
-    if (data.u8(at + 1) == kInterface) interface = data.u8(at + 2);
-    if (data.u8(at + 1) == kEndpoint) devices_[deviceOf(transfer)].interfaceOf[data.u8(at + 2)] = interface;
+    if (data.u8(at + 1) == kInterface) hid = data.u8(at + 2);
+    if (data.u8(at + 1) == kEndpoint) devices_[deviceOf(transfer)].interfaceOf[data.u8(at + 2)] = hid;
   }
 }
 
@@ -214,25 +214,25 @@ int Usb::addInterface(Capture& capture, const Channel& channel) const {
 // number, or else to the first one that answers at all.
 void Usb::assignInterfaces(Capture& capture) {
   for (Channel& channel : channels_) {
-    if (channel.in && channel.ours) channel.interface = addInterface(capture, channel);
+    if (channel.in && channel.ours) channel.hid = addInterface(capture, channel);
   }
   for (Channel& out : channels_) {
     if (out.in || !out.ours) continue;
     int best = 0;
     for (const Channel& in : channels_) {
-      if (in.device != out.device || in.interface < 0 || &in == &out) continue;
+      if (in.device != out.device || in.hid < 0 || &in == &out) continue;
       const int number = interfaceNumber(out);
       const int rank = number >= 0 && number == interfaceNumber(in) ? 3 : (in.endpoint ^ kIn) == out.endpoint ? 2 : 1;
       if (rank <= best) continue;
       best = rank;
-      out.interface = in.interface;
+      out.hid = in.hid;
     }
-    if (best == 0) out.interface = addInterface(capture, out);
+    if (best == 0) out.hid = addInterface(capture, out);
   }
   for (const Channel& channel : channels_) {
-    if (channel.interface < 0) continue;
-    Interface& interface = capture.interfaces[static_cast<std::size_t>(channel.interface)];
-    int& length = channel.in ? interface.inputLength : interface.outputLength;
+    if (channel.hid < 0) continue;
+    Interface& hid = capture.interfaces[static_cast<std::size_t>(channel.hid)];
+    int& length = channel.in ? hid.inputLength : hid.outputLength;
     length = std::max(length, channel.longest);
   }
 }
@@ -240,8 +240,8 @@ void Usb::assignInterfaces(Capture& capture) {
 void Usb::moveInto(Capture& capture) {
   assignInterfaces(capture);
   for (Event& event : events_) {
-    event.interface = channels_[static_cast<std::size_t>(event.interface)].interface;
-    if (event.interface < 0 || (event.kind != Kind::ReadFailed && !hasOurId(event.report))) continue;
+    event.hid = channels_[static_cast<std::size_t>(event.hid)].hid;
+    if (event.hid < 0 || (event.kind != Kind::ReadFailed && !hasOurId(event.report))) continue;
     capture.events.push_back(std::move(event));
   }
 }

@@ -55,7 +55,7 @@ class Usb {
     bool in = false;
     bool ours = false;
     int longest = 0;
-    int interface = -1;  // of the capture, at the end
+    int hid = -1;  // of the capture, at the end
   };
 
   static Transfer usbPcap(const Numbers& packet);
