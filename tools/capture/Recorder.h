@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "PcapngWriter.h"
+#include "Privacy.h"
 #include "VoxDevice/Observation.h"
-#include "tools/capture/PcapngWriter.h"
-#include "tools/capture/Privacy.h"
 
 namespace capture {
 
