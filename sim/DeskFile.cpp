@@ -8,6 +8,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "sim/Replay.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 
@@ -328,6 +329,30 @@ DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
   return sound;
 }
 
+// number: which of its devices, from 1; 0: all of them.
+void addReplay(DeskDescription& desk, const std::string& path, std::size_t number) {
+  Replay replay;
+  try {
+    replay = readReplay(path);
+  } catch (const std::runtime_error& error) {
+    throw DeskFileError(error.what());
+  }
+  if (!replay.problem.empty()) desk.warnings.push_back(path + " is not read to its end: " + replay.problem);
+  if (number > replay.devices.size()) {
+    throw DeskFileError(path + ": there is no device " + std::to_string(number) + " in this capture; it has " +
+                        std::to_string(replay.devices.size()));
+  }
+  for (std::size_t i = 0; i < replay.devices.size(); ++i) {
+    if (number == 0 || i + 1 == number) desk.recordings.push_back(std::move(replay.devices[i]));
+  }
+}
+
+void readReplayEntry(const Place& place, DeskDescription& desk, const std::filesystem::path& folder) {
+  place.object({"replay", "device"});
+  const std::string file = (folder / place["replay"].text("the name of a capture file")).string();
+  addReplay(desk, file, place.has("device") ? place["device"].integer<std::size_t>(1, 1000) : 0);
+}
+
 }  // namespace
 
 DeskSpeaker readSpeakerFile(const std::string& path) {
@@ -350,6 +375,11 @@ DeskSpeaker readSpeakerFile(const std::string& path) {
 DeskDescription readDeskFile(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw DeskFileError(path + ": " + std::strerror(errno));
+  DeskDescription desk;
+  if (isCapture(path)) {
+    addReplay(desk, path, 0);
+    return desk;
+  }
   json root;
   try {
     root = json::parse(file);
@@ -359,12 +389,16 @@ DeskDescription readDeskFile(const std::string& path) {
   }
   const Place place(root, path);
   place.object({"devices", "sound", "legacy"});
-  DeskDescription desk;
   if (!place.has("devices") && !place.has("sound") && !place.has("legacy")) (void)place["devices"];
   place.each("legacy", [&](const Place& entry) { desk.legacy.push_back(readLegacy(entry)); });
   if (place.has("sound")) desk.sound = readSound(place["sound"], std::filesystem::path(path).parent_path());
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
   place.each("devices", [&](const Place& device) {
-    desk.devices.push_back(readDevice(device, std::filesystem::path(path).parent_path()));
+    if (device.has("replay")) {
+      readReplayEntry(device, desk, folder);
+    } else {
+      desk.devices.push_back(readDevice(device, folder));
+    }
   });
   return desk;
 }

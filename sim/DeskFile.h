@@ -11,6 +11,7 @@
 #include "sim/Sound.h"
 #include "sim/devices/Legacy.h"
 #include "sim/devices/Mice.h"
+#include "sim/devices/Recorded.h"
 
 namespace sim {
 
@@ -76,6 +77,8 @@ struct DeskDescription {
   std::vector<DeskDevice> devices;
   DeskSound sound{};
   std::vector<DeskLegacy> legacy{};
+  std::vector<Recording> recordings{};  // devices out of capture files
+  std::vector<std::string> warnings{};  // sentences
 };
 
 // What is wrong with a desk file, and where.
@@ -84,6 +87,7 @@ class DeskFileError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A description in JSON; or a capture file: all its devices.
 DeskDescription readDeskFile(const std::string& path);
 // 16-bit PCM of any rate and number of channels.
 DeskSpeaker readSpeakerFile(const std::string& path);

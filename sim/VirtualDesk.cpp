@@ -31,6 +31,9 @@ VirtualDesk::VirtualDesk(Machine& machine, DeskDescription description)
     legacy_.push_back(std::make_unique<LegacyDevice>(machine_, sheet.kind, sheet.serial));
     for (const DeskLegacyAction& action : sheet.timeline) dueLegacy_.push_back({action.at, i, action});
   }
+  for (const Recording& recording : description_.recordings) {
+    recorded_.push_back(std::make_shared<RecordedDevice>(recording));
+  }
   const auto earlier = [](const auto& a, const auto& b) { return a.at < b.at; };
   std::stable_sort(due_.begin(), due_.end(), earlier);
   std::stable_sort(dueLegacy_.begin(), dueLegacy_.end(), earlier);
@@ -55,6 +58,7 @@ void VirtualDesk::setUpSound() {
 void VirtualDesk::setUp() {
   setUpSound();
   for (const auto& device : devices_) machine_.plug(device);
+  for (const auto& device : recorded_) RecordedDevice::start(machine_, device);
   for (std::size_t i = 0; i < legacy_.size(); ++i) {
     if (description_.legacy[i].plugged) legacy_[i]->plug();
   }

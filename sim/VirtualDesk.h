@@ -21,6 +21,7 @@ class VirtualDesk {
   const DeskDescription& description() const { return description_; }
   const std::vector<std::shared_ptr<VirtualMouse>>& devices() const { return devices_; }
   const std::vector<std::unique_ptr<LegacyDevice>>& legacy() const { return legacy_; }
+  const std::vector<std::shared_ptr<RecordedDevice>>& recorded() const { return recorded_; }
 
  private:
   struct Due {
@@ -41,6 +42,7 @@ class VirtualDesk {
   DeskDescription description_;
   std::vector<std::shared_ptr<VirtualMouse>> devices_;
   std::vector<std::unique_ptr<LegacyDevice>> legacy_;
+  std::vector<std::shared_ptr<RecordedDevice>> recorded_;
   std::vector<Due> due_;  // in the order of time
   std::vector<DueLegacy> dueLegacy_;
 };

@@ -87,7 +87,11 @@ std::string inWords(const Capture& capture) {
     if (event.device != -1) text << " device " << event.device;
     if (event.thread != 0) text << " thread " << event.thread;
     if (event.error != 0) text << " error " << event.error;
-    if (event.kind == Kind::Told) text << ' ' << event.name << ' ' << event.category << " \"" << event.text << '"';
+    if (event.kind == Kind::Told) {
+      text << ' ' << event.name;
+      for (const int value : event.values) text << ' ' << value;
+      text << " \"" << event.text << '"';
+    }
     text << ' ' << hex(event.report).substr(0, 20) << '\n';
   }
   return text.str();
@@ -108,7 +112,7 @@ Writer recording(bool big) {
                  {1, 1, kBeat, "device=1 thread=7 tick=1 event=write-failed error=1167"},
                  {1, 0, {}, "device=-1 thread=3 tick=1000 event=refused error=5"},
                  {1, 0, {}, "device=x thread= =1 event=read-failed error=99999999999"},
-                 {0, 0, {}, "device=1 thread=7 tick=5 event=log category=43 text=a=b text=\xE8\xAF\xAD"},
+                 {0, 0, {}, "device=1 thread=7 tick=5 event=log values=43,-7 text=a=b text=\xE8\xAF\xAD"},
                  {0, 0, {}, "device=2 event=connect"},
                  {1, 0, kBeat, "device=1"},
                  {1, 3, kBeat, ""}};

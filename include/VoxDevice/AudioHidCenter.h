@@ -212,8 +212,7 @@ class VOXDEVICE_API CAudioHidCenter {
 
  private:
   friend struct CHubAccess;  // the flat interface's way to what happens to the buttons
+  struct ClassWide;
 
   const std::shared_ptr<CHub> m_pHub;  // what the hub's threads and operations work on; goes with the last of them
-
-  static Atomic<CAudioHidCenter*> s_pHidDeviceCenter;
 };

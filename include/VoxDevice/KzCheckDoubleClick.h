@@ -24,13 +24,7 @@ class VOXDEVICE_API KzCheckDoubleClick {
   VoxClickMode GetClickMode() const noexcept { return Result; }
 
  private:
-  void SetKeyState_double(VoxButtonState state) noexcept;
-  void SetKeyState_single(VoxButtonState state) noexcept;
-  void OnDoublePress(std::uint32_t now) noexcept;
-  void OnDoubleRelease(std::uint32_t now) noexcept;
-  void ClearTicks() noexcept;
-  void Recognised() noexcept;
-  bool Within(std::uint32_t now, std::uint32_t since) const noexcept;
+  struct Steps;  // a class of its own, since all functions of this one are exported
 
   Shared<int> ClickTimes;  // 2: double-click mode
   Shared<int> Interval;    // milliseconds: first press to second release must take less

@@ -4,6 +4,7 @@
 #include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/FormerMouse.h"
 #include "VoxDevice/KzCheckDoubleClick.h"
+#include "VoxDevice/Observation.h"
 #include "VoxDevice/SoftModeSwitch.h"
 #include "VoxDevice/VoxCommon.h"
 #include "VoxDevice/VoxNet.h"

@@ -72,7 +72,5 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   class Recording;
   struct Recorder;
 
-  explicit CVoxRecord(std::shared_ptr<Recorder> original);
-
   const std::shared_ptr<Recorder> m_pRecorder;
 };

@@ -221,10 +221,13 @@ CVoxRecord::~CVoxRecord() {
   EndThreads(deadline.Left());
 }
 
-// The original may go while it is copied: a reference to what stands behind it is taken first.
-CVoxRecord::CVoxRecord(const CVoxRecord& other) : CVoxRecord(other.m_pRecorder) {}
-
-CVoxRecord::CVoxRecord(std::shared_ptr<Recorder> original) : CVoxRecord() { m_pRecorder->CopyFrom(original); }
+CVoxRecord::CVoxRecord(const CVoxRecord& other)
+    // The original may go while it is copied: a reference to what stands behind it is taken first.
+    : CThread(), m_pRecorder([this, original = other.m_pRecorder] {
+        auto copy = MakeWhole<Recorder>(this, threads_);
+        copy->CopyFrom(original);
+        return copy;
+      }()) {}
 
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
 CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) {

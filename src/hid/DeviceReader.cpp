@@ -26,25 +26,6 @@ struct CDeviceReader::LogEntry {
   LogEntry* next;
 };
 
-// A handle to the device. One thread is ever inside the system with it, and keeps it open for as long: closing a handle
-// in which a synchronous call is blocked would keep whoever closes it waiting.
-class CDeviceReader::File {
- public:
-  File() = default;
-  ~File() { Close(); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  HANDLE Take(HidFile& file) noexcept { return handle_ = file.Give(); }
-  HANDLE Handle() const noexcept { return handle_; }
-  void Close() noexcept {
-    if (HANDLE open = handle_.exchange(nullptr)) os::CloseHandle(open);
-  }
-
- private:
-  Atomic<HANDLE> handle_{nullptr};
-};
-
 CDeviceReader::CDeviceReader()
     : otaSentEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
       otaAnsweredEvent(os::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
@@ -60,14 +41,17 @@ CDeviceReader::~CDeviceReader() {
   }
 }
 
-void CDeviceReader::Attach(const HidConnection& connection, HidFile& readFile, HidFile& writeFile) {
-  readFile_ = std::make_shared<File>();
-  writeFile_ = std::make_shared<File>();
+void CDeviceReader::Attach(const HidConnection& connection, std::shared_ptr<HidFile>& readFile,
+                           std::shared_ptr<HidFile>& writeFile) {
   outputReport_.assign(static_cast<std::size_t>(connection.outputReportLength), 0);
   outputReportLength = connection.outputReportLength;
   inputReportLength = connection.inputReportLength;
-  readHandle = readFile_->Take(readFile);
-  writeHandle = writeFile_->Take(writeFile);
+  readFile_ = std::move(readFile);
+  writeFile_ = std::move(writeFile);
+  readHandle = readFile_->Handle();
+  writeHandle = writeFile_->Handle();
+  readFile_->SetDevice(connection.deviceNumber);
+  writeFile_->SetDevice(connection.deviceNumber);
   channel = connection.channel;
   deviceNumber = connection.deviceNumber;
 }
@@ -146,19 +130,16 @@ void CDeviceReader::CloseFiles(HANDLE writeHandleThen) noexcept {
   if (writeThread.HasEnded()) writeFile_->Close();
 }
 
-void CDeviceReader::ReadLoop(const File& file) noexcept {
+void CDeviceReader::ReadLoop(HidFile& file) noexcept {
   const int number = deviceNumber;
   std::array<std::uint8_t, kMaxInputReportLength> buffer{};
   const int length = std::min(static_cast<int>(inputReportLength), kMaxInputReportLength);
   for (;;) {
-    DWORD count = 0;
-    BOOL read = FALSE;
-    readThread.Blocking(
-        [&] { read = os::ReadFile(file.Handle(), buffer.data(), static_cast<DWORD>(length), &count, nullptr); });
+    const HidFile::Read read = file.ReadReport({buffer.data(), static_cast<std::size_t>(length)});
     if (readThread.IsAsked()) return Probe<"reader: a read is cancelled">();
-    if (!read) return OnUnplugged(number);
-    if (count < static_cast<DWORD>(length)) Probe<"reader: a short read">();
-    std::fill(buffer.begin() + std::min<DWORD>(count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});
+    if (!read.done) return OnUnplugged(number);
+    if (read.count < static_cast<DWORD>(length)) Probe<"reader: a short read">();
+    std::fill(buffer.begin() + std::min<DWORD>(read.count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});
     if (CHidData reply; ParseReport({buffer.data(), static_cast<std::size_t>(length)}, channel, reply)) {
       OnReport(reply);
       readerCallback(number, GetMouseType(), channel, reply, callbackContext);
@@ -222,14 +203,9 @@ bool CDeviceReader::AnnounceConnection(int number) noexcept {
   return true;
 }
 
-void CDeviceReader::WriteLoop(const std::shared_ptr<File>& file) noexcept {
+void CDeviceReader::WriteLoop(const std::shared_ptr<HidFile>& file) noexcept {
   while (writeThread.Wait(writePosted_, INFINITE) == WAIT_OBJECT_0) {
-    DWORD count = 0;
-    BOOL written = FALSE;
-    writeThread.Blocking([&] {
-      written = os::WriteFile(file->Handle(), outputReport_.data(), static_cast<DWORD>(outputLength_), &count, nullptr);
-    });
-    written_ = written != FALSE;
+    written_ = file->WriteReport({outputReport_.data(), outputLength_});
     if (outputStep_) OnOtaWritten(*outputStep_);
     os::SetEvent(writeToken_);
   }

@@ -86,7 +86,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
 
   // ---- For the hub ----
   // Takes over an opened device: as its last step, its files. Once, before Start.
-  void Attach(const HidConnection& connection, HidFile& readFile, HidFile& writeFile);
+  void Attach(const HidConnection& connection, std::shared_ptr<HidFile>& readFile, std::shared_ptr<HidFile>& writeFile);
   // What an earlier reader of the row has left.
   void Recall(const CReaderMemory& memory) noexcept;
   CReaderMemory Memory() const noexcept;
@@ -234,11 +234,10 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
 
  private:
   struct LogEntry;
-  class File;
 
-  void ReadLoop(const File& file) noexcept;
+  void ReadLoop(HidFile& file) noexcept;
   void HeartbeatLoop() noexcept;
-  void WriteLoop(const std::shared_ptr<File>& file) noexcept;
+  void WriteLoop(const std::shared_ptr<HidFile>& file) noexcept;
   // False when the thread is asked to end.
   bool AnnounceConnection(int number) noexcept;
   void OnUnplugged(int number) noexcept;
@@ -276,8 +275,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
 
   const HANDLE stopped_;  // manual-reset event: the hub has stopped the reader
   Atomic<bool> hasStopped_{false};
-  std::shared_ptr<File> readFile_;
-  std::shared_ptr<File> writeFile_;
+  std::shared_ptr<HidFile> readFile_;
+  std::shared_ptr<HidFile> writeFile_;
   // The report on its way. The token is an auto-reset event: whoever has taken it may fill the slot below and post it,
   // and the write thread sets it again when the report is written.
   const HANDLE writeToken_;

@@ -5,8 +5,8 @@
 
 namespace {
 
-template <class Function>
-void Register(CallbackSlot<Function>& slot, void* function, void* context) {
+template <class Function, ProbeName name>
+void Register(CallbackSlot<Function, name>& slot, void* function, void* context) {
   slot.Set(reinterpret_cast<Function>(function), context);
 }
 
@@ -20,15 +20,18 @@ std::shared_ptr<CHub> CopyOf(const std::shared_ptr<CHub>& original) {
 
 }  // namespace
 
-Atomic<CAudioHidCenter*> CAudioHidCenter::s_pHidDeviceCenter{nullptr};
+// All functions and values of the class itself are exported.
+struct CAudioHidCenter::ClassWide {
+  static inline Atomic<CAudioHidCenter*> s_pHidDeviceCenter{nullptr};
+};
 
-CAudioHidCenter* CAudioHidCenter::Instance() noexcept { return s_pHidDeviceCenter; }
+CAudioHidCenter* CAudioHidCenter::Instance() noexcept { return ClassWide::s_pHidDeviceCenter; }
 
-CAudioHidCenter::CAudioHidCenter() : m_pHub(MakeWhole<CHub>()) { s_pHidDeviceCenter = this; }
+CAudioHidCenter::CAudioHidCenter() : m_pHub(MakeWhole<CHub>()) { ClassWide::s_pHidDeviceCenter = this; }
 
 CAudioHidCenter::~CAudioHidCenter() {
   CAudioHidCenter* self = this;
-  s_pHidDeviceCenter.compare_exchange_strong(self, nullptr);
+  ClassWide::s_pHidDeviceCenter.compare_exchange_strong(self, nullptr);
   Operation(m_pHub)->Close();
 }
 

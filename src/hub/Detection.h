@@ -2,7 +2,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,8 +14,8 @@ struct CHub::Detection {
   std::vector<std::wstring> foreign;  // at the same places, the paths that the last pass found to be none of ours
   std::string path;                   // the one that is looked at
   HidPathIdentity identity;
-  std::optional<HidFile> readFile;
-  std::optional<HidFile> writeFile;
+  std::shared_ptr<HidFile> readFile;
+  std::shared_ptr<HidFile> writeFile;
   CWorker thread;
   std::shared_ptr<Detection> before;  // another one; stays as it is
 };

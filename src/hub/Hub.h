@@ -42,16 +42,16 @@ enum class Button : int { left, right, key1, key2 };
 struct CHubCallbacks {
   // device: that has pressed the button. On its read thread, like most.
   using ButtonCallback = void (*)(int device, Button button, ButtonEvent what, void* context);
-  CallbackSlot<CAudioHidCenter::AudioCallback> audioCallback;
-  CallbackSlot<CAudioHidCenter::MouseConnectCallback> mouseConnectCallback;
-  CallbackSlot<CAudioHidCenter::VoiceOperateCallback> voiceOperateCallback;
-  CallbackSlot<CAudioHidCenter::DpiSetCallback> dpiSetCallback;
-  CallbackSlot<CAudioHidCenter::MouseStateCallback> mouseStateCallback;
-  CallbackSlot<CAudioHidCenter::DongleStateCallback> dongleStateCallback;
-  CallbackSlot<CAudioHidCenter::PowerReportCallback> powerReportCallback;
-  CallbackSlot<CAudioHidCenter::DownloadUrlCallback> downloadUrlCallback;
-  CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn> fwOtaResultCallback;
-  CallbackSlot<ButtonCallback> buttonCallback;
+  CallbackSlot<CAudioHidCenter::AudioCallback, "audio"> audioCallback;
+  CallbackSlot<CAudioHidCenter::MouseConnectCallback, "mouseconnect"> mouseConnectCallback;
+  CallbackSlot<CAudioHidCenter::VoiceOperateCallback, "voice"> voiceOperateCallback;
+  CallbackSlot<CAudioHidCenter::DpiSetCallback, "dpi"> dpiSetCallback;
+  CallbackSlot<CAudioHidCenter::MouseStateCallback, "mousestate"> mouseStateCallback;
+  CallbackSlot<CAudioHidCenter::DongleStateCallback, "donglestate"> dongleStateCallback;
+  CallbackSlot<CAudioHidCenter::PowerReportCallback, "power"> powerReportCallback;
+  CallbackSlot<CAudioHidCenter::DownloadUrlCallback, "url"> downloadUrlCallback;
+  CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn, "update"> fwOtaResultCallback;
+  CallbackSlot<ButtonCallback, "button"> buttonCallback;
 };
 
 // The hub's threads, its readers and every operation that runs hold a reference, so that nothing they use can go before

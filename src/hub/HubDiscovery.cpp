@@ -16,8 +16,12 @@
 
 namespace {
 
-// Reports of a length that the protocol and the reader can use.
-bool IsUsable(HidFile& file) { return file.Check(kMinReportLength) && file.InputLength() <= kMaxInputReportLength; }
+// Null when that cannot be done, or its reports have no length that the protocol and the reader can use.
+std::shared_ptr<HidFile> Open(const std::wstring& path, DataChannel link) {
+  auto file = std::make_shared<HidFile>(path, link);
+  if (!file->Open(kMinReportLength, kMaxInputReportLength)) file.reset();
+  return file;
+}
 
 // model: what the identifier says. settled: a device of that model has been in the row before.
 std::shared_ptr<CDeviceReader> MakeReader(MouseType model, bool settled) {
@@ -83,10 +87,10 @@ bool CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   // Silently: many devices have a collection that only the system may open. It is tried again at every pass.
   auto& readFile = detection.readFile;
   auto& writeFile = detection.writeFile;
-  readFile.emplace(path);
-  if (IsUsable(*readFile)) {
-    writeFile.emplace(path);
-    if (IsUsable(*writeFile)) {
+  readFile = Open(path, connection.channel);
+  if (readFile) {
+    writeFile = Open(path, connection.channel);
+    if (writeFile) {
       connection.inputReportLength = writeFile->InputLength();
       connection.outputReportLength = writeFile->OutputLength();
       ConnectReader(detection, model, connection);
@@ -114,7 +118,7 @@ void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& c
   const auto reader = MakeReader(model, settled);
   std::string path = detection.path;
   connection.deviceNumber = ++lastDeviceNumber;
-  reader->Attach(connection, *detection.readFile, *detection.writeFile);
+  reader->Attach(connection, detection.readFile, detection.writeFile);
   HidDeviceEntry& row = settled ? *known : devices.emplace_back();
   if (row.reader) LoseDevice(row);
   reader->Recall(row.memory);

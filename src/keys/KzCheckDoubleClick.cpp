@@ -13,43 +13,51 @@ int Elapsed(std::uint32_t now, std::uint32_t since) { return static_cast<int>(no
 
 }  // namespace
 
+struct KzCheckDoubleClick::Steps {
+  KzCheckDoubleClick& of;
+
+  void SetKeyState_double(VoxButtonState state) const noexcept;
+  void SetKeyState_single(VoxButtonState state) const noexcept;
+  void OnDoublePress(std::uint32_t now) const noexcept;
+  void OnDoubleRelease(std::uint32_t now) const noexcept;
+  void ClearTicks() const noexcept;
+  void Recognised() const noexcept;
+  bool Within(std::uint32_t now, std::uint32_t since) const noexcept { return Elapsed(now, since) < of.Interval; }
+};
+
 KzCheckDoubleClick::KzCheckDoubleClick() noexcept
     : ClickTimes(CPreferences::Instance()->GetVoiceClickTimes()),
       Interval(CPreferences::Instance()->GetDoubleClickTimeInterval_ms()) {}
 
 void KzCheckDoubleClick::Clear() noexcept {
   Result = ClickNone;
-  ClearTicks();
+  Steps{*this}.ClearTicks();
 }
 
-void KzCheckDoubleClick::ClearTicks() noexcept {
-  FirstDown = 0;
-  SecondDown = 0;
-  FirstUp = 0;
-  SecondUp = 0;
-}
-
-bool KzCheckDoubleClick::Within(std::uint32_t now, std::uint32_t since) const noexcept {
-  return Elapsed(now, since) < Interval;
+void KzCheckDoubleClick::Steps::ClearTicks() const noexcept {
+  of.FirstDown = 0;
+  of.SecondDown = 0;
+  of.FirstUp = 0;
+  of.SecondUp = 0;
 }
 
 void KzCheckDoubleClick::SetKeyState(VoxButtonState state) noexcept {
   if (ClickTimes == kDoubleClickMode) {
-    SetKeyState_double(state);
+    Steps{*this}.SetKeyState_double(state);
   } else {
-    SetKeyState_single(state);
+    Steps{*this}.SetKeyState_single(state);
   }
 }
 
-void KzCheckDoubleClick::SetKeyState_single(VoxButtonState state) noexcept {
+void KzCheckDoubleClick::Steps::SetKeyState_single(VoxButtonState state) const noexcept {
   if (state == ButtonUp) {
-    FirstDown = 0;
-  } else if (FirstDown == 0U) {
-    FirstDown = os::GetTickCount();
+    of.FirstDown = 0;
+  } else if (of.FirstDown == 0U) {
+    of.FirstDown = os::GetTickCount();
   }
 }
 
-void KzCheckDoubleClick::SetKeyState_double(VoxButtonState state) noexcept {
+void KzCheckDoubleClick::Steps::SetKeyState_double(VoxButtonState state) const noexcept {
   const std::uint32_t now = os::GetTickCount();
   if (state == ButtonDown) {
     OnDoublePress(now);
@@ -58,35 +66,35 @@ void KzCheckDoubleClick::SetKeyState_double(VoxButtonState state) noexcept {
   }
 }
 
-void KzCheckDoubleClick::OnDoublePress(std::uint32_t now) noexcept {
-  if (FirstDown == 0U) {
-    FirstDown = now;
+void KzCheckDoubleClick::Steps::OnDoublePress(std::uint32_t now) const noexcept {
+  if (of.FirstDown == 0U) {
+    of.FirstDown = now;
     return;
   }
-  if (FirstUp == 0U || SecondDown != 0U) return;
-  SecondDown = now;
-  if (!Within(now, FirstDown)) {
+  if (of.FirstUp == 0U || of.SecondDown != 0U) return;
+  of.SecondDown = now;
+  if (!Within(now, of.FirstDown)) {
     // The first click has expired; this press becomes the first one.
-    FirstDown = now;
-    FirstUp = 0;
-    SecondDown = 0;
+    of.FirstDown = now;
+    of.FirstUp = 0;
+    of.SecondDown = 0;
   }
 }
 
-void KzCheckDoubleClick::OnDoubleRelease(std::uint32_t now) noexcept {
-  const std::uint32_t first = FirstDown;
+void KzCheckDoubleClick::Steps::OnDoubleRelease(std::uint32_t now) const noexcept {
+  const std::uint32_t first = of.FirstDown;
   if (first == 0) return;
-  if (const std::uint32_t second = SecondDown; second == 0) {
-    if (FirstUp == 0U) FirstUp = now;
+  if (const std::uint32_t second = of.SecondDown; second == 0) {
+    if (of.FirstUp == 0U) of.FirstUp = now;
     if (!Within(now, first)) {
       // Held too long to begin a double click.
-      FirstDown = 0;
-      FirstUp = 0;
+      of.FirstDown = 0;
+      of.FirstUp = 0;
     }
   } else {
-    SecondUp = now;
+    of.SecondUp = now;
     if (Within(now, first)) {
-      const LogLine<64> line(L"语音键双击：0  ", Elapsed(FirstUp, first), L"  ", Elapsed(second, first), L"  ",
+      const LogLine<64> line(L"语音键双击：0  ", Elapsed(of.FirstUp, first), L"  ", Elapsed(second, first), L"  ",
                              Elapsed(now, first));
       VoxMessage::Log(line.Text(), LogType_DoubleClick);
       ClearTicks();
@@ -95,28 +103,29 @@ void KzCheckDoubleClick::OnDoubleRelease(std::uint32_t now) noexcept {
     }
     // Too slow. The second click becomes the first one, if it is itself quick enough to be one.
     const bool slides = Within(now, second);
-    SecondDown = 0;
-    SecondUp = 0;
-    FirstDown = slides ? second : 0;
-    FirstUp = slides ? now : 0;
+    of.SecondDown = 0;
+    of.SecondUp = 0;
+    of.FirstDown = slides ? second : 0;
+    of.FirstUp = slides ? now : 0;
   }
-  Result = ClickNone;
+  of.Result = ClickNone;
 }
 
 void KzCheckDoubleClick::SetDoubleClick() noexcept {
-  ClearTicks();
+  const Steps steps{*this};
+  steps.ClearTicks();
   if (ClickTimes == kDoubleClickMode) {
-    Recognised();
+    steps.Recognised();
   } else {
     Result = ClickNone;
   }
 }
 
-void KzCheckDoubleClick::Recognised() noexcept {
+void KzCheckDoubleClick::Steps::Recognised() const noexcept {
   if (CEnvironmentMonitor::CheckNet(false)) {
     VoxMessage::PostMainMenu(OpenNavigation);
-    Result = ClickDouble;
+    of.Result = ClickDouble;
   } else {
-    Result = ClickDoubleNoNet;
+    of.Result = ClickDoubleNoNet;
   }
 }

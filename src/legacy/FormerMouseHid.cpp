@@ -1,6 +1,6 @@
 // The older HID devices: found again every 3 s, read on threads of their own.
 #include <array>
-#include <optional>
+#include <climits>
 #include <utility>
 
 #include "VoxDevice/AudioHidCenter.h"
@@ -95,61 +95,47 @@ void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, con
       (identity.pid != "0132" && identity.pid != "0135")) {
     return;
   }
+  const auto file = std::make_shared<HidFile>(path, DataChannel_Usb);
   {
     const CAutoLock held(lock);
     if (!run->HidDevices.insert(identity.instance).second) return;
   }
-  std::optional<HidFile> file;
-  bool accepted = false;
-  thread.Blocking([&] {
-    file.emplace(path);
-    accepted = file->Check(kMinReportLength);
-  });
-  if (!accepted) return;  // nor tried again in this run
+  if (!file->Open(kMinReportLength, INT_MAX)) return;  // nor tried again in this run
   const HidDeviceKind kind = identity.pid == "0135" ? HidKind_VoiceKeyboard : HidKind_Mouse;
-  const HANDLE handle = file->Give();
-  {
-    // In one go: whoever asks this thread to end finds the reader, or keeps it from being started.
-    const CAutoLock held(lock);
-    bool started = false;
-    HadMemory([&] {
-      started = !thread.IsAsked() &&
-                readers.Start([self = shared_from_this(), device = Device{handle, kind, identity.instance, run}](
-                                  CWorker& reader) { self->ReadDevice(device, reader); });
-    });
-    if (started) return;
+  // In one go: whoever asks this thread to end finds the reader, or keeps it from being started.
+  const CAutoLock held(lock);
+  bool started = false;
+  HadMemory([&] {
+    started = !thread.IsAsked() &&
+              readers.Start([self = shared_from_this(), device = Device{file, kind, identity.instance, run}](
+                                CWorker& reader) { self->ReadDevice(device, reader); });
+  });
+  if (started) {
+    file->LeaveOpen();  // deliberately: that of a device that is still there
+  } else {
     run->HidDevices.erase(identity.instance);
   }
-  os::CloseHandle(handle);
 }
 
 void CFormerMouse_Hid::State::ReadDevice(const Device& device, CWorker& thread) {
   do {
     COMMTIMEOUTS timeouts{};
-    os::GetCommTimeouts(device.File, &timeouts);
+    os::GetCommTimeouts(device.File->Handle(), &timeouts);
     timeouts = {.ReadIntervalTimeout = 200,
                 .ReadTotalTimeoutMultiplier = 0,
                 .ReadTotalTimeoutConstant = 0,
                 .WriteTotalTimeoutMultiplier = 0,
                 .WriteTotalTimeoutConstant = 0};
-    os::SetCommTimeouts(device.File, &timeouts);
+    os::SetCommTimeouts(device.File->Handle(), &timeouts);
     std::array<std::uint8_t, kReadBytes> report{};
-    DWORD count = 0;
-    bool read = false;
-    bool cancelled = true;
-    thread.Blocking([&] {
-      read = os::ReadFile(device.File, report.data(), kReadBytes, &count, nullptr) != FALSE;
-      cancelled = !read && os::GetLastError() == ERROR_OPERATION_ABORTED;
-    });
-    if (!read) {
-      // Deliberately the file of a device that is still there stays open.
-      if (cancelled && thread.IsAsked()) return;
+    const HidFile::Read read = device.File->ReadReport(report);
+    if (!read.done) {
+      if (read.error == ERROR_OPERATION_ABORTED && thread.IsAsked()) return;
       {
         const CAutoLock held(lock);
         device.run->HidDevices.erase(device.Key);
       }
-      os::CloseHandle(device.File);
-      return;
+      return device.File->Close();
     }
     if (thread.IsAsked()) return;
     OnHidKey(report[device.Kind == HidKind_Mouse ? kMouseKeyByte : kKeyboardKeyByte], device.Kind, thread);

@@ -7,6 +7,7 @@
 #include "VoxDevice/FormerMouse.h"
 #include "VoxDevice/KzCheckDoubleClick.h"
 #include "legacy/Tasks.h"
+#include "support/HidFile.h"
 
 // As CFormerMouse::ReCheckHardwareKind; throws std::bad_alloc.
 int PresentHardwareKind();
@@ -45,7 +46,7 @@ struct CFormerMouse_Hid::State : std::enable_shared_from_this<State> {
     std::set<std::string> HidDevices;
   };
   struct Device {
-    HANDLE File;
+    std::shared_ptr<HidFile> File;
     HidDeviceKind Kind;
     std::string Key;
     std::shared_ptr<Run> run;

@@ -1,5 +1,6 @@
 #include "VoxDevice/VoxCommon.h"
 
+#include "support/Observer.h"
 #include "support/Operation.h"
 
 namespace {
@@ -8,10 +9,12 @@ Atomic<VoxMessageSink*> registeredSink{nullptr};
 Atomic<bool> netReachable{true};
 Atomic<WindowsVersion> osVersion{WindowsVersion_Current};
 
+// name, device, text, values: for an observer.
 template <class Call>
-void Tell(Call call) noexcept {
+void Tell(const char* name, int device, const wchar_t* text, std::initializer_list<int> values, Call call) noexcept {
   VoxMessageSink* sink = registeredSink;
   if (!sink) return;
+  CObserver::Told(name, device, text, values);
   if (const CClientCode inside; inside) call(*sink);
 }
 
@@ -20,43 +23,43 @@ void Tell(Call call) noexcept {
 void VoxMessage::SetSink(VoxMessageSink* sink) noexcept { registeredSink = sink; }
 
 void VoxMessage::Log(const wchar_t* text, LogType type) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.Log(text, type); });
+  Tell("log", -1, text, {type}, [=](VoxMessageSink& sink) { sink.Log(text, type); });
 }
 
 void VoxMessage::DebugLog(const wchar_t* text, LogType type) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.DebugLog(text, type); });
+  Tell("debuglog", -1, text, {type}, [=](VoxMessageSink& sink) { sink.DebugLog(text, type); });
 }
 
 void VoxMessage::MainWndWork(UserWorkType work) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.MainWndWork(work); });
+  Tell("window", -1, nullptr, {work}, [=](VoxMessageSink& sink) { sink.MainWndWork(work); });
 }
 
 void VoxMessage::Tray(const wchar_t* text, VoxTrayParams parameters) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.Tray(text, parameters); });
+  Tell("tray", -1, text, {parameters}, [=](VoxMessageSink& sink) { sink.Tray(text, parameters); });
 }
 
 void VoxMessage::HidConnect(int device) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.HidConnect(device); });
+  Tell("connect", device, nullptr, {}, [=](VoxMessageSink& sink) { sink.HidConnect(device); });
 }
 
 void VoxMessage::HidDisconnect(int device) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.HidDisconnect(device); });
+  Tell("disconnect", device, nullptr, {}, [=](VoxMessageSink& sink) { sink.HidDisconnect(device); });
 }
 
 void VoxMessage::MKeyTypeSet(int device, int key, const unsigned char* types, int length) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.MKeyTypeSet(device, key, types, length); });
+  Tell("mkey", device, nullptr, {key}, [=](VoxMessageSink& sink) { sink.MKeyTypeSet(device, key, types, length); });
 }
 
 void VoxMessage::OtaProgress(int done, int total) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.OtaProgress(done, total); });
+  Tell("ota", -1, nullptr, {done, total}, [=](VoxMessageSink& sink) { sink.OtaProgress(done, total); });
 }
 
 void VoxMessage::MainMenu(MainMenuType menu) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.MainMenu(menu); });
+  Tell("menu", -1, nullptr, {menu}, [=](VoxMessageSink& sink) { sink.MainMenu(menu); });
 }
 
 void VoxMessage::PostMainMenu(MainMenuType menu) noexcept {
-  Tell([=](VoxMessageSink& sink) { sink.PostMainMenu(menu); });
+  Tell("postmenu", -1, nullptr, {menu}, [=](VoxMessageSink& sink) { sink.PostMainMenu(menu); });
 }
 
 CPreferences* CPreferences::Instance() noexcept {

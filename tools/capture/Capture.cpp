@@ -17,7 +17,10 @@ constexpr std::uint32_t kExported = 252;
 std::size_t numberOf(std::vector<Interface>& interfaces, const Interface& wanted) {
   const auto known = std::find_if(interfaces.begin(), interfaces.end(),
                                   [&wanted](const Interface& each) { return each.path == wanted.path; });
-  if (known != interfaces.end()) return static_cast<std::size_t>(known - interfaces.begin());
+  if (known != interfaces.end()) {
+    if (wanted.vendor != 0) *known = wanted;  // it tells more of itself when it is open
+    return static_cast<std::size_t>(known - interfaces.begin());
+  }
   interfaces.push_back(wanted);
   return interfaces.size() - 1;
 }
@@ -29,6 +32,8 @@ class Reader final : public PacketSink {
   void madeBy(std::string_view program) override {
     if (capture_.source.empty()) capture_.source = program;
   }
+
+  void sectionComment(std::string_view comment) override { readPart(comment, capture_); }
 
   void link(const Link& link) override {
     Interface interface;
@@ -118,7 +123,10 @@ Capture readFile(const std::filesystem::path& path) {
   for (int number = 2;; ++number) {
     const std::filesystem::path next = continuation(path, number);
     if (std::error_code error; !std::filesystem::is_regular_file(next, error)) return capture;
-    append(capture, read(bytesOf(next)), textOf(next.filename()));
+    Capture more = read(bytesOf(next));
+    // Another recording may have stood here.
+    if (capture.recording.empty() || more.recording != capture.recording || more.part != number) return capture;
+    append(capture, std::move(more), textOf(next.filename()));
   }
 }
 

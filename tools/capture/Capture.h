@@ -24,12 +24,12 @@ struct Interface {
 };
 
 enum class Kind {
-  Sent,      // an output report that the device has taken, as far as the file tells
+  Sent,      // an output report; our own recorder tells of it before it is written
   Received,  // an input report
   Opened,
   Refused,      // could not be opened, or is unusable
   ReadFailed,   // the device has gone, mostly
-  WriteFailed,  // `report` is what was to be written
+  WriteFailed,  // the report that was sent last to this interface has not been taken
   Told,         // a log line, an announcement, a callback: what the client was told
 };
 
@@ -43,7 +43,7 @@ struct Event {
   std::vector<std::uint8_t> report;
   std::string name;          // of what was told: "log", "connect", "disconnect", "voice" ...
   std::string text;          // its text, as it stands in the file: UTF-8, if the file is right
-  int category = 0;          // of a log line
+  std::vector<int> values;   // its numbers, but for the device's, in the order of the call's arguments
   std::uint64_t offset = 0;  // of its block in the file
 };
 
@@ -51,6 +51,8 @@ struct Capture {
   std::vector<Interface> interfaces;
   std::vector<Event> events;  // in the order of the file
   std::string source;         // which program made it, as it says itself
+  std::string recording;      // of which recording of ours this is a part; empty: of none
+  int part = 1;
   // Why reading has ended before the end of the file, with the offset: "at 1234: a block of 3 bytes". What came before
   // it is there. Empty: all was read.
   std::string problem;

@@ -15,6 +15,17 @@ void number(std::string_view text, Number& value, int base = 10) {
   std::from_chars(text.data(), text.data() + text.size(), value, base);
 }
 
+// Of a list with commas.
+std::vector<int> numbers(std::string_view text) {
+  std::vector<int> values;
+  while (!text.empty()) {
+    number(text, values.emplace_back());
+    text.remove_prefix(std::min(text.size(), text.find(',')));
+    if (!text.empty()) text.remove_prefix(1);
+  }
+  return values;
+}
+
 // Calls `each` with the key and the value of each pair. "text" takes the rest.
 template <typename Each>
 void forPairs(std::string_view text, const Each& each) {
@@ -38,6 +49,13 @@ Kind kindOf(std::string_view name) {
 }
 
 }  // namespace
+
+void readPart(std::string_view comment, Capture& capture) {
+  forPairs(comment, [&capture](std::string_view key, std::string_view value) {
+    if (key == "part") number(value, capture.part);
+    if (key == "of") capture.recording = value;
+  });
+}
 
 bool readInterface(const Link& link, Interface& interface) {
   if (link.name == "client") return false;
@@ -80,7 +98,7 @@ bool readExported(const Packet& packet, Event& event) {
     if (key == "device") number(value, event.device);
     if (key == "thread") number(value, event.thread);
     if (key == "error") number(value, event.error);
-    if (key == "category") number(value, event.category);
+    if (key == "values") event.values = numbers(value);
     if (key == "event") name = value;
     if (key == "text") event.text = value;
   });

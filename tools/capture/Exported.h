@@ -6,6 +6,8 @@
 
 namespace capture {
 
+// Which part of which recording it is.
+void readPart(std::string_view comment, Capture& capture);
 // What an interface block says of a HID interface. False: it stands for the client.
 bool readInterface(const Link& link, Interface& interface);
 // False when the packet is none of the recorder's. The event's interface is left to the caller.

@@ -108,6 +108,7 @@ class Pcapng {
     switch (type) {
       case kSection:
         forOptions(Numbers(body.part(16), big_), [this](std::uint16_t code, const Numbers& value) {
+          if (code == 1) sink_.sectionComment(textOf(value.bytes));
           if (code == 4) sink_.madeBy(textOf(value.bytes));
         });
         return {};

@@ -57,6 +57,7 @@ class PacketSink {
  public:
   virtual ~PacketSink() = default;
   virtual void madeBy(std::string_view program) = 0;
+  virtual void sectionComment(std::string_view comment) = 0;
   virtual void link(const Link& link) = 0;
   virtual void packet(const Packet& packet) = 0;
 };

@@ -23,6 +23,17 @@ const char* linkName(DataChannel link) {
   }
 }
 
+std::string hexOf(const unsigned char* bytes, int count) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  for (int i = 0; i < count; ++i) {
+    if (i > 0) text += ' ';
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
 std::string hash(int device) { return "#" + std::to_string(device) + "  "; }
 
 }  // namespace
@@ -142,6 +153,28 @@ void Client::pollButtons() {
     add("button", {{"button", getters[i].first}, {"state", what}}, std::string(getters[i].first) + " button " + what);
   }
   if (hub_->Tern_IsShortPress_R()) add("short-press", Json::object(), "short press of the Tern's right key");
+}
+
+void Client::observe(const VoxObservation& observation) {
+  if (observation.kind == VoxObservation_Told) return;
+  static const char* const names[] = {"sent", "write-failed", "received", "read-failed", "opened", "refused"};
+  static const char* const arrows[] = {"->", "-x", "<-", "<x", "opened", "refused"};
+  const std::string path = sim::utf8(observation.path);
+  Json fields{{"what", names[observation.kind]}, {"device", observation.device}, {"path", path}};
+  std::string text =
+      (observation.device < 0 ? std::string("#?  ") : hash(observation.device)) + arrows[observation.kind];
+  if (observation.report) {
+    const std::string hex = hexOf(observation.report, observation.reportLength);
+    fields["report"] = hex;
+    text += " " + hex;
+  } else {
+    fields["error"] = observation.error;
+    fields["input_length"] = observation.inputLength;
+    fields["output_length"] = observation.outputLength;
+    text += " " + path;
+    if (observation.error != 0) text += ", error " + std::to_string(observation.error);
+  }
+  add("report", std::move(fields), text);
 }
 
 void Client::Log(const wchar_t* text, LogType type) {

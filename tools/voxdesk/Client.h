@@ -45,6 +45,8 @@ class Client : public VoxMessageSink {
   std::vector<std::int16_t> takeAudio();
   // The announced devices, in the order of their numbers.
   std::vector<DeviceView> devices();
+  // Makes an event of what passes between the library and a device. On any thread.
+  void observe(const VoxObservation& observation);
   // Looks at the buttons, as clients do, and makes events of their changes. Call it often.
   void pollButtons();
 

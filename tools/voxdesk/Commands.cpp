@@ -67,8 +67,13 @@ void showDesk(const Options& options) {
   const auto isUp = [&hub] { return hub.GetButtonState_Left() == ButtonUp; };
   const std::string owner = session.desk->voiceKeyOwner();
   if (owner.empty()) {
-    session.terminal.say("Hold the voice key of a device and speak; release it to stop.");
-    if (!session.runUntil(HUGE_VAL, {"button", "disconnect"}, isDown)) return session.finish();
+    const auto replay = session.desk->speechSeconds();
+    if (!replay) session.terminal.say("Hold the voice key of a device and speak; release it to stop.");
+    if (!session.runUntil(replay.value_or(HUGE_VAL), {"button", "disconnect"}, isDown)) {
+      session.finish();
+      if (replay && !interrupted()) throw Failure("no voice key is pressed in the recording");
+      return;
+    }
     recordWorkDevice(session, durationOf(options, *session.desk), out, isUp);
   } else {
     session.terminal.say("Holding the " + owner + "'s voice key.");

@@ -22,7 +22,11 @@ struct Options {
   std::string second;
   int dpi = 0;
   std::string url;
-  int function = 0;        // of the M key
+  int function = 0;       // of the M key
+  std::string capture;    // where everything that passes is recorded; empty: nowhere
+  bool noSpeech = false;  // ... but for speech, serial numbers and addresses
+  double captureMegabytes = 64;
+  bool raw = false;        // reports are shown as they pass
   std::string microphone;  // part of its name; empty: the library's choice
 };
 

@@ -54,7 +54,7 @@ class Desk {
   // Whose voice key the desk can hold, as "Wren"; empty when it takes a hand.
   virtual std::string voiceKeyOwner() const = 0;
   virtual void holdVoiceKey(bool down) = 0;
-  // How long the devices have something to say; nothing when nobody knows.
+  // How long the devices have something to say, or to replay; nothing when nobody knows.
   virtual std::optional<double> speechSeconds() const = 0;
 
   virtual std::vector<SoundSource> microphones() = 0;
@@ -63,6 +63,8 @@ class Desk {
 
   // HID devices among the older hardware that are plugged in.
   virtual std::size_t legacyHids() = 0;
+  // How far recorded devices have carried, in sentences.
+  virtual std::vector<std::string> replayed() { return {}; }
   // What the library has left open beyond what is by design, as a text; empty when nothing is, or nobody knows.
   virtual std::string leftOpen(const LeftOpen& byDesign) = 0;
 };

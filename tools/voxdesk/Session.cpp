@@ -1,11 +1,17 @@
 #include "Session.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <utility>
+
+#include "sim/Text.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds kLook{10};  // how often the client looks at what has happened
+constexpr double kMegabyte = 1024 * 1024;
+constexpr std::int64_t kVirtualBeginning = 1'767'225'600'000'000;  // microseconds since 1970: 2026-01-01
 
 }  // namespace
 
@@ -15,19 +21,66 @@ std::string fixed(const char* format, double value) {
   return text;
 }
 
-Session::Session(const Options& options, bool busy) : terminal(options.json), desk(makeDesk(options, busy)) {
+Session::Session(const Options& options, bool busy)
+    : terminal(options.json), desk(makeDesk(options, busy)), raw_(options.raw) {
   // A double click of the voice key opens the navigation.
   CPreferences::Instance()->SetVoiceClickTimes(2);
   client = std::make_unique<Client>([this] { return desk->seconds(); });
+  startCapture(options);
   desk->setUp();
   client->start();
+}
+
+Session::~Session() {
+  stop();
+  for (const std::string& sentence : desk->replayed()) {
+    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
+  }
+  if (!captureProblem_.empty()) std::fprintf(stderr, "voxdesk: %s\n", captureProblem_.c_str());
+}
+
+void Session::startCapture(const Options& options) {
+  if (!options.capture.empty()) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const std::int64_t began =
+        options.virtualTime ? kVirtualBeginning : std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    recorder_ = std::make_unique<capture::Recorder>(
+        sim::pathOf(options.capture),
+        capture::RecorderOptions{
+            .noSpeech = options.noSpeech,
+            .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
+            .now = [this, began] { return began + static_cast<std::int64_t>(desk->seconds() * 1e6); }});
+  }
+  if (recorder_ || raw_) VoxObserver::SetCallback(&Session::observe, this);
+}
+
+void Session::observe(const VoxObservation& observation, void* session) {
+  auto* self = static_cast<Session*>(session);
+  if (self->recorder_) capture::Recorder::observe(observation, self->recorder_.get());
+  if (self->raw_) self->client->observe(observation);
+}
+
+void Session::stop() {
+  if (!client) return;
+  client->stop();
+  VoxObserver::SetCallback(nullptr, nullptr);
+  if (raw_) runUntil(0, {"report"}, [] { return true; });
+  client.reset();
+  if (!recorder_) return;
+  recorder_->finish();
+  if (const std::string problem = recorder_->problem(); !problem.empty()) {
+    captureProblem_ = "the capture is not whole: " + problem;
+  }
+  terminal.say("Captured in " + recorder_->summary() + ".");
+  recorder_.reset();
 }
 
 bool Session::runUntil(double seconds, const std::vector<std::string>& show, const std::function<bool()>& done) {
   const double end = desk->seconds() + seconds;
   for (;;) {
     for (const ClientEvent& event : client->takeEvents()) {
-      if (show.empty() || std::find(show.begin(), show.end(), event.name) != show.end()) {
+      if (show.empty() || (raw_ && event.name == "report") ||
+          std::find(show.begin(), show.end(), event.name) != show.end()) {
         terminal.event(event.seconds, event.name, event.fields, event.text);
       }
     }
@@ -74,7 +127,11 @@ DeviceView Session::choose(int number) {
 }
 
 void Session::finish(const LeftOpen& byDesign) {
-  client.reset();
+  stop();
+  for (const std::string& sentence : desk->replayed()) {
+    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
+  }
+  if (!captureProblem_.empty()) throw Failure(std::exchange(captureProblem_, {}));
   const std::string open = desk->leftOpen(byDesign);
   if (!open.empty()) throw Failure("the library has left open: " + open);
 }

@@ -11,6 +11,7 @@
 #include "Commands.h"
 #include "Desk.h"
 #include "Terminal.h"
+#include "tools/capture/Recorder.h"
 
 // printf for one number.
 std::string fixed(const char* format, double value);
@@ -19,6 +20,9 @@ class Session {
  public:
   // busy: somebody uses a simulated desk.
   explicit Session(const Options& options, bool busy = false);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
   // Goes on until `done` holds (true), the time is over or somebody interrupts (false). Shows the events named in
   // `show` (empty: all of them).
@@ -39,4 +43,14 @@ class Session {
   std::unique_ptr<Client> client;
 
   static constexpr double kDiscoverySeconds = 4;  // devices answer within about two
+
+ private:
+  static void observe(const VoxObservation& observation, void* session);
+  void startCapture(const Options& options);
+  // Stops the client, then the recording of what passed, and says what has become of that.
+  void stop();
+
+  const bool raw_;
+  std::unique_ptr<capture::Recorder> recorder_;
+  std::string captureProblem_;
 };

@@ -1,6 +1,7 @@
 #include "SimulatedDesk.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "System.h"
 #include "sim/Text.h"
@@ -41,7 +42,16 @@ std::optional<SoundOutput> SimulatedDesk::speaker() {
                      static_cast<double>(speaker->plays.size()) / speaker->channels / speaker->rate};
 }
 
+std::optional<std::size_t> SimulatedDesk::expectedDevices() const {
+  const auto announced = std::count_if(desk_.recorded().begin(), desk_.recorded().end(),
+                                       [](const auto& device) { return device->wasAnnounced(); });
+  return desk_.devices().size() + static_cast<std::size_t>(announced);
+}
+
 std::string SimulatedDesk::greeting() const {
+  if (!desk_.recorded().empty()) {
+    return "A desk with " + std::to_string(desk_.recorded().size()) + " recorded devices; looking for them ...";
+  }
   if (wren() == desk_.devices().size()) {
     throw Failure("the desk has no Wren, whose voice key would be held; 'voxdesk record' records any device");
   }
@@ -61,6 +71,11 @@ void SimulatedDesk::holdVoiceKey(bool down) {
 }
 
 std::optional<double> SimulatedDesk::speechSeconds() const {
+  if (!desk_.recorded().empty()) {
+    sim::Time longest{0};
+    for (const auto& device : desk_.recorded()) longest = std::max(longest, device->recording().length);
+    return std::chrono::duration<double>(longest).count();
+  }
   if (desk_.devices().empty()) return std::nullopt;
   const std::size_t speaker = wren() < desk_.devices().size() ? wren() : 0;
   return secondsOf(desk_.description().devices[speaker].speech.size());
@@ -71,6 +86,31 @@ double SimulatedDesk::seconds() { return std::chrono::duration<double>(machine_.
 void SimulatedDesk::run(std::chrono::milliseconds time) {
   desk_.catchUp();
   machine_.sleep(time);
+}
+
+std::vector<std::string> SimulatedDesk::replayed() {
+  std::vector<std::string> sentences;
+  const auto list = [](const std::map<std::string, std::size_t>& commands) {
+    std::string text;
+    for (const auto& [name, times] : commands) {
+      text += (text.empty() ? "" : ", ") + name + (times > 1 ? " (" + std::to_string(times) + " times)" : "");
+    }
+    return text;
+  };
+  for (std::size_t i = 0; i < desk_.recorded().size(); ++i) {
+    const sim::RecordingUse use = desk_.recorded()[i]->use(machine_);
+    const std::string device = "Recorded device " + std::to_string(i + 1) + ": ";
+    sentences.push_back(device + std::to_string(use.used) + " of its " + std::to_string(use.recorded) +
+                        " reports were sent.");
+    if (!use.unanswerable.empty()) {
+      sentences.push_back(device + "the recording does not hold " + list(use.unanswerable) + ".");
+    }
+    if (!use.repeated.empty()) {
+      sentences.push_back(device +
+                          "sent more often than recorded, and answered as the last time: " + list(use.repeated) + ".");
+    }
+  }
+  return sentences;
 }
 
 std::string SimulatedDesk::leftOpen(const LeftOpen& byDesign) {
@@ -116,6 +156,7 @@ std::unique_ptr<Desk> makeDesk(const Options& options, bool busy) {
   const bool named = !options.deskFile.empty() && options.deskFile != "default";
   sim::DeskDescription description =
       named ? sim::readDeskFile(options.deskFile) : sim::defaultDesk(readSpeech(sentencePath()), busy);
+  for (const std::string& warning : description.warnings) std::fprintf(stderr, "voxdesk: %s\n", warning.c_str());
   if (!options.speech.empty()) {
     // Whichever the client numbers N: they all hear it, and one is recorded.
     const auto speech = readSpeech(options.speech);

@@ -15,15 +15,16 @@ class SimulatedDesk final : public Desk {
   // Does what the timelines ask for.
   void run(std::chrono::milliseconds time) override;
   std::string greeting() const override;
-  std::optional<std::size_t> expectedDevices() const override { return desk_.devices().size(); }
-  std::string voiceKeyOwner() const override { return "Wren"; }
+  std::optional<std::size_t> expectedDevices() const override;
+  std::string voiceKeyOwner() const override { return desk_.recorded().empty() ? "Wren" : ""; }
   void holdVoiceKey(bool down) override;
-  // That of the Wren, or of the first device.
+  // That of the Wren, or of the first device; with recorded devices, as long as they have something to replay.
   std::optional<double> speechSeconds() const override;
   std::vector<SoundSource> microphones() override;
   std::vector<SoundEndpoint> endpoints() override;
   std::optional<SoundOutput> speaker() override;
   std::size_t legacyHids() override;
+  std::vector<std::string> replayed() override;
   std::string leftOpen(const LeftOpen& byDesign) override;
 
  private:

@@ -26,9 +26,12 @@ int main(int argc, char** argv) {
       "Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage.\n"
       "docs/desk-file.md describes desk files; a command's own options: voxdesk COMMAND --help.");
   app.add_option("--desk", options.deskFile,
-                 kSimulated ? "A desk file (JSON): which devices, links, faults; default: a Wren, a Heron Plus, a Tern"
-                            : "A simulated desk instead of this computer: a desk file (JSON), or \"default\"")
-      ->type_name("FILE.json");
+                 kSimulated
+                     ? "A desk file (JSON): which devices, links, faults; or a capture, whose devices are replayed; "
+                       "default: a Wren, a Heron Plus, a Tern"
+                     : "A simulated desk instead of this computer: a desk file (JSON), a capture, or "
+                       "\"default\"")
+      ->type_name("FILE");
   app.add_flag("--virtual-time", options.virtualTime,
                "As fast as the machine can, instead of in real time (simulated desks)");
   app.add_flag("--json", options.json, "One JSON object per event, for scripts");
@@ -38,6 +41,17 @@ int main(int argc, char** argv) {
                  kSimulated ? "How long to record; default: as long as the speech" : "The longest recording")
       ->check(CLI::Range(0.001, 86'400.0))
       ->type_name("S");
+  auto* capture = app.add_option("--capture", options.capture,
+                                 "Record everything that passes between the library and the devices, as it happens")
+                      ->type_name("FILE.pcapng");
+  app.add_flag("--no-speech", options.noSpeech,
+               "... with speech as zeros, and serial numbers and addresses invented, to hand it on")
+      ->needs(capture);
+  app.add_option("--capture-size", options.captureMegabytes,
+                 "... in files of so many MiB at most, continued in FILE-2.pcapng ...; default: 64")
+      ->needs(capture)
+      ->check(CLI::Range(0.1, 1'048'576.0))
+      ->type_name("MIB");
   app.fallthrough();
   app.require_subcommand(0, 1);
 
@@ -61,6 +75,7 @@ int main(int argc, char** argv) {
   command(app, "devices", "List the devices that answer", &listDevices);
   auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
   takesSeconds(watch, "Stop after so long; needed with --virtual-time");
+  watch->add_flag("--raw", options.raw, "Show the reports themselves, too, in hexadecimal");
   auto* take = needsDevice(command(app, "record", "Record one device", &record));
   if (kSimulated) {
     take->add_option("--speech", options.speech, "What the device hears: 16 kHz, mono, 16-bit")
