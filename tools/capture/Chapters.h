@@ -102,7 +102,7 @@ class Updates {
   // True for the one more OtaComplete that nobody answers.
   bool isFarewell(const Decoded& report) const;
   void pass(const Passed& passed);
-  void close(Time time, const char* why);
+  void close(const char* why);
 
  private:
   void command(const Passed& passed);

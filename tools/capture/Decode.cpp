@@ -122,7 +122,8 @@ std::string wanted(Payload p) {
     return p[0] != 0 ? status(p[0]) : index == 0 ? "has everything" : "wants block " + number(index);
   }
   if (p[5] != 0) return status(p[5]);
-  return "wants " + number(p[4]) + " bytes from " + std::to_string(std::uint64_t(word(p, 0)) << 16 | unsigned(word(p, 2)));
+  return "wants " + number(p[4]) + " bytes from " +
+         std::to_string(std::uint64_t(word(p, 0)) << 16 | unsigned(word(p, 2)));
 }
 std::string ended(Payload) { return "ended"; }
 std::string mouseState(Payload p) {
@@ -235,7 +236,8 @@ Decoded decodeOlder(Payload report, const Interface& interface) {
 std::span<const Request> requests() { return kRequests; }
 
 const Request* requestOf(std::uint8_t code) {
-  const auto found = std::find_if(kRequests.begin(), kRequests.end(), [code](const Request& r) { return r.code == code; });
+  const auto found =
+      std::find_if(kRequests.begin(), kRequests.end(), [code](const Request& r) { return r.code == code; });
   return found != kRequests.end() ? &*found : nullptr;
 }
 

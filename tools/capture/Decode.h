@@ -21,11 +21,11 @@ enum class Form {
 
 struct Decoded {
   Form form = Form::Other;
-  std::uint8_t code = 0;   // of a frame, and of speech as the parser gives it
-  bool receiver = false;   // to or from the receiver
-  bool refuses = false;    // a status that says no
-  std::string name;        // "DpiReply"
-  std::string words;       // "DPI 1600"; empty when the name says it all
+  std::uint8_t code = 0;  // of a frame, and of speech as the parser gives it
+  bool receiver = false;  // to or from the receiver
+  bool refuses = false;   // a status that says no
+  std::string name;       // "DpiReply"
+  std::string words;      // "DPI 1600"; empty when the name says it all
   std::vector<std::uint8_t> payload;
 };
 

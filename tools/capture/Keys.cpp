@@ -10,7 +10,8 @@ void Keys::pass(const Passed& passed, const ModelSheet& model) {
   if (passed.report.form == Form::OlderKeys) return older(passed.report.code, passed.time);
   if (passed.report.code != MouseKeyReply) return;
   const auto key = static_cast<char>(passed.report.payload[0]);
-  const auto known = std::find_if(model.keys.begin(), model.keys.end(), [key](const auto& each) { return each.key == key; });
+  const auto known =
+      std::find_if(model.keys.begin(), model.keys.end(), [key](const auto& each) { return each.key == key; });
   if (known != model.keys.end()) return act(known->action, passed.time);
   report(passed.report.words, passed.time);
 }

@@ -43,7 +43,8 @@ void Requests::answer(const Request& request, const Waiting& asked, const Passed
   question.note = "answered after " + milliseconds(delay);
   reply.note = std::string("answers ") + request.name + " after " + milliseconds(delay);
   const bool slow = delay > story_.slow;
-  if (slow) story_.note(asked.time, device_, "slow", std::string(request.name) + " answered after " + milliseconds(delay));
+  if (slow)
+    story_.note(asked.time, device_, "slow", std::string(request.name) + " answered after " + milliseconds(delay));
   question.routine = reply.routine = isRoutine(request.code) && !slow && !passed.report.refuses;
   if (request.code == Heartbeat) endSilence();
 }
@@ -65,8 +66,7 @@ void Requests::endSilence() {
   if (heartbeats_.empty()) return;
   for (const std::size_t frame : heartbeats_) story_.frames[frame].wrong = true;
   story_.note(story_.frames[heartbeats_.front()].time, device_, "silence",
-              plural(heartbeats_.size(), "heartbeat") + " unanswered");
-  story_.unusual.back().until = story_.frames[heartbeats_.back()].time;
+              plural(heartbeats_.size(), "heartbeat") + " unanswered", story_.frames[heartbeats_.back()].time);
   heartbeats_.clear();
 }
 
@@ -89,7 +89,8 @@ void Requests::end(Time time, std::map<std::uint8_t, RequestCount>& counts) {
   if (story_.devices[device_].receiver) {
     for (const std::size_t frame : ofReceiver_) {
       story_.frames[frame].wrong = true;
-      story_.note(story_.frames[frame].time, device_, "silence", story_.frames[frame].name + ": no answer of the receiver");
+      story_.note(story_.frames[frame].time, device_, "silence",
+                  story_.frames[frame].name + ": no answer of the receiver");
     }
   }
   for (auto& [code, count] : counts_) {

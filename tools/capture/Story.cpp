@@ -1,8 +1,10 @@
 #include "tools/capture/Story.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "hid/HidFrame.h"
@@ -39,6 +41,33 @@ std::string bytesOf(std::span<const std::uint8_t> report) {
 }
 
 std::string errorText(std::uint32_t error) { return error != 0 ? " (error " + std::to_string(error) + ")" : ""; }
+
+// What the numbers of a call mean, in their order.
+constexpr std::pair<std::string_view, std::array<const char*, 5>> kValues[] = {
+    {"log", {"category"}},
+    {"debuglog", {"category"}},
+    {"mkey", {"key"}},
+    {"mouseconnect", {"state"}},
+    {"voice", {"operation"}},
+    {"dpi", {"DPI", "set"}},
+    {"mousestate", {"model", "link", "word", "DPI", "battery"}},
+    {"donglestate", {"model", "link", "word", "set"}},
+    {"power", {"battery"}},
+    {"url", {"accepted"}},
+    {"update", {"link", "state"}},
+};
+
+std::string toldWords(const Event& event) {
+  const auto* known = std::find_if(std::begin(kValues), std::end(kValues),
+                                   [&event](const auto& each) { return each.first == event.name; });
+  std::string words;
+  for (std::size_t i = 0; i < event.values.size(); ++i) {
+    const char* const name = known != std::end(kValues) && i < known->second.size() ? known->second[i] : nullptr;
+    words += (words.empty() ? "" : ", ") + (name ? name + std::string(" ") : "") + std::to_string(event.values[i]);
+  }
+  if (event.text.empty()) return words;
+  return (words.empty() ? "" : words + ": ") + event.text;
+}
 
 class Teller {
  public:
@@ -78,8 +107,13 @@ class Teller {
  private:
   struct Followed {
     Followed(Story& story, std::size_t number, const Interface& described)
-        : device(number), interface(described), model(&sheetOf(described)), requests(story, number), keys(story, number),
-          voice(story, number), updates(story, number) {}
+        : device(number),
+          interface(described),
+          model(&sheetOf(described)),
+          requests(story, number),
+          keys(story, number),
+          voice(story, number),
+          updates(story, number) {}
     const std::size_t device;
     const Interface& interface;
     const ModelSheet* model;
@@ -93,15 +127,13 @@ class Teller {
 
   void told(const Event& event, Time time) {
     ++story_.counts.told;
-    std::string text;
-    for (const int value : event.values) text += (text.empty() ? "" : " ") + std::to_string(value);
     if (event.name == "dropped") {
-      const std::string count = event.values.empty() ? "events" : plural(static_cast<std::size_t>(event.values[0]), "event");
+      const std::string count =
+          event.values.empty() ? "events" : plural(static_cast<std::size_t>(event.values[0]), "event");
       story_.unusual.push_back({.time = time, .until = time, .kind = "dropped", .words = count + " not recorded"});
     }
     if (event.name == "audio" || event.name == "ota") return;
-    if (!event.text.empty()) text += (text.empty() ? "" : " ") + event.text;
-    story_.told.push_back({time, event.device, event.name, text});
+    story_.told.push_back({time, event.device, event.name, toldWords(event)});
     ++story_.counts.lines;
   }
 
@@ -109,12 +141,14 @@ class Teller {
     Device& device = story_.devices[followed.device];
     switch (event.kind) {
       case Kind::Opened:
-        if (device.states.empty() || device.states.back().name != "awake") followed.presence.enter(device, time, "opened");
+        if (device.states.empty() || device.states.back().name != "awake")
+          followed.presence.enter(device, time, "opened");
         break;
       case Kind::Refused:
         followed.presence.enter(device, time, "refused");
         story_.note(time, followed.device, "refused",
-                    event.error != 0 ? "could not be opened" + errorText(event.error) : "is of no use: its reports are too short or too long");
+                    event.error != 0 ? "could not be opened" + errorText(event.error)
+                                     : "is of no use: its reports are too short or too long");
         break;
       case Kind::ReadFailed:
         ends(followed, event, time);
@@ -176,7 +210,8 @@ class Teller {
     if (report.form == Form::Other) ++story_.counts.other;
     if (report.form == Form::Damaged) {
       ++story_.counts.damaged;
-      story_.note(time, followed.device, "damaged", report.words.empty() ? report.name : report.name + " " + report.words);
+      story_.note(time, followed.device, "damaged",
+                  report.words.empty() ? report.name : report.name + " " + report.words);
     }
     if (report.form == Form::OlderKeys) return followed.keys.pass(passed, *followed.model);
     if (report.form != Form::Frame) return;
@@ -235,7 +270,7 @@ class Teller {
     followed.requests.forget();
     followed.keys.release(time);
     followed.voice.close(time);
-    followed.updates.close(time, closed ? "cut off by the client" : "the device went away");
+    followed.updates.close(closed ? "cut off by the client" : "the device went away");
     if (!closed) story_.note(time, followed.device, "gone", "the device has gone" + errorText(event.error));
   }
 
@@ -248,7 +283,7 @@ class Teller {
     followed.requests.end(time, counts);
     followed.keys.end(time);
     followed.voice.close(time);
-    followed.updates.close(time, "cut off by the end of the recording");
+    followed.updates.close("cut off by the end of the recording");
   }
 
   const Capture& capture_;
@@ -273,16 +308,19 @@ std::string Device::title() const {
   return number >= 0 ? "#" + std::to_string(number) + " " + name : name;
 }
 
-void Story::note(Time time, std::size_t device, const char* kind, const std::string& words) {
-  if (!unusual.empty()) {
-    Unusual& last = unusual.back();
-    if (last.device == static_cast<int>(device) && last.kind == kind && last.words == words) {
-      ++last.times;
-      last.until = time;
-      return;
-    }
+void Story::note(Time time, std::size_t device, const char* kind, const std::string& words, Time until) {
+  until = std::max(time, until);
+  const auto of = static_cast<int>(device);
+  constexpr std::size_t kNear = 32;  // so many of other devices may have come between
+  for (std::size_t back = 1; back <= std::min(kNear, unusual.size()); ++back) {
+    Unusual& before = unusual[unusual.size() - back];
+    if (before.device != of) continue;
+    if (before.kind != kind || before.words != words) break;
+    ++before.times;
+    before.until = until;
+    return;
   }
-  unusual.push_back({time, time, 1, static_cast<int>(device), kind, words});
+  unusual.push_back({time, until, 1, of, kind, words});
 }
 
 Story tell(const Capture& capture, Time slow) {

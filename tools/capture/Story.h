@@ -21,13 +21,13 @@ struct State {
 
 // A HID interface, and who is behind it.
 struct Device {
-  int number = -1;  // the client's; -1: it has none
+  int number = -1;    // the client's; -1: it has none
   std::string model;  // "Wren"; empty: unknown
   std::string link;
   std::string vendor;  // four digits; empty: unknown
   std::string product;
   std::string path;
-  std::string serial;   // empty: it has not told
+  std::string serial;  // empty: it has not told
   std::string address;
   int battery = -1;  // the last that it told; -1: nothing
   int dpi = -1;
@@ -106,7 +106,7 @@ struct Update {
 
 struct Unusual {
   Time time = 0;
-  Time until = 0;         // of the last one, of several that are the same
+  Time until = 0;  // of the last one, of several that are the same
   std::size_t times = 1;
   int device = -1;   // its index; -1: of none
   std::string kind;  // "silence", "refused", "damaged", "dropped", "slow", "failed", "gone", "update"
@@ -148,13 +148,14 @@ struct Story {
   std::vector<Unusual> unusual;
   std::vector<ToldLine> told;
 
-  void note(Time time, std::size_t device, const char* kind, const std::string& words);
+  // Several of a device in a row that are the same become one. until: -1 is `time`.
+  void note(Time time, std::size_t device, const char* kind, const std::string& words, Time until = -1);
 };
 
 // slow: an answer that takes longer is unusual.
 Story tell(const Capture& capture, Time slow);
 
-std::string milliseconds(Time time);               // "12.0 ms"
+std::string milliseconds(Time time);                      // "12.0 ms"
 std::string plural(std::size_t count, const char* what);  // "1 frame", "2 frames"
 
 }  // namespace capture

@@ -43,7 +43,7 @@ void Updates::command(const Passed& passed) {
   finished_ = false;
   const bool continues = current_ && waitsFor_.empty() && prepared_ && report.code == OtaOpen;
   if (report.code == OtaPrepare || (report.code == OtaOpen && !continues)) {
-    close(passed.time, "cut off by another");
+    close("cut off by another");
     begin(passed);
   }
   if (!current_) return;
@@ -58,7 +58,8 @@ void Updates::command(const Passed& passed) {
 }
 
 void Updates::begin(const Passed& passed) {
-  current_ = Update{.device = device_, .receiver = passed.report.receiver, .from = passed.time, .result = {}, .points = {}};
+  current_ =
+      Update{.device = device_, .receiver = passed.report.receiver, .from = passed.time, .result = {}, .points = {}};
   prepared_ = passed.report.code == OtaPrepare;
   offset_ = 0;
 }
@@ -78,21 +79,21 @@ void Updates::reply(const Passed& passed) {
   if (!report.refuses && (hasAll || report.code == OtaCompleteReply)) {
     current_->good = true;
     current_->result = "done";
-    close(passed.time, "");
+    close("");
     finished_ = true;
   } else if (report.code == OtaEndReply) {
-    close(passed.time, "aborted");
+    close("aborted");
   }
 }
 
-void Updates::close(Time time, const char* why) {
+void Updates::close(const char* why) {
   finished_ = false;
   if (!current_) return;
-  if (current_->result.empty()) current_->result = waitsFor_.empty() ? why : std::string(why) + ", waiting for an answer to " + waitsFor_;
+  if (current_->result.empty())
+    current_->result = waitsFor_.empty() ? why : std::string(why) + ", waiting for an answer to " + waitsFor_;
   if (!current_->good) {
     const char* const what = current_->receiver ? "the receiver's update: " : "the update: ";
-    story_.note(current_->from, device_, "update", what + current_->result);
-    story_.unusual.back().until = std::max(current_->to, std::min(time, current_->to));
+    story_.note(current_->from, device_, "update", what + current_->result, current_->to);
   }
   story_.updates.push_back(std::move(*current_));
   current_.reset();

@@ -90,9 +90,11 @@ void Voice::close(Time time) {
   Speech& speech = *current_;
   speech.to = std::max(speech.last, stopAsked_ ? *stopAsked_ : time);
   const Time period = reportTime(speech);
-  const auto expected = static_cast<std::size_t>(std::max<Time>(0, speech.last - speech.first + period / 2) / period + 1);
+  const auto expected =
+      static_cast<std::size_t>(std::max<Time>(0, speech.last - speech.first + period / 2) / period + 1);
   if (speech.reports == 0) {
-    if (speech.to - speech.from > kNoSpeech) story_.note(speech.from, device_, "silence", "a voice channel without speech");
+    if (speech.to - speech.from > kNoSpeech)
+      story_.note(speech.from, device_, "silence", "a voice channel without speech");
   } else if (expected > speech.reports + std::max<std::size_t>(3, speech.reports / 1000)) {
     speech.missing = expected - speech.reports;
     story_.note(speech.first, device_, "dropped",
