@@ -212,6 +212,23 @@ expect 1 --virtual-time --desk pulled.json record --device 1 --speech "$sample" 
 err "the device went away during the recording; kept.wav holds what it had sent"
 [ "$(wc -c <kept.wav)" -gt 50000 ] || fail "two seconds had come"
 
+# What a capture tells.
+expect 0 --virtual-time --capture told.pcapng
+expect 0 report told.pcapng --out told.html --wav speech
+out "wrote told.html"
+out "wrote speech/speech-001-device-1.wav: 5.64 s of speech"
+cmp speech/speech-001-device-1.wav voxdesk-recording.wav || fail "what the client got, from the wire"
+expect 0 report told.pcapng
+out "  #1 Wren               USB, 6D8C:6137, battery 80 %, DPI 1600, serial number WR0123456789ABCDEF"
+expect 0 report told.pcapng --json --slow 1
+out '"kind": "slow"'
+head -c 3001 told.pcapng >cut.pcapng
+expect 0 report cut.pcapng
+err "voxdesk: not all could be read: at "
+expect 1 report "$sample"
+err "sentence.wav: neither pcapng nor pcap"
+expect 2 report
+
 # Ctrl-C stops cleanly, and keeps the recording so far.
 "$voxdesk" record --speech "$sample" --out stopped.wav >out 2>err &
 pid=$!
