@@ -1,12 +1,14 @@
 // What the library and the simulated machine cost. docs/performance.md records figures.
 #include <benchmark/benchmark.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -21,6 +23,9 @@
 #include "platform/os.h"
 #include "sim/Machine.h"
 #include "sim/devices/Mice.h"
+#include "support/HidFile.h"
+#include "support/Observer.h"
+#include "tools/capture/Recorder.h"
 
 namespace {
 
@@ -258,6 +263,31 @@ void SpeechSecond(benchmark::State& state) {
   hub.Release();
 }
 BENCHMARK(SpeechSecond)->Unit(benchmark::kMillisecond);
+
+// A report that is written to a device: nobody observes (0), an observer that does nothing (1), the recorder (2).
+void ObservedReport(benchmark::State& state) {
+  sim::Machine machine;
+  const auto device = std::make_shared<sim::SilentHidDevice>(sim::usbHidPath("248a", "8100", "1"), 0x248A, 0x8100);
+  machine.plug(device);
+  HidFile file(device->path(), DataChannel_Usb);
+  if (!file.Open(40, 100)) state.SkipWithError("not opened");
+  std::optional<capture::Recorder> recorder;
+  if (state.range(0) == 1) VoxObserver::SetCallback([](const VoxObservation&, void*) {}, nullptr);
+  if (state.range(0) == 2) {
+    recorder.emplace("/dev/null");
+    VoxObserver::SetCallback(&capture::Recorder::observe, &*recorder);
+  }
+  const std::array<std::uint8_t, 64> report{5, 0xFF, 0xF1, 0xFE, 0xC0, 5, 0, 0xEF};
+  for ([[maybe_unused]] auto _ : state) file.WriteReport(report);
+  VoxObserver::SetCallback(nullptr, nullptr);
+}
+BENCHMARK(ObservedReport)->Arg(0)->Arg(1)->Arg(2);
+
+// What the library asks before each report: whether anybody observes.
+void AskForObserver(benchmark::State& state) {
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(CObserver::IsListening());
+}
+BENCHMARK(AskForObserver);
 
 // The flat interface: a call through a handle, and the way of an event from a report to who asks for it.
 void FlatCall(benchmark::State& state) {

@@ -41,10 +41,10 @@ class AnyCall {
 
  private:
   static constexpr auto kFunctions = std::make_tuple(
-      &vox_destroy, &vox_on_event, &vox_on_text, &vox_next_event, &vox_next_text, &vox_record_start, &vox_record_stop,
-      &vox_on_audio, &vox_read, &vox_hub_open, &vox_hub_stop, &vox_hub_close, &vox_hub_threads_closed,
-      &vox_hub_is_connected, &vox_hub_newest, &vox_hub_devices, &vox_hub_model, &vox_hub_link, &vox_model_name,
-      &vox_hub_choose, &vox_hub_choose_by_microphone, &vox_hub_work_is_wren, &vox_hub_ask_mouse_state,
+      &vox_destroy, &vox_on_event, &vox_on_text, &vox_on_observation, &vox_next_event, &vox_next_text,
+      &vox_record_start, &vox_record_stop, &vox_on_audio, &vox_read, &vox_hub_open, &vox_hub_stop, &vox_hub_close,
+      &vox_hub_threads_closed, &vox_hub_is_connected, &vox_hub_newest, &vox_hub_devices, &vox_hub_model, &vox_hub_link,
+      &vox_model_name, &vox_hub_choose, &vox_hub_choose_by_microphone, &vox_hub_work_is_wren, &vox_hub_ask_mouse_state,
       &vox_hub_ask_dongle_state, &vox_hub_set_dpi, &vox_hub_set_url, &vox_hub_ask_mkeys, &vox_hub_mkey,
       &vox_hub_mkey_list, &vox_hub_set_mkey, &vox_hub_update, &vox_hub_button, &vox_hub_left_pressed,
       &vox_hub_right_short_press, &vox_hub_click_mode, &vox_hid_path, &vox_parse_hid_path, &vox_set, &vox_get,
@@ -101,6 +101,10 @@ class AnyCall {
   }
   vox_audio_fn any(const vox_audio_fn*) {
     return random_() % 2 == 0 ? nullptr : +[](const int16_t*, int32_t, void*) {};
+  }
+
+  vox_observation_fn any(const vox_observation_fn*) {
+    return random_() % 2 == 0 ? nullptr : +[](const vox_observation*, void*) {};
   }
 
   std::function<std::uint64_t()> random_;

@@ -113,6 +113,31 @@ TEST(Flat, AHeldVoiceKeyIsAskedForAndRecorded) {
   EXPECT_EQ(desk.events(), (Lines{"voice 1 3", "button 1 0 0", "voice 1 0", "end -1 " + std::to_string(desk.hub)}));
 }
 
+TEST(Flat, WhatPassesIsObserved) {
+  Lines seen;
+  const vox_observation_fn observed = [](const vox_observation* it, void* lines) {
+    std::string line = std::to_string(it->kind) + ' ' + std::to_string(it->device);
+    if (it->path) line += ' ' + std::to_string(it->link) + ' ' + std::string(it->path).substr(4, 21);
+    if (it->report) line += ' ' + std::to_string(it->report_length) + ' ' + std::to_string(it->report[5]);
+    if (it->name) line += std::string(" ") + it->name;
+    for (int32_t i = 0; i < it->value_count; ++i) line += ' ' + std::to_string(it->values[i]);
+    if (it->text) line += std::string(" ") + it->text;
+    static_cast<Lines*>(lines)->push_back(line);
+  };
+  EXPECT_EQ(vox_on_observation(observed, &seen), VOX_OK);
+  FlatDesk desk;
+  EXPECT_EQ(vox_on_observation(observed, &seen), VOX_OK);
+  desk.open();
+  desk.connect("Wren");
+  EXPECT_EQ(vox_on_observation(nullptr, nullptr), VOX_OK);
+  ASSERT_GE(seen.size(), 9U);
+  seen.resize(9);
+  const std::string path = " 2 hid#vid_6d8c&pid_6137";
+  EXPECT_EQ(seen, (Lines{"4 -1" + path, "4 -1" + path, "0 1" + path + " 64 5", "2 1" + path + " 64 104",
+                         "0 1" + path + " 64 15", "2 1" + path + " 64 160", "0 1" + path + " 64 17",
+                         "6 -1 log 43 VoxMouse Wren（编号：1）连接成功，发送到设备界面", "6 1 connect"}));
+}
+
 TEST(Flat, AudioGoesToItsCallbackAndEndsOnce) {
   struct Heard {
     std::size_t samples = 0;

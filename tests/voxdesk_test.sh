@@ -212,17 +212,40 @@ expect 1 --virtual-time --desk pulled.json record --device 1 --speech "$sample" 
 err "the device went away during the recording; kept.wav holds what it had sent"
 [ "$(wc -c <kept.wav)" -gt 50000 ] || fail "two seconds had come"
 
-# What a capture tells.
-expect 0 --virtual-time --capture told.pcapng
-expect 0 report told.pcapng --out told.html --wav speech
+# What passes is captured, and the capture is a desk.
+expect 0 --virtual-time --out live.wav --capture case.pcapng
+out "Captured in case.pcapng: "
+expect 0 --virtual-time --desk case.pcapng --out again.wav
+out "Recorded device 1: 392 of its 392 reports were sent."
+cmp live.wav again.wav || fail "the speech differs"
+expect 0 --virtual-time --desk case.pcapng dpi 800 --json
+out 'the recording does not hold SetDpi.'
+expect 1 --virtual-time monitor --seconds 3 --capture nowhere/case.pcapng
+err "nowhere/case.pcapng: No such file or directory"
+head -c 3000 case.pcapng >cut.pcapng
+expect 0 --virtual-time --desk cut.pcapng devices
+err "cut.pcapng is not read to its end: at "
+mistake '{"devices": [{"replay": "case.pcapng", "device": 4}]}' 'there is no device 4 in this capture; it has 3'
+expect 0 --virtual-time monitor --raw --seconds 3
+out "#1  -> 05 ff f1 fe c0 0c 00 ef 00 00"
+out "#1  <- 05 ff f1 fe c0 9c 0b 00 01 06 40 50 c0 a8 01 02 03 ff ef"
+expect 0 --virtual-time send 05FFF1:FEC0 0602012CEF --wait 100
+out "#1  -> 05 ff f1 fe c0 06 02 01 2c ef"
+out "#1  <- 05 ff f1 fe c0 96 03 01 2c 00 ef"
+expect 1 --virtual-time send 05FFF1FEC00800EF
+err "belongs to a firmware update"
+expect 1 --virtual-time send 05F
+err "two digits to each byte"
+
+# What it tells.
+expect 0 report case.pcapng --out told.html --wav speech
 out "wrote told.html"
 out "wrote speech/speech-001-device-1.wav: 5.64 s of speech"
-cmp speech/speech-001-device-1.wav voxdesk-recording.wav || fail "what the client got, from the wire"
-expect 0 report told.pcapng
+cmp speech/speech-001-device-1.wav live.wav || fail "what the client got, from the wire"
+expect 0 report case.pcapng
 out "  #1 Wren               USB, 6D8C:6137, battery 80 %, DPI 1600, serial number WR0123456789ABCDEF"
-expect 0 report told.pcapng --json --slow 1
+expect 0 report case.pcapng --json --slow 1
 out '"kind": "slow"'
-head -c 3001 told.pcapng >cut.pcapng
 expect 0 report cut.pcapng
 err "voxdesk: not all could be read: at "
 expect 1 report "$sample"

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Objects.h"
+#include "VoxDevice/Observation.h"
 #include "VoxDevice/VoxCommon.h"
 #include "support/Memory.h"
 #include "support/Text.h"
@@ -43,11 +44,13 @@ class Told final : public VoxMessageSink {
     for (vox_event lost{sizeof lost, 0, 0, {}}; NextLost(lost);) pair.function(&lost, pair.context);
     pair.function(&event, pair.context);
   }
+  void Observed(const VoxObservation& seen) noexcept;
   // What was lost, and has not been told of yet.
   bool NextLost(vox_event& event) noexcept;
 
   CallbackSlot<vox_event_fn> onEvent;
   CallbackSlot<vox_text_fn> onText;
+  CallbackSlot<vox_observation_fn> onObservation;
   Queue<vox_event> events{kMostEvents};
   Queue<std::shared_ptr<const Text>> texts{kMostTexts};
   std::atomic<std::size_t> lostForMemory{0};  // texts
@@ -95,6 +98,42 @@ class Told final : public VoxMessageSink {
   }
 };
 
+// One for whose texts there is no memory is left out.
+void Told::Observed(const VoxObservation& seen) noexcept {
+  const auto pair = onObservation.Get();
+  if (!pair.function) return;
+  std::string path;
+  std::string text;
+  {
+    const CNotCutOff whole;
+    const bool had = HadMemory([&] {
+      if (seen.path) path = Utf8(seen.path);
+      if (seen.text) text = Utf8(seen.text);
+    });
+    if (!had) return;
+  }
+  vox_observation observation{};
+  observation.size = sizeof observation;
+  observation.kind = seen.kind;
+  observation.thread = seen.thread;
+  observation.tick = seen.tick;
+  observation.device = seen.device;
+  observation.error = seen.error;
+  observation.path = seen.path ? path.c_str() : nullptr;
+  observation.link = seen.link;
+  observation.vendor = seen.vendor;
+  observation.product = seen.product;
+  observation.input_length = seen.inputLength;
+  observation.output_length = seen.outputLength;
+  observation.report = seen.report;
+  observation.report_length = seen.reportLength;
+  observation.name = seen.name;
+  observation.text = seen.text ? text.c_str() : nullptr;
+  observation.values = seen.values;
+  observation.value_count = seen.valueCount;
+  pair.function(&observation, pair.context);
+}
+
 bool Told::NextLost(vox_event& event) noexcept {
   const auto lost = [&](std::int32_t what, std::size_t count, vox_handle handle) {
     if (count == 0) return false;
@@ -125,6 +164,7 @@ vox_result Listen() noexcept {
 }
 
 void Restart() noexcept {
+  VoxObserver::SetCallback(nullptr, nullptr);
   VoxMessage::SetSink(nullptr);
   Lasting<Told>::Renew();
   Lasting<Objects>::Renew();
@@ -156,6 +196,14 @@ vox_result VOX_CALL vox_on_event(vox_event_fn function, void* context) {
 vox_result VOX_CALL vox_on_text(vox_text_fn function, void* context) {
   if (const vox_result result = flat::Listen(); result < 0) return result;
   Told::It().onText.Set(function, context);
+  return VOX_OK;
+}
+
+vox_result VOX_CALL vox_on_observation(vox_observation_fn function, void* context) {
+  if (const vox_result result = flat::Listen(); result < 0) return result;
+  Told::It().onObservation.Set(function, context);
+  const VoxObserver::Callback observed = [](const VoxObservation& seen, void*) { Told::It().Observed(seen); };
+  VoxObserver::SetCallback(function ? observed : nullptr, nullptr);
   return VOX_OK;
 }
 

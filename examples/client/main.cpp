@@ -1,11 +1,14 @@
 // The smallest useful client: it waits for a voice mouse whose voice key is held, and records what is spoken meanwhile.
-// Usage: client [SECONDS], the time to wait at most. Exit code: 0 recorded, 1 not.
+// Usage: client [SECONDS [CAPTURE.pcapng]], the time to wait at most, and where everything that passes between the
+// library and the devices is recorded. Exit code: 0 recorded, 1 not.
 #include <VoxDevice/VoxDevice.h>
+#include <VoxDevice/capture/Recorder.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -31,6 +34,11 @@ int main(int argc, char** argv) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   std::setvbuf(stdout, nullptr, _IONBF, 0);
 
+  std::optional<capture::Recorder> recorder;
+  if (argc > 2) {
+    recorder.emplace(argv[2]);
+    VoxObserver::SetCallback(&capture::Recorder::observe, &*recorder);
+  }
   Listener listener;
   VoxMessage::SetSink(&listener);
   CAudioHidCenter hub;
@@ -54,5 +62,6 @@ int main(int argc, char** argv) {
   hub.CloseDevice();
   hub.Release();
   VoxMessage::SetSink(nullptr);
+  VoxObserver::SetCallback(nullptr, nullptr);
   return recorded ? 0 : 1;
 }

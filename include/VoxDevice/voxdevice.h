@@ -133,6 +133,42 @@ VOX_API vox_result VOX_CALL vox_next_event(vox_event* event, uint32_t millisecon
 VOX_API vox_result VOX_CALL vox_next_text(int32_t* kind, int32_t* category, char* text, int32_t capacity,
                                           uint32_t milliseconds);
 
+/* ---- What passes between the library and the devices: for a flight recorder ----
+ * All pointers are valid during the call. */
+enum {
+  VOX_OBSERVED_SENT = 0,         /* an output report is about to be written */
+  VOX_OBSERVED_WRITE_FAILED = 1, /* the one that was sent last to this interface has not been taken; error */
+  VOX_OBSERVED_RECEIVED = 2,     /* an input report */
+  VOX_OBSERVED_READ_FAILED = 3,  /* mostly since the device has gone; error */
+  VOX_OBSERVED_OPENED = 4,       /* a device of a current model twice, to read and to write; an older one once */
+  VOX_OBSERVED_REFUSED = 5,      /* an interface of ours could not be opened or is of no use; error */
+  VOX_OBSERVED_TOLD = 6          /* the library tells its client something; name, text, values */
+};
+typedef struct vox_observation {
+  uint32_t size;
+  int32_t kind;     /* VOX_OBSERVED_... */
+  uint32_t thread;  /* the system's number of the calling thread */
+  uint32_t tick;    /* milliseconds since the system's start, in steps of up to 16 */
+  int32_t device;   /* number, or -1: none (yet) */
+  uint32_t error;   /* the system's; 0: none, or an interface is of no use */
+  const char* path; /* of the HID interface; NULL for what was told, and the next five are 0 */
+  int32_t link;     /* 1 Bluetooth LE, 2 USB or a receiver: by the path */
+  int32_t vendor;   /* 0: it could not be asked; so are the others */
+  int32_t product;
+  int32_t input_length; /* bytes of a report with its id */
+  int32_t output_length;
+  const uint8_t* report; /* with its id; NULL unless sent or received */
+  int32_t report_length;
+  const char* name;      /* of what was told: "log", "connect", "voice" ..., as VoxDevice/Observation.h lists them */
+  const char* text;      /* or NULL */
+  const int32_t* values; /* the call's numbers in the order of its arguments, but for the device's */
+  int32_t value_count;
+} vox_observation;
+typedef void(VOX_CALL* vox_observation_fn)(const vox_observation* observation, void* context);
+/* One for the process; NULL takes it away. Called before the client is told, several at the same time, and under the
+ * rules for callbacks; its device waits meanwhile. There is no queue to ask: it would be full in a moment. */
+VOX_API vox_result VOX_CALL vox_on_observation(vox_observation_fn function, void* context);
+
 /* ---- Recording: of a hub (its work device's voice channel), a microphone or a speaker ---- */
 /* Begins, and forgets what was not read of the recording before. A hub: VOX_ERROR_NO_DEVICE, _BUSY, _REFUSED, _TIMEOUT
  * after 1 s. Others: VOX_ERROR_NOT_STARTED. One that has not begun is over (VOX_ERROR_END). A hub's device is the one

@@ -47,13 +47,24 @@ expect "Stopped: nothing is left open." "$wine" "$package/bin/voxdesk.exe" --des
 # The same client, unchanged, without hardware.
 VOXDEVICE_DESK="$(dirname "$0")/../clients/held-key.json" expect "recorded [345]\.[0-9] s" "$wine" "$work/stand-in/client.exe" 15
 
-"$wine" "$build/bin/plug.exe" Wren 20 >"$work/plug.log" 2>&1 &
+"$wine" "$build/bin/plug.exe" Wren 40 >"$work/plug.log" 2>&1 &
 plug=$!
 trap 'kill $plug 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
   grep -q "plugged in" "$work/plug.log" && break
   sleep 0.1
 done
-expect "recorded [12]\.[0-9] s" "$wine" "$work/client/client.exe" 15
+expect "recorded [12]\.[0-9] s" "$wine" "$work/client/client.exe" 15 "$work/client.pcapng"
+expect "left button up" "$wine" "$package/bin/voxdesk.exe" monitor --seconds 8 --capture "$work/monitor.pcapng"
+cp "$work/out" "$work/monitored"
 expect "VoxMouse Wren +USB +80 %  1600" "$wine" "$package/bin/voxdesk.exe" devices
 wait $plug || { cat "$work/plug.log"; exit 1; }
+
+# What was recorded there is a desk here, with the same results.
+voxdesk=$build/../dev/bin/voxdesk
+[ -x "$voxdesk" ] || { echo "the captures are not replayed on Linux: there is no $voxdesk" >&2; exit 1; }
+expect "wrote $work/again.wav: [12]\.[0-9]+ s of speech" "$voxdesk" --desk "$work/client.pcapng" --virtual-time --out "$work/again.wav"
+expect "Recorded device 1" "$voxdesk" --desk "$work/monitor.pcapng" --virtual-time monitor --seconds 9
+said() { sed -nE 's/^ *[0-9.]+ s  //p' "$1" | tr -d '\r' | grep -v "^Recorded device"; }
+said "$work/monitored" >"$work/then"
+said "$work/out" | head -n "$(wc -l <"$work/then")" | diff "$work/then" - || { echo "replayed otherwise" >&2; exit 1; }

@@ -158,7 +158,7 @@ constexpr ReplyRow kReplies[] = {
 };
 
 std::string keyWords(std::uint8_t key, const ModelSheet& model) {
-  const std::string name = "key '" + printable({&key, 1}) + "'";
+  std::string name = "key '" + printable({&key, 1}) + "'";
   for (const auto& [known, action] : model.keys) {
     if (known == static_cast<char>(key)) return name + ": " + inWords(action);
   }

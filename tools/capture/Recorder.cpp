@@ -1,6 +1,7 @@
 #include "tools/capture/Recorder.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <cstring>
 #include <stdexcept>
@@ -96,10 +97,20 @@ std::string nameOf(const std::filesystem::path& path) {
   return {name.begin(), name.end()};
 }
 
+RecorderOptions withClock(RecorderOptions options) {
+  if (!options.now) {
+    options.now = [] {
+      const auto now = std::chrono::system_clock::now().time_since_epoch();
+      return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    };
+  }
+  return options;
+}
+
 }  // namespace
 
 Recorder::Recorder(const std::filesystem::path& path, RecorderOptions options)
-    : path_(path), options_(std::move(options)), began_(options_.now()) {
+    : path_(path), options_(withClock(std::move(options))), began_(options_.now()) {
   openPart();
   if (!problem_.empty()) throw std::runtime_error(problem_);
   write({interfaceDescription(kLinkExportedPdu, "client", "what the client was told"), true});

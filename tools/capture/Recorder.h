@@ -22,8 +22,8 @@ namespace capture {
 struct RecorderOptions {
   bool noSpeech = false;                          // for a file that is handed on: see Privacy
   std::uint64_t fileBytes = 64ULL * 1024 * 1024;  // a file that would get longer is continued in NAME-2.pcapng ...
-  // Microseconds since 1970, of what is just happening. Called on the threads of the library.
-  std::function<std::int64_t()> now;
+  // Microseconds since 1970, of what is just happening; called on the threads of the library. Empty: the system's.
+  std::function<std::int64_t()> now{};
 };
 
 // What is observed waits in memory for a thread that writes it, so that no device waits for a disk; a full memory waits
@@ -31,7 +31,7 @@ struct RecorderOptions {
 class Recorder {
  public:
   // Throws std::runtime_error, with a sentence, when the file cannot be made.
-  Recorder(const std::filesystem::path& path, RecorderOptions options);
+  explicit Recorder(const std::filesystem::path& path, RecorderOptions options = {});
   // Writes what is left.
   ~Recorder();
   Recorder(const Recorder&) = delete;

@@ -18,8 +18,9 @@ using Json = nlohmann::ordered_json;
 constexpr std::size_t kMostFrames = 20'000;
 constexpr std::size_t kMostRows = 5'000;  // of any table
 constexpr std::size_t kMostDevices = 50;
-constexpr std::size_t kMostPictures = 60;     // of speech, and of updates
+constexpr std::size_t kMostPictures = 60;     // of speech
 constexpr std::size_t kPictureColumns = 600;  // of one, and no more than 100 a second
+constexpr std::size_t kWaveColumns = 24'000;  // of all together, where that is more
 constexpr std::size_t kMostPoints = 300;      // of an update's progress
 
 std::string base64(std::span<const std::uint8_t> bytes) {
@@ -66,13 +67,14 @@ void addFrames(const Story& story, Json& page, std::vector<std::string>& leftOut
 
 void addPictures(const Story& story, Json& page, std::vector<std::string>& leftOut) {
   std::size_t pictures = 0;
+  const std::size_t share = std::max(kPictureColumns, kWaveColumns / std::max<std::size_t>(1, story.speech.size()));
   for (std::size_t i = 0; i < page["speech"].size(); ++i) {
     const auto& pcm = story.speech[i].pcm;
     if (pcm.empty()) continue;
     if (++pictures > kMostPictures) continue;
-    const std::size_t columns = std::clamp<std::size_t>(pcm.size() / 160, 1, kPictureColumns);
-    page["speech"][i]["wave"] = waveform(pcm, columns);
-    page["speech"][i]["spectrum"] = base64(spectrogram(pcm, columns));
+    const std::size_t hundredths = std::max<std::size_t>(1, pcm.size() / 160);
+    page["speech"][i]["wave"] = waveform(pcm, std::min(hundredths, share));
+    page["speech"][i]["spectrum"] = base64(spectrogram(pcm, std::min(hundredths, kPictureColumns)));
     page["speech"][i]["rows"] = kSpectrumRows;
   }
   if (pictures > kMostPictures) leftOut.push_back(plural(pictures - kMostPictures, "picture") + " of speech");

@@ -193,8 +193,27 @@ std::string keys() {
   return table;
 }
 
+// Rows of a table in Lua, where the parts' marks are comments.
+std::string dissector() {
+  std::string table = "\n";
+  for (const ModelSheet& sheet : ModelSheets()) {
+    std::vector<std::string> ids;
+    for (const Ids link : {&ModelSheet::usb, &ModelSheet::bluetooth}) {
+      for (const HidId& id : sheet.*link) ids.push_back("0x" + hex(id.vendor, 4) + hex(id.product, 4));
+    }
+    const std::string identify = sheet.identifyReply ? "identify = 0x" + hex(*sheet.identifyReply, 2) + ", " : "";
+    table += "  {\n    name = \"" + shortName(sheet) + "\", firmware = \"" + inWords(sheet.firmware) + "\", " +
+             identify + "ids = {" + join(ids) + "},\n    keys = {\n";
+    for (const auto& known : sheet.keys) {
+      table += std::string("      [\"") + known.key + "\"] = \"" + keyCell(sheet, known.key) + "\",\n";
+    }
+    table += "    },\n  },\n";
+  }
+  return table + "  -- ";
+}
+
 const std::map<std::string, std::string (*)()> kParts = {
-    {"names", &names}, {"hardware", &hardware}, {"firmware", &firmware}, {"keys", &keys}};
+    {"names", &names}, {"hardware", &hardware}, {"firmware", &firmware}, {"keys", &keys}, {"dissector", &dissector}};
 
 // The document with its parts made anew.
 std::string remake(const std::string& text) {

@@ -155,8 +155,13 @@ void Client::pollButtons() {
   if (hub_->Tern_IsShortPress_R()) add("short-press", Json::object(), "short press of the Tern's right key");
 }
 
-void Client::observe(const VoxObservation& observation) {
+void Client::observe(const VoxObservation& observation, bool show) {
   if (observation.kind == VoxObservation_Told) return;
+  if (observation.device > 0) {
+    const std::lock_guard lock(mutex_);
+    paths_.try_emplace(observation.device, observation.path);
+  }
+  if (!show) return;
   static const char* const names[] = {"sent", "write-failed", "received", "read-failed", "opened", "refused"};
   static const char* const arrows[] = {"->", "-x", "<-", "<x", "opened", "refused"};
   const std::string path = sim::utf8(observation.path);
@@ -175,6 +180,11 @@ void Client::observe(const VoxObservation& observation) {
     if (observation.error != 0) text += ", error " + std::to_string(observation.error);
   }
   add("report", std::move(fields), text);
+}
+
+std::wstring Client::pathOf(int device) {
+  const std::lock_guard lock(mutex_);
+  return paths_[device];
 }
 
 void Client::Log(const wchar_t* text, LogType type) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,8 +46,10 @@ class Client : public VoxMessageSink {
   std::vector<std::int16_t> takeAudio();
   // The announced devices, in the order of their numbers.
   std::vector<DeviceView> devices();
-  // Makes an event of what passes between the library and a device. On any thread.
-  void observe(const VoxObservation& observation);
+  // What passes between the library and a device; an event of it, if it is to be shown. On any thread.
+  void observe(const VoxObservation& observation, bool show);
+  // The HID interface of a device.
+  std::wstring pathOf(int device);
   // Looks at the buttons, as clients do, and makes events of their changes. Call it often.
   void pollButtons();
 
@@ -76,6 +79,7 @@ class Client : public VoxMessageSink {
   std::vector<std::int16_t> audio_;
   std::vector<DeviceView> devices_;
   std::vector<VoxButtonState> buttons_;
+  std::map<int, std::wstring> paths_;  // by the devices' numbers
 };
 
 // "80 %", or "?" while it is not known.

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 // Why something could not be done, for standard error.
 class Failure : public std::runtime_error {
@@ -26,6 +27,9 @@ struct Options {
   std::string capture;    // where everything that passes is recorded; empty: nowhere
   bool noSpeech = false;  // ... but for speech, serial numbers and addresses
   double captureMegabytes = 64;
+  std::vector<std::string> hex;  // a report
+  double waitMilliseconds = 0;   // for what comes back
+  bool force = false;
   bool raw = false;        // reports are shown as they pass
   std::string microphone;  // part of its name; empty: the library's choice
   std::string recording;   // the capture that is reported
@@ -46,6 +50,8 @@ void setUrl(const Options& options);
 void listMKey(const Options& options);
 void setMKey(const Options& options);
 void showState(const Options& options);
+// Writes one report.
+void sendReport(const Options& options);
 void listSound(const Options& options);
 void recordMicrophone(const Options& options);
 void recordSpeaker(const Options& options);

@@ -1,5 +1,6 @@
 // Commands to one device: firmware, DPI, download URL, M key, state.
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include <fstream>
 
 #include "Session.h"
+#include "hid/HidFrame.h"
 #include "sim/Text.h"
 
 namespace {
@@ -237,5 +239,50 @@ void showState(const Options& options) {
     session.hub().GetDongleState(session.chosen.number);
     session.answer("dongle-state");
   }
+  session.finish();
+}
+
+namespace {
+
+// "05 ff:f1FE" and the like.
+std::vector<std::uint8_t> bytesOf(const std::vector<std::string>& words) {
+  std::string digits;
+  for (const std::string& word : words) {
+    for (const char c : word) {
+      if (c == ' ' || c == ':') continue;
+      if (!std::isxdigit(static_cast<unsigned char>(c))) {
+        throw Failure(word + ": expected a report in hexadecimal, as 05 FF F1 FE C0 0C 00 EF");
+      }
+      digits += c;
+    }
+  }
+  if (digits.empty() || digits.size() % 2 != 0) throw Failure("a report has two digits to each byte");
+  std::vector<std::uint8_t> bytes;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    bytes.push_back(static_cast<std::uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+bool belongsToUpdate(const std::vector<std::uint8_t>& report) {
+  const std::size_t magic = report.size() > 1 && report[1] == 0xFF ? 3 : 1;
+  return report.size() > magic + 2 && report[0] == kCommandReportId && report[magic] == 0xFE &&
+         report[magic + 2] >= OtaPrepare && report[magic + 2] <= OtaComplete;
+}
+
+}  // namespace
+
+void sendReport(const Options& options) {
+  const std::vector<std::uint8_t> report = bytesOf(options.hex);
+  if (belongsToUpdate(report) && !options.force) {
+    throw Failure("this report belongs to a firmware update, and can leave the device unusable; --force sends it");
+  }
+  Session session(options);
+  session.discover({"none"});
+  const int device = session.choose(options.device).number;
+  session.showReports(true);
+  session.writeReport(device, report);
+  session.runUntil(options.waitMilliseconds / 1000, {"report"}, [] { return false; });
+  session.showReports(false);
   session.finish();
 }

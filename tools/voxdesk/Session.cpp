@@ -1,10 +1,12 @@
 #include "Session.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <utility>
 
+#include "platform/os.h"
 #include "sim/Text.h"
 
 namespace {
@@ -33,9 +35,6 @@ Session::Session(const Options& options, bool busy)
 
 Session::~Session() {
   stop();
-  for (const std::string& sentence : desk->replayed()) {
-    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
-  }
   if (!captureProblem_.empty()) std::fprintf(stderr, "voxdesk: %s\n", captureProblem_.c_str());
 }
 
@@ -46,18 +45,52 @@ void Session::startCapture(const Options& options) {
         options.virtualTime ? kVirtualBeginning : std::chrono::duration_cast<std::chrono::microseconds>(now).count();
     recorder_ = std::make_unique<capture::Recorder>(
         sim::pathOf(options.capture),
-        capture::RecorderOptions{
-            .noSpeech = options.noSpeech,
-            .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
-            .now = [this, began] { return began + static_cast<std::int64_t>(desk->seconds() * 1e6); }});
+        capture::RecorderOptions{.noSpeech = options.noSpeech,
+                                 .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
+                                 .now = [this, began] { return began + std::llround(desk->seconds() * 1e6); }});
   }
-  if (recorder_ || raw_) VoxObserver::SetCallback(&Session::observe, this);
+  VoxObserver::SetCallback(&Session::observe, this);
 }
 
 void Session::observe(const VoxObservation& observation, void* session) {
   auto* self = static_cast<Session*>(session);
   if (self->recorder_) capture::Recorder::observe(observation, self->recorder_.get());
-  if (self->raw_) self->client->observe(observation);
+  self->client->observe(observation, self->raw_);
+}
+
+void Session::writeReport(int device, std::vector<std::uint8_t> report) {
+  const HANDLE file = os::CreateFileW(client->pathOf(device).c_str(), GENERIC_READ | GENERIC_WRITE,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (file == INVALID_HANDLE_VALUE) {
+    throw Failure("the device cannot be opened once more (error " + std::to_string(os::GetLastError()) + ")");
+  }
+  PHIDP_PREPARSED_DATA preparsed = nullptr;
+  HIDP_CAPS caps{};
+  if (os::HidD_GetPreparsedData(file, &preparsed)) {
+    os::HidP_GetCaps(preparsed, &caps);
+    os::HidD_FreePreparsedData(preparsed);
+  }
+  const std::size_t length = caps.OutputReportByteLength;
+  DWORD error = 0;
+  if (report.size() <= length) {
+    report.resize(length);
+    VoxObservation sent{};
+    sent.kind = VoxObservation_Sent;
+    sent.device = device;
+    const std::wstring path = client->pathOf(device);
+    sent.path = path.c_str();
+    sent.report = report.data();
+    sent.reportLength = static_cast<int>(length);
+    observe(sent, this);
+    DWORD count = 0;
+    if (!os::WriteFile(file, report.data(), static_cast<DWORD>(length), &count, nullptr)) error = os::GetLastError();
+  }
+  os::CloseHandle(file);
+  if (report.size() > length) {
+    throw Failure("the device takes reports of " + std::to_string(length) + " bytes, and this has " +
+                  std::to_string(report.size()));
+  }
+  if (error != 0) throw Failure("the device has not taken the report (error " + std::to_string(error) + ")");
 }
 
 void Session::stop() {

@@ -1,6 +1,8 @@
 // A desk, a client at it, and a terminal: what every command works with.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -38,6 +40,11 @@ class Session {
   // Ends the client and checks that it has left nothing behind but this.
   void finish(const LeftOpen& byDesign = {});
 
+  // Shows the reports themselves from now on, or no more.
+  void showReports(bool show) { raw_ = show; }
+  // Writes a report beside the library. Throws when it is not taken.
+  void writeReport(int device, std::vector<std::uint8_t> report);
+
   Terminal terminal;
   std::unique_ptr<Desk> desk;
   std::unique_ptr<Client> client;
@@ -50,7 +57,7 @@ class Session {
   // Stops the client, then the recording of what passed, and says what has become of that.
   void stop();
 
-  const bool raw_;
+  std::atomic<bool> raw_;
   std::unique_ptr<capture::Recorder> recorder_;
   std::string captureProblem_;
 };

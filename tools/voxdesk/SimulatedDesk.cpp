@@ -2,14 +2,26 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "System.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 
+namespace {
+
+sim::MachineOptions machineOptions(bool virtualTime) {
+  sim::MachineOptions options;
+  options.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime;
+  // For tests, which compare the machine's log with what else is recorded.
+  if (const char* file = std::getenv("VOXDEVICE_MACHINE_LOG")) options.logFile = file;
+  return options;
+}
+
+}  // namespace
+
 SimulatedDesk::SimulatedDesk(sim::DeskDescription description, bool virtualTime)
-    : machine_({.clock = virtualTime ? sim::Clock::virtualTime : sim::Clock::realTime}),
-      desk_(machine_, std::move(description)) {}
+    : machine_(machineOptions(virtualTime)), desk_(machine_, std::move(description)) {}
 
 std::size_t SimulatedDesk::legacyHids() {
   return static_cast<std::size_t>(std::count_if(desk_.legacy().begin(), desk_.legacy().end(),

@@ -118,6 +118,12 @@ int main(int argc, char** argv) {
   needsDevice(command(app, "url", "Send a device its download URL", &setUrl))
       ->add_option("URL", options.url, "Without the scheme: letters, digits, - = . /")
       ->required();
+  auto* send = needsDevice(command(app, "send", "Write one report to a device, as it stands", &sendReport));
+  send->add_option("HEX", options.hex, "The report with its id, in hexadecimal; filled up with zeros")->required();
+  send->add_option("--wait", options.waitMilliseconds, "Show what passes for so long afterwards; default: 0")
+      ->check(CLI::Range(0.0, 3'600'000.0))
+      ->type_name("MS");
+  send->add_flag("--force", options.force, "Even one that belongs to a firmware update");
   auto* mkey = command(app, "mkey", "The function of a device's M key", nullptr);
   mkey->require_subcommand(1);
   mkey->fallthrough();
