@@ -43,9 +43,10 @@ class Writer {
   bool big_;
 };
 
-Writer section(bool big) {
+Writer section(bool big, const std::string& comment = "") {
   Writer body(big);
-  body.put(0x1A2B3C4D, 4).put(1, 2).put(0, 2).put(~std::uint64_t{0}, 8).option(4, "voxdevice 0.1.0").put(0, 4);
+  body.put(0x1A2B3C4D, 4).put(1, 2).put(0, 2).put(~std::uint64_t{0}, 8);
+  body.option(1, comment).option(4, "voxdevice 0.1.0").put(0, 4);
   return Writer(big).block(0x0A0D0D0A, body);
 }
 
@@ -62,11 +63,15 @@ Writer packetBlock(bool big, std::uint32_t link, std::uint64_t time, const Bytes
   return body.option(1, comment).put(0, 4);
 }
 
-// direction 0: none.
+// direction: 0 none, 1 sent, 2 received; as one program and as another writes it.
 Bytes exported(std::uint32_t direction, const Bytes& report) {
   Writer tags(true);
   tags.option(12, "voxmouse");
-  if (direction != 0) tags.put(36, 2).put(4, 2).put(direction, 4);
+  if (direction == 2) {
+    tags.put(35, 2).put(4, 2).put(1, 4);
+  } else if (direction != 0) {
+    tags.put(36, 2).put(4, 2).put(direction, 4);
+  }
   return tags.put(0, 4).put(report).bytes;
 }
 
@@ -97,8 +102,8 @@ std::string inWords(const Capture& capture) {
   return text.str();
 }
 
-Writer recording(bool big) {
-  Writer file = section(big);
+Writer recording(bool big, int part = 1) {
+  Writer file = section(big, "part=" + std::to_string(part) + " of=1764115200000000");
   file.block(1, interfaceBlock(big, 252, "client"));
   file.block(1, interfaceBlock(big, 252, kPath, "vid=248a pid=8100 link=usb in=64 out=48 former=1"));
   file.block(0xBAD, Writer(big).put(1, 4));
@@ -130,8 +135,8 @@ const std::string kRecorded = "248a:8100 in 64 out 48 link 2 former " + kPath +
                               "4294967299 0 write failed device 1 thread 7 error 1167 05fff1fec00500ef\n"
                               "4294967300 0 refused thread 3 error 5 \n"
                               "4294967301 0 read failed \n"
-                              "4294967302 -1 told device 1 thread 7 log 43 \"a=b text=\xE8\xAF\xAD\" \n"
-                              "4294967303 -1 told device 2 connect 0 \"\" \n";
+                              "4294967302 -1 told device 1 thread 7 log 43 -7 \"a=b text=\xE8\xAF\xAD\" \n"
+                              "4294967303 -1 told device 2 connect \"\" \n";
 
 TEST(CaptureReader, ReadsOurOwnRecordings) {
   for (const bool big : {false, true}) {
@@ -328,9 +333,10 @@ TEST(CaptureReader, ReadsWhatContinuesAFile) {
   const auto folder =
       std::filesystem::temp_directory_path() / ("CaptureReaderTest-" + std::to_string(std::random_device{}()));
   std::filesystem::create_directory(folder);
-  const Bytes bytes = recording(false).bytes;
+  int part = 0;
   for (const auto& [name, cut] :
        {std::pair("a.pcapng", 0U), {"a-2.pcapng", 2U}, {"a-3.pcapng", 0U}, {"b.pcapng", ~0U}}) {
+    const Bytes bytes = recording(false, ++part).bytes;
     const std::size_t length = cut < bytes.size() ? bytes.size() - cut : 0;
     std::ofstream(folder / name, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(length));

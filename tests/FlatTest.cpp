@@ -124,7 +124,6 @@ TEST(Flat, WhatPassesIsObserved) {
     if (it->text) line += std::string(" ") + it->text;
     static_cast<Lines*>(lines)->push_back(line);
   };
-  EXPECT_EQ(vox_on_observation(observed, &seen), VOX_OK);
   FlatDesk desk;
   EXPECT_EQ(vox_on_observation(observed, &seen), VOX_OK);
   desk.open();

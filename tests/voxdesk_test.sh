@@ -218,7 +218,7 @@ out "Captured in case.pcapng: "
 expect 0 --virtual-time --desk case.pcapng --out again.wav
 out "Recorded device 1: 392 of its 392 reports were sent."
 cmp live.wav again.wav || fail "the speech differs"
-expect 0 --virtual-time --desk case.pcapng dpi 800 --json
+expect 1 --virtual-time --desk case.pcapng dpi 800 --json
 out 'the recording does not hold SetDpi.'
 expect 1 --virtual-time monitor --seconds 3 --capture nowhere/case.pcapng
 err "nowhere/case.pcapng: No such file or directory"

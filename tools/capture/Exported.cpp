@@ -6,8 +6,8 @@
 namespace capture {
 namespace {
 
-enum Tag : std::uint16_t { kEnd = 0, kDissector = 12, kDirection = 36 };
-enum Direction : std::uint32_t { kNone = 0, kSent = 1, kReceived = 2 };
+enum Tag : std::uint16_t { kEnd = 0, kDissector = 12, kDirection = 35, kOtherDirection = 36 };
+enum Direction : std::uint32_t { kSent = 0, kReceived = 1, kNone };
 
 // A number at the beginning of a text; of anything else, and of what is too large, what was there before.
 template <typename Number>
@@ -86,9 +86,11 @@ bool readExported(const Packet& packet, Event& event) {
       ours = std::string_view(reinterpret_cast<const char*>(value.data()), value.size()).starts_with("voxmouse");
     }
     if (tag == kDirection) direction = Numbers(value, true).u32(0);
+    // Some write 1 for sent and 2 for received, under a number that Wireshark has for a text.
+    if (tag == kOtherDirection && length == 4) direction = Numbers(value, true).u32(0) - 1;
     at += 4 + (length + 3) / 4 * 4;
   }
-  if (!ours || direction > kReceived) return false;
+  if (!ours || direction > kNone) return false;
   const Span report = data.part(at + 4);
   event.report.assign(report.begin(), report.end());
   event.time = packet.time;

@@ -16,7 +16,7 @@ constexpr std::uint16_t kInterfaceName = 2;
 constexpr std::uint16_t kInterfaceDescriptionText = 3;
 constexpr std::uint16_t kResolution = 9;
 constexpr std::uint16_t kDissectorName = 12;
-constexpr std::uint16_t kDirection = 36;
+constexpr std::uint16_t kDirection = 35;
 constexpr std::string_view kDissector = "voxmouse";
 constexpr std::size_t kLongestText = 0xFFFF;  // of an option
 
@@ -109,7 +109,7 @@ Bytes exportedPdu(PduDirection direction, std::span<const std::uint8_t> report) 
   Bytes bytes;
   addTag(bytes, kDissectorName, {reinterpret_cast<const std::uint8_t*>(kDissector.data()), kDissector.size()});
   if (direction != PduDirection::none) {
-    addTag(bytes, kDirection, std::initializer_list<std::uint8_t>{0, 0, 0, static_cast<std::uint8_t>(direction)});
+    addTag(bytes, kDirection, std::initializer_list<std::uint8_t>{0, 0, 0, static_cast<std::uint8_t>(direction == PduDirection::received)});
   }
   addTag(bytes, 0, {});
   bytes.insert(bytes.end(), report.begin(), report.end());

@@ -20,7 +20,7 @@ Bytes interfaceDescription(std::uint16_t linkType, std::string_view name, std::s
 Bytes enhancedPacket(std::uint32_t interface, std::int64_t time, std::span<const std::uint8_t> data,
                      std::string_view comment);
 
-enum class PduDirection : std::uint32_t { none = 0, sent = 1, received = 2 };
+enum class PduDirection { none, sent, received };
 // A report for the dissector of this protocol, as link type 252 has it.
 Bytes exportedPdu(PduDirection direction, std::span<const std::uint8_t> report);
 

@@ -99,6 +99,9 @@ void Session::stop() {
   VoxObserver::SetCallback(nullptr, nullptr);
   if (raw_) runUntil(0, {"report"}, [] { return true; });
   client.reset();
+  for (const std::string& sentence : desk->replayed()) {
+    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
+  }
   if (!recorder_) return;
   recorder_->finish();
   if (const std::string problem = recorder_->problem(); !problem.empty()) {
@@ -161,9 +164,6 @@ DeviceView Session::choose(int number) {
 
 void Session::finish(const LeftOpen& byDesign) {
   stop();
-  for (const std::string& sentence : desk->replayed()) {
-    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
-  }
   if (!captureProblem_.empty()) throw Failure(std::exchange(captureProblem_, {}));
   const std::string open = desk->leftOpen(byDesign);
   if (!open.empty()) throw Failure("the library has left open: " + open);
