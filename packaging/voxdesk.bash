@@ -2,7 +2,7 @@
 _voxdesk() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   case $before in
-    --desk | --out | --speech | --capture | --first | --second)
+    --desk | --out | --speech | --capture | --wav | report | --first | --second)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
       ;;
@@ -11,7 +11,7 @@ _voxdesk() {
       return
       ;;
   esac
-  mapfile -t COMPREPLY < <(compgen -W "devices monitor state dpi url mkey update record send sound mic speaker legacy
+  mapfile -t COMPREPLY < <(compgen -W "devices monitor state dpi url mkey update record report send sound mic speaker legacy
     --capture --no-speech --capture-size --desk --virtual-time --json --seconds --device --out --help" -- "$word")
 }
 complete -F _voxdesk voxdesk

@@ -237,6 +237,21 @@ err "belongs to a firmware update"
 expect 1 --virtual-time send 05F
 err "two digits to each byte"
 
+# What it tells.
+expect 0 report case.pcapng --out told.html --wav speech
+out "wrote told.html"
+out "wrote speech/speech-001-device-1.wav: 5.64 s of speech"
+cmp speech/speech-001-device-1.wav live.wav || fail "what the client got, from the wire"
+expect 0 report case.pcapng
+out "  #1 Wren               USB, 6D8C:6137, battery 80 %, DPI 1600, serial number WR0123456789ABCDEF"
+expect 0 report case.pcapng --json --slow 1
+out '"kind": "slow"'
+expect 0 report cut.pcapng
+err "voxdesk: not all could be read: at "
+expect 1 report "$sample"
+err "sentence.wav: neither pcapng nor pcap"
+expect 2 report
+
 # Ctrl-C stops cleanly, and keeps the recording so far.
 "$voxdesk" record --speech "$sample" --out stopped.wav >out 2>err &
 pid=$!

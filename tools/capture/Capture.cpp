@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "tools/capture/Exported.h"
@@ -14,20 +16,30 @@ namespace {
 
 constexpr std::uint32_t kExported = 252;
 
-std::size_t numberOf(std::vector<Interface>& interfaces, const Interface& wanted) {
-  const auto known = std::find_if(interfaces.begin(), interfaces.end(),
-                                  [&wanted](const Interface& each) { return each.path == wanted.path; });
-  if (known != interfaces.end()) {
-    if (wanted.vendor != 0) *known = wanted;  // it tells more of itself when it is open
-    return static_cast<std::size_t>(known - interfaces.begin());
+// The interfaces of a capture, each path once.
+class Interfaces {
+ public:
+  explicit Interfaces(std::vector<Interface>& all) : all_(all) {
+    for (const Interface& each : all) numbers_.try_emplace(each.path, numbers_.size());
   }
-  interfaces.push_back(wanted);
-  return interfaces.size() - 1;
-}
+  int add(const Interface& wanted) {
+    const auto [known, isNew] = numbers_.try_emplace(wanted.path, all_.size());
+    if (isNew) {
+      all_.push_back(wanted);
+    } else if (wanted.vendor != 0) {
+      all_[known->second] = wanted;  // it tells more of itself when it is open
+    }
+    return static_cast<int>(known->second);
+  }
+
+ private:
+  std::vector<Interface>& all_;
+  std::map<std::string, std::size_t> numbers_;
+};
 
 class Reader final : public PacketSink {
  public:
-  explicit Reader(Capture& capture) : capture_(capture) {}
+  explicit Reader(Capture& capture) : capture_(capture), interfaces_(capture.interfaces) {}
 
   void madeBy(std::string_view program) override {
     if (capture_.source.empty()) capture_.source = program;
@@ -38,7 +50,7 @@ class Reader final : public PacketSink {
   void link(const Link& link) override {
     Interface hid;
     const bool isInterface = link.type == kExported && readInterface(link, hid);
-    links_.push_back({link.type, isInterface ? static_cast<int>(numberOf(capture_.interfaces, hid)) : -1});
+    links_.push_back({link.type, isInterface ? interfaces_.add(hid) : -1});
   }
 
   void packet(const Packet& packet) override {
@@ -63,6 +75,7 @@ class Reader final : public PacketSink {
 
  private:
   Capture& capture_;
+  Interfaces interfaces_;
   std::vector<std::pair<std::uint32_t, int>> links_;  // type, and interface
   Usb usb_;
   std::size_t packets_ = 0;
@@ -95,10 +108,11 @@ std::filesystem::path continuation(const std::filesystem::path& path, int number
 }
 
 void append(Capture& capture, Capture more, const std::string& name) {
-  std::vector<std::size_t> numbers;
-  for (const Interface& hid : more.interfaces) numbers.push_back(numberOf(capture.interfaces, hid));
+  Interfaces interfaces(capture.interfaces);
+  std::vector<int> numbers;
+  for (const Interface& hid : more.interfaces) numbers.push_back(interfaces.add(hid));
   for (Event& event : more.events) {
-    if (event.hid >= 0) event.hid = static_cast<int>(numbers[static_cast<std::size_t>(event.hid)]);
+    if (event.hid >= 0) event.hid = numbers[static_cast<std::size_t>(event.hid)];
     capture.events.push_back(std::move(event));
   }
   capture.leftOut += more.leftOut;

@@ -32,6 +32,11 @@ struct Options {
   bool force = false;
   bool raw = false;        // reports are shown as they pass
   std::string microphone;  // part of its name; empty: the library's choice
+  std::string recording;   // the capture that is reported
+  std::string reportPage;  // where the page goes; empty: none
+  std::string speechFolder;
+  bool text = false;
+  double slow = 250;  // milliseconds
 };
 
 // Shows the devices, holds the Wren's voice key and records what it hears.
@@ -52,3 +57,5 @@ void recordMicrophone(const Options& options);
 void recordSpeaker(const Options& options);
 // Shows the older hardware, its keys and the working mode.
 void watchLegacy(const Options& options);
+// Says what a capture tells: as a page, as a text, as JSON.
+void report(const Options& options);

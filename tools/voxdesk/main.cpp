@@ -99,6 +99,17 @@ int main(int argc, char** argv) {
       command(app, "legacy", "Show older hardware, its keys and the working mode, until Ctrl-C", &watchLegacy);
   takesSeconds(legacy, "Stop after so long; needed with --virtual-time");
 
+  auto* told = command(app, "report", "Say what a capture tells; needs no desk", &report);
+  told->add_option("FILE", options.recording, "A capture: of voxdesk, or of a USB bus")
+      ->required()
+      ->type_name("FILE.pcapng");
+  told->add_option("--out", options.reportPage, "One page that needs nothing else")->type_name("REPORT.html");
+  told->add_flag("--text", options.text, "The same as text; this is what happens without any option");
+  told->add_option("--wav", options.speechFolder, "Write the speech, a file for each voice channel")->type_name("DIR");
+  told->add_option("--slow", options.slow, "An answer that takes longer is unusual; default: 250")
+      ->check(CLI::Range(0.0, 1e9))
+      ->type_name("MS");
+
   needsDevice(command(app, "state", "Ask a device for its state", &showState));
   needsDevice(command(app, "dpi", "Set a device's DPI", &setDpi))
       ->add_option("DPI", options.dpi, "Dots per inch")
