@@ -2,5 +2,5 @@
 file(READ ${IN} bytes HEX)
 string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
 string(REGEX REPLACE "(................................................................................)" "\\1\n" bytes "${bytes}")
-file(WRITE ${OUT} "extern const unsigned char kReportPage[];\nextern const unsigned long long kReportPageBytes;\n"
-  "const unsigned char kReportPage[] = {\n${bytes}};\nconst unsigned long long kReportPageBytes = sizeof kReportPage;\n")
+file(WRITE ${OUT} "#include <cstddef>\nextern const unsigned char kReportPage[];\nextern const std::size_t kReportPageBytes;\n"
+  "const unsigned char kReportPage[] = {\n${bytes}};\nconst std::size_t kReportPageBytes = sizeof kReportPage;\n")

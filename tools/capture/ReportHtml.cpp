@@ -8,7 +8,7 @@
 #include "tools/capture/Sound.h"
 
 extern const unsigned char kReportPage[];
-extern const unsigned long long kReportPageBytes;
+extern const std::size_t kReportPageBytes;
 
 namespace capture {
 namespace {
