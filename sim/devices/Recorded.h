@@ -67,6 +67,7 @@ class RecordedDevice final : public HidDevice {
   struct Key {
     std::uint8_t prefix = 0;
     int code = 0;
+    // NOLINTNEXTLINE(modernize-use-nullptr): it has no pointer.
     auto operator<=>(const Key&) const = default;
   };
   struct Answer {

@@ -223,7 +223,7 @@ CVoxRecord::~CVoxRecord() {
 
 CVoxRecord::CVoxRecord(const CVoxRecord& other)
     // The original may go while it is copied: a reference to what stands behind it is taken first.
-    : CThread(), m_pRecorder([this, original = other.m_pRecorder] {
+    : CThread(other), m_pRecorder([this, original = other.m_pRecorder] {
         auto copy = MakeWhole<Recorder>(this, threads_);
         copy->CopyFrom(original);
         return copy;
