@@ -1,12 +1,15 @@
 // The flat interface: what a client in any language gets.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
 #include "VoxDevice/voxdevice.h"
+#include "bench/Allocations.h"
 #include "bindings/c/Objects.h"
 #include "fuzz/AnyCall.h"
+#include "sim/Memory.h"
 #include "sim/Wav.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
@@ -468,5 +471,49 @@ void anyCalls(Trial& random) {
 const Scenario flatCalls("flat", "", anyCalls);
 
 TEST(Flat, AnyCallsFromAnywhereAreDefined) { explore(flatCalls, 250); }
+
+#ifdef VOXDEVICE_EXPLORE  // else nothing tells whose an allocation is
+// Each call's first, second ... allocation fails.
+TEST(Flat, CallsWithoutMemoryAreDefined) {
+  failsAllocation = &sim::lacksMemory;
+  int lacked = 0;
+  for (std::uint64_t seed = 1; seed <= 60; ++seed) {
+    FlatDesk desk;
+    desk.machine.plug(sim::makeMouse("Wren", sim::Link::usb, "7&1&0&0000"));
+    std::atomic<vox_handle> handles[AnyCall::kHandles] = {desk.hub};
+    desk.open();
+    std::size_t pollers = 0;
+    auto client = desk.machine.spawn([&] {
+      std::mt19937_64 random(seed);
+      AnyCall calls([&] { return random(); }, handles);
+      for (int i = 0; i < 120; ++i) {
+        const bool creates = random() % 4 == 0;
+        const std::uint64_t fails = 1 + random() % 6;
+        int kind = -1;
+        bool defined = true;
+        sim::failAllocation(fails);
+        {
+          const sim::LibraryCode library;
+          creates ? void(kind = calls.create()) : void(defined = calls.call(VOX_ERROR_SYSTEM));
+        }
+        lacked += sim::allocations() >= fails;
+        sim::failAllocation(0);
+        EXPECT_TRUE(defined);
+        if (kind == VOX_FORMER_MOUSE || kind == VOX_FORMER_USB) ++pollers;
+        if (random() % 16 == 0) desk.machine.sleep(std::chrono::milliseconds(random() % 900));
+      }
+    });
+    client.join();
+    for (auto& handle : handles) vox_destroy(handle);
+    vox_destroy(desk.hub);
+    flat::Restart();
+    desk.leftOpen.handles = desk.machine.balance().handles;
+    EXPECT_LE(desk.leftOpen.handles, pollers);  // an event each, of those that were made at least half
+    EXPECT_EQ(desk.machine.balance().threads, 0U) << desk.machine.waiting();
+  }
+  failsAllocation = nullptr;
+  EXPECT_GT(lacked, 1000);
+}
+#endif
 
 }  // namespace
