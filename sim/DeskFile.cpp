@@ -337,13 +337,19 @@ void addReplay(DeskDescription& desk, const std::string& path, std::size_t numbe
   } catch (const std::runtime_error& error) {
     throw DeskFileError(error.what());
   }
-  if (!replay.problem.empty()) desk.warnings.push_back(path + " is not read to its end: " + replay.problem);
+  desk.captures.push_back(path);
+  if (!replay.problem.empty()) desk.warnings.push_back(path + ": " + replay.problem);
   if (number > replay.devices.size()) {
     throw DeskFileError(path + ": there is no device " + std::to_string(number) + " in this capture; it has " +
                         std::to_string(replay.devices.size()));
   }
   for (std::size_t i = 0; i < replay.devices.size(); ++i) {
-    if (number == 0 || i + 1 == number) desk.recordings.push_back(std::move(replay.devices[i]));
+    if (number != 0 && i + 1 != number) continue;
+    const auto same = [&](const Recording& other) { return other.path == replay.devices[i].path; };
+    if (std::any_of(desk.recordings.begin(), desk.recordings.end(), same)) {
+      throw DeskFileError(path + ": its device " + std::to_string(i + 1) + " is on the desk already");
+    }
+    desk.recordings.push_back(std::move(replay.devices[i]));
   }
 }
 
@@ -376,7 +382,7 @@ DeskDescription readDeskFile(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw DeskFileError(path + ": " + std::strerror(errno));
   DeskDescription desk;
-  if (isCapture(path)) {
+  if (isCapture(path) || path.ends_with(".pcapng") || path.ends_with(".pcap")) {
     addReplay(desk, path, 0);
     return desk;
   }

@@ -78,6 +78,7 @@ struct DeskDescription {
   DeskSound sound{};
   std::vector<DeskLegacy> legacy{};
   std::vector<Recording> recordings{};  // devices out of capture files
+  std::vector<std::string> captures{};  // their files
   std::vector<std::string> warnings{};  // sentences
 };
 

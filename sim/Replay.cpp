@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "sim/Text.h"
+#include "sim/devices/Mice.h"
 #include "tools/capture/Capture.h"
 
 namespace sim {
@@ -16,6 +17,7 @@ using Kind = Recording::Kind;
 
 constexpr std::uint16_t kLeastLength = 64;  // of reports whose length the file does not tell
 constexpr int kMostLength = 0xFFFF;
+constexpr std::chrono::hours kLongest{24};  // that anybody waits for
 
 std::optional<Kind> kindOf(capture::Kind kind) {
   switch (kind) {
@@ -41,6 +43,35 @@ std::uint16_t lengthOf(int told, const std::vector<Recording::Event>& events, Ki
     if (event.kind == kind) longest = std::max(longest, event.report.size());
   }
   return static_cast<std::uint16_t>(std::min<std::size_t>(longest, kMostLength));
+}
+
+// What a device calls itself, where the file does not tell its identifier.
+const ModelSheet* modelOf(const Recording& device) {
+  constexpr std::uint8_t kFirstReply = 0x9E;  // to Identify, and the model's number more
+  for (const Recording::Event& event : device.events) {
+    if (event.kind != Kind::received || event.report.size() < 6) continue;
+    if (event.report[0] == 0x1A) return findModel("Tern");
+    const std::size_t magic = event.report[1] == 0xFF ? 3 : 1;
+    if (event.report[0] != 0x05 || event.report[magic] != 0xFE || event.report[magic + 1] != 0xC0) continue;
+    for (const ModelSheet& sheet : modelSheets()) {
+      if (sheet.identifies && event.report[magic + 2] == kFirstReply + sheet.number) return &sheet;
+    }
+  }
+  return nullptr;
+}
+
+// False when nobody knows the device, and so no client will look at it.
+bool identify(Recording& device, std::size_t number) {
+  if (device.vendor != 0) return true;
+  const ModelSheet* sheet = modelOf(device);
+  if (!sheet) return false;
+  const LinkSheet& link = sheet->usb ? *sheet->usb : *sheet->bluetooth;
+  const std::string instance = "recorded" + std::to_string(number);
+  device.vendor = link.vendor;
+  device.product = link.product;
+  device.path = sheet->usb ? usbHidPath(link.vendorInPath, link.productInPath, instance)
+                           : bleHidPath(link.vendorInPath, link.productInPath, instance);
+  return true;
 }
 
 }  // namespace
@@ -80,11 +111,16 @@ Replay readReplay(const std::string& path) {
     Recording& device = replay.devices[i];
     device.inputLength = lengthOf(file.interfaces[i].inputLength, device.events, Kind::received);
     device.outputLength = lengthOf(file.interfaces[i].outputLength, device.events, Kind::sent);
-    device.length = std::chrono::microseconds(ended - began);
+    device.length = std::min<Time>(std::chrono::microseconds(ended - began), kLongest);
   }
   for (Recording& device : replay.devices) {
     std::stable_sort(device.events.begin(), device.events.end(),
                      [](const auto& a, const auto& b) { return a.at < b.at; });
+  }
+  for (std::size_t i = 0; i < replay.devices.size(); ++i) {
+    if (identify(replay.devices[i], i + 1) || replay.devices[i].events.empty()) continue;
+    replay.problem += (replay.problem.empty() ? "" : "; ") + std::string("device ") + std::to_string(i + 1) +
+                      " is of an unknown model: the capture holds neither its descriptor nor its answer to Identify";
   }
   std::erase_if(replay.devices, [](const Recording& device) { return device.events.empty(); });
   if (replay.devices.empty()) {

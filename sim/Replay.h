@@ -10,7 +10,7 @@ namespace sim {
 
 struct Replay {
   std::vector<Recording> devices;  // in the order in which the file names them
-  std::string problem;             // why the file is not read to its end; empty when it is
+  std::string problem;             // why not all of the file is of use; empty when it is
 };
 
 // Whether the file is a capture, by its first bytes.

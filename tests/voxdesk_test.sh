@@ -224,7 +224,17 @@ expect 1 --virtual-time monitor --seconds 3 --capture nowhere/case.pcapng
 err "nowhere/case.pcapng: No such file or directory"
 head -c 3000 case.pcapng >cut.pcapng
 expect 0 --virtual-time --desk cut.pcapng devices
-err "cut.pcapng is not read to its end: at "
+err "cut.pcapng: at "
+expect 1 --virtual-time --desk case.pcapng --capture case.pcapng devices
+err "case.pcapng is what is replayed; capture into another file"
+cat >refusing.json <<'JSON'
+{"devices": [{"model": "Wren", "faults": [{"command": "ota-open", "answer": "refuse", "image": "second"}]}]}
+JSON
+head -c 330 "$voxdesk" >image.bin
+expect 1 --virtual-time --desk refusing.json update --first image.bin --second image.bin --capture refused.pcapng
+out "refused by the device at opening"
+expect 1 --virtual-time --desk refused.pcapng update --first image.bin --second image.bin
+out "refused by the device at opening"
 mistake '{"devices": [{"replay": "case.pcapng", "device": 4}]}' 'there is no device 4 in this capture; it has 3'
 expect 0 --virtual-time monitor --raw --seconds 3
 out "#1  -> 05 ff f1 fe c0 0c 00 ef 00 00"

@@ -21,6 +21,8 @@ constexpr int kAppExit = 0x02;
 constexpr int kVoiceOpen = 0x03;
 constexpr int kVoiceStop = 0x04;
 constexpr int kHeartbeat = 0x05;
+constexpr int kOtaFirst = 0x07;
+constexpr int kOtaLast = 0x0B;
 constexpr int kIdentify = 0x0F;
 constexpr int kIdentifyAck = 0x11;
 
@@ -53,10 +55,12 @@ const Command kCommands[] = {
     {0x15, "SetMKeyType", {0xB3}},
 };
 
-// One that is unanswered at the recording's very end was cut off.
-constexpr milliseconds kCutOff{1000};
+// One that is unanswered at the recording's very end was cut off: younger than any usual answer is old.
+constexpr milliseconds kCutOff{50};
 // A host looks for devices once a second: what it opened then was plugged in a while before.
 constexpr milliseconds kFoundAfter{500};
+
+bool isOfUpdate(int code) { return code >= kOtaFirst && code <= kOtaLast; }
 
 bool isSpeech(std::span<const std::uint8_t> report) {
   return report.size() > 1 && (report[0] == 0x1A || report[0] == 0x1B || (report[0] == kReportId && report[1] == 0xAD));
@@ -79,9 +83,9 @@ RecordedDevice::RecordedDevice(Recording recording)
 void RecordedDevice::start(Machine& machine, const std::shared_ptr<RecordedDevice>& device) {
   const auto& events = device->recording_.events;
   const Time found = events.empty() ? Time{0} : events.front().at;
-  // What is found by the host's second look has been there from the beginning.
-  if (found < milliseconds(2500)) return machine.plug(device);
-  machine.after(found - kFoundAfter, [&machine, device] { machine.hid().plug(device); });
+  // A recording begins with the host's first look, about a second after the host does.
+  if (found < kFoundAfter) return machine.plug(device);
+  machine.after(found + kFoundAfter, [&machine, device] { machine.hid().plug(device); });
 }
 
 RecordingUse RecordedDevice::use(Machine& machine) const {
@@ -114,22 +118,26 @@ void RecordedDevice::learn() {
   bool first = true;
   Answer* gone = nullptr;  // until it is back
   Time goneAt{0};
+  const auto begin = [&](Time at) {
+    if (gone) {
+      gone->back = std::max<Time>(at - goneAt - kFoundAfter, milliseconds(50));
+      script_[{0, kOpening}].emplace_back();
+    }
+    common_ = {0, kOpening};
+    lastOf_[common_] = at;
+    first = false;
+    gone = nullptr;
+  };
   for (const Recording::Event& event : recording_.events) {
+    // A bus does not tell of openings.
+    if (gone && (event.kind == Recording::Kind::sent || event.kind == Recording::Kind::received)) begin(event.at);
     switch (event.kind) {
       case Recording::Kind::refused:
         refusals_.push_back(true);
         break;
       case Recording::Kind::opened:
         refusals_.push_back(false);
-        if (!first && !gone) break;
-        if (gone) {
-          gone->back = std::max<Time>(event.at - goneAt - kFoundAfter, milliseconds(50));
-          script_[{0, kOpening}].emplace_back();
-        }
-        common_ = {0, kOpening};
-        lastOf_[common_] = event.at;
-        first = false;
-        gone = nullptr;
+        if (first || gone) begin(event.at);
         break;
       case Recording::Kind::gone:
         if (gone) break;
@@ -140,7 +148,7 @@ void RecordedDevice::learn() {
         if (const auto key = keyOf(event.report)) {
           script_[*key].emplace_back();
           lastOf_[*key] = event.at;
-          if (*key == announcement() || key->code == kVoiceOpen) common_ = *key;
+          if (*key == announcement() || key->code == kVoiceOpen || isOfUpdate(key->code)) common_ = *key;
         }
         break;
       case Recording::Kind::received:
@@ -190,7 +198,9 @@ RecordedDevice::Answer& RecordedDevice::add(const Key& key, Answer answer) {
 
 void RecordedDevice::forgetCutOff() {
   for (auto& [key, occurrences] : script_) {
-    if (occurrences.size() > 1 && occurrences.back().empty() && recording_.length - lastOf_[key] < kCutOff) {
+    // (The end of an update is never answered.)
+    if (occurrences.size() > 1 && occurrences.back().empty() && recording_.length - lastOf_[key] < kCutOff &&
+        !isOfUpdate(key.code)) {
       occurrences.pop_back();
     }
   }

@@ -44,7 +44,7 @@ struct RecordingUse {
 // The n-th time that the host sends a command (of a code, to the device or to its receiver), the device sends what it
 // sent for the n-th one then, after the same time: the replies that belong to the command, and for VoiceOpen the
 // speech, which VoiceStop ends. What nobody has asked for (keys, battery) comes in the same time after the moment that
-// both sides had in common last: the opening, AppOpen (the device was announced), VoiceOpen.
+// both sides had in common last: the opening, AppOpen (the device was announced), VoiceOpen, a step of an update.
 class RecordedDevice final : public HidDevice {
  public:
   explicit RecordedDevice(Recording recording);

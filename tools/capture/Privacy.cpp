@@ -25,7 +25,7 @@ std::size_t speechAt(std::span<const std::uint8_t> report) {
   return report.size();
 }
 
-// The payload of a frame with this code, as far as it is there, whatever its end looks like.
+// The payload of a frame with this code; of a damaged one, all that follows its head.
 std::span<std::uint8_t> payloadOf(std::span<std::uint8_t> report, std::uint8_t code) {
   for (const std::size_t magic : {1U, 3U}) {
     if (report.size() < magic + 4 || report[0] != kCommandReportId || report[magic] != 0xFE ||
@@ -33,7 +33,8 @@ std::span<std::uint8_t> payloadOf(std::span<std::uint8_t> report, std::uint8_t c
       continue;
     }
     const auto rest = report.subspan(magic + 4);
-    return rest.first(std::min<std::size_t>(rest.size(), report[magic + 3]));
+    const std::size_t length = report[magic + 3];
+    return length < rest.size() && rest[length] == 0xEF ? rest.first(length) : rest;
   }
   return {};
 }
@@ -56,7 +57,8 @@ void Privacy::clean(std::span<std::uint8_t> report) {
             std::uint8_t{0});
   const auto serial = payloadOf(report, MouseSNReply);
   if (!serial.empty()) {
-    const std::string invented = invent(std::string(serial.begin(), serial.end()), kSerial);
+    const auto digits = serial.first(std::min(serial.size(), kSerial));
+    const std::string invented = invent(std::string(digits.begin(), digits.end()), kSerial);
     std::copy_n(invented.begin(), std::min(serial.size(), kSerial), serial.begin());
   }
   for (const auto& [code, at] : {std::pair{MouseStateReply, kAddressAt}, {DongleStateReply, kReceiverAt}}) {

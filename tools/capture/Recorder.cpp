@@ -14,7 +14,8 @@ namespace capture {
 namespace {
 
 constexpr std::size_t kQueueBytes = 4 * 1024 * 1024;
-constexpr std::chrono::seconds kPatience{1};
+// Twice this at most, and less than the time after which a callback is ended by force.
+constexpr std::chrono::milliseconds kPatience{400};
 constexpr std::uint32_t kClient = 0;  // the interface that stands for what the client was told
 constexpr std::uint16_t kFormerVendor = 0x0D8C;
 constexpr std::uint16_t kFormerProducts[] = {0x0132, 0x0135};
@@ -97,11 +98,17 @@ std::string nameOf(const std::filesystem::path& path) {
   return {name.begin(), name.end()};
 }
 
+std::int64_t sinceEpoch() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
 RecorderOptions withClock(RecorderOptions options) {
   if (!options.now) {
-    options.now = [] {
-      const auto now = std::chrono::system_clock::now().time_since_epoch();
-      return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    // Nobody sets this clock back.
+    options.now = [began = sinceEpoch(), at = std::chrono::steady_clock::now()] {
+      const auto passed = std::chrono::steady_clock::now() - at;
+      return began + std::chrono::duration_cast<std::chrono::microseconds>(passed).count();
     };
   }
   return options;
@@ -110,7 +117,7 @@ RecorderOptions withClock(RecorderOptions options) {
 }  // namespace
 
 Recorder::Recorder(const std::filesystem::path& path, RecorderOptions options)
-    : path_(path), options_(withClock(std::move(options))), began_(options_.now()) {
+    : path_(path), options_(withClock(std::move(options))), began_(sinceEpoch()) {
   openPart();
   if (!problem_.empty()) throw std::runtime_error(problem_);
   write({interfaceDescription(kLinkExportedPdu, "client", "what the client was told"), true});

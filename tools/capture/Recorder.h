@@ -26,8 +26,8 @@ struct RecorderOptions {
   std::function<std::int64_t()> now{};
 };
 
-// What is observed waits in memory for a thread that writes it, so that no device waits for a disk; a full memory waits
-// for the disk a second, and then events are dropped, which the file says.
+// What is observed waits in memory for a thread that writes it, so that no device waits for a disk; where that is
+// full, a moment for the disk, and then events are dropped, which the file says.
 class Recorder {
  public:
   // Throws std::runtime_error, with a sentence, when the file cannot be made.
@@ -64,7 +64,7 @@ class Recorder {
 
   const std::filesystem::path path_;
   const RecorderOptions options_;
-  const std::int64_t began_;
+  const std::int64_t began_;  // by the system's clock: no other recording has the same
 
   mutable std::mutex mutex_;
   std::condition_variable filled_;

@@ -127,9 +127,8 @@ class Teller {
 
   void told(const Event& event, Time time) {
     ++story_.counts.told;
-    if (event.name == "dropped") {
-      const std::string count =
-          event.values.empty() ? "events" : plural(static_cast<std::size_t>(event.values[0]), "event");
+    if (event.name == "dropped" && !event.values.empty() && event.values[0] > 0) {
+      const std::string count = plural(static_cast<std::size_t>(event.values[0]), "event");
       story_.unusual.push_back({.time = time, .until = time, .kind = "dropped", .words = count + " not recorded"});
     }
     if (event.name == "audio" || event.name == "ota") return;

@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr double kAnswerSeconds = 1;            // devices answer within some ms
+constexpr double kAnswerSeconds = 1;  // devices answer within some ms
+constexpr double kGoneSeconds = 10;
 constexpr double kMKeySeconds = 2.5;            // the library's own bound
 constexpr std::size_t kBlocksEnd = 65536 * 16;  // what a 16-bit index of 16-byte blocks reaches
 
@@ -24,6 +25,11 @@ struct DeviceSession : Session {
     chosen = choose(options.device);
   }
   CAudioHidCenter& hub() { return client->hub(); }
+  bool isThere() {
+    const auto known = client->devices();
+    return std::any_of(known.begin(), known.end(),
+                       [&](const DeviceView& view) { return view.number == chosen.number; });
+  }
   // The answer to a command: an event of this name from the chosen device. Shown when it comes.
   ClientEvent answer(const std::string& name, double seconds = kAnswerSeconds) {
     const auto event = waitFor(seconds, [&](const ClientEvent& candidate) {
@@ -155,7 +161,13 @@ void updateFirmware(const Options& options) {
   UpdateView view(session, images);
   const double begin = session.desk->seconds();
   session.hub().StartOTA(session.chosen.number, type, options.first, options.second);
-  const bool over = session.waitFor(HUGE_VAL, [&](const ClientEvent& event) { return view.take(event); }).has_value();
+  // A device that goes is told of within 3.1 s; one that went before its update began is not.
+  double patience = kGoneSeconds;
+  bool over = false;
+  while (!over && !interrupted() && patience > 0) {
+    over = session.waitFor(1, [&](const ClientEvent& event) { return view.take(event); }).has_value();
+    if (!session.isThere()) patience -= 1;
+  }
 
   bool failed = false;
   for (const Image& image : images) {
@@ -170,6 +182,7 @@ void updateFirmware(const Options& options) {
   }
   session.terminal.say(fixed("The update took %.1f s.", session.desk->seconds() - begin));
   session.finish();
+  if (patience <= 0) throw Failure("the device went away before its update began; plug it in and try again");
   if (!over) throw Failure("interrupted: the device was left in the middle of its update; update it again");
   if (view.lost()) throw Failure("the device went away during the update; plug it in and update it again");
   if (failed) throw Failure("the update did not succeed");

@@ -57,5 +57,7 @@ void report(const Options& options) {
   } else if (options.text || told.empty()) {
     told += capture::textOf(story, file);
   }
-  std::fwrite(told.data(), 1, told.size(), stdout);
+  if (std::fwrite(told.data(), 1, told.size(), stdout) != told.size() || std::fflush(stdout) != 0) {
+    throw Failure(std::string("standard output: ") + std::strerror(errno));
+  }
 }

@@ -28,9 +28,14 @@ Session::Session(const Options& options, bool busy)
   // A double click of the voice key opens the navigation.
   CPreferences::Instance()->SetVoiceClickTimes(2);
   client = std::make_unique<Client>([this] { return desk->seconds(); });
-  startCapture(options);
-  desk->setUp();
-  client->start();
+  try {
+    startCapture(options);
+    desk->setUp();
+    client->start();
+  } catch (...) {
+    stop();
+    throw;
+  }
 }
 
 Session::~Session() {

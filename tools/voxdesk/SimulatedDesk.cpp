@@ -24,8 +24,12 @@ SimulatedDesk::SimulatedDesk(sim::DeskDescription description, bool virtualTime)
     : machine_(machineOptions(virtualTime)), desk_(machine_, std::move(description)) {}
 
 std::size_t SimulatedDesk::legacyHids() {
-  return static_cast<std::size_t>(std::count_if(desk_.legacy().begin(), desk_.legacy().end(),
-                                                [](const auto& device) { return device->hid() && device->plugged(); }));
+  const auto ours = std::count_if(desk_.legacy().begin(), desk_.legacy().end(),
+                                  [](const auto& device) { return device->hid() && device->plugged(); });
+  const auto recorded = std::count_if(desk_.recorded().begin(), desk_.recorded().end(), [](const auto& device) {
+    return device->vendor == 0x0D8C && (device->product == 0x0132 || device->product == 0x0135) && device->plugged();
+  });
+  return static_cast<std::size_t>(ours + recorded);
 }
 
 std::vector<SoundSource> SimulatedDesk::microphones() {
@@ -62,7 +66,8 @@ std::optional<std::size_t> SimulatedDesk::expectedDevices() const {
 
 std::string SimulatedDesk::greeting() const {
   if (!desk_.recorded().empty()) {
-    return "A desk with " + std::to_string(desk_.recorded().size()) + " recorded devices; looking for them ...";
+    return "A desk with " + std::to_string(desk_.devices().size() + desk_.recorded().size()) + " devices, " +
+           std::to_string(desk_.recorded().size()) + " of them recorded; looking for them ...";
   }
   if (wren() == desk_.devices().size()) {
     throw Failure("the desk has no Wren, whose voice key would be held; 'voxdesk record' records any device");
@@ -168,6 +173,13 @@ std::unique_ptr<Desk> makeDesk(const Options& options, bool busy) {
   const bool named = !options.deskFile.empty() && options.deskFile != "default";
   sim::DeskDescription description =
       named ? sim::readDeskFile(options.deskFile) : sim::defaultDesk(readSpeech(sentencePath()), busy);
+  for (const std::string& source : description.captures) {
+    std::error_code error;
+    if (!options.capture.empty() &&
+        std::filesystem::equivalent(sim::pathOf(options.capture), sim::pathOf(source), error)) {
+      throw Failure(options.capture + " is what is replayed; capture into another file");
+    }
+  }
   for (const std::string& warning : description.warnings) std::fprintf(stderr, "voxdesk: %s\n", warning.c_str());
   if (!options.speech.empty()) {
     // Whichever the client numbers N: they all hear it, and one is recorded.

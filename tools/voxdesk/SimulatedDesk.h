@@ -16,7 +16,9 @@ class SimulatedDesk final : public Desk {
   void run(std::chrono::milliseconds time) override;
   std::string greeting() const override;
   std::optional<std::size_t> expectedDevices() const override;
-  std::string voiceKeyOwner() const override { return desk_.recorded().empty() ? "Wren" : ""; }
+  std::string voiceKeyOwner() const override {
+    return desk_.recorded().empty() || wren() < desk_.devices().size() ? "Wren" : "";
+  }
   void holdVoiceKey(bool down) override;
   // That of the Wren, or of the first device; with recorded devices, as long as they have something to replay.
   std::optional<double> speechSeconds() const override;

@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   if (const auto code = runOther(argc, argv)) return *code;
   Options options;
   CLI::App app(kAbout, "voxdesk");
+  app.allow_windows_style_options(false);  // a path may begin with a slash
   app.set_version_flag("--version", "voxdesk " VOXDEVICE_VERSION);
   app.footer(
       "Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage.\n"
@@ -41,9 +42,11 @@ int main(int argc, char** argv) {
                  kSimulated ? "How long to record; default: as long as the speech" : "The longest recording")
       ->check(CLI::Range(0.001, 86'400.0))
       ->type_name("S");
-  auto* capture = app.add_option("--capture", options.capture,
-                                 "Record everything that passes between the library and the devices, as it happens")
-                      ->type_name("FILE.pcapng");
+  auto* capture =
+      app.add_option("--capture", options.capture,
+                     "Record everything that passes between the library and the devices, as it happens")
+          ->type_name("FILE.pcapng")
+          ->check([](const std::string& name) { return std::string(name.empty() ? "a file's name is missing" : ""); });
   app.add_flag("--no-speech", options.noSpeech,
                "... with speech as zeros, and serial numbers and addresses invented, to hand it on")
       ->needs(capture);
