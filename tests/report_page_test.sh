@@ -17,7 +17,7 @@ fail() {
 }
 # load NAME: the page as the browser has built it goes to NAME.dom.
 load() {
-  HOME=$dir timeout 120 "$browser" --headless --no-sandbox --disable-gpu --user-data-dir="$dir/profile" \
+  HOME=$dir timeout 120 "$browser" --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --user-data-dir="$dir/profile" \
     --enable-logging=stderr --virtual-time-budget=10000 --dump-dom "file://$dir/$1.html" >"$1.dom" 2>"$1.log" ||
     fail "the browser ended with exit code $?: $(tail -3 "$1.log")"
   ! grep -E 'CONSOLE|Refused to' "$1.log" || fail "$1: a message on the console"
