@@ -17,7 +17,8 @@ using Kind = Recording::Kind;
 
 constexpr std::uint16_t kLeastLength = 64;  // of reports whose length the file does not tell
 constexpr int kMostLength = 0xFFFF;
-constexpr std::chrono::hours kLongest{24};  // that anybody waits for
+constexpr std::chrono::hours kLongest{24};            // that anybody waits for
+constexpr std::chrono::hours kLatest{24 * 365 * 10};  // what adds up to more is no time
 
 std::optional<Kind> kindOf(capture::Kind kind) {
   switch (kind) {
@@ -104,7 +105,7 @@ Replay readReplay(const std::string& path) {
   for (const capture::Event& event : file.events) {
     const auto kind = kindOf(event.kind);
     if (!kind || event.hid < 0) continue;
-    const std::chrono::microseconds at(event.time - began);
+    const auto at = std::min<Time>(std::chrono::microseconds(event.time - began), kLatest);
     replay.devices[static_cast<std::size_t>(event.hid)].events.push_back({at, *kind, event.report});
   }
   for (std::size_t i = 0; i < replay.devices.size(); ++i) {

@@ -467,6 +467,21 @@ TEST(Recorder, KeepsToItselfWhatIsPrivate) {
   }
 }
 
+// The same bytes as a serial number and as an address: neither is longer for the other.
+TEST(Recorder, InventsWhatFits) {
+  capture::Privacy privacy;
+  std::vector<std::uint8_t> serial{5, 0xFE, 0xC0, 0xB1, 6, 1, 2, 3, 4, 5, 6, 0xEF};
+  std::vector<std::uint8_t> state{5, 0xFE, 0xC0, 0x9C, 11, 0, 1, 6, 64, 80, 1, 2, 3, 4, 5, 6, 0xEF};
+  privacy.clean(serial);
+  privacy.clean(state);
+  EXPECT_EQ(hex(serial), "05fec0b106303030303030ef");
+  EXPECT_EQ(hex(state), "05fec09c0b0001064050000000000002ef");
+  // A damaged length hides nothing.
+  std::vector<std::uint8_t> damaged{5, 0xFE, 0xC0, 0x9C, 8, 0, 1, 6, 64, 80, 1, 2, 3, 4, 5, 6, 0xEF};
+  privacy.clean(damaged);
+  EXPECT_EQ(hex(damaged), "05fec09c080001064050000000000002ef");
+}
+
 TEST(Recorder, SaysWhatIsWrongWithTheFile) {
   const Folder folder;
   Desk desk;

@@ -107,7 +107,7 @@ std::string RecordedDevice::nameOf(const Key& key) {
 std::optional<RecordedDevice::Key> RecordedDevice::keyOf(std::span<const std::uint8_t> report) {
   if (report.size() < 6 || report[0] != kReportId) return std::nullopt;
   const std::size_t at = report[1] == kPrefix ? 3 : 1;
-  if (report[at] != 0xFE || report[at + 1] != 0xC0 || report.size() < at + 3) return std::nullopt;
+  if (report[at] != 0xFE || report[at + 1] != 0xC0) return std::nullopt;
   return Key{at == 3 && report[2] == kPrefixReceiver ? kPrefixReceiver : kPrefixDevice, report[at + 2]};
 }
 

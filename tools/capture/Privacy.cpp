@@ -12,6 +12,7 @@ constexpr std::uint8_t kTernAudio = 0x1A;
 constexpr std::uint8_t kWrenAudio = 0x1B;
 constexpr std::uint8_t kAudioMark = 0xAD;
 constexpr std::uint8_t kPrefix = 0xFF;
+constexpr std::uint8_t kPrefixDevice = 0xF1;
 constexpr std::size_t kSerial = 18;
 constexpr std::size_t kAddress = 6;
 constexpr std::size_t kAddressAt = 5;   // in a mouse's state
@@ -20,7 +21,7 @@ constexpr std::size_t kReceiverAt = 3;  // of a receiver's six bytes, in its sta
 // Where a report's codec data begins; nothing for one without.
 std::size_t speechAt(std::span<const std::uint8_t> report) {
   if (report.size() < 4) return report.size();
-  if (report[0] == kTernAudio) return report[1] == kPrefix ? 3 : 1;
+  if (report[0] == kTernAudio) return report[1] == kPrefix && report[2] == kPrefixDevice ? 3 : 1;
   if (report[0] == kWrenAudio || (report[0] == kCommandReportId && report[1] == kAudioMark)) return 2;
   return report.size();
 }
@@ -47,7 +48,7 @@ std::string digits(std::size_t number, std::size_t length) {
 }  // namespace
 
 std::string Privacy::invent(const std::string& true_, std::size_t length) {
-  const auto [found, isNew] = invented_.try_emplace(true_);
+  const auto [found, isNew] = invented_.try_emplace({length, true_});
   if (isNew) found->second = digits(invented_.size(), length);
   return found->second;
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <span>
 #include <string>
+#include <utility>
 
 namespace capture {
 
@@ -16,9 +17,10 @@ class Privacy {
   std::string cleanPath(const std::string& path);
 
  private:
+  // `length` characters, whatever else the same bytes have been: each length has its own.
   std::string invent(const std::string& true_, std::size_t length);
 
-  std::map<std::string, std::string> invented_;
+  std::map<std::pair<std::size_t, std::string>, std::string> invented_;
 };
 
 }  // namespace capture

@@ -149,7 +149,7 @@ void Recorder::add(const VoxObservation& observation) {
   if (dropped_ > 0) {
     const std::string gap = "device=-1 event=dropped values=" + std::to_string(dropped_);
     if (!enqueue(lock, {enhancedPacket(kClient, time, exportedPdu(PduDirection::none, {}), gap)})) {
-      ++dropped_;
+      drop();
       return;
     }
     dropped_ = 0;
@@ -157,8 +157,13 @@ void Recorder::add(const VoxObservation& observation) {
   if (enqueue(lock, {enhancedPacket(interfaceNumber, time, exportedPdu(direction, report), text)})) {
     ++events_;
   } else {
-    ++dropped_;
+    drop();
   }
+}
+
+void Recorder::drop() {
+  ++dropped_;
+  ++lost_;
 }
 
 std::uint32_t Recorder::interfaceOf(const VoxObservation& observation) {
@@ -260,8 +265,8 @@ std::string Recorder::summary() const {
 
 std::string Recorder::problem() const {
   const std::lock_guard lock(mutex_);
-  if (!problem_.empty() || dropped_ == 0) return problem_;
-  return nameOf(path_) + ": the disk was too slow for the last " + std::to_string(dropped_) + " events";
+  if (!problem_.empty() || lost_ == 0) return problem_;
+  return nameOf(path_) + ": the disk was too slow for " + std::to_string(lost_) + " events";
 }
 
 }  // namespace capture

@@ -55,6 +55,7 @@ class Recorder {
   void add(const VoxObservation& observation);
   // False when it was dropped.
   bool enqueue(std::unique_lock<std::mutex>& lock, Block block);
+  void drop();
   std::uint32_t interfaceOf(const VoxObservation& observation);
   void writeLoop();
   void write(Block block);
@@ -71,7 +72,8 @@ class Recorder {
   std::condition_variable emptied_;
   std::vector<Block> queue_;
   std::size_t queuedBytes_ = 0;
-  std::uint64_t dropped_ = 0;
+  std::uint64_t dropped_ = 0;  // and the file does not say so yet
+  std::uint64_t lost_ = 0;     // all that were dropped
   std::uint64_t events_ = 0;
   bool ending_ = false;
   Privacy privacy_;
