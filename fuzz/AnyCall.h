@@ -45,16 +45,17 @@ class AnyCall {
       &vox_destroy, &vox_on_event, &vox_on_text, &vox_on_observation, &vox_next_event, &vox_next_text,
       &vox_record_start, &vox_record_stop, &vox_on_audio, &vox_read, &vox_hub_open, &vox_hub_stop, &vox_hub_close,
       &vox_hub_threads_closed, &vox_hub_is_connected, &vox_hub_newest, &vox_hub_devices, &vox_hub_model, &vox_hub_link,
-      &vox_model_name, &vox_hub_choose, &vox_hub_choose_by_microphone, &vox_hub_work_is_wren, &vox_hub_ask_mouse_state,
-      &vox_hub_ask_dongle_state, &vox_hub_set_dpi, &vox_hub_set_url, &vox_hub_ask_mkeys, &vox_hub_mkey,
-      &vox_hub_mkey_list, &vox_hub_set_mkey, &vox_hub_update, &vox_hub_button, &vox_hub_left_pressed,
-      &vox_hub_right_short_press, &vox_hub_click_mode, &vox_hid_path, &vox_parse_hid_path, &vox_set, &vox_get,
-      &vox_get_text, &vox_set_text, &vox_click_key, &vox_click_mode, &vox_click_clear, &vox_former_init,
-      &vox_former_start, &vox_former_stop, &vox_former_close, &vox_former_release, &vox_former_threads_closed,
-      &vox_former_is_checking, &vox_former_recheck, &vox_former_hardware, &vox_former_sound_index, &vox_former_revision,
-      &vox_former_button, &vox_former_left_pressed, &vox_former_click_mode, &vox_former_imitate, &vox_pen_button,
-      &vox_pen_imitate, &vox_keys_down, &vox_switch_start, &vox_switch_pause, &vox_switch_stop, &vox_switch_release,
-      &vox_microphone_choice, &vox_microphone_pen_meeting, &vox_sound_card_check);
+      &vox_hub_harden, &vox_hub_speech, &vox_model_name, &vox_hub_choose, &vox_hub_choose_by_microphone,
+      &vox_hub_work_is_wren, &vox_hub_ask_mouse_state, &vox_hub_ask_dongle_state, &vox_hub_set_dpi, &vox_hub_set_url,
+      &vox_hub_ask_mkeys, &vox_hub_mkey, &vox_hub_mkey_list, &vox_hub_set_mkey, &vox_hub_update, &vox_hub_button,
+      &vox_hub_left_pressed, &vox_hub_right_short_press, &vox_hub_click_mode, &vox_hid_path, &vox_parse_hid_path,
+      &vox_set, &vox_get, &vox_get_text, &vox_set_text, &vox_click_key, &vox_click_mode, &vox_click_clear,
+      &vox_former_init, &vox_former_start, &vox_former_stop, &vox_former_close, &vox_former_release,
+      &vox_former_threads_closed, &vox_former_is_checking, &vox_former_recheck, &vox_former_hardware,
+      &vox_former_sound_index, &vox_former_revision, &vox_former_button, &vox_former_left_pressed,
+      &vox_former_click_mode, &vox_former_imitate, &vox_pen_button, &vox_pen_imitate, &vox_keys_down, &vox_switch_start,
+      &vox_switch_pause, &vox_switch_stop, &vox_switch_release, &vox_microphone_choice, &vox_microphone_pen_meeting,
+      &vox_sound_card_check);
 
   template <std::size_t... Index>
   vox_result one(std::uint64_t which, std::index_sequence<Index...>) {

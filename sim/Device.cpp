@@ -44,6 +44,10 @@ void HidDevice::loseHandles() {
   }
 }
 
+void HidDevice::loseWrites() {
+  for (HidOpen* handle : std::exchange(handles_, {})) handle->writesFail = true;
+}
+
 HidOpen::HidOpen(std::shared_ptr<HidDevice> opened, DWORD wanted, DWORD shared)
     : device(std::move(opened)), access(wanted), shareMode(shared) {
   device->handles_.push_back(this);

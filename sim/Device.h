@@ -51,6 +51,8 @@ class HidDevice : public std::enable_shared_from_this<HidDevice> {
   // With the machine's lock held. As after a resume: the handles that are open are dead (ERROR_DEVICE_NOT_CONNECTED),
   // while the interface is still there and can be opened anew.
   void loseHandles();
+  // The same, but a read of theirs waits for ever: only writes tell.
+  void loseWrites();
 
   HidFaults faults;
   std::uint16_t inputLength;
@@ -94,6 +96,7 @@ class HidOpen final : public Object {
   const DWORD shareMode;
   std::deque<Bytes> reports;
   std::size_t reportsKept = 32;  // the driver's default
+  bool writesFail = false;       // and nothing comes
   bool gone = false;             // pulled out, dead, or closed while somebody reads
   int reads = 0;                 // in progress: the real system would keep whoever closes the handle waiting for them
 };

@@ -129,6 +129,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
     if (by == Kernel::kCancelled) return call.failed(ERROR_OPERATION_ABORTED, FALSE);
   }
   if (open->gone) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
+  if (open->writesFail) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
   if (faults.failWrites) return call.failed(ERROR_GEN_FAILURE, FALSE);
   if (bytesToWrite != open->device->outputLength) return call.failed(ERROR_INVALID_USER_BUFFER, FALSE);
   const std::span report(static_cast<const std::uint8_t*>(buffer), bytesToWrite);

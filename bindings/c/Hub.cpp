@@ -51,6 +51,10 @@ class Hub final : public Source {
         AsCallback(+[](int device, int level, void*) { Tell(VOX_EVENT_POWER, device, {level}); }), context);
     center.SetCallback_DownloadUrl(AsCallback(+[](int device, bool ok, void*) { Tell(VOX_EVENT_URL, device, {ok}); }),
                                    context);
+    center.SetCallback_SpeechLost(AsCallback(+[](int device, int missing, int late, void*) {
+                                    Tell(VOX_EVENT_SPEECH_LOST, device, {missing, late});
+                                  }),
+                                  context);
     center.SetCallback_FwOtaResult(AsCallback(+[](int device, DataChannel link, FwUpdateState state, void*) {
                                      Tell(VOX_EVENT_UPDATE, device, {link, state});
                                    }),
@@ -193,6 +197,24 @@ vox_result VOX_CALL vox_hub_link(vox_handle hub, int32_t device) {
   return With<Hub>(hub, [&](Hub& it) -> vox_result {
     const DataChannel link = it.center.GetDeviceConnectMode(device);
     return link == DataChannel_Unknown ? static_cast<vox_result>(VOX_ERROR_NO_DEVICE) : link;
+  });
+}
+
+vox_result VOX_CALL vox_hub_harden(vox_handle hub, uint32_t what) {
+  if (what > VOX_HARDENING_ALL) return VOX_ERROR_ARGUMENT;
+  return With<Hub>(hub, [&](Hub& it) -> vox_result {
+    it.center.SetHardening(what);
+    return VOX_OK;
+  });
+}
+
+vox_result VOX_CALL vox_hub_speech(vox_handle hub, int32_t device, vox_speech* speech) {
+  if (!speech || speech->size < sizeof *speech) return VOX_ERROR_ARGUMENT;
+  return With<Hub>(hub, [&](Hub& it) -> vox_result {
+    VoxSpeechCounts counts{};
+    if (!it.center.GetSpeechCounts(device, counts)) return VOX_ERROR_NO_DEVICE;
+    *speech = {speech->size, counts.reports, counts.late, counts.missing, counts.unasked};
+    return VOX_OK;
   });
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "VoxDevice/Api.h"
+#include "VoxDevice/Hardening.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
 
@@ -62,6 +63,9 @@ class VOXDEVICE_API CAudioHidCenter {
   // level: 0 to 255 as the device sent it.
   using PowerReportCallback = void (*)(int device, int level, void* context);
   using DownloadUrlCallback = void (*)(int device, bool ok, void* context);
+  // Speech has been lost: so many reports are missing since the last call, so many were late. About a second
+  // afterwards, on the device's read thread.
+  using SpeechLostCallback = void (*)(int device, int missing, int late, void* context);
   using FwOtaResultCallbackFn = void (*)(int device, DataChannel link, FwUpdateState state, void* context);
 
   // Takes the double-click preferences, once.
@@ -95,6 +99,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // every device. On a thread of the hub's own (in a callback) it leaves that one thread to end after the callback,
   // which then closes what it uses.
   void Release();
+  // what: of VoxHardening, added up; none at first. Holds for devices that are opened from then on.
+  void SetHardening(unsigned what);
   // Deliberately the shipped rule: true when discovery has ended and some reader thread still runs.
   bool ThreadIsClosed();
 
@@ -115,6 +121,8 @@ class VOXDEVICE_API CAudioHidCenter {
   // gone, or else a new one at the end.
   void GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names);
   static std::wstring GetHidName(MouseType model);
+  // False, with `counts` untouched, when no live device has this number.
+  bool GetSpeechCounts(int device, VoxSpeechCounts& counts);
   // Whether a sound-recording device, by its display name, belongs to a live device; makes that the work device (or
   // none). Deliberately there is no test for a Heron Plus: its name finds a Heron.
   bool RecordDeviceIsHidDevice(std::wstring recordingDeviceName);
@@ -192,6 +200,7 @@ class VOXDEVICE_API CAudioHidCenter {
   void SetCallback_DongleState(void* function, void* context);
   void SetCallback_PowerReport(void* function, void* context);
   void SetCallback_DownloadUrl(void* function, void* context);
+  void SetCallback_SpeechLost(void* function, void* context);
   // Register it before StartOTA, or the results are lost.
   void SetCallback_FwOtaResult(void* function, void* context);
 

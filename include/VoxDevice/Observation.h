@@ -39,8 +39,8 @@ struct VoxObservation {
   // Told: which call of the client's, with its numbers in the order of its arguments, but for the device's. Messages:
   // "log" and "debuglog" (category), "tray" (VoxTrayParams), "connect", "disconnect", "mkey" (key), "ota" (done,
   // total), "window" (UserWorkType), "menu" and "postmenu" (MainMenuType). Callbacks: "audio" (bytes), "mouseconnect",
-  // "voice", "dpi", "mousestate", "donglestate", "power", "url", "update", and "button", which the flat interface
-  // alone has.
+  // "voice", "dpi", "mousestate", "donglestate", "power", "url", "update", "speechlost", and "button", which the
+  // flat interface alone has.
   const char* name;
   const wchar_t* text;  // of a message with a text; else null
   const int* values;

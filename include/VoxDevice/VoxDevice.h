@@ -3,6 +3,7 @@
 
 #include "VoxDevice/AudioHidCenter.h"
 #include "VoxDevice/FormerMouse.h"
+#include "VoxDevice/Hardening.h"
 #include "VoxDevice/KzCheckDoubleClick.h"
 #include "VoxDevice/Observation.h"
 #include "VoxDevice/SoftModeSwitch.h"

@@ -100,7 +100,8 @@ enum {
   VOX_EVENT_MAIN_WINDOW = 14,     /* -1, {work}: 2 the working mode has changed */
   VOX_EVENT_AUDIO_END = 15,       /* -1, {handle}: vox_record_stop has ended a recording that had begun */
   VOX_EVENT_BUTTON = 16,          /* device, {button, what}: see below; of hubs */
-  VOX_EVENT_LOST = 17             /* -1, {what, count, handle}: 1 events, 2 texts, 3 samples of the handle were lost */
+  VOX_EVENT_LOST = 17,            /* -1, {what, count, handle}: 1 events, 2 texts, 3 samples of the handle were lost */
+  VOX_EVENT_SPEECH_LOST = 18      /* device, {missing, late}: reports of speech; see vox_hub_speech */
 };
 /* Buttons, and what happens to them. */
 enum { VOX_BUTTON_LEFT = 0, VOX_BUTTON_RIGHT = 1, VOX_BUTTON_KEY1 = 2, VOX_BUTTON_KEY2 = 3 };
@@ -192,6 +193,14 @@ VOX_API vox_result VOX_CALL vox_hub_create(void); /* a handle */
 /* Starts to look for devices; the first are there about a second later, and told of (VOX_EVENT_CONNECT) a second after
  * that. Silent where the system has no thread for it. */
 VOX_API vox_result VOX_CALL vox_hub_open(vox_handle hub);
+/* What goes beyond the shipped rules, added up; none at first. Holds for devices that are opened from then on. */
+enum {
+  VOX_HARDENING_LONG_QUEUE = 1,   /* the system keeps 512 reports of a busy program, not 32 */
+  VOX_HARDENING_DEAD_HANDLES = 2, /* a device that has not taken ten heartbeats in a row is opened anew */
+  VOX_HARDENING_STALE_SPEECH = 4, /* speech while the voice channel is closed is left out, and stopped once */
+  VOX_HARDENING_ALL = 7
+};
+VOX_API vox_result VOX_CALL vox_hub_harden(vox_handle hub, uint32_t what);
 /* Ends discovery and every device's threads: no device is live any more, and none is told to have gone. They stay open,
  * and are not found again, until vox_hub_close. At most 2 s. */
 VOX_API vox_result VOX_CALL vox_hub_stop(vox_handle hub);
@@ -206,6 +215,15 @@ VOX_API vox_result VOX_CALL vox_hub_devices(vox_handle hub, int32_t* numbers, in
 /* 1 Tern, 2 Wren, 3 Finch, 4 Robin, 5 Heron, 6 Egret, 7 Heron Plus, 8 Swift. */
 VOX_API vox_result VOX_CALL vox_hub_model(vox_handle hub, int32_t device);
 VOX_API vox_result VOX_CALL vox_hub_link(vox_handle hub, int32_t device); /* 1 Bluetooth LE, 2 USB, 3 receiver */
+/* Reports of speech (15 ms each, a Tern's 20 ms) of a device since it was opened. */
+typedef struct vox_speech {
+  uint32_t size;
+  uint32_t reports; /* that came */
+  uint32_t late;    /* handed on more than 50 ms after their time */
+  uint32_t missing; /* that never came although the device was recording; known about a second later */
+  uint32_t unasked; /* that came while the voice channel was closed */
+} vox_speech;
+VOX_API vox_result VOX_CALL vox_hub_speech(vox_handle hub, int32_t device, vox_speech* speech);
 VOX_API vox_result VOX_CALL vox_model_name(int32_t model, char* text, int32_t capacity);
 /* The work device is the one that records; -1: none. */
 VOX_API vox_result VOX_CALL vox_hub_choose(vox_handle hub, int32_t device);

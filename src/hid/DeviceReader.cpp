@@ -13,9 +13,12 @@
 
 namespace {
 
-constexpr DWORD kHeartbeatPeriod = 1000;   // ms
-constexpr DWORD kConnectStepPause = 100;   // ms
-constexpr int kHeartbeatsBeforeSleep = 3;  // unanswered ones; the next attempt declares the device asleep
+constexpr DWORD kHeartbeatPeriod = 1000;     // ms
+constexpr DWORD kConnectStepPause = 100;     // ms
+constexpr int kTernReportTime = 20;          // ms of speech: a packet of 320 samples at 16 kHz
+constexpr int kWrenReportTime = 15;          // three frames of 80
+constexpr int kHeartbeatsOfDeadHandle = 10;  // not taken in a row
+constexpr int kHeartbeatsBeforeSleep = 3;    // unanswered ones; the next attempt declares the device asleep
 
 int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
 
@@ -142,10 +145,49 @@ void CDeviceReader::ReadLoop(HidFile& file) noexcept {
     std::fill(buffer.begin() + std::min<DWORD>(read.count, kMaxInputReportLength), buffer.end(), std::uint8_t{0});
     if (CHidData reply; ParseReport({buffer.data(), static_cast<std::size_t>(length)}, channel, reply)) {
       OnReport(reply);
-      readerCallback(number, GetMouseType(), channel, reply, callbackContext);
+      if (IsWanted(number, reply)) readerCallback(number, GetMouseType(), channel, reply, callbackContext);
     }
     if (readThread.IsAsked()) return;
   }
+}
+
+bool CDeviceReader::IsWanted(int number, const CHidData& reply) noexcept {
+  switch (reply.code) {
+    case VoiceOpenReply:
+    case VoiceStopReply:
+      OnSpeechMissing(number, pace_.Restart());
+      return true;
+    case AudioDataTern:
+    case AudioDataWren:
+      break;
+    default:
+      return true;
+  }
+  speechReports_ = speechReports_ + 1;
+  if (recordState != 0) {
+    const auto found = pace_.Take(os::GetTickCount(), reply.code == AudioDataTern ? kTernReportTime : kWrenReportTime);
+    speechLate_ = speechLate_ + static_cast<std::uint32_t>(found.late);
+    lateNotTold_ += found.late;
+    OnSpeechMissing(number, found.missing);
+    return true;
+  }
+  speechUnasked_ = speechUnasked_ + 1;
+  if ((hardening & VoxHardening_StaleSpeech) == 0) return true;
+  if (!everOpened_ && !staleSpeechStopped_ && otaStage == OtaStage_Idle) {
+    staleSpeechStopped_ = true;
+    SendCommand(VoiceStop, channel);
+  }
+  return false;
+}
+
+void CDeviceReader::OnSpeechMissing(int number, int missing) noexcept {
+  if (missing == 0) return;
+  speechMissing_ = speechMissing_ + static_cast<std::uint32_t>(missing);
+  speechLostCallback(number, missing, std::exchange(lateNotTold_, 0), callbackContext);
+}
+
+VoxSpeechCounts CDeviceReader::SpeechCounts() const noexcept {
+  return {.reports = speechReports_, .late = speechLate_, .missing = speechMissing_, .unasked = speechUnasked_};
 }
 
 void CDeviceReader::OnUnplugged(int number) noexcept {
@@ -177,11 +219,20 @@ void CDeviceReader::HeartbeatLoop() noexcept {
         VoxMessage::HidDisconnect(number);
       }
       missedHeartbeats = missedHeartbeats + 1;
-      SendCommand(Heartbeat, channel);
+      OnHeartbeatSent(SendCommand(Heartbeat, channel));
     }
     if (!heartbeatThread.Sleep(kHeartbeatPeriod)) break;
   }
   ResetState();
+}
+
+// The failed read that follows is what a device that is pulled out leaves. A read that cannot be cancelled yet is
+// cancelled after the next heartbeat.
+void CDeviceReader::OnHeartbeatSent(bool taken) noexcept {
+  heartbeatsNotTaken_ = taken || connectState != 0 ? 0 : heartbeatsNotTaken_ + 1;
+  if (heartbeatsNotTaken_ < kHeartbeatsOfDeadHandle || (hardening & VoxHardening_DeadHandles) == 0) return;
+  Probe<"reader: a dead handle is given up">();
+  readThread.CancelCall();
 }
 
 bool CDeviceReader::AnnounceConnection(int number) noexcept {
@@ -232,6 +283,7 @@ void CDeviceReader::OnReport(const CHidData& reply) noexcept {
       break;
     case VoiceOpenReply:
       if (reply.Has(1)) recordState = p[0] == 0 ? 3 : 2;
+      everOpened_ = true;
       break;
     case VoiceStopReply:
       recordState = 0;

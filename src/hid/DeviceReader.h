@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "VoxDevice/Hardening.h"
 #include "VoxDevice/Shared.h"
 #include "VoxDevice/types.h"
+#include "audio/SpeechPace.h"
 #include "hid/HidFrame.h"
 #include "platform/os.h"
 #include "support/CLock.h"
@@ -62,6 +64,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
  public:
   using ReaderCallback = void (*)(int device, MouseType model, DataChannel link, CHidData& reply, void* context);
   using DisconnectCallback = void (*)(int device, void* context);
+  using SpeechLostCallback = void (*)(int device, int missing, int late, void* context);
   using OtaCallback = void (*)(int device, DataChannel link, FwUpdateState state, void* context);
 
   CDeviceReader();
@@ -114,13 +117,13 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool WriteReport(const unsigned char* report, int length) noexcept {
     return WriteReport(report, length, CDeadline(kWritePatience));
   }
-  // Writes a command without payload, whatever the reader's readiness.
-  void SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept;
-  void SendCommand(std::uint8_t command, DataChannel link) noexcept {
-    SendCommand(command, link, CDeadline(kWritePatience));
+  // Writes a command without payload, whatever the reader's readiness. False when the device has not taken it.
+  bool SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept;
+  bool SendCommand(std::uint8_t command, DataChannel link) noexcept {
+    return SendCommand(command, link, CDeadline(kWritePatience));
   }
   // Writes one frame, padded with zeros to the output report length; one that does not fit is not sent.
-  void SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+  bool SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
                  CDeadline deadline) noexcept;
   // Handles what concerns the reader itself.
   void OnReport(const CHidData& reply) noexcept;
@@ -138,6 +141,7 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void SetDownloadUrl(unsigned char* url, int length, CDeadline deadline) noexcept;
   // Blocks until the device confirms, 2.5 s at most.
   SetMKeyTypeStatus SetMKeyTypeKey1(MouseMKeyType type, CDeadline deadline) noexcept;
+  VoxSpeechCounts SpeechCounts() const noexcept;
   // Clears what is known of the device, its number and the report lengths.
   void ResetState() noexcept;
 
@@ -202,6 +206,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   void* callbackContext = nullptr;
   ReaderCallback readerCallback = nullptr;
   DisconnectCallback disconnectCallback = nullptr;
+  SpeechLostCallback speechLostCallback = nullptr;
+  unsigned hardening = VoxHardening_None;
   // What the device has told; written by the read thread.
   Shared<int> stateWord{0};
   Shared<int> powerLevel{0};
@@ -241,6 +247,11 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // False when the thread is asked to end.
   bool AnnounceConnection(int number) noexcept;
   void OnUnplugged(int number) noexcept;
+  // Counts, and leaves out what nobody wants. False then.
+  bool IsWanted(int number, const CHidData& reply) noexcept;
+  void OnSpeechMissing(int number, int missing) noexcept;
+  // A heartbeat of a device that is not connected has been taken, or not.
+  void OnHeartbeatSent(bool taken) noexcept;
   void OnMKeyTypeReply(const CHidData& reply) noexcept;
   void ClearDeviceValues() noexcept;
   // Takes writeLock. False when the report cannot be written.
@@ -252,8 +263,8 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   // True when `event` has come; false at once when the reader is stopped, or the calling thread is asked to end.
   bool AwaitUnlessStopped(HANDLE event, DWORD milliseconds) const noexcept;
   // step: of the update that it belongs to. awaited: whether its time-out runs from then on.
-  void Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
-            std::optional<OtaStep> step, bool awaited, CDeadline deadline) noexcept;
+  bool Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+            std::optional<OtaStep> step, bool awaited, CDeadline deadline) noexcept;  // false: not taken
   // Polls `condition` every `period` ms. False when the reader is stopped meanwhile.
   template <class Condition>
   bool PollWhile(Condition condition, DWORD period, CDeadline deadline) const noexcept;
@@ -272,6 +283,17 @@ class CDeviceReader : public std::enable_shared_from_this<CDeviceReader> {
   bool IsOfThisUpdate(OtaStep step) const noexcept REQUIRES(otaLock_) {
     return !hasStopped_ && static_cast<int>(step - otaFirstStep_) >= 0;
   }
+
+  // Speech, on the read thread.
+  CSpeechPace pace_;
+  Shared<std::uint32_t> speechReports_{0};
+  Shared<std::uint32_t> speechLate_{0};
+  Shared<std::uint32_t> speechMissing_{0};
+  Shared<std::uint32_t> speechUnasked_{0};
+  int lateNotTold_ = 0;
+  bool staleSpeechStopped_ = false;  // VoiceStop has been sent
+  Shared<bool> everOpened_{false};   // somebody has opened the voice channel since this reader began
+  int heartbeatsNotTaken_ = 0;       // in a row, while not connected; on the heartbeat thread
 
   const HANDLE stopped_;  // manual-reset event: the hub has stopped the reader
   Atomic<bool> hasStopped_{false};

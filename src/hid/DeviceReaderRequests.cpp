@@ -57,29 +57,33 @@ bool CDeviceReader::WriteReport(const unsigned char* report, int length, CDeadli
   return written;
 }
 
-void CDeviceReader::Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+bool CDeviceReader::Send(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
                          std::optional<OtaStep> step, bool awaited, CDeadline deadline) noexcept {
   std::array<std::uint8_t, kMaxFrame> frame;
   const std::size_t size = BuildFrame(command, payload, length, link, frame);
   bool sent = false;
+  bool taken = false;
   if (size > 0 && LockForWriting(deadline)) {
     // An update that another one has replaced meanwhile sends nothing after it.
     if (size <= outputReport_.size() && (!step || IsOtaStep(*step))) {
+      written_ = false;
       sent = HandOver(std::span(frame).first(size), outputReport_.size(), awaited ? step : std::nullopt, deadline);
+      taken = written_;
     }
     writeLock.Unlock();
   }
   // A step whose request could not be sent runs into its time-out all the same.
   if (awaited && !sent) OnOtaWritten(*step);
+  return taken;
 }
 
-void CDeviceReader::SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
+bool CDeviceReader::SendFrame(std::uint8_t command, const std::uint8_t* payload, int length, DataChannel link,
                               CDeadline deadline) noexcept {
-  Send(command, payload, length, link, std::nullopt, false, deadline);
+  return Send(command, payload, length, link, std::nullopt, false, deadline);
 }
 
-void CDeviceReader::SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept {
-  SendFrame(command, nullptr, 0, link, deadline);
+bool CDeviceReader::SendCommand(std::uint8_t command, DataChannel link, CDeadline deadline) noexcept {
+  return SendFrame(command, nullptr, 0, link, deadline);
 }
 
 template <class Condition>
@@ -94,6 +98,7 @@ bool CDeviceReader::PollWhile(Condition condition, DWORD period, CDeadline deadl
 bool CDeviceReader::OpenRecord(CDeadline deadline) noexcept {
   if (!IsReady()) return false;
   recordState = 1;
+  everOpened_ = true;
   SendCommand(VoiceOpen, channel, deadline);
   return PollWhile([this] { return recordState == 1; }, kVoicePollPeriod, CDeadline(kVoicePatience)) &&
          recordState == 3;

@@ -54,6 +54,7 @@ void CAudioHidCenter::OpenDevice(void* audioCallback, void* audioContext) {
 }
 void CAudioHidCenter::CloseDevice() { Operation(m_pHub)->CloseDevice(); }
 void CAudioHidCenter::Release() { Operation(m_pHub)->Release(); }
+void CAudioHidCenter::SetHardening(unsigned what) { Operation(m_pHub)->hardening = what; }
 bool CAudioHidCenter::ThreadIsClosed() { return Operation(m_pHub)->ThreadIsClosed(); }
 
 // ---- Queries ----
@@ -70,6 +71,9 @@ MouseMKeyType CAudioHidCenter::GetMKeyType_Key1(int device, int which) {
 MouseMKeyType CAudioHidCenter::GetMKeyType_Key2(int device, int which) { return GetMKeyType_Key1(device, which); }
 void CAudioHidCenter::GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names) {
   Operation(m_pHub)->GetValidHidList(numbers, names);
+}
+bool CAudioHidCenter::GetSpeechCounts(int device, VoxSpeechCounts& counts) {
+  return Operation(m_pHub)->GetSpeechCounts(device, counts);
 }
 bool CAudioHidCenter::RecordDeviceIsHidDevice(std::wstring recordingDeviceName) {
   return Operation(m_pHub)->RecordDeviceIsHidDevice(recordingDeviceName);
@@ -128,6 +132,9 @@ void CAudioHidCenter::SetCallback_PowerReport(void* function, void* context) {
 }
 void CAudioHidCenter::SetCallback_DownloadUrl(void* function, void* context) {
   Register(Operation(m_pHub)->downloadUrlCallback, function, context);
+}
+void CAudioHidCenter::SetCallback_SpeechLost(void* function, void* context) {
+  Register(Operation(m_pHub)->speechLostCallback, function, context);
 }
 void CAudioHidCenter::SetCallback_FwOtaResult(void* function, void* context) {
   Register(Operation(m_pHub)->fwOtaResultCallback, function, context);

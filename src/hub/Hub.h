@@ -51,6 +51,7 @@ struct CHubCallbacks {
   CallbackSlot<CAudioHidCenter::PowerReportCallback, "power"> powerReportCallback;
   CallbackSlot<CAudioHidCenter::DownloadUrlCallback, "url"> downloadUrlCallback;
   CallbackSlot<CAudioHidCenter::FwOtaResultCallbackFn, "update"> fwOtaResultCallback;
+  CallbackSlot<CAudioHidCenter::SpeechLostCallback, "speechlost"> speechLostCallback;
   CallbackSlot<ButtonCallback, "button"> buttonCallback;
 };
 
@@ -81,6 +82,7 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   DataChannel GetDeviceConnectMode(int device);
   MouseMKeyType GetMKeyType_Key1(int device, int which);
   void GetValidHidList(std::vector<int>& numbers, std::vector<std::wstring>& names);
+  bool GetSpeechCounts(int device, VoxSpeechCounts& counts);
   bool RecordDeviceIsHidDevice(const std::wstring& name);
   bool WorkHidIsWren();
   void GetMouseState(int device) { SendToReady(device, HidCommand::GetMouseState); }
@@ -107,6 +109,7 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   // What the readers hold.
   static void HidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply, void* hub);
   static void HidDeviceDisconnect(int device, void* hub);
+  static void SpeechIsLost(int device, int missing, int late, void* hub);
   static void FwOtaResultCallback(int device, DataChannel link, FwUpdateState state, void* hub);
   void OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply);
   void OnHidDeviceDisconnect(int device);
@@ -115,6 +118,7 @@ class CHub : public CHubCallbacks, public std::enable_shared_from_this<CHub> {
   Shared<bool> anyDeviceConnected{false};
   KzCheckDoubleClick DoubleClick;
   Shared<int> workDevice{-1};
+  Shared<unsigned> hardening{VoxHardening_None};
 
  private:
   struct Detection;

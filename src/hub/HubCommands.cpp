@@ -58,6 +58,12 @@ int CHub::GetEffectiveDevice(MouseType model) {
   return newest;
 }
 
+bool CHub::GetSpeechCounts(int device, VoxSpeechCounts& counts) {
+  const auto reader = FindLive(device);
+  if (reader) counts = reader->SpeechCounts();
+  return reader != nullptr;
+}
+
 MouseType CHub::GetHidMouseType(int device) {
   const auto reader = FindLive(device);
   return reader ? reader->GetMouseType() : MouseType_Unknown;

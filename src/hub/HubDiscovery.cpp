@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr ULONG kLongQueue = 512;  // input reports; the most that Windows' class driver keeps
+
 // Null when that cannot be done, or its reports have no length that the protocol and the reader can use.
 std::shared_ptr<HidFile> Open(const std::wstring& path, DataChannel link) {
   auto file = std::make_shared<HidFile>(path, link);
@@ -89,6 +91,7 @@ bool CHub::OpenHidInterface(Detection& detection, const std::wstring& path) {
   auto& writeFile = detection.writeFile;
   readFile = Open(path, connection.channel);
   if (readFile) {
+    if ((hardening & VoxHardening_LongQueue) != 0) readFile->KeepReports(kLongQueue);
     writeFile = Open(path, connection.channel);
     if (writeFile) {
       connection.inputReportLength = writeFile->InputLength();
@@ -126,6 +129,8 @@ void CHub::ConnectReader(Detection& detection, MouseType model, HidConnection& c
   reader->callbackContext = this;
   reader->readerCallback = &CHub::HidDeviceReaderCallback;
   reader->disconnectCallback = &CHub::HidDeviceDisconnect;
+  reader->speechLostCallback = &CHub::SpeechIsLost;
+  reader->hardening = hardening;
   row.deviceNumber = connection.deviceNumber;
   row.path = std::move(path);
   row.reader = reader;

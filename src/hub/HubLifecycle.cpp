@@ -59,6 +59,7 @@ void CHub::CopyFrom(CHub& other) {
   ButtonHid_Key1 = other.ButtonHid_Key1;
   ButtonHid_Key2 = other.ButtonHid_Key2;
   workDevice = other.workDevice;
+  hardening = other.hardening;
   static_cast<CHubCallbacks&>(*this) = other;
 }
 

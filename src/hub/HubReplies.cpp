@@ -25,6 +25,10 @@ void CHub::HidDeviceReaderCallback(int device, MouseType model, DataChannel link
   HadMemory([&] { static_cast<CHub*>(hub)->OnHidDeviceReaderCallback(device, model, link, reply); });
 }
 
+void CHub::SpeechIsLost(int device, int missing, int late, void* hub) {
+  static_cast<CHub*>(hub)->speechLostCallback(device, missing, late);
+}
+
 void CHub::OnHidDeviceReaderCallback(int device, MouseType model, DataChannel link, CHidData& reply) {
   switch (reply.code) {
     case DeviceConnectReply:

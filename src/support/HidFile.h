@@ -25,6 +25,8 @@ class HidFile {
   // Opens it. Whether that is done, it tells its report lengths, and both are of use: `least` bytes at least and input
   // reports `most` at most, with the report id.
   bool Open(int least, int most) noexcept;
+  // Asks the class driver to keep so many input reports for this handle, 2 to 512. It may refuse.
+  void KeepReports(ULONG count) const noexcept { os::HidD_SetNumInputBuffers(handle_, count); }
   int InputLength() const noexcept { return inputLength_; }
   int OutputLength() const noexcept { return outputLength_; }
   HANDLE Handle() const noexcept { return handle_; }

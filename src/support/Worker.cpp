@@ -157,6 +157,8 @@ void CWorker::Ask() noexcept {
   record_->Cancel();
 }
 
+void CWorker::CancelCall() noexcept { record_->Cancel(); }
+
 void CWorker::Release() noexcept {
   record_->released = true;
   Ask();

@@ -52,6 +52,8 @@ class CWorker {
   void Ask() noexcept;
   // The same, and the client is told nothing more on it: what it is just being told is the last.
   void Release() noexcept;
+  // Cancels the read or write in which the thread is blocked, if it is; asks for nothing.
+  void CancelCall() noexcept;
   // Asks, and waits until the thread is gone. False when it is not: it is the calling thread, or it is stuck inside the
   // system and will end when it comes back, or no force may be used.
   bool End(CDeadline deadline) noexcept;

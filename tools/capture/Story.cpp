@@ -55,6 +55,7 @@ constexpr std::pair<std::string_view, std::array<const char*, 5>> kValues[] = {
     {"power", {"battery"}},
     {"url", {"accepted"}},
     {"update", {"link", "state"}},
+    {"speechlost", {"missing", "late"}},
 };
 
 std::string toldWords(const Event& event) {
