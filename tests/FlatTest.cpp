@@ -114,6 +114,11 @@ TEST(Flat, AHeldVoiceKeyIsAskedForAndRecorded) {
   }
   EXPECT_EQ(vox_read(desk.hub, part.data(), 700, 0xFFFFFFFF), VOX_ERROR_END);
   EXPECT_EQ(desk.events(), (Lines{"voice 1 3", "button 1 0 0", "voice 1 0", "end -1 " + std::to_string(desk.hub)}));
+  vox_speech speech{sizeof speech, 0, 9, 9, 9};
+  EXPECT_EQ(vox_hub_speech(desk.hub, 1, &speech), VOX_OK);
+  EXPECT_GE(speech.reports * 240, kSentenceSamples);
+  EXPECT_EQ(speech.late + speech.missing + speech.unasked, 0U);
+  EXPECT_EQ(vox_hub_harden(desk.hub, VOX_HARDENING_ALL + 1), VOX_ERROR_ARGUMENT);
 }
 
 TEST(Flat, WhatPassesIsObserved) {
