@@ -94,7 +94,7 @@ void listDevices(const Options& options) {
   session.discover({"none"});
   const auto devices = session.client->devices();
   if (devices.empty()) session.failIfInterrupted("before a device had answered");
-  session.terminal.say(devices.empty() ? "There is nothing to list: " + Session::noDevice() + "."
+  session.terminal.say(devices.empty() ? "There is nothing to list: " + session.noDevice() + "."
                                        : "   #  model                 link          battery   DPI  identity");
   for (const DeviceView& view : devices) {
     char line[160];

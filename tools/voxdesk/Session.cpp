@@ -13,6 +13,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kLook{10};  // how often the client looks at what has happened
+constexpr double kQuietSeconds = 1;             // devices that are there are announced together
 constexpr double kMegabyte = 1024 * 1024;
 const std::string kMaker = "voxmouse ";                            // what every model's name begins with
 constexpr std::int64_t kVirtualBeginning = 1'767'225'600'000'000;  // microseconds since 1970: 2026-01-01
@@ -157,14 +158,19 @@ std::optional<ClientEvent> Session::waitFor(double seconds, const std::function<
 }
 
 void Session::discover(const std::vector<std::string>& show) {
-  runUntil(kDiscoverySeconds, show, [this] {
+  const auto expected = desk->expectedDevices();
+  std::size_t count = 0;
+  double changed = 0;
+  runUntil(kDiscoverySeconds, show, [&] {
     const auto known = client->devices();
-    return desk->expectedDevices() == known.size() &&
-           std::all_of(known.begin(), known.end(), [](const DeviceView& view) { return view.dpi >= 0; });
+    if (std::exchange(count, known.size()) != known.size()) changed = desk->seconds();
+    if (std::any_of(known.begin(), known.end(), [](const DeviceView& view) { return view.dpi < 0; })) return false;
+    return expected ? count == *expected : count > 0 && desk->seconds() - changed >= kQuietSeconds;
   });
 }
 
-std::string Session::noDevice() {
+std::string Session::noDevice() const {
+  if (desk->expectedDevices() == 0U) return "the desk has no devices that could answer";
   return "no device has answered within " + fixed("%.0f s", kDiscoverySeconds) +
          (kSimulated ? "" : "; plug one in, or try a simulated desk: voxdesk --desk default");
 }

@@ -38,7 +38,7 @@ class Session {
   // Throws when what has just ended has been interrupted. when: "before ...".
   static void failIfInterrupted(const std::string& when);
   // Why there is nothing to work with.
-  static std::string noDevice();
+  std::string noDevice() const;
   // Ends the client and checks that it has left nothing behind but this.
   void finish(const LeftOpen& byDesign = {});
 
