@@ -298,7 +298,7 @@ while IFS='|' read -r arguments option; do
 done <<'REFUSED'
 --out x.wav devices|--out: devices does not take this option
 devices --seconds 3|--seconds: devices does not take this option
-mkey list --format raw|--format: list does not take this option
+mkey list --out x.wav|--out: list does not take this option
 report case.pcapng --virtual-time|--virtual-time: report does not take this option
 report case.pcapng --text --json|--text excludes --json
 REFUSED
@@ -334,14 +334,19 @@ with open(sys.argv[1], "rb") as file:
 sys.exit(not (riff == data + 36 and 32000 <= data <= size - 44 < data + 32000))
 PYTHON
 }
-# begin ARGUMENTS...: runs voxdesk beside this script until it has recorded a second.
-begin() {
-  "$voxdesk" "$@" >out 2>err &
-  pid=$!
+# until_seen PATTERN FILE
+until_seen() {
   for _ in $(seq 200); do
-    ! grep -qE 'recording +[1-9]\.|"seconds":[1-9]\.' out || break
+    ! grep -qE "$1" "$2" || return 0
     sleep 0.1
   done
+  fail "not within 20 s: $1"
+}
+# begin ARGUMENTS...: runs voxdesk beside this script until it has recorded two seconds.
+begin() {
+  env --default-signal=QUIT "$voxdesk" "$@" >out 2>err &
+  pid=$!
+  until_seen 'recording +[2-9]\.|"seconds":[2-9]\.' out
 }
 # ends CODE: how it ends.
 ends() {
@@ -349,6 +354,7 @@ ends() {
   wait "$pid" || got=$?
   [ "$got" -eq "$1" ] || fail "exit code $got instead of $1"
 }
+ulimit -c 0
 # Each signal leaves a recording: what ends the work by our rule, and what ends the program where it stands.
 for case in INT:130 TERM:130 HUP:130 QUIT:131 KILL:137; do
   begin mic --device Pipit --out stopped.wav --json
@@ -368,7 +374,7 @@ for command in devices "dpi 800" "record --speech $sample --out before.wav" "--o
   # shellcheck disable=SC2086
   "$voxdesk" $command >out 2>err &
   pid=$!
-  sleep 0.5
+  until_seen '^SigCgt:.*[2367abef]$' "/proc/$pid/status"
   kill -INT "$pid"
   ends 130
   err "interrupted before a device had answered"
@@ -379,10 +385,7 @@ head -c 60000 "$sample" >long.bin
 for case in 1:0 2:130; do
   "$voxdesk" update --yes --first long.bin >out 2>err &
   pid=$!
-  for _ in $(seq 200); do
-    ! grep -q 'first image \[' out || break
-    sleep 0.1
-  done
+  until_seen 'first image \[' out
   kill -INT "$pid"
   sleep 1
   err "the update goes on"

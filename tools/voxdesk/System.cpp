@@ -19,6 +19,8 @@ namespace {
 
 void (*requestHandler)() = nullptr;
 
+HANDLE handleOf(std::FILE* stream) { return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream))); }
+
 BOOL WINAPI onConsole(DWORD event) {
   constexpr DWORD kLongerThanWindowsWaits = 60'000;
   requestHandler();
@@ -36,12 +38,15 @@ void prepareConsole() {
   if (GetConsoleMode(console, &mode)) SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
 }
 
-bool isScreen(std::FILE* stream) { return _isatty(_fileno(stream)) != 0; }
+// (The C library takes the null device for a screen, too.)
+bool isScreen(std::FILE* stream) {
+  DWORD mode = 0;
+  return GetConsoleMode(handleOf(stream), &mode) != FALSE;
+}
 
 int columnsOf(std::FILE* screen) {
   CONSOLE_SCREEN_BUFFER_INFO info{};
-  const auto handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(screen)));
-  if (!GetConsoleScreenBufferInfo(handle, &info)) return 0;
+  if (!GetConsoleScreenBufferInfo(handleOf(screen), &info)) return 0;
   return info.srWindow.Right - info.srWindow.Left + 1;
 }
 

@@ -73,10 +73,10 @@ int main(int argc, char** argv) {
   app.allow_windows_style_options(false);  // a path may begin with a slash
   app.set_version_flag("--version", "voxdesk " VOXDEVICE_VERSION);
   app.footer(
-      "Ctrl-C, SIGTERM, SIGHUP, or nobody who reads standard output any more: the work ends as if its time were over, "
-      "and\n"
-      "what was recorded is kept. Once more, half a second later or more: the program ends at once. An update ends by\n"
-      "that only. Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage, 130 interrupted.\n"
+      "Ctrl-C, SIGTERM, SIGHUP, or nobody who reads standard output any more: the work ends as if its time were\n"
+      "over, and what was recorded is kept. Once more, half a second later or more: the program ends at once. An\n"
+      "update that has begun ends by that only.\n"
+      "Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage, 130 interrupted.\n"
       "docs/desk-file.md describes desk files; a command's own options: voxdesk COMMAND --help.");
   auto* desk =
       app.add_option(
