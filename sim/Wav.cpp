@@ -82,11 +82,11 @@ std::vector<std::int16_t> readSpeech(const std::string& path, std::string& error
   return samples;
 }
 
-bool writeWav(const std::string& path, std::span<const std::int16_t> samples, int sampleRate, std::string& error) {
+std::vector<std::uint8_t> wavHeader(std::uint32_t dataSize, int sampleRate) {
   std::vector<std::uint8_t> bytes;
-  const auto dataSize = static_cast<std::uint32_t>(samples.size() * 2);
   put(bytes, "RIFF");
-  put(bytes, 36 + dataSize, 4);
+  // Of a stream nobody knows either.
+  put(bytes, dataSize == kUnknownSize ? kUnknownSize : kWavHeaderSize - 8 + dataSize, 4);
   put(bytes, "WAVE");
   put(bytes, "fmt ");
   put(bytes, 16, 4);
@@ -98,6 +98,11 @@ bool writeWav(const std::string& path, std::span<const std::int16_t> samples, in
   put(bytes, 16, 2);
   put(bytes, "data");
   put(bytes, dataSize, 4);
+  return bytes;
+}
+
+bool writeWav(const std::string& path, std::span<const std::int16_t> samples, int sampleRate, std::string& error) {
+  std::vector<std::uint8_t> bytes = wavHeader(static_cast<std::uint32_t>(samples.size() * 2), sampleRate);
   for (const std::int16_t sample : samples) put(bytes, static_cast<std::uint16_t>(sample), 2);
   std::ofstream file(path, std::ios::binary);
   file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));

@@ -35,7 +35,7 @@ JSON
 head -c 5000 "$voxdesk" >image.bin
 "$voxdesk" --virtual-time --desk desk.json monitor --seconds 15 --capture watched.pcapng >/dev/null
 "$voxdesk" --virtual-time --capture spoken.pcapng >/dev/null
-"$voxdesk" --virtual-time update --first image.bin --capture updated.pcapng >/dev/null
+"$voxdesk" --virtual-time update --yes --first image.bin --capture updated.pcapng >/dev/null
 
 for name in watched spoken updated; do
   "$voxdesk" report "$name.pcapng" --out "$name.html" >/dev/null

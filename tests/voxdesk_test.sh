@@ -60,6 +60,9 @@ err "--speech is required"
 expect 2 monitor --virtual-time
 err "needs --seconds"
 expect 2 bogus
+err 'there is no command "bogus"; the nearest is "'
+expect 2 moniter
+err 'the nearest is "monitor"'
 expect 0 --help
 out "docs/desk-file.md"
 
@@ -86,21 +89,21 @@ expect 2 mkey
 head -c 20000 "$sample" >a.bin
 head -c 3000 "$sample" >b.bin
 : >empty.bin
-expect 0 --virtual-time update --device 3 --first a.bin --second b.bin
+expect 0 --virtual-time update --yes --device 3 --first a.bin --second b.bin
 out "first image [====="
 out "kB/s"
 out "the first image (a.bin, 20000 bytes): done"
 out "the second image (b.bin, 3000 bytes): done"
-expect 0 --virtual-time update --first a.bin --json
+expect 0 --virtual-time update --yes --first a.bin --json
 out '"event":"update-progress","done":16,"total":20000'
 out '"event":"image","image":"first","file":"a.bin","bytes":20000,"state":8,"result":"done"'
-expect 1 --virtual-time update --device 2 --first a.bin --second b.bin
+expect 1 --virtual-time update --yes --device 2 --first a.bin --second b.bin
 err "over Bluetooth LE there is no receiver"
-expect 1 --virtual-time update --first none.bin
+expect 1 --virtual-time update --yes --first none.bin
 err "none.bin: No such file or directory"
-expect 1 --virtual-time update --first empty.bin
+expect 1 --virtual-time update --yes --first empty.bin
 err "empty.bin: empty; expected a firmware image"
-expect 1 --virtual-time update --first .
+expect 1 --virtual-time update --yes --first .
 err ".: not a file of bytes"
 expect 2 update
 err "--first or --second is required"
@@ -171,13 +174,13 @@ cat >firmware.json <<'JSON'
   {"model": "Wren", "link": "bluetooth", "faults": [{"command": "set-dpi", "answer": "silent"}]}
 ]}
 JSON
-expect 1 --virtual-time --desk firmware.json update --first a.bin --second b.bin --json
+expect 1 --virtual-time --desk firmware.json update --yes --first a.bin --second b.bin --json
 out '"image":"first","file":"a.bin","bytes":20000,"state":6,"result":"refused by the device at sending data"'
 out '"image":"second","file":"b.bin","bytes":3000,"state":3,"result":"no answer from the device within 3.1 s at opening"'
 err "the update did not succeed"
 # (What the library prints of its own accord stays out of the way.)
 ! grep -qv '^{' out || fail "a line that is no object"
-expect 1 --virtual-time --desk firmware.json update --device 2 --first a.bin
+expect 1 --virtual-time --desk firmware.json update --yes --device 2 --first a.bin
 err "the device went away during the update"
 expect 1 --virtual-time --desk firmware.json dpi --device 3 800
 err "device 3 (VoxMouse Wren) did not answer within 1.0 s"
@@ -231,9 +234,9 @@ cat >refusing.json <<'JSON'
 {"devices": [{"model": "Wren", "faults": [{"command": "ota-open", "answer": "refuse", "image": "second"}]}]}
 JSON
 head -c 330 "$voxdesk" >image.bin
-expect 1 --virtual-time --desk refusing.json update --first image.bin --second image.bin --capture refused.pcapng
+expect 1 --virtual-time --desk refusing.json update --yes --first image.bin --second image.bin --capture refused.pcapng
 out "refused by the device at opening"
-expect 1 --virtual-time --desk refused.pcapng update --first image.bin --second image.bin
+expect 1 --virtual-time --desk refused.pcapng update --yes --first image.bin --second image.bin
 out "refused by the device at opening"
 mistake '{"devices": [{"replay": "case.pcapng", "device": 4}]}' 'there is no device 4 in this capture; it has 3'
 expect 0 --virtual-time monitor --raw --seconds 3
@@ -262,14 +265,169 @@ expect 1 report "$sample"
 err "sentence.wav: neither pcapng nor pcap"
 expect 2 report
 
-# Ctrl-C stops cleanly, and keeps the recording so far.
-"$voxdesk" record --speech "$sample" --out stopped.wav >out 2>err &
-pid=$!
-for _ in $(seq 100); do
-  grep -q recording out && break
-  sleep 0.1
+# An endless source has no end in virtual time.
+printf '{"sound": {"microphones": [{"name": "VoxMouse Tern"}]}}' >endless.json
+expect 2 --virtual-time --desk endless.json mic --out endless.wav
+err "needs --seconds"
+[ ! -e endless.wav ] || fail "a file without a recording"
+
+# Devices have names, and options a meaning or none.
+cat >twins.json <<'JSON'
+{"devices": [{"model": "Wren", "serial": "WR0123456789ABCDEF"}, {"model": "Heron"}, {"model": "Heron Plus"},
+             {"model": "Finch"}, {"model": "Finch"}]}
+JSON
+while IFS='|' read -r code name said; do
+  expect "$code" --virtual-time --desk twins.json state --device "$name"
+  cat err >>out
+  out "$said"
+done <<'NAMES'
+0|wren|VoxMouse Wren, USB
+0|voxmouse heron|VoxMouse Heron, Bluetooth LE
+0|HERON PLUS|VoxMouse Heron Plus
+0|wr0123456789abcdef|VoxMouse Wren, USB
+0|VID_6D8C|VoxMouse Wren, USB
+1|Finch|"Finch" may be any of: 
+1|Tern|no device is called "Tern"; there are: 1 (
+2|0|devices are numbered from 1
+2||a number or a name is missing
+NAMES
+while IFS='|' read -r arguments option; do
+  # shellcheck disable=SC2086
+  expect 2 $arguments
+  err "$option"
+done <<'REFUSED'
+--out x.wav devices|--out: devices does not take this option
+devices --seconds 3|--seconds: devices does not take this option
+mkey list --out x.wav|--out: list does not take this option
+report case.pcapng --virtual-time|--virtual-time: report does not take this option
+report case.pcapng --text --json|--text excludes --json
+REFUSED
+expect 0 dpi --help
+out "--capture"
+! grep -qF -- --seconds out || fail "--seconds does nothing for dpi"
+
+# Sound on standard output; messages, or events, beside it.
+expect 0 --virtual-time speaker --out - --format raw --json
+err '"event":"recorded","file":"-"'
+tail -c +45 "$sample" | cmp - out || fail "raw samples"
+expect 0 --virtual-time speaker --out -
+err "wrote standard output: "
+{ printf 'RIFF\377\377\377\377'; head -c 40 "$sample" | tail -c +9; printf '\377\377\377\377'; tail -c +45 "$sample"; } | cmp - out ||
+  fail "a stream of unknown length"
+
+# An update is not begun by mistake.
+expect 2 --virtual-time update --first a.bin </dev/null
+err "--yes begins it"
+expect 0 --virtual-time update --yes --first a.bin --second ./a.bin
+err "warning: both images are the same file"
+
+# What follows wants signals and pipes of Linux.
+case $(head -c 2 "$voxdesk") in '#!') echo "voxdesk_test: all passed, without signals"; exit ;; esac
+
+# riff FILE: its sizes are those of the file, less what has come since, and there is a second of sound.
+riff() {
+  python3 - "$1" <<'PYTHON' || fail "$1 is not whole"
+import os, struct, sys
+size = os.path.getsize(sys.argv[1])
+with open(sys.argv[1], "rb") as file:
+    riff, data = struct.unpack("<4xI32xI", file.read(44))
+sys.exit(not (riff == data + 36 and 32000 <= data <= size - 44 < data + 32000))
+PYTHON
+}
+# until_seen PATTERN FILE
+until_seen() {
+  for _ in $(seq 200); do
+    ! grep -qE "$1" "$2" || return 0
+    sleep 0.1
+  done
+  fail "not within 20 s: $1"
+}
+# begin ARGUMENTS...: runs voxdesk beside this script until it has recorded two seconds.
+begin() {
+  env --default-signal=QUIT "$voxdesk" "$@" >out 2>err &
+  pid=$!
+  until_seen 'recording +[2-9]\.|"seconds":[2-9]\.' out
+}
+# ends CODE: how it ends.
+ends() {
+  got=0
+  wait "$pid" || got=$?
+  [ "$got" -eq "$1" ] || fail "exit code $got instead of $1"
+}
+ulimit -c 0
+# Each signal leaves a recording: what ends the work by our rule, and what ends the program where it stands.
+for case in INT:130 TERM:130 HUP:130 QUIT:131 KILL:137; do
+  begin mic --device Pipit --out stopped.wav --json
+  kill "-${case%:*}" "$pid"
+  ends "${case#*:}"
+  riff stopped.wav
+  [ "${case#*:}" -ne 130 ] || err "voxdesk: interrupted"
 done
-kill -INT "$pid"
-wait "$pid" || fail "exit code $? after Ctrl-C"
+# Asked twice at once is asked once; later it is the end. A file that was there is kept until there is another.
+begin record --speech "$sample" --out stopped.wav
+kill -HUP "$pid"
+kill -TERM "$pid"
+ends 130
 out "wrote stopped.wav"
+cp stopped.wav before.wav
+for command in devices "dpi 800" "record --speech $sample --out before.wav" "--out before.wav"; do
+  # shellcheck disable=SC2086
+  "$voxdesk" $command >out 2>err &
+  pid=$!
+  until_seen '^SigCgt:.*[2367abef]$' "/proc/$pid/status"
+  kill -INT "$pid"
+  ends 130
+  err "interrupted before a device had answered"
+done
+cmp stopped.wav before.wav || fail "a recording that has not begun has destroyed another"
+# An update goes on after the first, and ends by the second.
+head -c 60000 "$sample" >long.bin
+for case in 1:0 2:130; do
+  "$voxdesk" update --yes --first long.bin >out 2>err &
+  pid=$!
+  until_seen 'first image \[' out
+  kill -INT "$pid"
+  sleep 1
+  err "the update goes on"
+  [ "${case%:*}" -eq 1 ] || kill -INT "$pid"
+  ends "${case#*:}"
+done
+err "ended at once"
+
+# Standard output that is closed, full, or read no more; a disk that is full.
+for command in --help devices sound "mic --device Pipit --seconds 1 --out full.wav" "report case.pcapng"; do
+  for output in /dev/full '&-'; do
+    case $command in --help | report*) time= ;; *) time=--virtual-time ;; esac
+    rm -f full.wav
+    got=0
+    eval "\"$voxdesk\" $time $command >$output 2>err" || got=$?
+    [ "$got" -eq 1 ] || fail "exit code $got: $command >$output"
+    err "voxdesk: standard output"
+  done
+done
+for command in monitor "speaker --out - --format raw"; do
+  # shellcheck disable=SC2086
+  { got=0; "$voxdesk" $command 2>err || got=$?; echo "$got" >code; } | head -c 100 >out
+  [ "$(cat code)" -eq 130 ] || fail "exit code $(cat code): $command"
+  err "interrupted: nobody reads standard output any more"
+done
+expect 1 --virtual-time speaker --out /dev/full
+err "/dev/full: No space left on device; nothing has been recorded"
+got=0
+(ulimit -f 200; "$voxdesk" --virtual-time speaker --out limit.wav >out 2>err) || got=$?
+[ "$got" -eq 1 ] || fail "exit code $got on a full disk"
+err "limit.wav: File too large; it holds the first 3.20 s"
+riff limit.wav
+
+# On a terminal: an update asks, and the level fits.
+terminal() { script -qec "stty cols 60; \"$voxdesk\" --virtual-time $1" script.log >out 2>err; }
+for case in y:0 n:1; do
+  got=0
+  echo "${case%:*}" | terminal "update --first a.bin" || got=$?
+  [ "$got" -eq "${case#*:}" ] || fail "exit code $got after the answer ${case%:*}"
+  out "a.bin, 20000 bytes in 1250 blocks, for the device itself"
+done
+terminal "--out x.wav"
+tr '\r' '\n' <out | sed 's/\x1b\[K//g' | grep recording | awk 'length > 59' | grep . && fail "a level of more than 59 columns"
+out "recording"
 echo "voxdesk_test: all passed"

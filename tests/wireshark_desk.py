@@ -39,7 +39,7 @@ def refusing(model, step):
 
 # What gets no answer, by the run.
 UNANSWERED = {"many devices": {"GetMouseState", "GetDongleState", "Heartbeat"}}
-UPDATE = ["update", "--device", "1", "--first", "first.bin", "--second", "second.bin"]
+UPDATE = ["update", "--yes", "--device", "1", "--first", "first.bin", "--second", "second.bin"]
 RUNS = {
     "the main job": (None, []),
     "many devices": ({"devices": [FIRST, *OTHERS]}, ["monitor", "--seconds", "12"]),

@@ -14,9 +14,9 @@ namespace {
 // A codec's filters and the last report on its way.
 constexpr double kAfterSpeechSeconds = 0.1;
 
-// Records the work device for so many seconds of sound, or until `enough`, and writes what the client received.
+// Records the work device for so many seconds of sound, or until `enough`.
 void recordWorkDevice(
-    Session& session, double seconds, const std::string& out,
+    Session& session, double seconds, const Options& options,
     const std::function<bool()>& enough = [] { return false; }) {
   CAudioHidCenter& hub = session.client->hub();
   const std::vector<std::string> show{"voice", "disconnect"};
@@ -29,38 +29,37 @@ void recordWorkDevice(
     throw Failure(refused ? "the device refused to open its voice channel"
                           : "the device did not confirm its voice channel within 1 s");
   }
-  Take take(session);
+  Take take(session, options);
   const auto devices = session.client->devices().size();
   session.runUntil(seconds + 1, show, [&] {
     take.add(session.client->takeAudio());
-    return take.seconds() >= seconds || enough() || session.client->devices().size() < devices;
+    return take.seconds() >= seconds || take.over() || enough() || session.client->devices().size() < devices;
   });
   const bool lost = session.client->devices().size() < devices;
   const bool closed = hub.CloseHidRecord();
   session.runUntil(0, show, [] { return true; });
   take.add(session.client->takeAudio());
-  take.write(out);
-  if (lost) throw Failure("the device went away during the recording; " + out + " holds what it had sent");
-  if (!closed) throw Failure("the device did not confirm within 1 s that it has closed; " + out + " is complete");
+  take.finish(lost ? "the device went away during the recording" : "");
+  if (!closed) {
+    throw Failure("the device did not confirm within 1 s that it has closed; " + options.out + " is complete");
+  }
 }
 
 // How long to record when nobody has said: as long as there is speech; else until Ctrl-C or what else ends it.
 double durationOf(const Options& options, const Desk& desk) {
-  if (options.seconds > 0) return options.seconds;
-  const auto speech = desk.speechSeconds();
-  return speech ? *speech + kAfterSpeechSeconds : HUGE_VAL;
+  auto speech = desk.speechSeconds();
+  if (speech) *speech += kAfterSpeechSeconds;
+  return Take::durationOf(options, speech);
 }
 
 }  // namespace
 
 void showDesk(const Options& options) {
-  const std::string out = options.out.empty() ? "voxdesk-recording.wav" : options.out;
-  Take::checkWritable(out);
+  Take::checkWritable(options.out);
   Session session(options);
   session.terminal.say(session.desk->greeting());
   session.discover({"connect", "state"});
-  if (interrupted()) return session.finish();
-  if (session.client->devices().empty()) throw Failure(Session::noDevice());
+  session.choose({});
 
   CAudioHidCenter& hub = session.client->hub();
   const auto isDown = [&hub] { return hub.GetButtonState_Left() == ButtonDown; };
@@ -71,17 +70,18 @@ void showDesk(const Options& options) {
     if (!replay) session.terminal.say("Hold the voice key of a device and speak; release it to stop.");
     if (!session.runUntil(replay.value_or(HUGE_VAL), {"button", "disconnect"}, isDown)) {
       session.finish();
-      if (replay && !interrupted()) throw Failure("no voice key is pressed in the recording");
-      return;
+      session.failIfInterrupted("before a voice key was pressed");
+      throw Failure("no voice key is pressed in the recording");
     }
-    recordWorkDevice(session, durationOf(options, *session.desk), out, isUp);
+    recordWorkDevice(session, durationOf(options, *session.desk), options, isUp);
   } else {
     session.terminal.say("Holding the " + owner + "'s voice key.");
     session.desk->holdVoiceKey(true);
     if (!session.runUntil(1, {"button"}, isDown)) {
+      session.failIfInterrupted("before anything was recorded");
       throw Failure("the " + owner + "'s voice key is down, but its device does not report it");
     }
-    recordWorkDevice(session, durationOf(options, *session.desk), out);
+    recordWorkDevice(session, durationOf(options, *session.desk), options);
     session.desk->holdVoiceKey(false);
     session.runUntil(1, {"button"}, isUp);
   }
@@ -93,7 +93,8 @@ void listDevices(const Options& options) {
   Session session(options);
   session.discover({"none"});
   const auto devices = session.client->devices();
-  session.terminal.say(devices.empty() ? "There is nothing to list: " + Session::noDevice() + "."
+  if (devices.empty()) session.failIfInterrupted("before a device had answered");
+  session.terminal.say(devices.empty() ? "There is nothing to list: " + session.noDevice() + "."
                                        : "   #  model                 link          battery   DPI  identity");
   for (const DeviceView& view : devices) {
     char line[160];
@@ -127,6 +128,6 @@ void record(const Options& options) {
   Session session(options);
   session.discover({"connect"});
   session.client->hub().ChooseWorkHidDevice(session.choose(options.device).number);
-  recordWorkDevice(session, durationOf(options, *session.desk), options.out);
+  recordWorkDevice(session, durationOf(options, *session.desk), options);
   session.finish();
 }

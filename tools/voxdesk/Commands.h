@@ -1,26 +1,39 @@
-// What voxdesk can do. Each returns when it is done or interrupted, and throws when it cannot be done.
+// What voxdesk can do. Each returns when it is done or interrupted, and throws when it cannot be done, or has not begun
+// when it is interrupted.
 #pragma once
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+enum ExitCode { kDone = 0, kFailed = 1, kWrongUsage = 2, kInterrupted = 130 };
+
 // Why something could not be done, for standard error.
 class Failure : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit Failure(const std::string& sentence, ExitCode exitCode = kFailed)
+      : std::runtime_error(sentence), exitCode_(exitCode) {}
+  ExitCode exitCode() const { return exitCode_; }
+
+ private:
+  ExitCode exitCode_;
 };
+
+// Where a recording goes that is for standard output.
+inline const std::string kStandardOutput = "-";
 
 struct Options {
   std::string deskFile;  // empty or "default": the default desk
   bool virtualTime = false;
   bool json = false;
-  int device = 0;  // 0: the first one
+  std::string device;  // empty: the first one
   std::string speech;
-  std::string out;
-  double seconds = 0;  // 0: no limit of its own
-  std::string first;   // firmware files; empty: none
+  std::string out = "voxdesk-recording.wav";
+  bool rawSound = false;  // samples alone, without the header of a WAV file
+  double seconds = 0;     // 0: no limit of its own
+  std::string first;      // firmware files; empty: none
   std::string second;
+  bool yes = false;  // without asking
   int dpi = 0;
   std::string url;
   int function = 0;       // of the M key

@@ -3,11 +3,15 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
+#include <utility>
 
 #include "Session.h"
+#include "System.h"
 #include "hid/HidFrame.h"
 #include "sim/Text.h"
 
@@ -15,8 +19,10 @@ namespace {
 
 constexpr double kAnswerSeconds = 1;  // devices answer within some ms
 constexpr double kGoneSeconds = 10;
-constexpr double kMKeySeconds = 2.5;            // the library's own bound
-constexpr std::size_t kBlocksEnd = 65536 * 16;  // what a 16-bit index of 16-byte blocks reaches
+constexpr double kMKeySeconds = 2.5;  // the library's own bound
+constexpr double kLookSeconds = 0.2;
+constexpr std::size_t kBlockBytes = 16;
+constexpr std::size_t kBlocksEnd = 65536 * kBlockBytes;  // what a 16-bit index reaches
 
 // A session in which the chosen device has been found.
 struct DeviceSession : Session {
@@ -36,6 +42,7 @@ struct DeviceSession : Session {
       return candidate.name == name && candidate.fields["device"] == chosen.number;
     });
     if (!event) {
+      failIfInterrupted("before device " + std::to_string(chosen.number) + " (" + chosen.model + ") had answered");
       throw Failure("device " + std::to_string(chosen.number) + " (" + chosen.model + ") did not answer within " +
                     fixed("%.1f s", seconds));
     }
@@ -47,7 +54,7 @@ struct DeviceSession : Session {
 };
 
 // The library takes any file name; what cannot be sent is said here.
-std::size_t checkImage(const std::string& path, const std::string& model) {
+std::size_t checkImage(const std::string& path) {
   namespace fs = std::filesystem;
   std::error_code error;
   const fs::file_status status = fs::status(sim::pathOf(path), error);
@@ -56,14 +63,11 @@ std::size_t checkImage(const std::string& path, const std::string& model) {
   const std::uintmax_t size = fs::file_size(sim::pathOf(path), error);
   if (error) throw Failure(path + ": " + error.message());
   if (size == 0) throw Failure(path + ": empty; expected a firmware image");
-  const std::uintmax_t most = model.find("Tern") != std::string::npos ? 0x7FFFFFFF : kBlocksEnd;
-  if (size > most) {
-    throw Failure(path + ": " + std::to_string(size) + " bytes; a " + model + " can be sent " + std::to_string(most) +
-                  " at most");
-  }
   if (!std::ifstream(path, std::ios::binary)) throw Failure(path + ": " + std::strerror(errno));
-  return static_cast<std::size_t>(size);
+  return static_cast<std::size_t>(std::min<std::uintmax_t>(size, std::numeric_limits<std::size_t>::max()));
 }
+
+bool isTern(const DeviceView& device) { return device.model.find("Tern") != std::string::npos; }
 
 // What a result says of its image, and whether it is a failure.
 std::pair<std::string, bool> sentence(int state) {
@@ -72,13 +76,6 @@ std::pair<std::string, bool> sentence(int state) {
   if (state < FwUpdate_PrepareNoAnswer || state > FwUpdate_AbortNoAnswer) return {"the device has gone", true};
   const std::string step = steps[(state - 1) / 2];
   return {(state % 2 == 0 ? "refused by the device at " : "no answer from the device within 3.1 s at ") + step, true};
-}
-
-std::string bar(double fraction) {
-  constexpr int kColumns = 30;
-  const int done = std::clamp(static_cast<int>(fraction * kColumns), 0, kColumns);
-  return "[" + std::string(static_cast<std::size_t>(done), '=') +
-         std::string(static_cast<std::size_t>(kColumns - done), ' ') + "]";
 }
 
 // One image on its way.
@@ -120,7 +117,7 @@ class UpdateView {
     const auto current =
         std::find_if(images_.begin(), images_.end(), [](const Image& image) { return image.state == 0; });
     if (current == images_.end() || (event.fields["done"] == 100 && event.fields["total"] == 100)) return;
-    const bool counted = session_.chosen.model.find("Tern") != std::string::npos && current != images_.begin();
+    const bool counted = isTern(session_.chosen) && current != images_.begin();
     const double done =
         std::clamp(event.fields["done"].get<double>() - (counted ? static_cast<double>(images_.front().size) : 0), 0.0,
                    static_cast<double>(current->size));
@@ -129,11 +126,10 @@ class UpdateView {
       begin_ = event.seconds;
     }
     const double rate = event.seconds > begin_ ? done / (event.seconds - begin_) : 0;
-    std::string line = std::string(current->name) + " image " + bar(done / static_cast<double>(current->size)) +
-                       fixed(" %3.0f %%", 100 * done / static_cast<double>(current->size)) +
-                       fixed("  %.1f kB/s", rate / 1000);
-    if (rate > 0) line += fixed("  %.0f s left", std::ceil((static_cast<double>(current->size) - done) / rate));
-    session_.terminal.progress(event.seconds, line);
+    const double fraction = done / static_cast<double>(current->size);
+    std::string tail = fixed(" %3.0f %%", 100 * fraction) + fixed("  %.1f kB/s", rate / 1000);
+    if (rate > 0) tail += fixed("  %.0f s left", std::ceil((static_cast<double>(current->size) - done) / rate));
+    session_.terminal.progress(event.seconds, std::string(current->name) + " image ", fraction, '=', tail);
   }
 
   DeviceSession& session_;
@@ -144,35 +140,96 @@ class UpdateView {
   bool lost_ = false;
 };
 
-}  // namespace
+// What is going to be sent, a line for each image.
+std::string summaryOf(const std::vector<Image>& images, const DeviceView& device) {
+  std::string text =
+      "Device " + std::to_string(device.number) + " (" + device.model + ", " + device.link + ") gets new firmware:\n";
+  for (const Image& image : images) {
+    text += std::string("  the ") + image.name + " image, " + image.file + ", " + std::to_string(image.size) + " bytes";
+    if (!isTern(device)) text += " in " + std::to_string((image.size + kBlockBytes - 1) / kBlockBytes) + " blocks";
+    text += image.receiver ? ", for its receiver\n" : ", for the device itself\n";
+  }
+  return text;
+}
 
-void updateFirmware(const Options& options) {
-  DeviceSession session(options);
+// Asks, where there is somebody to ask.
+void confirm(const std::string& summary) {
+  std::fprintf(stderr, "%sBegin? [y/N] ", summary.c_str());
+  std::fflush(stderr);
+  char answer[64] = "";
+  const bool answered = waitForLine(answer, sizeof answer);
+  if (!answered) std::fputs("\n", stderr);
+  Session::failIfInterrupted("before the update began");
+  if (!answered || (answer[0] != 'y' && answer[0] != 'Y'))
+    throw Failure("the update was not begun: the answer was not y");
+}
+
+std::vector<Image> imagesOf(const Options& options) {
   std::vector<Image> images;
   if (!options.first.empty()) images.push_back({.name = "first", .file = options.first});
   if (!options.second.empty()) images.push_back({.name = "second", .file = options.second, .receiver = true});
-  for (Image& image : images) image.size = checkImage(image.file, session.chosen.model);
-  if (images.size() == 2 && session.chosen.link == "Bluetooth LE") {
+  for (Image& image : images) image.size = checkImage(image.file);
+  std::error_code error;
+  if (images.size() == 2 &&
+      std::filesystem::equivalent(sim::pathOf(options.first), sim::pathOf(options.second), error)) {
+    std::fprintf(stderr, "voxdesk: warning: both images are the same file, %s\n", options.first.c_str());
+  }
+  return images;
+}
+
+void checkSizes(const std::vector<Image>& images, const DeviceView& device) {
+  const std::size_t most = isTern(device) ? 0x7FFFFFFF : kBlocksEnd;
+  for (const Image& image : images) {
+    if (image.size > most) {
+      throw Failure(image.file + ": " + std::to_string(image.size) + " bytes; a " + device.model + " can be sent " +
+                    std::to_string(most) + " at most");
+    }
+    if (image.size < kBlockBytes) {
+      std::fprintf(stderr, "voxdesk: warning: %s has %zu bytes, less than one block\n", image.file.c_str(), image.size);
+    }
+  }
+  if (images.size() == 2 && device.link == "Bluetooth LE") {
     throw Failure("over Bluetooth LE there is no receiver: only --first can be sent");
   }
+}
+
+}  // namespace
+
+void updateFirmware(const Options& options) {
+  const bool asks = !options.yes;
+  if (asks && !isScreen(stdin)) {
+    throw Failure("an update asks before it begins, and standard input is no terminal: --yes begins it", kWrongUsage);
+  }
+  std::vector<Image> images = imagesOf(options);
+  DeviceSession session(options);
+  checkSizes(images, session.chosen);
+  if (asks) confirm(summaryOf(images, session.chosen));
   const FwUpdateType type = images.size() == 2 ? FwUpdate_Both : images[0].receiver ? FwUpdate_Second : FwUpdate_First;
   session.terminal.say("Updating device " + std::to_string(session.chosen.number) + " (" + session.chosen.model +
                        "). Leave it plugged in.");
   UpdateView view(session, images);
   const double begin = session.desk->seconds();
+  // Half of its firmware is none.
+  declineInterrupts();
   session.hub().StartOTA(session.chosen.number, type, options.first, options.second);
   // A device that goes is told of within 3.1 s; one that went before its update began is not.
   double patience = kGoneSeconds;
   bool over = false;
-  while (!over && !interrupted() && patience > 0) {
-    over = session.waitFor(1, [&](const ClientEvent& event) { return view.take(event); }).has_value();
-    if (!session.isThere()) patience -= 1;
+  bool warned = false;
+  while (!over && patience > 0) {
+    over = session.waitFor(kLookSeconds, [&](const ClientEvent& event) { return view.take(event); }).has_value();
+    if (!session.isThere()) patience -= kLookSeconds;
+    if (!over && endRequested() && !std::exchange(warned, true)) {
+      std::fputs(
+          "\nvoxdesk: the update goes on. Once more ends it at once: the device's firmware is incomplete then, and the "
+          "update has to be repeated.\n",
+          stderr);
+    }
   }
 
   bool failed = false;
   for (const Image& image : images) {
-    const auto [text, bad] =
-        image.state == 0 ? std::pair(std::string(over ? "not sent" : "interrupted"), true) : sentence(image.state);
+    const auto [text, bad] = image.state == 0 ? std::pair(std::string("not sent"), true) : sentence(image.state);
     failed = failed || bad;
     session.terminal.event(
         session.desk->seconds(), "image",
@@ -183,7 +240,6 @@ void updateFirmware(const Options& options) {
   session.terminal.say(fixed("The update took %.1f s.", session.desk->seconds() - begin));
   session.finish();
   if (patience <= 0) throw Failure("the device went away before its update began; plug it in and try again");
-  if (!over) throw Failure("interrupted: the device was left in the middle of its update; update it again");
   if (view.lost()) throw Failure("the device went away during the update; plug it in and update it again");
   if (failed) throw Failure("the update did not succeed");
 }

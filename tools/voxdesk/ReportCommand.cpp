@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "Commands.h"
+#include "Terminal.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 #include "tools/capture/Report.h"
@@ -44,6 +45,7 @@ void report(const Options& options) {
   constexpr double kMicroseconds = 1000;  // of a millisecond
   const capture::Capture recording = capture::readFile(sim::pathOf(options.recording));
   const capture::Story story = capture::tell(recording, static_cast<capture::Time>(options.slow * kMicroseconds));
+  if (interrupted()) throw Failure("interrupted before anything was written", kInterrupted);
   if (!story.problem.empty()) std::fprintf(stderr, "voxdesk: not all could be read: %s\n", story.problem.c_str());
   const std::string file = sim::utf8(sim::pathOf(options.recording).filename().wstring());
   std::string told;
@@ -58,6 +60,6 @@ void report(const Options& options) {
     told += capture::textOf(story, file);
   }
   if (std::fwrite(told.data(), 1, told.size(), stdout) != told.size() || std::fflush(stdout) != 0) {
-    throw Failure(std::string("standard output: ") + std::strerror(errno));
+    outputFailed(errno);
   }
 }

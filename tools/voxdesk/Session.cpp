@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
 #include "platform/os.h"
@@ -12,8 +13,21 @@
 namespace {
 
 constexpr std::chrono::milliseconds kLook{10};  // how often the client looks at what has happened
+constexpr double kQuietSeconds = 1;             // devices that are there are announced together
 constexpr double kMegabyte = 1024 * 1024;
+const std::string kMaker = "voxmouse ";                            // what every model's name begins with
 constexpr std::int64_t kVirtualBeginning = 1'767'225'600'000'000;  // microseconds since 1970: 2026-01-01
+
+std::string lower(std::string text) {
+  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return text;
+}
+
+std::string listOf(const std::vector<DeviceView>& devices) {
+  std::string text;
+  for (const DeviceView& view : devices) text += " " + std::to_string(view.number) + " (" + view.model + ")";
+  return text;
+}
 
 }  // namespace
 
@@ -24,7 +38,7 @@ std::string fixed(const char* format, double value) {
 }
 
 Session::Session(const Options& options, bool busy)
-    : terminal(options.json), desk(makeDesk(options, busy)), raw_(options.raw) {
+    : terminal(options.json, options.out == kStandardOutput), desk(makeDesk(options, busy)), raw_(options.raw) {
   // A double click of the voice key opens the navigation.
   CPreferences::Instance()->SetVoiceClickTimes(2);
   client = std::make_unique<Client>([this] { return desk->seconds(); });
@@ -144,27 +158,51 @@ std::optional<ClientEvent> Session::waitFor(double seconds, const std::function<
 }
 
 void Session::discover(const std::vector<std::string>& show) {
-  runUntil(kDiscoverySeconds, show, [this] {
+  const auto expected = desk->expectedDevices();
+  std::size_t count = 0;
+  double changed = 0;
+  runUntil(kDiscoverySeconds, show, [&] {
     const auto known = client->devices();
-    return desk->expectedDevices() == known.size() &&
-           std::all_of(known.begin(), known.end(), [](const DeviceView& view) { return view.dpi >= 0; });
+    if (std::exchange(count, known.size()) != known.size()) changed = desk->seconds();
+    if (std::any_of(known.begin(), known.end(), [](const DeviceView& view) { return view.dpi < 0; })) return false;
+    return expected ? count == *expected : count > 0 && desk->seconds() - changed >= kQuietSeconds;
   });
 }
 
-std::string Session::noDevice() {
+std::string Session::noDevice() const {
+  if (desk->expectedDevices() == 0U) return "the desk has no devices that could answer";
   return "no device has answered within " + fixed("%.0f s", kDiscoverySeconds) +
          (kSimulated ? "" : "; plug one in, or try a simulated desk: voxdesk --desk default");
 }
 
-DeviceView Session::choose(int number) {
+void Session::failIfInterrupted(const std::string& when) {
+  if (interrupted()) throw Failure("interrupted " + when, kInterrupted);
+}
+
+DeviceView Session::choose(const std::string& name) {
   const auto devices = client->devices();
-  std::string known;
-  for (const DeviceView& view : devices) {
-    if (number == 0 || view.number == number) return view;
-    known += " " + std::to_string(view.number) + " (" + view.model + ")";
+  failIfInterrupted("before a device had answered");
+  if (devices.empty()) throw Failure(noDevice());
+  if (name.empty()) return devices.front();
+  const std::string wanted = lower(name);
+  const std::function<bool(const DeviceView&)> rules[] = {
+      [&](const DeviceView& view) { return std::to_string(view.number) == wanted; },
+      [&](const DeviceView& view) { return lower(view.model) == wanted || lower(view.model) == kMaker + wanted; },
+      [&](const DeviceView& view) { return lower(view.identity) == wanted; },
+      [&](const DeviceView& view) {
+        return lower(sim::utf8(client->pathOf(view.number))).find(wanted) != std::string::npos;
+      },
+  };
+  // The first of these by which there is any decides.
+  for (const auto& fits : rules) {
+    std::vector<DeviceView> found;
+    std::copy_if(devices.begin(), devices.end(), std::back_inserter(found), fits);
+    if (found.size() == 1) return found.front();
+    if (found.size() > 1) throw Failure('"' + name + "\" may be any of:" + listOf(found) + "; give the number");
   }
-  if (devices.empty()) throw Failure(interrupted() ? "interrupted before a device had answered" : noDevice());
-  throw Failure("no device has the number " + std::to_string(number) + "; there are:" + known);
+  const bool number = std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
+  throw Failure((number ? "no device has the number " + name : "no device is called \"" + name + '"') +
+                "; there are:" + listOf(devices));
 }
 
 void Session::finish(const LeftOpen& byDesign) {

@@ -33,10 +33,12 @@ class Session {
   std::optional<ClientEvent> waitFor(double seconds, const std::function<bool(const ClientEvent&)>& wanted);
   // Waits until every device of the desk has been announced and has told its state, as far as that is known.
   void discover(const std::vector<std::string>& show);
-  // The announced device with this number, the first one for 0.
-  DeviceView choose(int number);
+  // The announced device of this name: its number, its model, its identity, a part of its path; empty: the first one.
+  DeviceView choose(const std::string& name);
+  // Throws when what has just ended has been interrupted. when: "before ...".
+  static void failIfInterrupted(const std::string& when);
   // Why there is nothing to work with.
-  static std::string noDevice();
+  std::string noDevice() const;
   // Ends the client and checks that it has left nothing behind but this.
   void finish(const LeftOpen& byDesign = {});
 

@@ -65,14 +65,14 @@ std::optional<std::size_t> SimulatedDesk::expectedDevices() const {
 }
 
 std::string SimulatedDesk::greeting() const {
-  if (!desk_.recorded().empty()) {
-    return "A desk with " + std::to_string(desk_.devices().size() + desk_.recorded().size()) + " devices, " +
-           std::to_string(desk_.recorded().size()) + " of them recorded; looking for them ...";
-  }
-  if (wren() == desk_.devices().size()) {
+  const std::size_t recorded = desk_.recorded().size();
+  const std::size_t count = desk_.devices().size() + recorded;
+  if (recorded == 0 && wren() == count) {
     throw Failure("the desk has no Wren, whose voice key would be held; 'voxdesk record' records any device");
   }
-  return "A desk with " + std::to_string(desk_.devices().size()) + " virtual devices; looking for them ...";
+  return "A desk with " + std::to_string(count) + (recorded == 0 ? " virtual" : "") +
+         (count == 1 ? " device" : " devices") + (recorded == 0 ? "" : ", " + std::to_string(recorded) + " recorded") +
+         (count == 1 ? "; looking for it ..." : "; looking for them ...");
 }
 
 std::size_t SimulatedDesk::wren() const {

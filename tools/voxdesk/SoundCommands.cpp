@@ -44,15 +44,15 @@ std::string reason(Client& client) {
 
 // Records until the time is over, the source has nothing more, or somebody interrupts.
 template <class Recorder>
-void recordUntil(Session& session, Recorder& recorder, Inbox& inbox, double seconds, const std::string& out) {
-  Take take(session);
+void recordUntil(Session& session, Recorder& recorder, Inbox& inbox, double seconds, const Options& options) {
+  Take take(session, options);
   session.runUntil(seconds + 0.2, {"none"}, [&] {
     take.add(inbox.take());
-    return take.seconds() >= seconds;
+    return take.seconds() >= seconds || take.over();
   });
   recorder.StopRecord();
   take.add(inbox.take());
-  take.write(out);
+  take.finish();
 }
 
 }  // namespace
@@ -114,10 +114,10 @@ void recordMicrophone(const Options& options) {
                     "; there are: " + (names.empty() ? "none" : names));
     }
     session.terminal.say("Recording " + sim::utf8(choice.name) + " (" + choice.rule + ").");
-    if (recorder.StartRecord() != 1) throw Failure("the microphone cannot be recorded" + reason(*session.client));
     const SoundSource source = session.desk->microphones().at(static_cast<std::size_t>(choice.index));
-    const double length = source.seconds.value_or(HUGE_VAL);
-    recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
+    const double seconds = Take::durationOf(options, source.seconds);
+    if (recorder.StartRecord() != 1) throw Failure("the microphone cannot be recorded" + reason(*session.client));
+    recordUntil(session, recorder, inbox, seconds, options);
   }
   session.finish();
 }
@@ -129,10 +129,10 @@ void recordSpeaker(const Options& options) {
   {
     CVoxSpeakerRecord recorder;
     recorder.Init(reinterpret_cast<void*>(&Inbox::onData), &inbox);
-    if (recorder.StartRecord() != 1) throw Failure("the speaker cannot be recorded" + reason(*session.client));
     const auto speaker = session.desk->speaker();
-    const double length = speaker ? speaker->seconds.value_or(HUGE_VAL) : HUGE_VAL;
-    recordUntil(session, recorder, inbox, options.seconds > 0 ? options.seconds : length, options.out);
+    const double seconds = Take::durationOf(options, speaker ? speaker->seconds : 0.0);
+    if (recorder.StartRecord() != 1) throw Failure("the speaker cannot be recorded" + reason(*session.client));
+    recordUntil(session, recorder, inbox, seconds, options);
   }
   session.finish({.comReferences = 1});  // the recorder's device
 }

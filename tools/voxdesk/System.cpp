@@ -1,11 +1,35 @@
 #include "System.h"
 
+#include <cstdlib>
+
+namespace {
+
+constexpr char kEndedAtOnce[] = "voxdesk: ended at once\n";
+
+}  // namespace
+
 #ifdef _WIN32
 
 #include <io.h>
 #include <windows.h>
 
 #include <array>
+
+namespace {
+
+void (*requestHandler)() = nullptr;
+
+HANDLE handleOf(std::FILE* stream) { return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream))); }
+
+BOOL WINAPI onConsole(DWORD event) {
+  constexpr DWORD kLongerThanWindowsWaits = 60'000;
+  requestHandler();
+  // When this returns from any other, Windows ends the program, instead of after some seconds.
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kLongerThanWindowsWaits);
+  return TRUE;
+}
+
+}  // namespace
 
 void prepareConsole() {
   SetConsoleOutputCP(CP_UTF8);
@@ -14,11 +38,34 @@ void prepareConsole() {
   if (GetConsoleMode(console, &mode)) SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
 }
 
-bool outputIsScreen() { return _isatty(_fileno(stdout)) != 0; }
+// (The C library takes the null device for a screen, too.)
+bool isScreen(std::FILE* stream) {
+  DWORD mode = 0;
+  return GetConsoleMode(handleOf(stream), &mode) != FALSE;
+}
 
-std::FILE* takeStandardOutput() {
-  std::FILE* const out = _fdopen(_dup(_fileno(stdout)), "w");
+int columnsOf(std::FILE* screen) {
+  CONSOLE_SCREEN_BUFFER_INFO info{};
+  if (!GetConsoleScreenBufferInfo(handleOf(screen), &info)) return 0;
+  return info.srWindow.Right - info.srWindow.Left + 1;
+}
+
+std::FILE* takeStandardOutput(bool binary) {
+  std::FILE* const out = _fdopen(_dup(_fileno(stdout)), binary ? "wb" : "w");
   return out && std::freopen("NUL", "w", stdout) ? out : nullptr;
+}
+
+bool waitForLine(char* line, int size) { return std::fgets(line, size, stdin) != nullptr; }
+
+void onRequestToEnd(void (*handler)()) {
+  requestHandler = handler;
+  SetConsoleCtrlHandler(&onConsole, TRUE);
+}
+
+void endAtOnce(int exitCode) {
+  DWORD written = 0;
+  WriteFile(GetStdHandle(STD_ERROR_HANDLE), kEndedAtOnce, sizeof kEndedAtOnce - 1, &written, nullptr);
+  std::_Exit(exitCode);
 }
 
 std::filesystem::path programFolder() {
@@ -29,15 +76,60 @@ std::filesystem::path programFolder() {
 
 #else
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-void prepareConsole() {}
+#include <csignal>
 
-bool outputIsScreen() { return isatty(STDOUT_FILENO) != 0; }
+void prepareConsole() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    // Standard output is opened for reading, so that writing to it still fails.
+    if (fcntl(stream, F_GETFD) < 0) open("/dev/null", stream == STDOUT_FILENO ? O_RDONLY : O_RDWR);
+  }
+}
 
-std::FILE* takeStandardOutput() {
+bool isScreen(std::FILE* stream) { return isatty(fileno(stream)) != 0; }
+
+int columnsOf(std::FILE* screen) {
+  winsize size{};
+  if (ioctl(fileno(screen), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  const char* const columns = std::getenv("COLUMNS");
+  return columns ? std::atoi(columns) : 0;
+}
+
+std::FILE* takeStandardOutput(bool) {
   std::FILE* const out = fdopen(dup(STDOUT_FILENO), "w");
   return out && std::freopen("/dev/null", "w", stdout) ? out : nullptr;
+}
+
+bool waitForLine(char* line, int size) {
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  // A read would begin again after a signal; this does not.
+  return poll(&input, 1, -1) == 1 && std::fgets(line, size, stdin);
+}
+
+namespace {
+
+void (*requestHandler)() = nullptr;
+
+}  // namespace
+
+void onRequestToEnd(void (*handler)()) {
+  requestHandler = handler;
+  const auto handle = [](int) { requestHandler(); };
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    // Somebody may have made us immune to a terminal that goes: nohup.
+    if (std::signal(signal, handle) == SIG_IGN && signal == SIGHUP) std::signal(signal, SIG_IGN);
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void endAtOnce(int exitCode) {
+  [[maybe_unused]] const auto written = write(STDERR_FILENO, kEndedAtOnce, sizeof kEndedAtOnce - 1);
+  std::_Exit(exitCode);
 }
 
 std::filesystem::path programFolder() {

@@ -1,9 +1,9 @@
 #include "Take.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -11,6 +11,11 @@
 #include "sim/Wav.h"
 
 namespace {
+
+constexpr int kRate = 16'000;
+constexpr double kPatchSeconds = 0.5;
+constexpr std::uint64_t kMostSamples = (0xFFFFFFFF - sim::kWavHeaderSize) / 2;  // by the sizes in a WAV file
+static_assert(std::endian::native == std::endian::little, "samples are written as they stand in memory");
 
 double decibels(double amplitude) { return amplitude > 0 ? 20 * std::log10(amplitude / 32768) : -99; }
 
@@ -20,45 +25,121 @@ double level(const std::vector<std::int16_t>& pcm) {
   return pcm.empty() ? -99 : decibels(std::sqrt(sum / static_cast<double>(pcm.size())));
 }
 
-std::string meter(double dB) {
-  constexpr int kColumns = 30;
-  const int lit = std::clamp(static_cast<int>((dB + 60) / 60 * kColumns), 0, kColumns);
-  return "[" + std::string(static_cast<std::size_t>(lit), '#') +
-         std::string(static_cast<std::size_t>(kColumns - lit), ' ') + "]";
-}
-
 double rounded(double dB) { return std::round(dB * 10) / 10; }
 
 }  // namespace
 
 void Take::checkWritable(const std::string& path) {
+  if (path == kStandardOutput) return;
   const bool there = std::filesystem::exists(sim::pathOf(path));
+  // Whoever reads a pipe would take this for its end.
+  if (there && std::filesystem::is_fifo(sim::pathOf(path))) return;
   std::FILE* file = std::fopen(path.c_str(), "ab");
   if (!file) throw Failure(path + ": " + std::strerror(errno));
   std::fclose(file);
   if (!there) std::remove(path.c_str());
 }
 
+double Take::durationOf(const Options& options, std::optional<double> source) {
+  if (options.seconds > 0) return options.seconds;
+  if (!source && options.virtualTime) {
+    throw Failure("--virtual-time: this needs --seconds with it, or it would never end", kWrongUsage);
+  }
+  return source.value_or(HUGE_VAL);
+}
+
+Take::Take(Session& session, const Options& options)
+    : session_(session),
+      path_(options.out),
+      name_(path_ == kStandardOutput ? "standard output" : path_),
+      raw_(options.rawSound) {}
+
+Take::~Take() {
+  if (file_ && path_ != kStandardOutput) std::fclose(file_);
+}
+
+void Take::open() {
+  file_ = path_ == kStandardOutput ? session_.terminal.output() : std::fopen(path_.c_str(), "wb");
+  if (!file_) return failed();
+  // What is written is written, and how much of it is known.
+  std::setvbuf(file_, nullptr, _IONBF, 0);
+  if (raw_) return;
+  patches_ = path_ != kStandardOutput && std::fseek(file_, 0, SEEK_SET) == 0;
+  writeHeader(patches_ ? 0 : sim::kUnknownSize);
+}
+
+void Take::write(const std::vector<std::int16_t>& more) {
+  if (!file_) open();
+  if (over()) return;
+  const std::uint64_t room = patches_ ? kMostSamples - samples_ : more.size();
+  const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(room, more.size()));
+  const std::size_t written = std::fwrite(more.data(), sizeof more[0], count, file_);
+  samples_ += written;
+  if (written < count) return failed();
+  if (count < more.size()) problem_ = holds("a WAV file cannot be larger");
+}
+
+void Take::writeHeader(std::uint32_t dataSize) {
+  const auto header = sim::wavHeader(dataSize, kRate);
+  if (std::fwrite(header.data(), 1, header.size(), file_) != header.size()) failed();
+}
+
+void Take::failed() {
+  const int error = errno;
+  if (over()) return;
+  if (path_ == kStandardOutput && error == EPIPE) outputFailed(error);
+  problem_ = holds(std::strerror(error));
+}
+
 void Take::add(const std::vector<std::int16_t>& more) {
-  if (more.empty()) return;
-  pcm_.insert(pcm_.end(), more.begin(), more.end());
+  if (!more.empty() && !over()) {
+    write(more);
+    for (const int sample : more) peak_ = std::max(peak_, std::abs(sample));
+    show(more);
+  }
+  if (over() || session_.desk->seconds() - patchedAt_ >= kPatchSeconds) patch();
+}
+
+void Take::patch() {
+  patchedAt_ = session_.desk->seconds();
+  if (!patches_ || patched_ == samples_) return;
+  std::fpos_t end{};
+  std::fgetpos(file_, &end);
+  std::rewind(file_);
+  writeHeader(static_cast<std::uint32_t>(samples_ * 2));
+  std::fsetpos(file_, &end);
+  patched_ = samples_;
+}
+
+void Take::show(const std::vector<std::int16_t>& more) {
   const double dB = level(more);
   Terminal& terminal = session_.terminal;
+  const double now = session_.desk->seconds();
   if (terminal.json()) {
-    terminal.event(session_.desk->seconds(), "level", {{"seconds", seconds()}, {"dbfs", rounded(dB)}}, "");
+    terminal.event(now, "level", {{"seconds", seconds()}, {"dbfs", rounded(dB)}}, "");
   } else {
-    terminal.progress(session_.desk->seconds(),
-                      "recording " + fixed("%5.1f s  ", seconds()) + meter(dB) + fixed(" %6.1f dBFS", dB));
+    terminal.progress(now, "recording " + fixed("%5.1f s  ", seconds()), (dB + 60) / 60, '#', fixed(" %6.1f dBFS", dB));
   }
 }
 
-void Take::write(const std::string& path) {
-  std::string error;
-  if (!sim::writeWav(path, pcm_, 16000, error)) throw Failure(error);
-  int peak = 0;
-  for (const int sample : pcm_) peak = std::max(peak, std::abs(sample));
-  session_.terminal.event(session_.desk->seconds(), "recorded",
-                          {{"file", path}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak))}},
-                          "wrote " + path + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
-                              fixed(", peak %.1f dBFS", decibels(peak)));
+std::string Take::holds(const std::string& what) const {
+  if (samples_ == 0) return name_ + ": " + what + "; nothing has been recorded";
+  return name_ + ": " + what + fixed("; it holds the first %.2f s", seconds());
+}
+
+void Take::finish(const std::string& why) {
+  patch();
+  if (samples_ > 0) {
+    session_.terminal.event(session_.desk->seconds(), "recorded",
+                            {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
+                            "wrote " + name_ + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
+                                fixed(", peak %.1f dBFS", decibels(peak_)));
+  }
+  if (over()) throw Failure(problem_, outputProblem() == EPIPE ? kInterrupted : kFailed);
+  if (samples_ == 0) {
+    const std::string reason = why.empty() && interrupted() ? "interrupted" : why;
+    throw Failure((reason.empty() ? "" : reason + "; ") + "nothing has been recorded, and " + name_ + " is not written",
+                  why.empty() && interrupted() ? kInterrupted : kFailed);
+  }
+  if (!why.empty()) throw Failure(why + "; " + name_ + " holds what it had sent");
 }

@@ -1,14 +1,35 @@
 #include "Terminal.h"
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 
+#include "Commands.h"
 #include "System.h"
 
 namespace {
 
-volatile std::sig_atomic_t interruptSeen = 0;
+// Whoever closes a terminal or shuts down may ask in two ways at a time.
+constexpr std::chrono::milliseconds kOneRequest{500};
+
+using SteadyClock = std::chrono::steady_clock;
+
+const SteadyClock::time_point begin = SteadyClock::now();
+std::atomic<int> requestedAt{-1};  // milliseconds since the beginning
+std::atomic<int> outputError{0};
+std::atomic<bool> declined{false};
+
+void noteRequest() {
+  const auto now =
+      static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(SteadyClock::now() - begin).count());
+  int before = -1;
+  if (!requestedAt.compare_exchange_strong(before, now) && now - before >= kOneRequest.count()) {
+    endAtOnce(kInterrupted);
+  }
+}
 
 std::string stamp(double seconds) {
   char text[32];
@@ -16,17 +37,20 @@ std::string stamp(double seconds) {
   return text;
 }
 
+std::FILE* taken(bool streaming) {
+  std::FILE* const output = takeStandardOutput(streaming);
+  if (!output) throw Failure("standard output is closed");
+  return output;
+}
+
 }  // namespace
 
 // The library prints texts of its own to standard output when a step of a firmware update fails, in an encoding of its
 // own and without a line end. They would spoil our lines, which say the same.
-Terminal::Terminal(bool json) : json_(json), screen_(outputIsScreen()), out_(takeStandardOutput()) {
-  if (!out_) std::perror("voxdesk: standard output");
-}
+Terminal::Terminal(bool json, bool streaming)
+    : json_(json), output_(taken(streaming)), out_(streaming ? stderr : output_), screen_(isScreen(out_)) {}
 
-Terminal::~Terminal() {
-  if (out_) std::fclose(out_);
-}
+Terminal::~Terminal() { std::fclose(output_); }
 
 void Terminal::say(const std::string& line) {
   if (!json_) print(line);
@@ -42,29 +66,56 @@ void Terminal::event(double seconds, const std::string& name, const Json& fields
   print(object.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-void Terminal::progress(double seconds, const std::string& line) {
+void Terminal::progress(double seconds, const std::string& before, double fraction, char mark,
+                        const std::string& after) {
   if (json_) return;
+  const std::string head = stamp(seconds) + before + "[";
+  const std::string tail = "]" + after;
+  const std::size_t columns = roomForBar(head.size() + tail.size());
+  const auto marks = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * static_cast<double>(columns));
+  const std::string line = head + std::string(marks, mark) + std::string(columns - marks, ' ') + tail;
   if (screen_) {
-    std::fprintf(out_, "\r\033[K%s%s", stamp(seconds).c_str(), line.c_str());
-    std::fflush(out_);
+    std::fprintf(out_, "\r\033[K%s", line.c_str());
     progressShown_ = true;
+    flush();
   } else if (seconds - lastProgress_ >= 1) {
     lastProgress_ = seconds;
-    print(stamp(seconds) + line);
+    print(line);
   }
+}
+
+std::size_t Terminal::roomForBar(std::size_t others) const {
+  constexpr std::size_t kMost = 30;
+  const int columns = screen_ ? columnsOf(out_) : 0;
+  if (columns <= 0) return kMost;
+  // The last column stays free: some screens go on to the next line there.
+  const auto room = static_cast<std::size_t>(columns - 1);
+  return room > others ? std::min(kMost, room - others) : 0;
 }
 
 void Terminal::print(const std::string& line) {
   if (progressShown_) std::fputs("\n", out_);
   progressShown_ = false;
   std::fprintf(out_, "%s\n", line.c_str());
-  std::fflush(out_);
+  flush();
 }
 
-void catchInterrupts() {
-  const auto note = [](int) { interruptSeen = 1; };
-  std::signal(SIGINT, note);
-  std::signal(SIGTERM, note);
+void Terminal::flush() {
+  const bool whole = std::fflush(out_) == 0 && std::ferror(out_) == 0;
+  if (!whole && out_ == output_) outputFailed(errno);
 }
 
-bool interrupted() { return interruptSeen != 0; }
+void catchInterrupts() { onRequestToEnd(&noteRequest); }
+
+bool endRequested() { return requestedAt >= 0; }
+
+bool interrupted() { return !declined && (endRequested() || outputError != 0); }
+
+void declineInterrupts() { declined = true; }
+
+void outputFailed(int error) {
+  int none = 0;
+  outputError.compare_exchange_strong(none, error);
+}
+
+int outputProblem() { return outputError; }

@@ -9,29 +9,47 @@ using Json = nlohmann::ordered_json;
 
 class Terminal {
  public:
-  explicit Terminal(bool json);
+  // streaming: standard output is for the recording, and what is printed goes to standard error.
+  Terminal(bool json, bool streaming);
   ~Terminal();
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
 
   bool json() const { return json_; }
+  // Standard output; for the recording only when it is for that.
+  std::FILE* output() { return output_; }
   // A line for people; nothing for scripts.
   void say(const std::string& line);
   // seconds: since the desk was set up. text: the line for people; empty for none.
   void event(double seconds, const std::string& name, const Json& fields, const std::string& text);
-  // A line that the next one replaces, on a screen; elsewhere it is printed about once a second.
-  void progress(double seconds, const std::string& line);
+  // A line that the next one replaces, on a screen; elsewhere it is printed about once a second. Between the texts
+  // stands a bar of so many marks, as wide as there is room.
+  void progress(double seconds, const std::string& before, double fraction, char mark, const std::string& after);
 
  private:
   void print(const std::string& line);
+  void flush();
+  std::size_t roomForBar(std::size_t others) const;
 
   const bool json_;
+  std::FILE* const output_;  // standard output, which the library does not get
+  std::FILE* const out_;     // where the lines go
   const bool screen_;
-  std::FILE* const out_;  // standard output, which the library does not get
   bool progressShown_ = false;
   double lastProgress_ = -1;
 };
 
-// Where Ctrl-C (or a request to terminate) has arrived: work ends at the next look.
+// Ctrl-C, and what else asks a program to end, is noted from now on: work ends at the next look, as if its time were
+// over. Once more, a little later, and the program ends at once.
 void catchInterrupts();
+// Whether somebody has asked.
+bool endRequested();
+// Whether work is to end: somebody has asked, or standard output takes no more.
 bool interrupted();
+// Work that must not stop half-way is not interrupted from now on.
+void declineInterrupts();
+
+// Notes that standard output takes no more, by errno.
+void outputFailed(int error);
+// The first such errno; 0 while all is well.
+int outputProblem();

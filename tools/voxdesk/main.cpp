@@ -1,7 +1,12 @@
 // voxdesk: the command-line client of the device library.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -12,72 +17,139 @@
 
 namespace {
 
-enum ExitCode { kDone = 0, kFailed = 1, kWrongUsage = 2 };
+// How many letters have to be put in, taken out or replaced.
+std::size_t distance(const std::string& a, const std::string& b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i);
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = std::exchange(row[j], std::min({replaced, row[j] + 1, row[j - 1] + 1}));
+    }
+  }
+  return row.back();
+}
+
+// What to say of a word that is no command.
+std::string nearestCommand(const CLI::App& app, const std::string& word) {
+  const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
+  const auto further = [&](const CLI::App* a, const CLI::App* b) {
+    return distance(word, a->get_name()) < distance(word, b->get_name());
+  };
+  return "there is no command \"" + word + "\"; the nearest is \"" +
+         (*std::min_element(commands.begin(), commands.end(), further))->get_name() + '"';
+}
+
+std::string checkDevice(const std::string& name) {
+  if (name.empty()) return "a number or a name is missing";
+  const bool zero = std::all_of(name.begin(), name.end(), [](char c) { return c == '0'; });
+  return zero ? "devices are numbered from 1" : "";
+}
+
+// The exit code, when standard error has been told what there is to say.
+int conclude(int exitCode, std::string sentence) {
+  const int problem = outputProblem();
+  if (problem == EPIPE && exitCode != kFailed) {
+    exitCode = kInterrupted;
+    sentence = "interrupted: nobody reads standard output any more";
+  } else if (problem != 0 && problem != EPIPE) {
+    exitCode = kFailed;
+    sentence = std::string("standard output: ") + std::strerror(problem) + (sentence.empty() ? "" : "; ") + sentence;
+  }
+  std::fflush(stdout);
+  if (!sentence.empty()) std::fprintf(stderr, "voxdesk: %s\n", sentence.c_str());
+  return exitCode;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   prepareConsole();
   if (const auto code = runOther(argc, argv)) return *code;
+  catchInterrupts();
   Options options;
   CLI::App app(kAbout, "voxdesk");
   app.allow_windows_style_options(false);  // a path may begin with a slash
   app.set_version_flag("--version", "voxdesk " VOXDEVICE_VERSION);
   app.footer(
-      "Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage.\n"
+      "Ctrl-C, SIGTERM, SIGHUP, or nobody who reads standard output any more: the work ends as if its time were\n"
+      "over, and what was recorded is kept. Once more, half a second later or more: the program ends at once. An\n"
+      "update that has begun ends by that only.\n"
+      "Exit code: 0 done, 1 failed (standard error says why), 2 wrong usage, 130 interrupted.\n"
       "docs/desk-file.md describes desk files; a command's own options: voxdesk COMMAND --help.");
-  app.add_option("--desk", options.deskFile,
-                 kSimulated
-                     ? "A desk file (JSON): which devices, links, faults; or a capture, whose devices are replayed; "
-                       "default: a Wren, a Heron Plus, a Tern"
-                     : "A simulated desk instead of this computer: a desk file (JSON), a capture, or "
-                       "\"default\"")
-      ->type_name("FILE");
-  app.add_flag("--virtual-time", options.virtualTime,
-               "As fast as the machine can, instead of in real time (simulated desks)");
-  app.add_flag("--json", options.json, "One JSON object per event, for scripts");
-  app.add_option("--out", options.out, "Where the recording goes; default: voxdesk-recording.wav")
-      ->type_name("OUT.wav");
-  app.add_option("--seconds", options.seconds,
-                 kSimulated ? "How long to record; default: as long as the speech" : "The longest recording")
-      ->check(CLI::Range(0.001, 86'400.0))
-      ->type_name("S");
+  auto* desk =
+      app.add_option(
+             "--desk", options.deskFile,
+             kSimulated ? "A desk file (JSON): which devices, links, faults; or a capture, whose devices are replayed; "
+                          "default: a Wren, a Heron Plus, a Tern"
+                        : "A simulated desk instead of this computer: a desk file (JSON), a capture, or "
+                          "\"default\"")
+          ->type_name("FILE");
+  auto* virtualTime = app.add_flag("--virtual-time", options.virtualTime,
+                                   "As fast as the machine can, instead of in real time (simulated desks)");
+  auto* json = app.add_flag("--json", options.json, "One JSON object per event, for scripts");
+  const auto takesOut = [&](CLI::App& to, const char* what) {
+    auto* out = to.add_option("--out", options.out,
+                              what + std::string("; -: standard output, and messages, or events, go to standard error"))
+                    ->type_name("OUT.wav");
+    to.add_option("--format", options.rawSound,
+                  "wav, or raw: 16-bit samples alone, low byte first; 16 kHz, mono; default: wav")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"wav", false}, {"raw", true}}).description(""))
+        ->needs(out)
+        ->type_name("FORMAT");
+    return out;
+  };
+  const auto takesSeconds = [&](CLI::App& to, const char* what) {
+    to.add_option("--seconds", options.seconds, what)->check(CLI::Range(0.001, 86'400.0))->type_name("S");
+  };
+  takesOut(app, "Where the recording goes; default: voxdesk-recording.wav");
+  takesSeconds(app, kSimulated ? "How long to record; default: as long as the speech" : "The longest recording");
   auto* capture =
       app.add_option("--capture", options.capture,
                      "Record everything that passes between the library and the devices, as it happens")
           ->type_name("FILE.pcapng")
           ->check([](const std::string& name) { return std::string(name.empty() ? "a file's name is missing" : ""); });
-  app.add_flag("--no-speech", options.noSpeech,
-               "... with speech as zeros, and serial numbers and addresses invented, to hand it on")
-      ->needs(capture);
-  app.add_option("--capture-size", options.captureMegabytes,
-                 "... in files of so many MiB at most, continued in FILE-2.pcapng ...; default: 64")
-      ->needs(capture)
-      ->check(CLI::Range(0.1, 1'048'576.0))
-      ->type_name("MIB");
+  auto* noSpeech = app.add_flag("--no-speech", options.noSpeech,
+                                "... with speech as zeros, and serial numbers and addresses invented, to hand it on")
+                       ->needs(capture);
+  auto* captureSize = app.add_option("--capture-size", options.captureMegabytes,
+                                     "... in files of so many MiB at most, continued in FILE-2.pcapng ...; default: 64")
+                          ->needs(capture)
+                          ->check(CLI::Range(0.1, 1'048'576.0))
+                          ->type_name("MIB");
   app.fallthrough();
   app.require_subcommand(0, 1);
 
-  // Each command, and what it does when it is the one that was given.
-  std::vector<std::pair<CLI::App*, void (*)(const Options&)>> commands;
-  const auto command = [&](CLI::App& parent, const char* name, const char* what, void (*run)(const Options&)) {
+  // Each command, what it does when it is the one that was given, and which of the options above it takes.
+  struct Command {
+    CLI::App* app;
+    void (*run)(const Options&);
+    std::vector<const CLI::Option*> takes;
+  };
+  std::vector<Command> commands;
+  const std::vector<const CLI::Option*> allOfDesk{desk, virtualTime, json, capture, noSpeech, captureSize};
+  const auto add = [&](CLI::App& parent, const char* name, const char* what, void (*run)(const Options&),
+                       const std::vector<const CLI::Option*>& takes) {
     CLI::App* added = parent.add_subcommand(name, what);
-    if (run) commands.emplace_back(added, run);
+    commands.push_back({added, run, takes});
+    added->footer([takes] { return CLI::Formatter().make_group("Options of all commands", false, takes); });
     return added;
   };
-  const auto needsDevice = [&](CLI::App* to) {
-    to->add_option("--device", options.device, "The number of the device; default: the first")
-        ->check(CLI::Range(1, 2'147'483'647))
-        ->type_name("N");
-    return to;
+  const auto command = [&](CLI::App& parent, const char* name, const char* what, void (*run)(const Options&)) {
+    return add(parent, name, what, run, allOfDesk);
   };
-  const auto takesSeconds = [&](CLI::App* to, const char* what) {
-    to->add_option("--seconds", options.seconds, what)->check(CLI::Range(0.001, 86'400.0))->type_name("S");
+  const auto needsDevice = [&](CLI::App* to) {
+    to->add_option("--device", options.device,
+                   "The device: its number, model, identity, or a part of its path; default: the first")
+        ->check(&checkDevice)
+        ->type_name("DEVICE");
+    return to;
   };
 
   command(app, "devices", "List the devices that answer", &listDevices);
   auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
-  takesSeconds(watch, "Stop after so long; needed with --virtual-time");
+  takesSeconds(*watch, "Stop after so long; needed with --virtual-time");
   watch->add_flag("--raw", options.raw, "Show the reports themselves, too, in hexadecimal");
   auto* take = needsDevice(command(app, "record", "Record one device", &record));
   if (kSimulated) {
@@ -85,8 +157,8 @@ int main(int argc, char** argv) {
         ->required()
         ->type_name("IN.wav");
   }
-  take->add_option("--out", options.out, "What the client received")->required()->type_name("OUT.wav");
-  takesSeconds(take,
+  takesOut(*take, "What the client received")->required();
+  takesSeconds(*take,
                kSimulated ? "How long to record; default: as long as the speech" : "How long; default: until Ctrl-C");
 
   command(app, "sound", "List the computer's microphones, endpoints and speaker, and which is chosen", &listSound);
@@ -94,20 +166,20 @@ int main(int argc, char** argv) {
   mic->add_option("--device", options.microphone, "Part of its name; default: the library's choice")->type_name("NAME");
   auto* speaker = command(app, "speaker", "Record what the computer plays", &recordSpeaker);
   for (CLI::App* recording : {mic, speaker}) {
-    recording->add_option("--out", options.out, "The recording")->required()->type_name("OUT.wav");
-    takesSeconds(recording, "How long; default: to the end of the source, or Ctrl-C");
+    takesOut(*recording, "The recording")->required();
+    takesSeconds(*recording, "How long; default: to the end of the source, or Ctrl-C");
   }
 
   auto* legacy =
       command(app, "legacy", "Show older hardware, its keys and the working mode, until Ctrl-C", &watchLegacy);
-  takesSeconds(legacy, "Stop after so long; needed with --virtual-time");
+  takesSeconds(*legacy, "Stop after so long; needed with --virtual-time");
 
-  auto* told = command(app, "report", "Say what a capture tells; needs no desk", &report);
+  auto* told = add(app, "report", "Say what a capture tells; needs no desk", &report, {json});
   told->add_option("FILE", options.recording, "A capture: of voxdesk, or of a USB bus")
       ->required()
       ->type_name("FILE.pcapng");
   told->add_option("--out", options.reportPage, "One page that needs nothing else")->type_name("REPORT.html");
-  told->add_flag("--text", options.text, "The same as text; this is what happens without any option");
+  told->add_flag("--text", options.text, "The same as text; this is what happens without any option")->excludes(json);
   told->add_option("--wav", options.speechFolder, "Write the speech, a file for each voice channel")->type_name("DIR");
   told->add_option("--slow", options.slow, "An answer that takes longer is unusual; default: 250")
       ->check(CLI::Range(0.0, 1e9))
@@ -127,7 +199,7 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0.0, 3'600'000.0))
       ->type_name("MS");
   send->add_flag("--force", options.force, "Even one that belongs to a firmware update");
-  auto* mkey = command(app, "mkey", "The function of a device's M key", nullptr);
+  auto* mkey = app.add_subcommand("mkey", "The function of a device's M key");
   mkey->require_subcommand(1);
   mkey->fallthrough();
   needsDevice(command(*mkey, "list", "The functions that the device supports", &listMKey));
@@ -139,26 +211,45 @@ int main(int argc, char** argv) {
   update->add_option("--first", options.first, "The device's own image")->type_name("A.bin");
   update->add_option("--second", options.second, "Its receiver's image")->type_name("B.bin");
 
+  update->add_flag("--yes", options.yes, "Begin without asking; needed where standard input is no terminal");
+
+  void (*run)(const Options&) = &showDesk;
   try {
     app.parse(argc, argv);
+    for (const Command& candidate : commands) {
+      if (!candidate.app->parsed()) continue;
+      run = candidate.run;
+      for (const CLI::Option* given : app.get_options()) {
+        const bool takes = std::find(candidate.takes.begin(), candidate.takes.end(), given) != candidate.takes.end();
+        if (given->count() == 0 || takes || candidate.app->get_option_no_throw(given->get_name())) continue;
+        throw CLI::ValidationError(given->get_name(), candidate.app->get_name() + " does not take this option");
+      }
+    }
     if ((*watch || *legacy) && options.virtualTime && options.seconds <= 0) {
       throw CLI::ValidationError("--virtual-time", "this needs --seconds with it, or it would never end");
+    }
+    if (options.out == kStandardOutput && isScreen(stdout)) {
+      throw CLI::ValidationError("--out", "standard output is a terminal, which shows no sound");
     }
     if (*update && options.first.empty() && options.second.empty()) {
       throw CLI::RequiredError("--first or --second");
     }
+  } catch (const CLI::ExtrasError& error) {
+    const auto extras = app.remaining();
+    if (!app.get_subcommands().empty() || extras.empty()) return app.exit(error), kWrongUsage;
+    return conclude(kWrongUsage, nearestCommand(app, extras.front()));
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kWrongUsage;
+    const int exitCode = app.exit(error) == 0 ? kDone : kWrongUsage;
+    if (!std::cout.flush()) outputFailed(errno);
+    return conclude(exitCode, {});
   }
 
-  catchInterrupts();
   try {
-    const auto given = std::find_if(commands.begin(), commands.end(), [](const auto& c) { return c.first->parsed(); });
-    (given == commands.end() ? &showDesk : given->second)(options);
-    return kDone;
+    run(options);
+    return interrupted() ? conclude(kInterrupted, outputProblem() ? "" : "interrupted") : conclude(kDone, {});
+  } catch (const Failure& failure) {
+    return conclude(failure.exitCode(), failure.what());
   } catch (const std::exception& error) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "voxdesk: %s\n", error.what());
-    return kFailed;
+    return conclude(kFailed, error.what());
   }
 }
