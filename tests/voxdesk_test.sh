@@ -300,7 +300,7 @@ done <<'REFUSED'
 devices --seconds 3|--seconds: devices does not take this option
 mkey list --out x.wav|--out: list does not take this option
 report case.pcapng --virtual-time|--virtual-time: report does not take this option
-report case.pcapng --text --json|--text excludes --json
+report case.pcapng --text --json|--json excludes --text
 REFUSED
 expect 0 dpi --help
 out "--capture"

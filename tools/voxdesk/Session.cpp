@@ -185,12 +185,13 @@ DeviceView Session::choose(const std::string& name) {
   if (devices.empty()) throw Failure(noDevice());
   if (name.empty()) return devices.front();
   const std::string wanted = lower(name);
+  const bool number = std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
   const std::function<bool(const DeviceView&)> rules[] = {
       [&](const DeviceView& view) { return std::to_string(view.number) == wanted; },
       [&](const DeviceView& view) { return lower(view.model) == wanted || lower(view.model) == kMaker + wanted; },
       [&](const DeviceView& view) { return lower(view.identity) == wanted; },
       [&](const DeviceView& view) {
-        return lower(sim::utf8(client->pathOf(view.number))).find(wanted) != std::string::npos;
+        return !number && lower(sim::utf8(client->pathOf(view.number))).find(wanted) != std::string::npos;
       },
   };
   // The first of these by which there is any decides.
@@ -200,7 +201,6 @@ DeviceView Session::choose(const std::string& name) {
     if (found.size() == 1) return found.front();
     if (found.size() > 1) throw Failure('"' + name + "\" may be any of:" + listOf(found) + "; give the number");
   }
-  const bool number = std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
   throw Failure((number ? "no device has the number " + name : "no device is called \"" + name + '"') +
                 "; there are:" + listOf(devices));
 }
