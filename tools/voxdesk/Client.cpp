@@ -122,6 +122,14 @@ void Client::registerCallbacks() {
             (state == FwUpdate_Over ? "all of it" : linkName(link)));
   };
   hub_->SetCallback_FwOtaResult(reinterpret_cast<void*>(result), this);
+
+  const CAudioHidCenter::SpeechLostCallback lost = [](int device, int missing, int late, void* self) {
+    static_cast<Client*>(self)->add("speech-lost", {{"device", device}, {"missing", missing}, {"late", late}},
+                                    hash(device) + "speech is lost: reports missing: " + std::to_string(missing) +
+                                        ", late: " + std::to_string(late));
+  };
+  hub_->SetCallback_SpeechLost(reinterpret_cast<void*>(lost), this);
+  hub_->SetHardening(VoxHardening_All);
 }
 
 std::vector<ClientEvent> Client::takeEvents() {

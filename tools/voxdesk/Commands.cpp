@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Session.h"
+#include "Survey.h"
 #include "Take.h"
 
 namespace {
@@ -90,7 +91,8 @@ void showDesk(const Options& options) {
 }
 
 void listDevices(const Options& options) {
-  Session session(options);
+  Survey survey;
+  Session session(options, false, options.verbose ? &survey : nullptr);
   session.discover({"none"});
   const auto devices = session.client->devices();
   if (devices.empty()) session.failIfInterrupted("before a device had answered");
@@ -110,6 +112,7 @@ void listDevices(const Options& options) {
     fields["identity"] = view.identity.empty() ? Json() : Json(view.identity);
     session.terminal.event(session.desk->seconds(), "device", fields, "");
   }
+  if (options.verbose) tellInterfaces(session, survey.interfaces());
   session.finish();
 }
 

@@ -50,6 +50,8 @@ struct Options {
   std::string speechFolder;
   bool text = false;
   double slow = 250;  // milliseconds
+  bool noVoice = false;
+  bool verbose = false;
 };
 
 // Shows the devices, holds the Wren's voice key and records what it hears.
@@ -70,5 +72,7 @@ void recordMicrophone(const Options& options);
 void recordSpeaker(const Options& options);
 // Shows the older hardware, its keys and the working mode.
 void watchLegacy(const Options& options);
+// What is plugged in, what stands in the way of its use, and what to do about it. Fails when there is anything.
+void doctor(const Options& options);
 // Says what a capture tells: as a page, as a text, as JSON.
 void report(const Options& options);

@@ -15,13 +15,16 @@
 #include "Terminal.h"
 #include "tools/capture/Recorder.h"
 
+class Survey;
+
 // printf for one number.
 std::string fixed(const char* format, double value);
 
 class Session {
  public:
   // busy: somebody uses a simulated desk.
-  explicit Session(const Options& options, bool busy = false);
+  // survey: gets everything that passes, too.
+  explicit Session(const Options& options, bool busy = false, Survey* survey = nullptr);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -60,6 +63,7 @@ class Session {
   void stop();
 
   std::atomic<bool> raw_;
+  Survey* const survey_;
   std::unique_ptr<capture::Recorder> recorder_;
   std::string captureProblem_;
 };

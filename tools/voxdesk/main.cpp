@@ -147,7 +147,13 @@ int main(int argc, char** argv) {
     return to;
   };
 
-  command(app, "devices", "List the devices that answer", &listDevices);
+  auto* list = command(app, "devices", "List the devices that answer", &listDevices);
+  list->add_flag("-v,--verbose", options.verbose,
+                 "... and every HID interface, with why it is none of ours or not used");
+  auto* examine = command(app, "doctor", "Look for what is wrong with the devices, and say what may help", &doctor);
+  takesSeconds(*examine, "How long to look; default: 10");
+  examine->add_flag("--no-voice", options.noVoice, "Do not open the devices' voice channels");
+  examine->add_option("--out", options.reportPage, "What passed meanwhile, as a page")->type_name("REPORT.html");
   auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
   takesSeconds(*watch, "Stop after so long; needed with --virtual-time");
   watch->add_flag("--raw", options.raw, "Show the reports themselves, too, in hexadecimal");

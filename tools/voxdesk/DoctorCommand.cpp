@@ -1,0 +1,244 @@
+// What is plugged in, what stands in the way of its use, and what to do about it.
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+
+#include "Session.h"
+#include "Survey.h"
+#include "sim/Text.h"
+#include "tools/capture/Report.h"
+
+namespace {
+
+constexpr double kLookSeconds = 10;
+constexpr double kVoiceSeconds = 2;
+constexpr int kLowBattery = 20;                 // percent
+constexpr capture::Time kSlowAnswer = 250'000;  // microseconds
+
+struct Finding {
+  std::string about;
+  std::string what;
+  std::string advice;
+};
+
+class Doctor {
+ public:
+  Doctor(Session& session, const Survey& survey) : session_(session), survey_(survey) {}
+
+  void lookAtInterfaces();
+  // Opens each device's voice channel for a while.
+  void listen();
+  void lookAtDevices();
+  void lookAtSound();
+  // How many there are.
+  std::size_t tellFindings();
+
+ private:
+  void find(const std::string& about, const std::string& what, const std::string& advice) {
+    findings_.push_back({about, what, advice});
+  }
+  void event(const char* name, const Json& fields) {
+    session_.terminal.event(session_.desk->seconds(), name, fields, "");
+  }
+  void lookAt(const SurveyedInterface& hid, const DeviceView* device);
+  void lookAtSpeech(const std::string& about, int device, Json& fields);
+
+  Session& session_;
+  const Survey& survey_;
+  std::vector<Finding> findings_;
+  std::vector<std::pair<int, VoxSpeechCounts>> speech_;  // by device
+  std::vector<int> silent_;                              // devices whose voice channel did not open
+};
+
+std::string titleOf(const SurveyedInterface& hid, const DeviceView* device) {
+  const std::string model = device ? device->model : hid.model;
+  return hid.device > 0 ? "#" + std::to_string(hid.device) + " " + model : model;
+}
+
+// What helps against something unusual, by its kind.
+const char* adviceAgainst(const std::string& kind) {
+  if (kind == "silence") return "wake it, charge it, and move it nearer to its receiver or away from other radios";
+  if (kind == "refused") return "read in docs/protocol.md what the device may refuse; its firmware may need an update";
+  if (kind == "damaged") return "try another USB port without a hub; over radio, move nearer; else send in a capture";
+  if (kind == "slow") return "move it nearer, and close programs that use the same radio";
+  if (kind == "failed") return "unplug it and plug it in again, or switch Bluetooth off and on";
+  if (kind == "gone") return "look at its cable, its receiver and its battery";
+  return nullptr;
+}
+
+void Doctor::lookAtInterfaces() {
+  const auto all = survey_.interfaces();
+  tellInterfaces(session_, all);
+  bool any = false;
+  for (const SurveyedInterface& hid : all) {
+    any = any || !hid.model.empty();
+    if (hid.model.empty() || hid.verdict == "in use") continue;
+    // Another interface of the same device may be the one.
+    const bool served = std::any_of(all.begin(), all.end(), [&hid](const SurveyedInterface& other) {
+      return other.device > 0 && other.vendor == hid.vendor && other.product == hid.product;
+    });
+    if (!served) {
+      find(hid.model, hid.verdict, "close other programs that use it, and plug it in again");
+    }
+  }
+  if (!any) find("devices", "none of ours is plugged in", "plug one in, or pair it in the Bluetooth settings");
+}
+
+void Doctor::listen() {
+  CAudioHidCenter& hub = session_.client->hub();
+  for (const DeviceView& device : session_.client->devices()) {
+    if (interrupted()) return;
+    hub.ChooseWorkHidDevice(device.number);
+    if (!hub.OpenHidRecord()) {
+      silent_.push_back(device.number);
+      continue;
+    }
+    session_.runUntil(kVoiceSeconds, {"none"}, [] { return false; });
+    hub.CloseHidRecord();
+    session_.client->takeAudio();
+    VoxSpeechCounts counts{};
+    if (hub.GetSpeechCounts(device.number, counts)) speech_.emplace_back(device.number, counts);
+  }
+}
+
+void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {
+  if (std::find(silent_.begin(), silent_.end(), device) != silent_.end()) {
+    find(about, "its voice channel does not open", "charge it; another program may be recording it; plug it in again");
+  }
+  for (const auto& [number, counts] : speech_) {
+    if (number != device) continue;
+    fields["speech_reports"] = counts.reports;
+    fields["speech_late"] = counts.late;
+    fields["speech_missing"] = counts.missing;
+    fields["speech_unasked"] = counts.unasked;
+    session_.terminal.say("    speech: " + capture::plural(counts.reports, "report") + ", " +
+                          std::to_string(counts.late) + " late, " + std::to_string(counts.missing) + " missing");
+    if (counts.reports == 0) {
+      find(about, "it sends no speech although its voice channel is open", "its firmware may need an update");
+    }
+    if (counts.missing > 0) {
+      find(about, "speech is lost: about " + capture::plural(counts.missing, "report") + " of 15 ms or 20 ms",
+           "close busy programs; over radio, move it nearer");
+    }
+    if (counts.unasked > 0) {
+      find(about, "it sends speech that nobody has asked for",
+           "close the other program that records it; a program that was killed may have left its channel open");
+    }
+  }
+}
+
+void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
+  const capture::Story story = capture::tell(survey_.capture(hid.path), kSlowAnswer);
+  const std::string about = titleOf(hid, device);
+  capture::RequestCount beats;
+  for (const auto& request : story.requests) {
+    if (request.name == "Heartbeat") beats = request;
+  }
+  const double age = static_cast<double>(story.length) / 1e6;
+  session_.terminal.say("  " + about + ": " +
+                        (device ? device->link + ", battery " + percent(device->battery) : std::string("silent")));
+  session_.terminal.say("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) +
+                        std::to_string(beats.unanswered) + " unanswered; answers after " +
+                        capture::milliseconds(beats.median()) + " (median), " + capture::milliseconds(beats.slowest()) +
+                        " (worst)");
+  Json fields{{"device", hid.device},
+              {"model", device ? device->model : hid.model},
+              {"connected", device != nullptr},
+              {"seconds", age},
+              {"heartbeats", beats.sent},
+              {"heartbeats_unanswered", beats.unanswered},
+              {"answer_median_ms", static_cast<double>(beats.median()) / 1000},
+              {"answer_worst_ms", static_cast<double>(beats.slowest()) / 1000}};
+  fields["battery"] = device && device->battery >= 0 ? Json(device->battery) : Json();
+  lookAtSpeech(about, hid.device, fields);
+  event("device", fields);
+
+  if (!device && beats.sent > 0 && beats.answered == 0) {
+    find(about, "it has answered none of " + capture::plural(beats.sent, "heartbeat"), adviceAgainst("silence"));
+  } else if (!device) {
+    find(about, "it does not answer any more", adviceAgainst("silence"));
+  }
+  for (const auto& unusual : story.unusual) {
+    const char* const advice = adviceAgainst(unusual.kind);
+    // Who never answers is told of already; a device may leave out what its receiver would answer.
+    if (!advice || (unusual.kind == "silence" && !device)) continue;
+    find(about, unusual.words + (unusual.times > 1 ? " (" + std::to_string(unusual.times) + " times)" : ""), advice);
+  }
+  if (device && device->battery >= 0 && device->battery < kLowBattery) {
+    find(about, "its battery is at " + percent(device->battery), "charge it");
+  }
+}
+
+void Doctor::lookAtDevices() {
+  const auto known = session_.client->devices();
+  session_.terminal.say("Devices:");
+  for (const SurveyedInterface& hid : survey_.interfaces()) {
+    if (hid.device <= 0 || !hid.opened) continue;
+    const auto device =
+        std::find_if(known.begin(), known.end(), [&hid](const DeviceView& view) { return view.number == hid.device; });
+    lookAt(hid, device == known.end() ? nullptr : &*device);
+  }
+}
+
+void Doctor::lookAtSound() {
+  const auto microphones = session_.desk->microphones();
+  const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
+  const std::string chosen = choice.index >= 0 ? sim::utf8(choice.name) : "none";
+  session_.terminal.say("Sound:");
+  session_.terminal.say("  of " + capture::plural(microphones.size(), "microphone") + ", " + chosen +
+                        " would be recorded: " + choice.rule);
+  event("microphone", {{"name", chosen}, {"index", choice.index}, {"rule", choice.rule}});
+  for (const SoundEndpoint& endpoint : session_.desk->endpoints()) {
+    session_.terminal.say("  " + endpoint.name + fixed(": volume %.0f %%", 100 * endpoint.volume) +
+                          (endpoint.muted ? ", muted" : ""));
+    event("endpoint", {{"name", endpoint.name}, {"volume", endpoint.volume}, {"muted", endpoint.muted}});
+    if (endpoint.muted) find(endpoint.name, "it is muted", "take its mute off in the system's sound settings");
+  }
+  const auto speaker = session_.desk->speaker();
+  session_.terminal.say(speaker ? "  speaker: " + std::to_string(speaker->rate) + " Hz, " +
+                                      capture::plural(static_cast<std::size_t>(speaker->channels), "channel")
+                                : std::string("  no speaker"));
+  event("speaker", {{"present", speaker.has_value()},
+                    {"rate", speaker ? speaker->rate : 0},
+                    {"channels", speaker ? speaker->channels : 0}});
+}
+
+std::size_t Doctor::tellFindings() {
+  session_.terminal.say(findings_.empty() ? "Nothing is wrong that could be seen." : "Findings:");
+  for (const Finding& finding : findings_) {
+    session_.terminal.say("  " + finding.about + ": " + finding.what + ".");
+    session_.terminal.say("    What may help: " + finding.advice + ".");
+    event("finding", {{"about", finding.about}, {"what", finding.what}, {"advice", finding.advice}});
+  }
+  return findings_.size();
+}
+
+}  // namespace
+
+void doctor(const Options& options) {
+  Survey survey;
+  std::size_t findings = 0;
+  {
+    Session session(options, false, &survey);
+    Doctor doctor(session, survey);
+    const double seconds = options.seconds > 0 ? options.seconds : kLookSeconds;
+    session.terminal.say("voxdesk " VOXDEVICE_VERSION " looks at this computer for " + fixed("%.0f s", seconds) +
+                         (options.noVoice ? "." : ", then opens each device's voice channel for 2 s."));
+    session.terminal.event(session.desk->seconds(), "version", {{"voxdesk", VOXDEVICE_VERSION}}, "");
+    session.runUntil(seconds, {"none"}, [] { return false; });
+    if (!options.noVoice) doctor.listen();
+    doctor.lookAtInterfaces();
+    doctor.lookAtDevices();
+    doctor.lookAtSound();
+    findings = doctor.tellFindings();
+    session.finish();
+  }
+  if (!options.reportPage.empty()) {
+    const std::string page = capture::htmlOf(capture::tell(survey.capture({}), kSlowAnswer), "voxdesk doctor");
+    std::ofstream file(sim::pathOf(options.reportPage), std::ios::binary);
+    file.write(page.data(), static_cast<std::streamsize>(page.size()));
+    if (!file.flush()) throw Failure(options.reportPage + ": cannot be written");
+  }
+  if (findings > 0)
+    throw Failure("there " + std::string(findings == 1 ? "is " : "are ") + capture::plural(findings, "finding"));
+}

@@ -1,0 +1,45 @@
+// What voxdesk has seen of the computer's HID interfaces while it looked.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "VoxDevice/VoxDevice.h"
+#include "tools/capture/Capture.h"
+
+class Session;
+
+// A HID interface of the computer, and what stands in the way of its use.
+struct SurveyedInterface {
+  std::string path;
+  std::string vendor;   // four hexadecimal digits, by the path; empty: it has none
+  std::string product;  // likewise
+  std::string model;    // by the path; empty: none of ours
+  std::string family;   // of its firmware: "Tern", "Standard", "Zh"
+  DataChannel link = DataChannel_Unknown;
+  int inputLength = 0;   // bytes; 0: unknown
+  int outputLength = 0;  // likewise
+  bool opened = false;
+  std::uint32_t error = 0;  // of the last attempt to open it
+  int device = -1;          // the client's number for it
+  std::string verdict;      // a sentence: why it is not used, or that it is
+};
+
+class Survey {
+ public:
+  // On any thread. microseconds: since any moment.
+  void observe(const VoxObservation& observation, std::int64_t microseconds);
+  // Those that are present now, in the system's order.
+  std::vector<SurveyedInterface> interfaces() const;
+  // What has passed at the interface with this path; of all, with an empty one.
+  capture::Capture capture(const std::string& path) const;
+
+ private:
+  mutable std::mutex mutex_;
+  capture::Capture seen_;
+};
+
+// Prints them.
+void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& interfaces);
