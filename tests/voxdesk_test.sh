@@ -214,6 +214,12 @@ JSON
 expect 1 --virtual-time --desk pulled.json record --device 1 --speech "$sample" --out kept.wav
 err "the device went away during the recording; kept.wav holds what it had sent"
 [ "$(wc -c <kept.wav)" -gt 50000 ] || fail "two seconds had come"
+# What was there before stays until there is a first sample.
+printf '{"devices": [{"model": "Wren", "timeline": [{"at": 2.07, "unplug": true}]}]}' >early.json
+cp kept.wav before.wav
+expect 1 --virtual-time --desk early.json record --speech "$sample" --out before.wav
+err "the device went away during the recording; nothing has been recorded, and before.wav is not written"
+cmp kept.wav before.wav || fail "a recording without a sample has destroyed another"
 
 # What passes is captured, and the capture is a desk.
 expect 0 --virtual-time --out live.wav --capture case.pcapng
