@@ -1,0 +1,62 @@
+"""voxdesk doctor on a desk for each fault: doctor_test.py VOXDESK. What it finds there, and nothing else."""
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+SOUND = {"microphones": [{"name": "Microphone (VoxMouse Tern)"}], "endpoints": [{"name": "Microphone (VoxMouse Tern)"}]}
+
+
+def wren(**more):
+    return {"devices": [{"model": "Wren", **more}], "sound": SOUND}
+
+
+def fault(command, answer, **more):
+    return wren(faults=[{"command": command, "answer": answer, **more}])
+
+
+# The desk, and the findings: about whom, and how each sentence begins.
+CASES = {
+    "well": (wren(), []),
+    "nothing is plugged in": ({"devices": [], "sound": SOUND}, [("devices", "none of ours is plugged in")]),
+    "cannot be opened": (wren(faults=[{"open": "refused"}]), [("VoxMouse Wren", "access is denied")]),
+    "never answers": (fault("heartbeat", "silent"), [("#1 VoxMouse Wren", "it has answered none of ")]),
+    "falls asleep": (wren(timeline=[{"at": 4, "sleep": True}]), [("#1 VoxMouse Wren", "it does not answer any more")]),
+    "sleeps for a while": (wren(timeline=[{"at": 4, "sleep": True}, {"at": 6.5, "sleep": False}]),
+                           [("#1 VoxMouse Wren", "3 heartbeats unanswered")]),
+    "slow": (fault("mouse-state", "late", delay_ms=400), [("#1 VoxMouse Wren", "GetMouseState answered after 402")]),
+    "damaged": (fault("mouse-state", "garbled"), [("#1 VoxMouse Wren", "")] * 2),
+    "low battery": (wren(battery=12), [("#1 VoxMouse Wren", "its battery is at 12 %")]),
+    "no voice channel": (fault("voice-open", "refuse"), [("#1 VoxMouse Wren", "its voice channel does not open"),
+                                                        ("#1 VoxMouse Wren", "VoiceOpenReply: refused")]),
+    "muted": ({"devices": wren()["devices"],
+               "sound": {**SOUND, "endpoints": [{"name": "Microphone (VoxMouse Tern)", "muted": True}]}},
+              [("Microphone (VoxMouse Tern)", "it is muted")]),
+}
+
+
+def main() -> int:
+    wrong = 0
+    with tempfile.TemporaryDirectory() as folder:
+        for name, (desk, expected) in CASES.items():
+            file = pathlib.Path(folder, "desk.json")
+            file.write_text(json.dumps(desk))
+            page = pathlib.Path(folder, "page.html")
+            ended = subprocess.run([sys.argv[1], "--desk", str(file), "--virtual-time", "--json", "doctor", "--out",
+                                    str(page)], capture_output=True, text=True, timeout=120)
+            events = [json.loads(line) for line in ended.stdout.splitlines()]
+            found = [(e["about"], e["what"]) for e in events if e["event"] == "finding"]
+            count = len(expected)
+            said = "" if count == 0 else f"voxdesk: there {'is' if count == 1 else 'are'} {count} finding"
+            good = (len(found) == count and ended.returncode == (count > 0) and ended.stderr.startswith(said) and
+                    page.stat().st_size > 10000 and all(e.get("advice") for e in events if e["event"] == "finding") and
+                    all(f[0] == e[0] and f[1].startswith(e[1]) for f, e in zip(found, expected)))
+            if not good:
+                wrong += 1
+                print(f"{name}: exit code {ended.returncode}, {found}, {ended.stderr}")
+    return wrong
+
+
+if __name__ == "__main__":
+    sys.exit(main())
