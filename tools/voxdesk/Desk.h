@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,7 +12,7 @@
 #include "Commands.h"
 
 // Of speech: 16 kHz, mono.
-inline double secondsOf(std::size_t samples) { return static_cast<double>(samples) / 16000; }
+inline double secondsOf(std::uint64_t samples) { return static_cast<double>(samples) / 16000; }
 
 // A capture device of the computer, by its wave-in index.
 struct SoundSource {
