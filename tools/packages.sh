@@ -49,8 +49,9 @@ apt_as_root() {
   # shellcheck disable=SC2016
   commands='exec 2>&1; export LC_ALL=C DEBIAN_FRONTEND=noninteractive
     echo "apt-get, for$*:"
-    apt-get update -qq -o Acquire::Retries=1 -o APT::Update::Error-Mode=any || echo "no package lists"
-    apt-get install -y -qq --no-install-recommends -o Acquire::Retries=1 -o DPkg::Lock::Timeout=120 $*'
+    retries=3
+    apt-get update -qq -o Acquire::Retries=1 -o APT::Update::Error-Mode=any || { echo "no package lists"; retries=0; }
+    apt-get install -y -qq --no-install-recommends -o Acquire::Retries=$retries -o DPkg::Lock::Timeout=120 $*'
   if [ "$(id -u)" -eq 0 ]; then
     sh -c "$commands" sh "$missing"
   elif (: >/dev/tty) 2>/dev/null; then
