@@ -43,7 +43,7 @@ if(VOXDEVICE_TOOLS)
     set(commands "devices monitor state dpi url mkey update record report send sound mic speaker legacy")
     set(file_options "desk out capture speech wav first second")
     set(value_options "seconds device capture-size slow wait")
-    set(flags "virtual-time json no-speech raw text force help")
+    set(flags "virtual-time json no-speech raw text force version help")
     function(voxdesk_completion shell destination name)
       configure_file(packaging/voxdesk.${shell}.in completion/${name} @ONLY)
       install(FILES ${PROJECT_BINARY_DIR}/completion/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/${destination}
