@@ -12,7 +12,16 @@ $as_root dpkg -i "$work"/*.deb >"$work/dpkg.log"
 trap '$as_root dpkg -r voxdesk libvoxdevice-dev >/dev/null' EXIT
 voxdesk --virtual-time --out "$work/take.wav" | grep -q "nothing is left open"
 test -e /usr/share/man/man1/voxdesk.1.gz || test -e /usr/share/man/man1/voxdesk.1
-bash -c '. /usr/share/bash-completion/completions/voxdesk; COMP_WORDS=(voxdesk mo); COMP_CWORD=1; _voxdesk; [ "${COMPREPLY[*]}" = monitor ]'
+# Each shell completes "voxdesk mo", and knows the name of every option that is there.
+bash -c '. /usr/share/bash-completion/completions/voxdesk; COMP_WORDS=(voxdesk mo); COMP_CWORD=1; _voxdesk
+  [ "${COMPREPLY[*]}" = monitor ]'
+[ "$(fish -c 'complete -C "voxdesk mo"')" = monitor ]
+zsh -fc 'words=(voxdesk mo) CURRENT=2; compadd() print -l -- $*; complete() . /usr/share/zsh/vendor-completions/_voxdesk
+  complete' >"$work/words"
+grep -qx monitor "$work/words"
+{ voxdesk --help; for each in $(grep -v '^-' "$work/words"); do voxdesk "$each" --help; done; } |
+  sed -n 's/^ *\(-[a-z], *\)\{0,1\}\(--[a-z-]*\).*/\2/p' | sort -u >"$work/options"
+grep '^--.' "$work/words" | sort | diff "$work/options" -
 # shellcheck disable=SC2046
 cc "$project/examples/c/record.c" $(pkg-config --cflags --libs VoxDeviceC) -o "$work/record"
 VOXDEVICE_DESK="$project/tests/clients/held-key.json" "$project/tests/clients/check.py" "$work/record"

@@ -29,7 +29,6 @@ from pathlib import Path
 from types import TracebackType
 from typing import Callable, Iterator, NamedTuple, Optional
 
-MODELS = ("", "Tern", "Wren", "Finch", "Robin", "Heron", "Egret", "Heron Plus", "Swift")
 LINKS = ("", "Bluetooth LE", "USB", "receiver")
 EVENTS = ("", "connect", "disconnect", "mouse_connect", "voice", "dpi", "mouse_state", "dongle_state", "power", "url",
           "update", "update_progress", "mkeys", "main_menu", "main_window", "audio_end", "button", "lost")
@@ -199,8 +198,8 @@ class Hub(Source):
         return [self.device(number) for number in room[:count]]
 
     def device(self, number: int) -> Device:
-        return Device(number, MODELS[library.vox_hub_model(self.handle, number)],
-                      LINKS[library.vox_hub_link(self.handle, number)])
+        model = library.text("vox_model_name", library.vox_hub_model(self.handle, number))
+        return Device(number, model.removeprefix("VoxMouse "), LINKS[library.vox_hub_link(self.handle, number)])
 
     def next_event(self, seconds: float = 1.0) -> Optional[Event]:
         """The next event of the process, or None."""
