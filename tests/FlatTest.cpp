@@ -19,10 +19,10 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const char* const kEvents[] = {"",      "connect", "disconnect", "mouse-connect", "voice",  "dpi",
-                               "state", "dongle",  "power",      "url",           "update", "progress",
-                               "mkeys", "menu",    "window",     "end",           "button", "lost"};
-constexpr std::size_t kValues[] = {0, 0, 0, 1, 1, 2, 5, 4, 1, 1, 2, 2, 2, 2, 1, 1, 2, 3};
+const char* const kEvents[] = {"",       "connect", "disconnect", "mouse-connect", "voice",      "dpi",   "state",
+                               "dongle", "power",   "url",        "update",        "progress",   "mkeys", "menu",
+                               "window", "end",     "button",     "lost",          "speech-lost"};
+constexpr std::size_t kValues[] = {0, 0, 0, 1, 1, 2, 5, 4, 1, 1, 2, 2, 2, 2, 1, 1, 2, 3, 2};
 
 std::string lineOf(const vox_event& event) {
   const auto kind = static_cast<std::size_t>(event.kind);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "English.h"
 #include "sim/Text.h"
 
 namespace {
@@ -72,10 +73,9 @@ void Client::registerCallbacks() {
   hub_->SetCallback_MouseConnect(reinterpret_cast<void*>(mouseConnect), this);
 
   const CAudioHidCenter::VoiceOperateCallback voice = [](int device, int operation, void* self) {
-    const char* what = operation == 3   ? "voice channel open"
-                       : operation == 2 ? "voice channel refused"
-                                        : "voice channel closed";
-    static_cast<Client*>(self)->add("voice", {{"device", device}, {"operation", operation}}, hash(device) + what);
+    const std::string what = operation == 3 ? "open" : operation == 2 ? "refused" : "closed";
+    static_cast<Client*>(self)->add("voice", {{"device", device}, {"operation", operation}, {"channel", what}},
+                                    hash(device) + "voice channel " + what);
   };
   hub_->SetCallback_VoiceOperate(reinterpret_cast<void*>(voice), this);
 
@@ -116,10 +116,14 @@ void Client::registerCallbacks() {
 
   const CAudioHidCenter::FwOtaResultCallbackFn result = [](int device, DataChannel link, FwUpdateState state,
                                                            void* self) {
-    static_cast<Client*>(self)->add(
-        "update-result", {{"device", device}, {"link", static_cast<int>(link)}, {"state", static_cast<int>(state)}},
-        hash(device) + "firmware update: result " + std::to_string(state) + " for " +
-            (state == FwUpdate_Over ? "all of it" : linkName(link)));
+    static_cast<Client*>(self)->add("update-result",
+                                    {{"device", device},
+                                     {"link", static_cast<int>(link)},
+                                     {"link_name", state == FwUpdate_Over ? "" : linkName(link)},
+                                     {"state", static_cast<int>(state)},
+                                     {"result", nameOfUpdateState(state)}},
+                                    hash(device) + "firmware update: result " + std::to_string(state) + " for " +
+                                        (state == FwUpdate_Over ? "all of it" : linkName(link)));
   };
   hub_->SetCallback_FwOtaResult(reinterpret_cast<void*>(result), this);
 
@@ -129,7 +133,8 @@ void Client::registerCallbacks() {
                                         ", late: " + std::to_string(late));
   };
   hub_->SetCallback_SpeechLost(reinterpret_cast<void*>(lost), this);
-  hub_->SetHardening(VoxHardening_All);
+  // Not against stale speech: another client may just be recording the device.
+  hub_->SetHardening(VoxHardening_LongQueue | VoxHardening_DeadHandles);
 }
 
 std::vector<ClientEvent> Client::takeEvents() {
@@ -195,18 +200,23 @@ std::wstring Client::pathOf(int device) {
   return paths_[device];
 }
 
-void Client::Log(const wchar_t* text, LogType type) {
-  add("log", {{"category", static_cast<int>(type)}, {"text", sim::utf8(text)}},
-      "log " + std::to_string(type) + ": " + sim::utf8(text));
-}
+void Client::Log(const wchar_t* text, LogType type) { addText("log", "log ", text, type); }
 
-void Client::DebugLog(const wchar_t* text, LogType type) {
-  add("debug-log", {{"category", static_cast<int>(type)}, {"text", sim::utf8(text)}},
-      "debug log " + std::to_string(type) + ": " + sim::utf8(text));
+void Client::DebugLog(const wchar_t* text, LogType type) { addText("debug-log", "debug log ", text, type); }
+
+void Client::addText(const char* name, const char* title, const wchar_t* text, LogType type) {
+  const std::string own = sim::utf8(text);
+  const std::string translated = english(own);
+  const std::string category = nameOfLogCategory(type);
+  add(name, {{"category", static_cast<int>(type)}, {"category_name", category}, {"text", own}, {"english", translated}},
+      title + std::to_string(type) + " (" + category + "): " + own + (translated.empty() ? "" : " = " + translated));
 }
 
 void Client::Tray(const wchar_t* text, VoxTrayParams) {
-  add("tray", {{"text", sim::utf8(text)}}, "tray: " + sim::utf8(text));
+  const std::string own = sim::utf8(text);
+  const std::string translated = english(own);
+  add("tray", {{"text", own}, {"english", translated}},
+      "tray: " + own + (translated.empty() ? "" : " = " + translated));
 }
 
 void Client::MainWndWork(UserWorkType work) {

@@ -66,6 +66,7 @@ class Client : public VoxMessageSink {
   void PostMainMenu(MainMenuType menu) override;
 
   void registerCallbacks();
+  void addText(const char* name, const char* title, const wchar_t* text, LogType type);
   void add(const std::string& name, Json fields, const std::string& text);
   void onAudio(const unsigned char* data, int byteCount);
   void onState(int device, MouseType model, DataChannel link, int word, int dpi, int battery);

@@ -88,6 +88,12 @@ void Doctor::listen() {
   CAudioHidCenter& hub = session_.client->hub();
   for (const DeviceView& device : session_.client->devices()) {
     if (interrupted()) return;
+    // Somebody else records it: closing its channel would end that.
+    VoxSpeechCounts counts{};
+    if (hub.GetSpeechCounts(device.number, counts) && counts.unasked > 0) {
+      speech_.emplace_back(device.number, counts);
+      continue;
+    }
     hub.ChooseWorkHidDevice(device.number);
     if (!hub.OpenHidRecord()) {
       silent_.push_back(device.number);
@@ -96,8 +102,9 @@ void Doctor::listen() {
     session_.runUntil(kVoiceSeconds, {"none"}, [] { return false; });
     hub.CloseHidRecord();
     session_.client->takeAudio();
-    VoxSpeechCounts counts{};
-    if (hub.GetSpeechCounts(device.number, counts)) speech_.emplace_back(device.number, counts);
+    if (!hub.GetSpeechCounts(device.number, counts)) continue;
+    counts.unasked = 0;  // what was on its way when the channel was closed
+    speech_.emplace_back(device.number, counts);
   }
 }
 
@@ -151,7 +158,7 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
               {"answer_worst_ms", static_cast<double>(beats.slowest()) / 1000}};
   fields["battery"] = device && device->battery >= 0 ? Json(device->battery) : Json();
   lookAtSpeech(about, hid.device, fields);
-  event("device", fields);
+  event("health", fields);
 
   if (!device && beats.sent > 0 && beats.answered == 0) {
     find(about, "it has answered none of " + capture::plural(beats.sent, "heartbeat"), adviceAgainst("silence"));
@@ -188,10 +195,12 @@ void Doctor::lookAtSound() {
   session_.terminal.say("  of " + capture::plural(microphones.size(), "microphone") + ", " + chosen +
                         " would be recorded: " + choice.rule);
   event("microphone", {{"name", chosen}, {"index", choice.index}, {"rule", choice.rule}});
-  for (const SoundEndpoint& endpoint : session_.desk->endpoints()) {
+  const auto endpoints = session_.desk->endpoints();
+  for (std::size_t i = 0; i < endpoints.size(); ++i) {
+    const SoundEndpoint& endpoint = endpoints[i];
     session_.terminal.say("  " + endpoint.name + fixed(": volume %.0f %%", 100 * endpoint.volume) +
                           (endpoint.muted ? ", muted" : ""));
-    event("endpoint", {{"name", endpoint.name}, {"volume", endpoint.volume}, {"muted", endpoint.muted}});
+    event("endpoint", {{"index", i}, {"name", endpoint.name}, {"volume", endpoint.volume}, {"muted", endpoint.muted}});
     if (endpoint.muted) find(endpoint.name, "it is muted", "take its mute off in the system's sound settings");
   }
   const auto speaker = session_.desk->speaker();

@@ -92,6 +92,11 @@ void listSound(const Options& options) {
                            ? "Speaker: " + std::to_string(speaker->rate) + " Hz, " + std::to_string(speaker->channels) +
                                  (speaker->channels == 1 ? " channel" : " channels")
                            : "No speaker.");
+  session.terminal.event(session.desk->seconds(), "speaker",
+                         {{"present", speaker.has_value()},
+                          {"rate", speaker ? speaker->rate : 0},
+                          {"channels", speaker ? speaker->channels : 0}},
+                         "");
   session.finish();
 }
 
