@@ -41,7 +41,7 @@ out '"device":3,"model":"VoxMouse Tern","link":"USB","battery":93,"dpi":800'
 
 expect 0 --virtual-time monitor --seconds 12
 out "9.010 s  left button down"
-out "log 33: 语音键双击：0  100  200  310"
+out "log 33 (double click): 语音键双击：0  100  200  310 = double click of the voice key: 0  100  200  310"
 out "#4  VoxMouse Tern connected over USB"
 
 expect 0 --virtual-time record --device 3 --speech "$sample" --out tern.wav --seconds 2 --json
@@ -138,7 +138,7 @@ err 'bad.json.sound.microphones[0]: no entry is called "nam"; there are: name, h
 expect 0 --virtual-time legacy --seconds 20
 out "plugged in: mouse (or nothing), identity mouse01, revision 1"
 out "2.020 s  left key down"
-out "10.100 s  log 33: 程序切换到“激光笔”模式"
+out "10.100 s  log 33 (double click): 程序切换到“激光笔”模式 = switched to laser-pen mode"
 out "10.100 s  tray: 程序切换到“鼠标”模式"
 out "working mode: laser pen"
 cat >legacy.json <<'JSON'
