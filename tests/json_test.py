@@ -83,7 +83,7 @@ def main() -> int:
                 [*on_desk, "mkey", "set", "2", "--device", "Swift"], ["update", "--yes", "--first", image],
                 ["record", "--speech", speech, "--out", take], ["send", "05fff1fec00500ef", "--wait", "100"], [*on_desk, "sound"],
                 [*on_desk, "speaker", "--out", take, "--seconds", "1"], ["mic", "--out", take, "--seconds", "1"],
-                [*on_desk, "legacy", "--seconds", "12"], ["legacy", "--seconds", "20"], [*on_desk, "doctor"]):
+                [*on_desk, "legacy", "--seconds", "12"], ["legacy", "--seconds", "20"], [*on_desk, "doctor"], ["conform"]):
             ended = subprocess.run([sys.argv[1], "--virtual-time", "--json", *arguments], capture_output=True, text=True,
                                    timeout=120)
             if not ended.stdout:

@@ -51,6 +51,7 @@ struct Options {
   bool text = false;
   double slow = 250;  // milliseconds
   bool noVoice = false;
+  std::string junit;  // where the rules' results go; empty: nowhere
   bool verbose = false;
 };
 
@@ -74,5 +75,7 @@ void recordSpeaker(const Options& options);
 void watchLegacy(const Options& options);
 // What is plugged in, what stands in the way of its use, and what to do about it. Fails when there is anything.
 void doctor(const Options& options);
+// Tries with a device whether it keeps the protocol's rules. Fails when it breaks one.
+void conform(const Options& options);
 // Says what a capture tells: as a page, as a text, as JSON.
 void report(const Options& options);

@@ -154,6 +154,9 @@ int main(int argc, char** argv) {
   takesSeconds(*examine, "How long to look; default: 10");
   examine->add_flag("--no-voice", options.noVoice, "Do not open the devices' voice channels");
   examine->add_option("--out", options.reportPage, "What passed meanwhile, as a page")->type_name("REPORT.html");
+  auto* rules = needsDevice(command(app, "conform", "Try whether a device keeps the protocol's rules", &conform));
+  rules->add_flag("--yes", options.yes, "Set the DPI to what it is, without asking; else that rule is left out");
+  rules->add_option("--junit", options.junit, "The results as JUnit XML")->type_name("FILE.xml");
   auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
   takesSeconds(*watch, "Stop after so long; needed with --virtual-time");
   watch->add_flag("--raw", options.raw, "Show the reports themselves, too, in hexadecimal");

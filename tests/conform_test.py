@@ -1,0 +1,67 @@
+"""voxdesk conform: a sound device of every model and link keeps every rule, and each fault breaks its own:
+conform_test.py VOXDESK."""
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+import xml.etree.ElementTree
+
+BLUETOOTH_ONLY = {"Finch", "Robin", "Heron", "Egret"}
+MODELS = ["Tern", "Wren", "Finch", "Robin", "Heron", "Egret", "Heron Plus", "Swift"]
+# Command, answer, and the rules that this breaks.
+FAULTS = [
+    ("mouse-state", "silent", {"answers GetMouseState"}),
+    ("mouse-state", "garbled", {"sends whole frames of the lengths that are known"}),
+    ("mouse-state", "twice", {"answers once"}),
+    ("mouse-state", "late", {"answers within 250 ms"}),
+    ("identify", "silent", {"answers Identify"}),
+    ("dongle-state", "silent", set()),  # as without a receiver
+    ("dongle-state", "late", {"answers within 250 ms"}),
+    ("voice-open", "silent", {"answers VoiceOpen"}),
+    ("voice-open", "refuse", {"answers VoiceOpen"}),
+    ("voice-open", "twice", {"answers once"}),
+    ("voice-stop", "silent", {"answers VoiceStop"}),
+    ("heartbeat", "twice", {"answers once"}),
+    ("set-dpi", "silent", {"answers SetDpi"}),
+    ("set-dpi", "refuse", {"answers SetDpi"}),
+    ("set-dpi", "garbled", {"sends whole frames of the lengths that are known"}),
+]
+
+
+def main() -> int:
+    wrong = []
+    with tempfile.TemporaryDirectory() as folder:
+        desk, junit = (pathlib.Path(folder, name) for name in ("desk.json", "rules.xml"))
+
+        def run(device: dict) -> tuple[int, dict, list]:
+            desk.write_text(json.dumps({"devices": [device]}))
+            ended = subprocess.run([sys.argv[1], "--desk", str(desk), "--virtual-time", "--json", "conform", "--yes",
+                                    "--junit", str(junit)], capture_output=True, text=True, timeout=120)
+            rules = [json.loads(line) for line in ended.stdout.splitlines()]
+            return ended.returncode, {r["rule"]: r["outcome"] for r in rules if r["event"] == "rule"}, rules
+
+        def expect(what: str, device: dict, broken: set, least: int) -> None:
+            code, rules, events = run(device)
+            failed = {rule for rule, outcome in rules.items() if outcome == "failed"}
+            passed = sum(outcome == "passed" for outcome in rules.values())
+            suite = xml.etree.ElementTree.parse(junit).getroot()
+            if (failed != broken or code != (len(broken) > 0) or passed < least or
+                    int(suite.get("failures")) != len(broken) or len(suite) != len(rules)):
+                wrong.append(f"{what}: exit code {code}, failed {failed}, {passed} passed: {events}")
+
+        for model in MODELS:
+            for link in ["bluetooth"] + (["usb"] if model not in BLUETOOTH_ONLY else []):
+                expect(f"{model}, {link}", {"model": model, "link": link}, set(), 11)
+        for command, answer, broken in FAULTS:
+            fault = {"command": command, "answer": answer, **({"delay_ms": 400} if answer == "late" else {})}
+            expect(f"{command} {answer}", {"model": "Wren", "faults": [fault]}, broken, 6)
+        # An M key that does not tell its list.
+        expect("mkey-list", {"model": "Swift", "link": "usb", "faults": [{"command": "mkey-list", "answer": "silent"}]},
+               {"answers GetMKeyTypeList"}, 10)
+    print("\n".join(line[:600] for line in wrong))
+    return len(wrong) > 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
