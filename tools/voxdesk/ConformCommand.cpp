@@ -134,7 +134,7 @@ void Judge::judgeAnswers() {
 
 void Judge::judgeIdentity() {
   const std::string rule = "names its model";
-  const auto named = std::find_if(passed_.begin(), passed_.end(), [this](const Passed& each) {
+  const auto named = std::find_if(passed_.begin(), passed_.end(), [](const Passed& each) {
     return !each.sent && each.report.form == capture::Form::Frame && FindByIdentifyReply(each.report.code) != nullptr;
   });
   if (model_.firmware == FirmwareFamily::Tern) {
