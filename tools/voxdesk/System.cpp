@@ -10,6 +10,7 @@ constexpr char kEndedAtOnce[] = "voxdesk: ended at once\n";
 
 #ifdef _WIN32
 
+#include <fcntl.h>
 #include <io.h>
 #include <windows.h>
 
@@ -51,7 +52,9 @@ int columnsOf(std::FILE* screen) {
 }
 
 std::FILE* takeStandardOutput(bool binary) {
-  std::FILE* const out = _fdopen(_dup(_fileno(stdout)), binary ? "wb" : "w");
+  const int copy = _dup(_fileno(stdout));
+  if (binary) _setmode(copy, _O_BINARY);  // the mode of opening it again is not enough everywhere
+  std::FILE* const out = _fdopen(copy, binary ? "wb" : "w");
   return out && std::freopen("NUL", "w", stdout) ? out : nullptr;
 }
 
