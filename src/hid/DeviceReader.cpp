@@ -231,7 +231,6 @@ void CDeviceReader::HeartbeatLoop() noexcept {
 void CDeviceReader::OnHeartbeatSent(bool taken) noexcept {
   heartbeatsNotTaken_ = taken || connectState != 0 ? 0 : heartbeatsNotTaken_ + 1;
   if (heartbeatsNotTaken_ < kHeartbeatsOfDeadHandle || (hardening & VoxHardening_DeadHandles) == 0) return;
-  Probe<"reader: a dead handle is given up">();
   readThread.CancelCall();
 }
 
