@@ -56,6 +56,10 @@ def main() -> int:
         for command, answer, broken in FAULTS:
             fault = {"command": command, "answer": answer, **({"delay_ms": 400} if answer == "late" else {})}
             expect(f"{command} {answer}", {"model": "Wren", "faults": [fault]}, broken, 6)
+        # A DPI that the library cannot set stays what it is.
+        _, rules, events = run({"model": "Wren", "dpi": 40000})
+        if rules.get("answers SetDpi") != "skipped":
+            wrong.append(f"DPI 40000: {events}")
         # An M key that does not tell its list.
         expect("mkey-list", {"model": "Swift", "link": "usb", "faults": [{"command": "mkey-list", "answer": "silent"}]},
                {"answers GetMKeyTypeList"}, 10)

@@ -31,7 +31,8 @@ from typing import Callable, Iterator, NamedTuple, Optional
 
 LINKS = ("", "Bluetooth LE", "USB", "receiver")
 EVENTS = ("", "connect", "disconnect", "mouse_connect", "voice", "dpi", "mouse_state", "dongle_state", "power", "url",
-          "update", "update_progress", "mkeys", "main_menu", "main_window", "audio_end", "button", "lost")
+          "update", "update_progress", "mkeys", "main_menu", "main_window", "audio_end", "button", "lost",
+          "speech_lost")
 BUTTONS = ("left", "right", "key1", "key2")
 BUTTON_EVENTS = ("up", "down", "short_press", "double_click", "double_click_no_net")
 RATE = 16000  # Hz

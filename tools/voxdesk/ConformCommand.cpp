@@ -1,6 +1,7 @@
 // docs/protocol.md as rules, tried with a device: what it answers, how fast, and what it sends unasked.
 #include <algorithm>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -294,13 +295,18 @@ void conform(const Options& options) {
   const auto model = std::find_if(sheets.begin(), sheets.end(),
                                   [&](const ModelSheet& sheet) { return sim::utf8(sheet.name) == device.model; });
   if (model == sheets.end()) throw Failure("there are no rules for a " + device.model);
-  const bool setsDpi = device.dpi >= 0 && maySetDpi(options, device.dpi);
+  // The library sets a signed one: what is larger would become another.
+  const bool canSetDpi = device.dpi >= 0 && device.dpi <= std::numeric_limits<short>::max();
+  const bool setsDpi = canSetDpi && maySetDpi(options, device.dpi);
   const std::string title = "#" + std::to_string(device.number) + " " + device.model + ", " + device.link;
   session.terminal.say("Trying " + title + "; this takes about 15 s.");
   const VoxSpeechCounts counts = exercise(session, device, *model, setsDpi);
   Judge judge(whatPassed(survey.capture(sim::utf8(session.client->pathOf(device.number))), *model), *model);
   std::vector<Result> results = judge.judge(counts);
-  if (!setsDpi) results.push_back({"answers SetDpi", Outcome::skipped, "it would write a setting; --yes allows it"});
+  if (!setsDpi) {
+    results.push_back({"answers SetDpi", Outcome::skipped,
+                       canSetDpi ? "it would write a setting; --yes allows it" : "its DPI is not one that can be set"});
+  }
   std::size_t failed = 0;
   for (const Result& each : results) {
     failed += each.outcome == Outcome::failed ? 1 : 0;

@@ -21,14 +21,14 @@ std::string digits(std::uint16_t id) {
   return text;
 }
 
-// What the path tells. Bluetooth LE spells the vendor with its two-digit source in front.
+// What the path tells. Bluetooth LE spells the vendor with its two-digit source, 02, in front.
 void identify(SurveyedInterface& hid) {
   HidPathIdentity identity;
   if (CAudioHidCenter::ParseUsbHidPath(hid.path, identity)) {
     hid.link = DataChannel_Usb;
   } else if (CAudioHidCenter::ParseBluetoothHidPath(hid.path, identity)) {
     hid.link = DataChannel_BluetoothLE;
-    if (identity.vid.size() == 6) identity.vid.erase(0, 2);
+    if (identity.vid.size() == 6 && identity.vid.starts_with("02")) identity.vid.erase(0, 2);
   } else {
     return;
   }
