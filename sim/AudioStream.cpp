@@ -50,7 +50,7 @@ class Stream final : public std::enable_shared_from_this<Stream> {
     bool afterGap = false;
   };
 
-  void start(Machine& machine) {
+  void start(Machine& machine) REQUIRES(gate) {
     running = true;
     began_ = machine.kernel().now();
     periods_ = 0;
@@ -79,18 +79,18 @@ class Stream final : public std::enable_shared_from_this<Stream> {
   int clients = 0;
 
  private:
-  void schedule(Machine& machine) {
+  void schedule(Machine& machine) REQUIRES(gate) {
     const Time due = began_ + Time((periods_ + 1) * machine.sound().speaker.period / 10);
     const Time late = jitter(machine.kernel(), machine.sound().speaker.jitter);
     machine.kernel().after(due + late - machine.kernel().now(),
-                           [&machine, weak = weak_from_this(), mine = generation_] {
+                           [&machine, weak = weak_from_this(), mine = generation_]() REQUIRES(gate) {
                              const auto self = weak.lock();
                              if (!self || !self->running || self->generation_ != mine || self->isInvalid()) return;
                              self->period(machine);
                              self->schedule(machine);
                            });
   }
-  void period(Machine& machine) {
+  void period(Machine& machine) REQUIRES(gate) {
     RenderEndpoint& speaker = machine.sound().speaker;
     const WAVEFORMATEX format = mixed();
     // Frames that have passed so far, so that rates that are no multiple of the period keep their time.
@@ -131,16 +131,21 @@ class Stream final : public std::enable_shared_from_this<Stream> {
 };
 
 // A call of a method of a stream.
-struct StreamMethod : Method {
-  StreamMethod(ComObject& called, const char* method, Stream& its) : Method(called, method), stream(its) {}
+struct SCOPED_CAPABILITY StreamMethod : Method {
+  StreamMethod(ComObject& called, const char* method, Stream& its) ACQUIRE(gate) NO_THREAD_SAFETY_ANALYSIS
+      : Method(called, method),
+        stream(its) {}
+  ~StreamMethod() RELEASE() NO_THREAD_SAFETY_ANALYSIS = default;
+  StreamMethod(const StreamMethod&) = delete;
+  StreamMethod& operator=(const StreamMethod&) = delete;
   // An engine whose calls fail has lost its device: they all do from then on.
-  HRESULT refused() {
+  HRESULT refused() REQUIRES(gate) {
     HRESULT error = Method::refused(AUDCLNT_E_DEVICE_INVALIDATED);
     stream.failed = stream.failed || error == AUDCLNT_E_DEVICE_INVALIDATED;
     return SUCCEEDED(error) && stream.isInvalid() ? AUDCLNT_E_DEVICE_INVALIDATED : error;
   }
   // The same for one that needs an initialised client.
-  HRESULT refusedOrNotInitialized() {
+  HRESULT refusedOrNotInitialized() REQUIRES(gate) {
     if (const HRESULT error = refused(); FAILED(error)) return error;
     return stream.initialized ? S_OK : misused("before Initialize", AUDCLNT_E_NOT_INITIALIZED);
   }

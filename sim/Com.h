@@ -14,17 +14,21 @@ namespace sim {
 inline bool same(const GUID& a, const GUID& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // A thread uses interfaces only while COM is initialised on it.
-inline bool mayUseCom(Call& call) {
+inline bool mayUseCom(Call& call) REQUIRES(gate) {
   const Thread& thread = call.kernel.self();
   return thread.apartments > 0 || thread.comByOthers || call.misused("COM is not initialised on this thread", false);
 }
 
 // A call of a method.
-struct Method : Call {
-  Method(ComObject& called, const char* method) : Call(method), object(called) {}
+struct SCOPED_CAPABILITY Method : Call {
+  Method(ComObject& called, const char* method) ACQUIRE(gate) NO_THREAD_SAFETY_ANALYSIS : Call(method),
+                                                                                          object(called) {}
+  ~Method() RELEASE() NO_THREAD_SAFETY_ANALYSIS = default;
+  Method(const Method&) = delete;
+  Method& operator=(const Method&) = delete;
 
   // The error with which the call is over at once; S_OK: it goes on. One that is to fail does so with `usual`.
-  HRESULT refused(HRESULT usual = E_OUTOFMEMORY) {
+  HRESULT refused(HRESULT usual = E_OUTOFMEMORY) REQUIRES(gate) {
     if (object.references == 0) return misused("the interface has been released", E_FAIL);
     if (!mayUseCom(*this)) return CO_E_NOTINITIALIZED;
     stall();

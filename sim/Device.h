@@ -50,7 +50,7 @@ class HidDevice : public std::enable_shared_from_this<HidDevice> {
   bool plugged() const { return machine_ != nullptr; }
   // With the machine's lock held. As after a resume: the handles that are open are dead (ERROR_DEVICE_NOT_CONNECTED),
   // while the interface is still there and can be opened anew.
-  void loseHandles();
+  void loseHandles() REQUIRES(gate);
   // The same, but a read of theirs waits for ever: only writes tell.
   void loseWrites();
 
@@ -62,14 +62,14 @@ class HidDevice : public std::enable_shared_from_this<HidDevice> {
 
  protected:
   // With the machine's lock held. The host has written an output report.
-  virtual void onOutput(std::span<const std::uint8_t> report) = 0;
-  virtual void onPlugged() {}
-  virtual void onUnplugged() {}
+  virtual void onOutput(std::span<const std::uint8_t> report) REQUIRES(gate) = 0;
+  virtual void onPlugged() REQUIRES(gate) {}
+  virtual void onUnplugged() REQUIRES(gate) {}
 
   // With the machine's lock held. Sends one input report to every open handle, padded with zeros.
-  void sendInput(std::span<const std::uint8_t> report);
+  void sendInput(std::span<const std::uint8_t> report) REQUIRES(gate);
   // Runs `action` when `delay` has passed, unless the device has been pulled out by then.
-  void after(Time delay, std::function<void()> action);
+  void after(Time delay, std::function<void()> action) REQUIRES(gate);
   Machine& machine() { return *machine_; }
 
  private:
@@ -88,7 +88,7 @@ class HidOpen final : public Object {
   HidOpen(std::shared_ptr<HidDevice> device, DWORD access, DWORD shareMode);
   ~HidOpen() override;
   bool signalled(const Thread&) const override { return gone || !reports.empty(); }
-  void handleClosed(Kernel& kernel) override;
+  void handleClosed(Kernel& kernel) REQUIRES(gate) override;
   const char* kind() const override { return "HID report"; }
 
   const std::shared_ptr<HidDevice> device;

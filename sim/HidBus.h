@@ -14,12 +14,14 @@ class HidBus {
   explicit HidBus(Machine& machine) : machine_(machine) {}
 
   // With the machine's lock held.
-  void plug(const std::shared_ptr<HidDevice>& device);
-  void unplug(const std::shared_ptr<HidDevice>& device);
-  std::vector<std::wstring> paths() const;
+  void plug(const std::shared_ptr<HidDevice>& device) REQUIRES(gate);
+  void unplug(const std::shared_ptr<HidDevice>& device) REQUIRES(gate);
+  std::vector<std::wstring> paths() const REQUIRES(gate);
   // Null, and why: an error of the system.
-  std::shared_ptr<HidOpen> open(const std::wstring& path, DWORD access, DWORD shareMode, DWORD& error);
-  static void deliver(HidDevice& device, std::span<const std::uint8_t> report) { device.onOutput(report); }
+  std::shared_ptr<HidOpen> open(const std::wstring& path, DWORD access, DWORD shareMode, DWORD& error) REQUIRES(gate);
+  static void deliver(HidDevice& device, std::span<const std::uint8_t> report) REQUIRES(gate) {
+    device.onOutput(report);
+  }
 
  private:
   Machine& machine_;

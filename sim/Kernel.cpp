@@ -73,9 +73,9 @@ Kernel::~Kernel() { switchOff(); }
 
 void Kernel::switchOff() {
   {
-    Lock lock(mutex_);
+    const Inside inside;
     for (const auto& thread : std::list(threads_)) {
-      if (!thread->foreign && thread->state != Thread::State::ended) terminate(lock, *thread);
+      if (!thread->foreign && thread->state != Thread::State::ended) terminate(*thread);
     }
     timelineStops_ = true;
     timelineWake_.notify_all();
@@ -91,12 +91,11 @@ Time Kernel::now() const {
   return std::chrono::duration_cast<Time>(std::chrono::steady_clock::now() - started_);
 }
 
-Kernel::Lock Kernel::enter() {
-  Lock lock(mutex_);
+void Kernel::enter() {
+  gate.lock();
   Thread& me = self();
   if (me.killed) endSelf(me);
   mayBeOvertaken();
-  return lock;
 }
 
 void Kernel::mayBeOvertaken(int weight) {
@@ -110,8 +109,9 @@ void Kernel::mayBeOvertaken(int weight) {
 
 void Kernel::atSharedField() {
   if (!explores_) return;
-  const Lock lock(mutex_, std::try_to_lock);
-  if (lock) mayBeOvertaken(1);
+  if (!gate.tryLock()) return;
+  mayBeOvertaken(1);
+  gate.unlock();
 }
 
 Thread& Kernel::self() {
@@ -143,8 +143,7 @@ void Kernel::resume(Thread& thread) {
   if (!virtualTime()) thread.osThread = std::thread([this, &thread] { osThreadMain(thread); });
 }
 
-void Kernel::terminate(Lock& lock, Thread& thread) {
-  (void)lock;
+void Kernel::terminate(Thread& thread) {
   if (thread.state == Thread::State::ended) return;
   if (&thread == &self()) endSelf(thread);
   if (virtualTime() || thread.state == Thread::State::suspended) {
@@ -157,7 +156,7 @@ void Kernel::terminate(Lock& lock, Thread& thread) {
   if (thread.state == Thread::State::waiting) wakeUp(thread, kTimeOut);
 }
 
-int Kernel::waitAny(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit) {
+int Kernel::waitAny(std::span<Object* const> objects, std::optional<Time> limit) {
   ++waits_;
   Thread& me = self();
   for (std::size_t i = 0; i < objects.size(); ++i) {
@@ -176,15 +175,15 @@ int Kernel::waitAny(Lock& lock, std::span<Object* const> objects, std::optional<
       until = Time((until->count() + timerPeriod_.count() - 1) / timerPeriod_.count() * timerPeriod_.count());
     }
   }
-  suspendSelf(lock, me, until);
+  suspendSelf(me, until);
   if (me.killed) endSelf(me);
   return me.wokenBy;
 }
 
-int Kernel::waitCancellable(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit) {
+int Kernel::waitCancellable(std::span<Object* const> objects, std::optional<Time> limit) {
   Thread& me = self();
   me.inCall = true;
-  const int by = waitAny(lock, objects, limit);
+  const int by = waitAny(objects, limit);
   me.inCall = false;
   return by;
 }
@@ -198,21 +197,21 @@ bool Kernel::cancel(Thread& thread) {
 void*& Kernel::local(DWORD index) {
   if (virtualTime()) return current_->locals.at(index);
   if (standing.generation == generation_) return standing.thread->locals.at(index);
-  const Lock lock(mutex_);
+  const Inside inside;
   return self().locals.at(index);
 }
 
-void Kernel::suspendSelf(Lock& lock, Thread& me, std::optional<Time> until) {
+void Kernel::suspendSelf(Thread& me, std::optional<Time> until) {
   me.state = Thread::State::waiting;
   if (virtualTime()) {
     if (until) me.timer = addTimer(*until, {.thread = &me, .action = {}});
     switchAway(me);
     return;
   }
-  const auto awake = [&me] { return me.state != Thread::State::waiting; };
-  if (!until) {
-    me.wake.wait(lock, awake);
-  } else if (!me.wake.wait_until(lock, started_ + *until, awake)) {
+  while (me.state == Thread::State::waiting && (!until || now() < *until)) {
+    gate.wait(me.wake, until ? std::optional(started_ + *until) : std::nullopt);
+  }
+  if (me.state == Thread::State::waiting) {
     cancelWait(me);
     me.wokenBy = kTimeOut;
   }
@@ -322,7 +321,7 @@ void Kernel::switchAway(Thread& me, bool goesOn) {
   if (!next.fiber) {
     auto* start = new std::pair<Kernel*, Thread*>(this, &next);
     next.fiber = std::make_unique<Fiber>(
-        [](void* argument) {
+        [](void* argument) REQUIRES(gate) {
           auto* pair = static_cast<std::pair<Kernel*, Thread*>*>(argument);
           const auto [kernel, thread] = *pair;
           delete pair;
@@ -339,27 +338,27 @@ void Kernel::switchAway(Thread& me, bool goesOn) {
 
 void Kernel::fiberMain(Thread& me) {
   ended_.clear();
-  mutex_.unlock();
+  gate.unlock();
   me.entry();
-  mutex_.lock();
+  gate.lock();
   endSelf(me);
 }
 
 void Kernel::osThreadMain(Thread& me) {
   standing = {generation_, &me};
   {
-    Lock lock(mutex_);
+    const Inside inside;
     me.state = Thread::State::running;
   }
   // A forced end jumps back here from inside a call of the seam, with the mutex held; the frames in between are
   // abandoned, as on the real system.
   if (setjmp(me.end) == 0) {
-    { Lock lock = enter(); }
+    { const Inside inside(*this); }
     me.entry();
-    mutex_.lock();
+    gate.lock();
   }
   finish(me);
-  mutex_.unlock();
+  gate.unlock();
 }
 
 void Kernel::endSelf(Thread& me) {
@@ -385,12 +384,12 @@ void Kernel::finish(Thread& thread) {
 }
 
 void Kernel::runTimeline() {
-  Lock lock(mutex_);
+  const Inside inside;
   while (!timelineStops_) {
     if (timers_.empty()) {
-      timelineWake_.wait(lock);
+      gate.wait(timelineWake_, std::nullopt);
     } else if (const Time at = timers_.begin()->first.first; at > now()) {
-      timelineWake_.wait_until(lock, started_ + at);
+      gate.wait(timelineWake_, started_ + at);
     } else {
       auto first = timers_.extract(timers_.begin());
       first.mapped().action();
@@ -412,7 +411,7 @@ void Kernel::reap() {
 
 void WaitableTimer::set(Kernel& kernel, Time due, Time period) {
   set_ = false;
-  kernel.after(due, [weak = weak_from_this(), &kernel, period, mine = ++generation_] {
+  kernel.after(due, [weak = weak_from_this(), &kernel, period, mine = ++generation_]() REQUIRES(gate) {
     const auto self = weak.lock();
     if (!self || self->generation_ != mine) return;
     self->set_ = true;

@@ -4,8 +4,8 @@
 // it runs until it waits, and when all of them wait, time jumps to the next deadline. With the real clock every
 // simulated thread is an operating-system thread and they run freely.
 //
-// One mutex guards everything here and everything that hangs on it (handles, buses, devices). It is held by whoever is
-// inside the machine, never while code above the seam runs.
+// One lock, the gate, guards everything here and everything that hangs on it (handles, buses, devices). It is held by
+// whoever is inside the machine, never while code above the seam runs.
 #pragma once
 
 #include <array>
@@ -32,6 +32,7 @@
 #include "platform/types.h"
 #include "sim/Fiber.h"
 #include "sim/Schedule.h"
+#include "support/ThreadSafety.h"
 
 namespace sim {
 
@@ -43,6 +44,24 @@ class Kernel;
 class Mutex;
 class Thread;
 
+// For all machines of the process, so that the compiler can follow it; at any time there is one that is used.
+class CAPABILITY("machine") Gate {
+ public:
+  void lock() ACQUIRE() { mutex_.lock(); }
+  bool tryLock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+  void unlock() RELEASE() { mutex_.unlock(); }
+  // Waits with the lock given away, until somebody notifies or `until`.
+  void wait(std::condition_variable& wake, std::optional<std::chrono::steady_clock::time_point> until) REQUIRES(this) {
+    std::unique_lock lock(mutex_, std::adopt_lock);
+    until ? static_cast<void>(wake.wait_until(lock, *until)) : wake.wait(lock);
+    lock.release();
+  }
+
+ private:
+  std::mutex mutex_;
+};
+inline Gate gate;
+
 // Something a thread can wait for.
 class Object {
  public:
@@ -53,7 +72,7 @@ class Object {
 
   virtual bool signalled(const Thread& by) const = 0;
   virtual void acquired(Thread&) {}  // `by` has been let through
-  virtual void handleClosed(Kernel&) {}
+  virtual void handleClosed(Kernel&) REQUIRES(gate) {}
   virtual const char* kind() const = 0;
 
  private:
@@ -67,7 +86,7 @@ class Event final : public Object {
   bool signalled(const Thread&) const override { return set_; }
   void acquired(Thread&) override { set_ = set_ && manualReset_; }
   const char* kind() const override { return "event"; }
-  void set(Kernel& kernel);
+  void set(Kernel& kernel) REQUIRES(gate);
   void reset() { set_ = false; }
 
  private:
@@ -82,7 +101,7 @@ class Mutex final : public Object {
   bool signalled(const Thread& by) const override { return owner_ == nullptr || owner_ == &by; }
   void acquired(Thread& by) override;
   const char* kind() const override { return "mutex"; }
-  bool release(Kernel& kernel, const Thread& by);
+  bool release(Kernel& kernel, const Thread& by) REQUIRES(gate);
   // True once for the taker that found the mutex without its owner.
   bool takeAbandoned() { return std::exchange(abandoned_, false); }
 
@@ -100,7 +119,7 @@ class WaitableTimer final : public Object, public std::enable_shared_from_this<W
   const char* kind() const override { return "timer"; }
   void handleClosed(Kernel&) override { cancel(); }
   // period zero: once.
-  void set(Kernel& kernel, Time due, Time period);
+  void set(Kernel& kernel, Time due, Time period) REQUIRES(gate);
   void cancel() { ++generation_; }
 
  private:
@@ -154,7 +173,6 @@ class Thread final : public Object {
 
 class Kernel {
  public:
-  using Lock = std::unique_lock<std::mutex>;
   using Action = std::function<void()>;
 
   // What a wait ends with when no object has ended it.
@@ -171,83 +189,80 @@ class Kernel {
 
   // Enters the machine from a thread above the seam: a forced end takes effect here, and here another thread may go
   // first.
-  Lock enter();
+  void enter() ACQUIRE(gate);
   // A call has let other threads run on: here, too, one of them may go first.
-  void mayBeOvertaken(int weight = 4);
+  void mayBeOvertaken(int weight = 4) REQUIRES(gate);
   // The running thread looks at, or changes, a field that it shares with others; needs no lock.
   void atSharedField();
-  // Enters from outside the simulated threads' rules (a test that looks at a count).
-  Lock enterQuietly() { return Lock(mutex_); }
-
-  Time now() const;
-  DWORD tick() const { return firstTick_ + static_cast<DWORD>(now().count() / 1000); }
+  Time now() const REQUIRES(gate);
+  DWORD tick() const REQUIRES(gate) { return firstTick_ + static_cast<DWORD>(now().count() / 1000); }
 
   // The thread that runs, with the virtual clock; needs no lock.
-  Thread* runningFiber() noexcept { return virtualTime() ? current_ : nullptr; }
+  Thread* runningFiber() noexcept NO_THREAD_SAFETY_ANALYSIS { return virtualTime() ? current_ : nullptr; }
 
   // A value of the calling thread's own; needs no lock.
-  void*& local(DWORD index);
+  void*& local(DWORD index) NO_THREAD_SAFETY_ANALYSIS;
 
   // ---- With the lock held ----
-  Thread& self();
+  Thread& self() REQUIRES(gate);
   // The id of the thread that acts; 0 while what was due happens by itself.
-  DWORD acting() { return firing_ ? 0 : self().id; }
-  std::shared_ptr<Thread> createThread(std::function<void()> entry, bool suspended);
-  void resume(Thread& thread);
+  DWORD acting() REQUIRES(gate) { return firing_ ? 0 : self().id; }
+  std::shared_ptr<Thread> createThread(std::function<void()> entry, bool suspended) REQUIRES(gate);
+  void resume(Thread& thread) REQUIRES(gate);
   // Ends a thread at the call in which it waits, or at its next one. Ends the caller at once.
-  void terminate(Lock& lock, Thread& thread);
+  void terminate(Thread& thread) REQUIRES(gate);
 
   // Waits for the first of `objects` that is signalled, at most `limit` (none: for ever). Returns its index, or
   // kTimeOut.
-  int waitAny(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit);
+  int waitAny(std::span<Object* const> objects, std::optional<Time> limit) REQUIRES(gate);
   // The same, in a call that another thread may cancel: then kCancelled.
-  int waitCancellable(Lock& lock, std::span<Object* const> objects, std::optional<Time> limit);
+  int waitCancellable(std::span<Object* const> objects, std::optional<Time> limit) REQUIRES(gate);
   // False when the thread is in no such call.
-  bool cancel(Thread& thread);
-  void sleep(Lock& lock, Time time) { waitAny(lock, {}, time); }
+  bool cancel(Thread& thread) REQUIRES(gate);
+  void sleep(Time time) REQUIRES(gate) { waitAny({}, time); }
   // Lets through the waiters that `object` can satisfy now.
-  void changed(Object& object);
+  void changed(Object& object) REQUIRES(gate);
   // Runs `action`, with the lock held, when `delay` has passed.
-  void after(Time delay, Action action);
+  void after(Time delay, Action action) REQUIRES(gate);
   // A number from the machine's own sequence.
-  std::uint64_t random() { return random_(); }
+  std::uint64_t random() REQUIRES(gate) { return random_(); }
 
   // Posts a message to a thread; false, and the message is lost, when that has no queue.
-  bool post(DWORD threadId, const MSG& message);
+  bool post(DWORD threadId, const MSG& message) REQUIRES(gate);
 
-  HANDLE open(std::shared_ptr<Object> object);
-  bool close(HANDLE handle);
-  std::shared_ptr<Object> find(HANDLE handle) const;
+  HANDLE open(std::shared_ptr<Object> object) REQUIRES(gate);
+  bool close(HANDLE handle) REQUIRES(gate);
+  std::shared_ptr<Object> find(HANDLE handle) const REQUIRES(gate);
   template <class T>
-  std::shared_ptr<T> find(HANDLE handle) const {
+  std::shared_ptr<T> find(HANDLE handle) const REQUIRES(gate) {
     return std::dynamic_pointer_cast<T>(find(handle));
   }
 
   // What a call that may wait works on. The thread, not the call, keeps it alive: a thread that is ended by force loses
   // the frames of its call without unwinding them.
   template <class T>
-  T* use(HANDLE handle) {
+  T* use(HANDLE handle) REQUIRES(gate) {
     auto& used = self().used;
     used.assign(1, find(handle));
     return dynamic_cast<T*>(used.front().get());
   }
   // The same for several, into `objects`; false when a handle is closed.
-  bool use(std::span<const HANDLE> handles, std::span<Object*> objects);
+  bool use(std::span<const HANDLE> handles, std::span<Object*> objects) REQUIRES(gate);
 
-  std::size_t openHandles() const { return handles_.size(); }
-  std::size_t runningThreads() const;  // those that the machine started
-  std::string waiting() const;         // which threads wait for what, a line each
-  std::uint64_t forcedEnds() const { return forcedEnds_; }
-  void countForcedEnd() { ++forcedEnds_; }
-  std::uint64_t waits() const { return waits_; }
+  std::size_t openHandles() const REQUIRES(gate) { return handles_.size(); }
+  std::size_t runningThreads() const REQUIRES(gate);  // those that the machine started
+  std::string waiting() const REQUIRES(gate);         // which threads wait for what, a line each
+  std::uint64_t forcedEnds() const REQUIRES(gate) { return forcedEnds_; }
+  void countForcedEnd() REQUIRES(gate) { ++forcedEnds_; }
+  std::uint64_t waits() const REQUIRES(gate) { return waits_; }
   // Rules of calls that callers have broken, the first of them, as "IAudioClient::Start: already started".
-  const std::vector<std::string>& misuses() const { return misuses_; }
-  void misused(const std::string& what) {
+  const std::vector<std::string>& misuses() const REQUIRES(gate) { return misuses_; }
+  void misused(const std::string& what) REQUIRES(gate) {
     if (misuses_.size() < kMisusesKept) misuses_.push_back(what);
   }
 
   // Ends every simulated thread by force (the machine is being switched off).
-  void switchOff();
+  void switchOff() NO_THREAD_SAFETY_ANALYSIS;  // afterwards nobody else is left
 
  private:
   using TimerKey = std::pair<Time, std::uint64_t>;
@@ -256,23 +271,23 @@ class Kernel {
     Action action;
   };
 
-  TimerKey addTimer(Time at, Timer timer);
-  void ready(Thread& thread);
-  void wakeUp(Thread& thread, int by);
-  void cancelWait(Thread& thread);
-  void suspendSelf(Lock& lock, Thread& me, std::optional<Time> until);
+  TimerKey addTimer(Time at, Timer timer) REQUIRES(gate);
+  void ready(Thread& thread) REQUIRES(gate);
+  void wakeUp(Thread& thread, int by) REQUIRES(gate);
+  void cancelWait(Thread& thread) REQUIRES(gate);
+  void suspendSelf(Thread& me, std::optional<Time> until) REQUIRES(gate);
   // goesOn: in order, `me` does, which is the first of those that are ready.
-  void switchAway(Thread& me, bool goesOn = false);
-  std::size_t due() const;
-  void fire(std::size_t which);
-  Thread& nextThread(Thread& me, bool goesOn);
-  void finish(Thread& thread);
-  [[noreturn]] void endSelf(Thread& me);
-  [[noreturn]] void stuck(const char* why);
-  void fiberMain(Thread& me);
-  void osThreadMain(Thread& me);
+  void switchAway(Thread& me, bool goesOn = false) REQUIRES(gate);
+  std::size_t due() const REQUIRES(gate);
+  void fire(std::size_t which) REQUIRES(gate);
+  Thread& nextThread(Thread& me, bool goesOn) REQUIRES(gate);
+  void finish(Thread& thread) REQUIRES(gate);
+  [[noreturn]] void endSelf(Thread& me) REQUIRES(gate);
+  [[noreturn]] void stuck(const char* why) REQUIRES(gate);
+  void fiberMain(Thread& me) REQUIRES(gate);
+  void osThreadMain(Thread& me) NO_THREAD_SAFETY_ANALYSIS;  // it may come back by a jump
   void runTimeline();
-  void reap();
+  void reap() REQUIRES(gate);
   bool virtualTime() const { return clock_ == Clock::virtualTime; }
 
   const Clock clock_;
@@ -281,32 +296,43 @@ class Kernel {
   const Time timerPeriod_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   const std::uint64_t generation_;
-  mutable std::mutex mutex_;
-  std::mt19937_64 random_;
-  Chooser chooser_;
-  std::uint64_t sequence_ = 0;
-  std::uint64_t waits_ = 0;
+  std::mt19937_64 random_ GUARDED_BY(gate);
+  Chooser chooser_ GUARDED_BY(gate);
+  std::uint64_t sequence_ GUARDED_BY(gate) = 0;
+  std::uint64_t waits_ GUARDED_BY(gate) = 0;
   static constexpr std::size_t kMisusesKept = 100;
-  std::vector<std::string> misuses_;
-  std::uint64_t forcedEnds_ = 0;
-  std::map<TimerKey, Timer> timers_;
-  std::list<std::shared_ptr<Thread>> threads_;
-  std::shared_ptr<Thread> main_;
-  DWORD nextThreadId_ = 4;
-  std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> handles_;
-  std::uintptr_t nextHandle_ = 0x100;
+  std::vector<std::string> misuses_ GUARDED_BY(gate);
+  std::uint64_t forcedEnds_ GUARDED_BY(gate) = 0;
+  std::map<TimerKey, Timer> timers_ GUARDED_BY(gate);
+  std::list<std::shared_ptr<Thread>> threads_ GUARDED_BY(gate);
+  std::shared_ptr<Thread> main_ GUARDED_BY(gate);
+  DWORD nextThreadId_ GUARDED_BY(gate) = 4;
+  std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> handles_ GUARDED_BY(gate);
+  std::uintptr_t nextHandle_ GUARDED_BY(gate) = 0x100;
 
   // Virtual clock.
-  Time virtualNow_{0};
-  bool firing_ = false;
-  Thread* current_ = nullptr;
-  std::vector<Thread*> ready_;
-  std::vector<std::unique_ptr<Fiber>> ended_;  // stacks of ended threads, freed by whoever runs next
+  Time virtualNow_ GUARDED_BY(gate){0};
+  bool firing_ GUARDED_BY(gate) = false;
+  Thread* current_ GUARDED_BY(gate) = nullptr;
+  std::vector<Thread*> ready_ GUARDED_BY(gate);
+  std::vector<std::unique_ptr<Fiber>> ended_ GUARDED_BY(gate);  // stacks of ended threads, freed by whoever runs next
 
   // Real clock.
   std::thread timeline_;
   std::condition_variable timelineWake_;
-  bool timelineStops_ = false;
+  bool timelineStops_ GUARDED_BY(gate) = false;
+};
+
+// Inside the machine from here to the end of the scope.
+class SCOPED_CAPABILITY Inside {
+ public:
+  // As a thread above the seam.
+  explicit Inside(Kernel& kernel) ACQUIRE(gate) { kernel.enter(); }
+  // From outside the simulated threads' rules (a test that looks at a count).
+  Inside() ACQUIRE(gate) { gate.lock(); }
+  ~Inside() RELEASE() { gate.unlock(); }
+  Inside(const Inside&) = delete;
+  Inside& operator=(const Inside&) = delete;
 };
 
 }  // namespace sim

@@ -30,7 +30,7 @@ Machine::Machine(MachineOptions options)
 }
 
 ScheduleOptions Machine::tellingChoices(ScheduleOptions schedule) {
-  schedule.told = [this](const Choice& choice) {
+  schedule.told = [this](const Choice& choice) REQUIRES(gate) {
     if (!recording_) return;
     noteLocked("choice " +
                (choice.next > 0 ? "thread " + std::to_string(choice.next) : "timer " + std::to_string(-choice.next)) +
@@ -64,30 +64,30 @@ Machine& Machine::current() {
 Thread* Machine::runningThread() noexcept { return instance ? instance->kernel().runningFiber() : nullptr; }
 
 void Machine::plug(const std::shared_ptr<HidDevice>& device) {
-  locked([&] {
+  locked([&]() REQUIRES(gate) {
     hid_.plug(device);
     noteLocked("plug", device.get());
   });
 }
 
 void Machine::unplug(const std::shared_ptr<HidDevice>& device) {
-  locked([&] {
+  locked([&]() REQUIRES(gate) {
     noteLocked("unplug", device.get());
     hid_.unplug(device);
   });
 }
 
 void Machine::install(const std::wstring& fileName, Library library) {
-  locked([&] { libraries_[fileName] = std::move(library); });
+  locked([&]() REQUIRES(gate) { libraries_[fileName] = std::move(library); });
 }
 
 void Machine::sleep(Time time) {
-  Kernel::Lock lock = kernel_.enter();
-  kernel_.sleep(lock, time);
+  const Inside inside(kernel_);
+  kernel_.sleep(time);
 }
 
 Time Machine::now() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return kernel_.now();
 }
 
@@ -101,7 +101,7 @@ bool Machine::waitFor(const std::function<bool()>& condition, Time limit) {
 }
 
 Machine::Spawned Machine::spawn(std::function<void()> body) {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   Spawned spawned;
   spawned.machine_ = this;
   spawned.thread_ = kernel_.createThread(std::move(body), false);
@@ -109,22 +109,22 @@ Machine::Spawned Machine::spawn(std::function<void()> body) {
 }
 
 void Machine::Spawned::join() {
-  Kernel::Lock lock = machine_->kernel_.enter();
+  const Inside inside(machine_->kernel_);
   const std::array<Object*, 1> ended{thread_.get()};
-  machine_->kernel_.waitAny(lock, ended, std::nullopt);
+  machine_->kernel_.waitAny(ended, std::nullopt);
 }
 
 void Machine::after(Time delay, std::function<void()> action) {
-  locked([&] { kernel_.after(delay, std::move(action)); });
+  locked([&]() REQUIRES(gate) { kernel_.after(delay, std::move(action)); });
 }
 
 void Machine::locked(const std::function<void()>& action) {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   action();
 }
 
 Balance Machine::balance() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return {.handles = kernel_.openHandles(),
           .threads = kernel_.runningThreads(),
           .deviceLists = deviceLists.size(),
@@ -133,45 +133,45 @@ Balance Machine::balance() {
 }
 
 std::uint64_t Machine::waits() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return kernel_.waits();
 }
 
 std::vector<std::string> Machine::misuses() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return kernel_.misuses();
 }
 
 std::string Machine::waiting() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return kernel_.waiting();
 }
 
 std::uint64_t Machine::forcedEnds() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return kernel_.forcedEnds();
 }
 
 void Machine::failCall(std::uint64_t n) {
-  locked([&] { faults_.failCall(n); });
+  locked([&]() REQUIRES(gate) { faults_.failCall(n); });
 }
 
 std::uint64_t Machine::callsThatCanFail() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return faults_.calls();
 }
 
 std::string Machine::failedCall() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return faults_.failedCall();
 }
 
 void Machine::record(bool on) {
-  locked([&] { recording_ = on; });
+  locked([&]() REQUIRES(gate) { recording_ = on; });
 }
 
 void Machine::note(const std::string& line) {
-  locked([&] { noteLocked(line); });
+  locked([&]() REQUIRES(gate) { noteLocked(line); });
 }
 
 void Machine::noteLocked(const std::string& line, const HidDevice* device, HANDLE handle) {
@@ -200,7 +200,7 @@ void Machine::noteLocked(const std::string& line, const HidDevice* device, HANDL
 }
 
 std::string Machine::log() {
-  const Kernel::Lock lock = kernel_.enterQuietly();
+  const Inside inside;
   return log_;
 }
 

@@ -109,7 +109,7 @@ class Machine {
   Peripherals& peripherals() { return peripherals_; }
   bool recording() const { return recording_; }
   // What happened, and where it did, at which device.
-  void noteLocked(const std::string& line, const HidDevice* device = nullptr, HANDLE handle = nullptr);
+  void noteLocked(const std::string& line, const HidDevice* device = nullptr, HANDLE handle = nullptr) REQUIRES(gate);
   const Library* library(const std::wstring& fileName) const;
   std::map<void*, std::shared_ptr<DeviceList>> deviceLists;  // open ones
   std::map<void*, std::shared_ptr<ParsedDescriptor>> preparsedData;

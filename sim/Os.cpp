@@ -16,13 +16,13 @@ namespace os {
 
 DWORD GetTickCount() {
   sim::Kernel& kernel = sim::Machine::current().kernel();
-  const sim::Kernel::Lock lock = kernel.enterQuietly();
+  const sim::Inside inside;
   return kernel.tick();
 }
 
 std::int64_t _time64(std::int64_t* result) {
   sim::Kernel& kernel = sim::Machine::current().kernel();
-  const sim::Kernel::Lock lock = kernel.enterQuietly();
+  const sim::Inside inside;
   const std::int64_t now = kPowerOnTime + kernel.now().count() / 1'000'000;
   if (result) *result = now;
   return now;

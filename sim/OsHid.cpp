@@ -35,7 +35,8 @@ std::string hex(const std::uint8_t* bytes, std::size_t count) {
 }
 
 // The open file behind a handle, for a read or a write with these arguments; null when it may not be.
-HidOpen* fileFor(Call& call, HANDLE file, DWORD access, const void* buffer, DWORD* count, OVERLAPPED* overlapped) {
+HidOpen* fileFor(Call& call, HANDLE file, DWORD access, const void* buffer, DWORD* count, OVERLAPPED* overlapped)
+    REQUIRES(sim::gate) {
   auto* open = call.object<HidOpen>(file);
   HidOpen* const none = nullptr;
   if (!open) return none;
@@ -50,7 +51,7 @@ HidOpen* fileFor(Call& call, HANDLE file, DWORD access, const void* buffer, DWOR
   return open;
 }
 
-const sim::ParsedDescriptor* parsed(Call& call, PHIDP_PREPARSED_DATA data) {
+const sim::ParsedDescriptor* parsed(Call& call, PHIDP_PREPARSED_DATA data) REQUIRES(sim::gate) {
   const auto it = call.machine.preparsedData.find(data);
   if (it != call.machine.preparsedData.end()) return it->second.get();
   return call.misused("not preparsed data, or freed before", static_cast<const sim::ParsedDescriptor*>(nullptr));
@@ -86,7 +87,7 @@ HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD shareMode, SECURITY_AT
   const sim::HidDevice* const opened = file->device.get();
   const sim::Time openTime = opened->faults.openTime;
   const HANDLE handle = call.kernel.open(std::move(file));
-  if (openTime.count() > 0) call.kernel.waitAny(call.lock, {}, openTime);
+  if (openTime.count() > 0) call.kernel.waitAny({}, openTime);
   if (call.machine.recording()) call.machine.noteLocked("open", opened, handle);
   return handle;
 }
@@ -100,10 +101,9 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OV
   if (open->device->faults.failReads) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
   sim::Object* const object = open;
   ++open->reads;
-  if (const sim::Time entry = open->device->faults.readEntry; entry.count() > 0)
-    call.kernel.waitAny(call.lock, {}, entry);
-  const int by = open->device->faults.ignoreCancel ? call.kernel.waitAny(call.lock, {&object, 1}, std::nullopt)
-                                                   : call.kernel.waitCancellable(call.lock, {&object, 1}, std::nullopt);
+  if (const sim::Time entry = open->device->faults.readEntry; entry.count() > 0) call.kernel.waitAny({}, entry);
+  const int by = open->device->faults.ignoreCancel ? call.kernel.waitAny({&object, 1}, std::nullopt)
+                                                   : call.kernel.waitCancellable({&object, 1}, std::nullopt);
   --open->reads;
   if (by == Kernel::kCancelled) return call.failed(ERROR_OPERATION_ABORTED, FALSE);
   if (open->gone || open->reports.empty()) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
@@ -124,8 +124,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
   const sim::HidFaults& faults = open->device->faults;
   if (faults.hangWrites || faults.writeTime.count() > 0) {
     const auto time = faults.hangWrites ? std::nullopt : std::optional(faults.writeTime);
-    const int by = faults.ignoreCancel ? call.kernel.waitAny(call.lock, {}, time)
-                                       : call.kernel.waitCancellable(call.lock, {}, time);
+    const int by = faults.ignoreCancel ? call.kernel.waitAny({}, time) : call.kernel.waitCancellable({}, time);
     if (by == Kernel::kCancelled) return call.failed(ERROR_OPERATION_ABORTED, FALSE);
   }
   if (open->gone) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);

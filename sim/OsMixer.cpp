@@ -18,7 +18,7 @@ class MixerHandle final : public Object {
 
 // The mixer of a call. With the flag of a handle, it must be one; with that of a number, Windows takes both. Null: the
 // call is over, and returns `result`.
-MixerDevice* mixerFor(Call& call, HMIXEROBJ object, DWORD flags, MMRESULT& result) {
+MixerDevice* mixerFor(Call& call, HMIXEROBJ object, DWORD flags, MMRESULT& result) REQUIRES(gate) {
   result = call.fault(MMSYSERR_NODRIVER);
   if (result != MMSYSERR_NOERROR) return nullptr;
   auto& mixers = call.machine.sound().mixers;
@@ -30,7 +30,7 @@ MixerDevice* mixerFor(Call& call, HMIXEROBJ object, DWORD flags, MMRESULT& resul
 }
 
 template <class Struct>
-bool sized(Call& call, const Struct* data) {
+bool sized(Call& call, const Struct* data) REQUIRES(gate) {
   if (data && data->cbStruct == sizeof *data) return true;
   return call.misused("cbStruct is not the size of the structure", false);
 }
@@ -42,7 +42,7 @@ bool isControl(const MixerDevice& mixer, DWORD control) {
 }
 
 // A volume is one value for all channels.
-MMRESULT checkDetails(Call& call, const MixerDevice& mixer, const MIXERCONTROLDETAILS* details) {
+MMRESULT checkDetails(Call& call, const MixerDevice& mixer, const MIXERCONTROLDETAILS* details) REQUIRES(gate) {
   if (!sized(call, details)) return MMSYSERR_INVALPARAM;
   if (!isControl(mixer, details->dwControlID)) return call.misused("not a control of this mixer", MIXERR_INVALCONTROL);
   if (details->cChannels != 1) return call.misused("cChannels is not that of a volume", MMSYSERR_INVALPARAM);

@@ -37,14 +37,14 @@ std::string multiText(const std::vector<std::string>& texts) {
 }
 
 // Null, and a rule is broken, when it is not open.
-const DeviceList* listOf(Call& call, HDEVINFO list) {
+const DeviceList* listOf(Call& call, HDEVINFO list) REQUIRES(sim::gate) {
   const auto it = call.machine.deviceLists.find(list);
   if (it != call.machine.deviceLists.end()) return it->second.get();
   return call.misused("not an open device list", ERROR_INVALID_HANDLE, static_cast<const DeviceList*>(nullptr));
 }
 
 template <class Data>
-bool sized(Call& call, const Data* data) {
+bool sized(Call& call, const Data* data) REQUIRES(sim::gate) {
   if (data && data->cbSize == sizeof *data) return true;
   return call.misused("cbSize is not that of the structure", ERROR_INVALID_USER_BUFFER, false);
 }

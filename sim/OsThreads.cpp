@@ -16,11 +16,11 @@ std::optional<sim::Time> limitOf(DWORD milliseconds) {
   return std::chrono::milliseconds(milliseconds);
 }
 
-void note(Call& call, const sim::Thread& thread, const std::string& what) {
+void note(Call& call, const sim::Thread& thread, const std::string& what) REQUIRES(sim::gate) {
   if (call.machine.recording()) call.machine.noteLocked("thread " + std::to_string(thread.id) + " " + what);
 }
 
-std::shared_ptr<sim::MessageQueue>& ownQueue(Call& call) {
+std::shared_ptr<sim::MessageQueue>& ownQueue(Call& call) REQUIRES(sim::gate) {
   auto& queue = call.kernel.self().messages;
   if (!queue) queue = std::make_shared<sim::MessageQueue>();
   return queue;
@@ -64,7 +64,7 @@ BOOL TerminateThread(HANDLE thread, DWORD) {
   if (!object) return FALSE;
   note(call, *object, "ended by force");
   call.kernel.countForcedEnd();
-  call.kernel.terminate(call.lock, *object);
+  call.kernel.terminate(*object);
   return TRUE;
 }
 
@@ -91,13 +91,13 @@ BOOL TlsSetValue(DWORD index, void* value) {
 
 DWORD GetCurrentThreadId() {
   sim::Kernel& kernel = sim::Machine::current().kernel();
-  const sim::Kernel::Lock lock = kernel.enterQuietly();
+  const sim::Inside inside;
   return kernel.self().id;
 }
 
 DWORD GetLastError() {
   sim::Kernel& kernel = sim::Machine::current().kernel();
-  const sim::Kernel::Lock lock = kernel.enterQuietly();
+  const sim::Inside inside;
   return kernel.self().lastError;
 }
 
@@ -196,7 +196,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
   auto* object = call.object<sim::Object>(handle);
   if (!object) return WAIT_FAILED;
   const std::array<sim::Object*, 1> objects{object};
-  if (call.kernel.waitAny(call.lock, objects, limitOf(milliseconds)) < 0) return WAIT_TIMEOUT;
+  if (call.kernel.waitAny(objects, limitOf(milliseconds)) < 0) return WAIT_TIMEOUT;
   if (auto* mutex = dynamic_cast<sim::Mutex*>(object); mutex && mutex->takeAbandoned()) return WAIT_ABANDONED;
   return WAIT_OBJECT_0;
 }
@@ -211,7 +211,7 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
   if (!call.kernel.use({handles, count}, objects)) {
     return call.misused("not an open handle", ERROR_INVALID_HANDLE, WAIT_FAILED);
   }
-  const int index = call.kernel.waitAny(call.lock, {objects.data(), count}, limitOf(milliseconds));
+  const int index = call.kernel.waitAny({objects.data(), count}, limitOf(milliseconds));
   if (index < 0) return WAIT_TIMEOUT;
   auto* mutex = dynamic_cast<sim::Mutex*>(objects[static_cast<std::size_t>(index)]);
   return (mutex && mutex->takeAbandoned() ? WAIT_ABANDONED : WAIT_OBJECT_0) + static_cast<DWORD>(index);
@@ -219,7 +219,7 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
 
 void Sleep(DWORD milliseconds) {
   Call call("Sleep");
-  call.kernel.waitAny(call.lock, {}, limitOf(milliseconds));
+  call.kernel.waitAny({}, limitOf(milliseconds));
 }
 
 BOOL CloseHandle(HANDLE handle) {
@@ -241,7 +241,7 @@ BOOL GetMessageW(MSG* message, HWND, UINT, UINT) {
   Call call("GetMessageW");
   const auto& queue = ownQueue(call);
   const std::array<sim::Object*, 1> objects{queue.get()};
-  call.kernel.waitAny(call.lock, objects, std::nullopt);
+  call.kernel.waitAny(objects, std::nullopt);
   *message = queue->messages.front();
   queue->messages.pop_front();
   return message->message != WM_QUIT ? TRUE : FALSE;

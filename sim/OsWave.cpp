@@ -22,14 +22,14 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
   // Pulled out since it was opened: there is no driver any more, and nothing is filled.
   bool gone() const { return microphone->pulls != pulls_; }
   bool has(const WAVEHDR* header) const { return std::find(queue.begin(), queue.end(), header) != queue.end(); }
-  void start(Kernel& kernel) {
+  void start(Kernel& kernel) REQUIRES(gate) {
     if (running) return;
     running = true;
     began_ = kernel.now();
     schedule(kernel);
   }
   // The buffer that is being filled comes back as far as it is.
-  void stop(Kernel& kernel) {
+  void stop(Kernel& kernel) REQUIRES(gate) {
     if (!running) return;
     running = false;
     ++generation_;
@@ -37,11 +37,11 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
     const auto samples = static_cast<std::size_t>(std::max(kernel.now() - began_, Time{0}).count()) * kRate / 1'000'000;
     if (!queue.empty()) giveBack(kernel, std::min<std::size_t>(2 * samples, queue.front()->dwBufferLength));
   }
-  void reset(Kernel& kernel) {
+  void reset(Kernel& kernel) REQUIRES(gate) {
     stop(kernel);
     while (queue.size() > (microphone->keepsOne ? 1 : 0)) giveBack(kernel, 0);
   }
-  void post(Kernel& kernel, UINT message, LPARAM parameter) {
+  void post(Kernel& kernel, UINT message, LPARAM parameter) REQUIRES(gate) {
     MSG sent{};
     sent.message = message;
     sent.wParam = reinterpret_cast<WPARAM>(handle);
@@ -63,24 +63,25 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
 
  private:
   // Began is when the buffer in hand did by the clock of the sound; a driver that is late says so later.
-  void schedule(Kernel& kernel) {
+  void schedule(Kernel& kernel) REQUIRES(gate) {
     constexpr std::size_t kUsualBytes = 4096;
     const std::size_t bytes = queue.empty() ? kUsualBytes : queue.front()->dwBufferLength;
     const Time full = began_ + Time(static_cast<std::int64_t>(bytes / 2 * 1'000'000 / kRate));
     const Time late = jitter(kernel, microphone->jitter);
-    kernel.after(full + late - kernel.now(), [this, &kernel, weak = weak_from_this(), mine = generation_, bytes, full] {
-      const auto self = weak.lock();
-      if (!self || !running || generation_ != mine || gone()) return;
-      began_ = full;
-      if (!queue.empty()) {
-        ++returned_;
-        const bool empty = microphone->emptyEvery != 0 && returned_ % microphone->emptyEvery == 0;
-        giveBack(kernel, empty ? 0 : microphone->halfFull ? bytes / 2 : bytes);
-      }
-      schedule(kernel);
-    });
+    kernel.after(full + late - kernel.now(),
+                 [this, &kernel, weak = weak_from_this(), mine = generation_, bytes, full]() REQUIRES(gate) {
+                   const auto self = weak.lock();
+                   if (!self || !running || generation_ != mine || gone()) return;
+                   began_ = full;
+                   if (!queue.empty()) {
+                     ++returned_;
+                     const bool empty = microphone->emptyEvery != 0 && returned_ % microphone->emptyEvery == 0;
+                     giveBack(kernel, empty ? 0 : microphone->halfFull ? bytes / 2 : bytes);
+                   }
+                   schedule(kernel);
+                 });
   }
-  void giveBack(Kernel& kernel, std::size_t bytes) {
+  void giveBack(Kernel& kernel, std::size_t bytes) REQUIRES(gate) {
     WAVEHDR* header = queue.front();
     queue.pop_front();
     for (std::size_t i = 0; i + 2 <= bytes; i += 2) {
@@ -91,7 +92,7 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
     }
     header->dwBytesRecorded = static_cast<DWORD>(microphone->overstates && bytes > 0 ? 100'000 : bytes);
     header->dwFlags = (header->dwFlags | WHDR_DONE) & ~WHDR_INQUEUE;
-    const auto say = [this, &kernel, header, weak = weak_from_this()] {
+    const auto say = [this, &kernel, header, weak = weak_from_this()]() REQUIRES(gate) {
       const auto self = weak.lock();
       if (!self || !handle) return;
       for (int i = 0; i < (microphone->returnsTwice ? 2 : 1); ++i) {
@@ -113,7 +114,7 @@ class WaveIn final : public Object, public std::enable_shared_from_this<WaveIn> 
 
 // The device behind a handle, for a call that fails with `usual` where that is asked for. Null: the call is over, and
 // returns `result`.
-WaveIn* deviceFor(Call& call, HWAVEIN handle, MMRESULT usual, MMRESULT& result) {
+WaveIn* deviceFor(Call& call, HWAVEIN handle, MMRESULT usual, MMRESULT& result) REQUIRES(gate) {
   call.stall();
   result = call.fault(usual);
   if (result != MMSYSERR_NOERROR) return nullptr;
@@ -123,7 +124,8 @@ WaveIn* deviceFor(Call& call, HWAVEIN handle, MMRESULT usual, MMRESULT& result) 
 }
 
 // The same for a call that works on a header.
-WaveIn* deviceFor(Call& call, HWAVEIN handle, const WAVEHDR* header, UINT size, MMRESULT usual, MMRESULT& result) {
+WaveIn* deviceFor(Call& call, HWAVEIN handle, const WAVEHDR* header, UINT size, MMRESULT usual, MMRESULT& result)
+    REQUIRES(gate) {
   auto* device = deviceFor(call, handle, usual, result);
   if (device && (!header || size < sizeof *header || !header->lpData)) {
     result = call.misused("no header, one without data, or one of another size", MMSYSERR_INVALPARAM);
@@ -133,7 +135,7 @@ WaveIn* deviceFor(Call& call, HWAVEIN handle, const WAVEHDR* header, UINT size, 
 }
 
 // A header that is prepared stays where it is and as it is.
-bool isPrepared(Call& call, const WaveIn& device, const WAVEHDR& header) {
+bool isPrepared(Call& call, const WaveIn& device, const WAVEHDR& header) REQUIRES(gate) {
   const auto it = device.prepared.find(&header);
   if (it == device.prepared.end()) {
     if ((header.dwFlags & WHDR_PREPARED) != 0) call.misused("a header that was moved while it was prepared", 0);

@@ -96,7 +96,7 @@ class ComObject {
 };
 
 // A time from none to `most`, from the machine's own sequence.
-inline Time jitter(Kernel& kernel, Time most) {
+inline Time jitter(Kernel& kernel, Time most) REQUIRES(gate) {
   if (most.count() <= 0) return Time{0};
   return Time(static_cast<std::int64_t>(kernel.random() % static_cast<std::uint64_t>(most.count() + 1)));
 }

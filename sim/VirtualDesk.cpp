@@ -40,7 +40,7 @@ VirtualDesk::VirtualDesk(Machine& machine, DeskDescription description)
 }
 
 void VirtualDesk::setUpSound() {
-  machine_.locked([this] {
+  machine_.locked([this]() REQUIRES(gate) {
     SoundSystem& sound = machine_.sound();
     for (const DeskMicrophone& microphone : description_.sound.microphones) {
       sound.microphones.push_back(std::make_shared<Microphone>(wide(microphone.name)));

@@ -234,7 +234,7 @@ TEST(Connection, HandlesThatDieAreReplacedWithoutAReplug) {
   desk.open();
   auto wren = desk.connect("Wren");
   desk.record.clear();
-  desk.machine.locked([&] { wren->loseHandles(); });
+  desk.machine.locked([&]() REQUIRES(sim::gate) { wren->loseHandles(); });
   desk.run(5s);
   EXPECT_EQ(desk.record.lines("Hid"), (std::vector<std::string>{"HidDisconnect 1", "HidConnect 2"}));
   desk.hub->ChooseWorkHidDevice(2);

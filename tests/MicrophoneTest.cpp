@@ -537,7 +537,8 @@ TEST(Messages, PostedRightAfterTheStartOfAThreadAreNotLost) {
     Desk desk({.seed = seed});
     Counter counter;
     ASSERT_TRUE(counter.StartThread());
-    desk.machine.locked([&] { EXPECT_TRUE(desk.machine.kernel().post(counter.GetThreadID(), MSG{})) << seed; });
+    desk.machine.locked(
+        [&]() REQUIRES(sim::gate) { EXPECT_TRUE(desk.machine.kernel().post(counter.GetThreadID(), MSG{})) << seed; });
     desk.run(1ms);
     EXPECT_EQ(counter.count, 1) << seed;
   }

@@ -42,7 +42,7 @@ LegacyHid::LegacyHid(const std::string& productId, const std::string& instance, 
       keyByte_(keyByte) {}
 
 void LegacyHid::key(std::uint8_t code) {
-  Machine::current().locked([&] {
+  Machine::current().locked([&]() REQUIRES(gate) {
     Bytes report(inputLength);
     report.at(keyByte_) = code;
     sendInput(report);
@@ -65,7 +65,7 @@ LegacyDevice::LegacyDevice(Machine& machine, LegacyKind kind, std::string serial
 
 void LegacyDevice::plug() {
   if (std::exchange(plugged_, true)) return;
-  machine_.locked([this] {
+  machine_.locked([this]() REQUIRES(gate) {
     Peripherals& peripherals = machine_.peripherals();
     if (!usbPath_.empty()) peripherals.usb.push_back({.path = usbPath_});
     if (!hardwareIds_.empty()) peripherals.media.push_back({.hardwareIds = hardwareIds_});
@@ -75,7 +75,7 @@ void LegacyDevice::plug() {
 
 void LegacyDevice::unplug() {
   if (!std::exchange(plugged_, false)) return;
-  machine_.locked([this] {
+  machine_.locked([this]() REQUIRES(gate) {
     Peripherals& peripherals = machine_.peripherals();
     std::erase_if(peripherals.usb, [this](const UsbDevice& device) { return device.path == usbPath_; });
     const auto media = std::find_if(peripherals.media.begin(), peripherals.media.end(),
@@ -86,7 +86,7 @@ void LegacyDevice::unplug() {
 }
 
 void LegacyDevice::press(int virtualKey, bool down) {
-  machine_.locked([&] {
+  machine_.locked([&]() REQUIRES(gate) {
     Keyboard& keyboard = machine_.peripherals().keyboard;
     if (down) {
       keyboard.press(virtualKey);

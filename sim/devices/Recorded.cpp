@@ -72,7 +72,7 @@ RecordedDevice::RecordedDevice(Recording recording)
     : HidDevice(recording.path, recording.vendor, recording.product, recording.inputLength, recording.outputLength),
       recording_(std::move(recording)) {
   learn();
-  faults.refuseOpen = [this](int number) {
+  faults.refuseOpen = [this](int number) REQUIRES(gate) {
     const auto n = static_cast<std::size_t>(number);
     const bool refused = !refusals_.empty() && refusals_[std::min(n, refusals_.size() - 1)];
     if (!refused) opens();
@@ -85,12 +85,12 @@ void RecordedDevice::start(Machine& machine, const std::shared_ptr<RecordedDevic
   const Time found = events.empty() ? Time{0} : events.front().at;
   // A recording begins with the host's first look, about a second after the host does.
   if (found < kFoundAfter) return machine.plug(device);
-  machine.after(found + kFoundAfter, [&machine, device] { machine.hid().plug(device); });
+  machine.after(found + kFoundAfter, [&machine, device]() REQUIRES(gate) { machine.hid().plug(device); });
 }
 
 RecordingUse RecordedDevice::use(Machine& machine) const {
   RecordingUse use;
-  machine.locked([&] { use = use_; });
+  machine.locked([&]() REQUIRES(gate) { use = use_; });
   return use;
 }
 
@@ -227,7 +227,7 @@ void RecordedDevice::happens(const Key& key) {
   if (n >= known->second.size() && key.code == kOpening) return;  // only what was seen then
   if (n >= known->second.size() && key.code != kHeartbeat) ++use_.repeated[nameOf(key)];
   for (Answer& answer : known->second[std::min(n, known->second.size() - 1)]) {
-    after(answer.delay, [this, &answer, voice = voice_] { act(answer, voice); });
+    after(answer.delay, [this, &answer, voice = voice_]() REQUIRES(gate) { act(answer, voice); });
   }
 }
 
@@ -242,7 +242,8 @@ void RecordedDevice::go(const Answer& answer) {
   Machine& machine = this->machine();
   const auto self = shared_from_this();
   machine.hid().unplug(self);
-  if (answer.back) machine.kernel().after(*answer.back, [&machine, self] { machine.hid().plug(self); });
+  if (answer.back)
+    machine.kernel().after(*answer.back, [&machine, self]() REQUIRES(gate) { machine.hid().plug(self); });
 }
 
 }  // namespace sim

@@ -58,7 +58,7 @@ class RecordedDevice final : public HidDevice {
   RecordingUse use(Machine& machine) const;
 
  protected:
-  void onOutput(std::span<const std::uint8_t> report) override;
+  void onOutput(std::span<const std::uint8_t> report) REQUIRES(gate) override;
   void onPlugged() override { opened_ = false; }
   void onUnplugged() override { ++voice_; }
 
@@ -84,14 +84,14 @@ class RecordedDevice final : public HidDevice {
   static Key announcement();
   static std::optional<Key> keyOf(std::span<const std::uint8_t> report);
   static std::string nameOf(const Key& key);
-  void learn();
+  void learn() NO_THREAD_SAFETY_ANALYSIS;  // while it is made
   void attribute(const Recording::Event& event);
   Answer& add(const Key& key, Answer answer);
   void forgetCutOff();
-  void happens(const Key& key);
-  void opens();
-  void act(Answer& answer, unsigned voice);
-  void go(const Answer& answer);
+  void happens(const Key& key) REQUIRES(gate);
+  void opens() REQUIRES(gate);
+  void act(Answer& answer, unsigned voice) REQUIRES(gate);
+  void go(const Answer& answer) REQUIRES(gate);
 
   const Recording recording_;
   std::map<Key, std::deque<Occurrence>> script_;
@@ -102,7 +102,7 @@ class RecordedDevice final : public HidDevice {
   std::vector<bool> refusals_;  // of each opening
   bool opened_ = false;         // since it was plugged in
   unsigned voice_ = 0;          // counts the ends of speech
-  RecordingUse use_;
+  RecordingUse use_ GUARDED_BY(gate);
 };
 
 }  // namespace sim

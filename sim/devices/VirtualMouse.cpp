@@ -86,7 +86,7 @@ VirtualMouse::VirtualMouse(const ModelSheet& sheet, const LinkSheet& presented, 
       receiverFirmware_(sheet.update) {}
 
 void VirtualMouse::key(char code) {
-  Machine::current().locked([&] {
+  Machine::current().locked([&]() REQUIRES(gate) {
     const auto byte = static_cast<std::uint8_t>(code);
     sendInput(frameFor(keyReply, {&byte, 1}, kPrefixDevice));
   });
@@ -96,34 +96,34 @@ void VirtualMouse::pressVoiceKey() { key(sheet_.voiceKeyDown); }
 void VirtualMouse::releaseVoiceKey() { key(sheet_.voiceKeyUp); }
 
 void VirtualMouse::hear(std::vector<std::int16_t> speech) {
-  Machine::current().locked([&] { speech_ = std::move(speech); });
+  Machine::current().locked([&]() REQUIRES(gate) { speech_ = std::move(speech); });
 }
 
 void VirtualMouse::reportPower(std::uint8_t level) {
-  Machine::current().locked([&] {
+  Machine::current().locked([&]() REQUIRES(gate) {
     power = level;
     sendInput(frameFor(powerReply, {&power, 1}, kPrefixDevice));
   });
 }
 
 void VirtualMouse::sleep(bool asleep) {
-  Machine::current().locked([&] { asleep_ = asleep; });
+  Machine::current().locked([&]() REQUIRES(gate) { asleep_ = asleep; });
 }
 
 void VirtualMouse::answer(std::uint8_t code, Answering answering) {
-  Machine::current().locked([&] { answering_[code] = answering; });
+  Machine::current().locked([&]() REQUIRES(gate) { answering_[code] = answering; });
 }
 
 void VirtualMouse::send(Bytes report) {
-  Machine::current().locked([&] { sendInput(report); });
+  Machine::current().locked([&]() REQUIRES(gate) { sendInput(report); });
 }
 
 void VirtualMouse::reply(std::uint8_t code, Bytes payload) {
-  Machine::current().locked([&] { sendInput(frameFor(code, payload, kPrefixDevice)); });
+  Machine::current().locked([&]() REQUIRES(gate) { sendInput(frameFor(code, payload, kPrefixDevice)); });
 }
 
 void VirtualMouse::update(Updated which, UpdateScript script) {
-  Machine::current().locked([&] {
+  Machine::current().locked([&]() REQUIRES(gate) {
     thinking_[which == Updated::mouse ? 0 : 1] = script.thinking;
     (which == Updated::mouse ? firmware_ : receiverFirmware_).follow(std::move(script));
   });
@@ -131,13 +131,14 @@ void VirtualMouse::update(Updated which, UpdateScript script) {
 
 FirmwareTarget VirtualMouse::firmware(Updated which) {
   std::optional<FirmwareTarget> copy;
-  Machine::current().locked([&] { copy.emplace(which == Updated::mouse ? firmware_ : receiverFirmware_); });
+  Machine::current().locked(
+      [&]() REQUIRES(gate) { copy.emplace(which == Updated::mouse ? firmware_ : receiverFirmware_); });
   return *copy;
 }
 
 std::vector<HostFrame> VirtualMouse::received() {
   std::vector<HostFrame> copy;
-  Machine::current().locked([&] { copy = received_; });
+  Machine::current().locked([&]() REQUIRES(gate) { copy = received_; });
   return copy;
 }
 
@@ -148,24 +149,24 @@ std::vector<HostFrame> VirtualMouse::received(std::uint8_t code) {
 }
 
 void VirtualMouse::forget() {
-  Machine::current().locked([&] { received_.clear(); });
+  Machine::current().locked([&]() REQUIRES(gate) { received_.clear(); });
 }
 
 std::uint64_t VirtualMouse::malformed() {
   std::uint64_t count = 0;
-  Machine::current().locked([&] { count = malformed_; });
+  Machine::current().locked([&]() REQUIRES(gate) { count = malformed_; });
   return count;
 }
 
 bool VirtualMouse::streaming() {
   bool result = false;
-  Machine::current().locked([&] { result = streaming_; });
+  Machine::current().locked([&]() REQUIRES(gate) { result = streaming_; });
   return result;
 }
 
 std::size_t VirtualMouse::spoken() {
   std::size_t count = 0;
-  Machine::current().locked([&] { count = spoken_; });
+  Machine::current().locked([&]() REQUIRES(gate) { count = spoken_; });
   return count;
 }
 
@@ -257,12 +258,12 @@ void VirtualMouse::obeyUpdate(const HostFrame& frame) {
   const auto outcome = (receiver ? receiverFirmware_ : firmware_).take(frame.code, frame.payload);
   if (outcome.unplug) {
     // When the write has returned.
-    machine().kernel().after(Time{0}, [this, self = shared_from_this()] { unplugSelf(); });
+    machine().kernel().after(Time{0}, [this, self = shared_from_this()]() REQUIRES(gate) { unplugSelf(); });
   }
   if (!outcome.answer) return;
   const Bytes report =
       frameFor(outcome.answer->code, outcome.answer->payload, receiver ? kPrefixReceiver : kPrefixDevice);
-  after(latency + thinking_[receiver ? 1 : 0], [this, report] { sendInput(report); });
+  after(latency + thinking_[receiver ? 1 : 0], [this, report]() REQUIRES(gate) { sendInput(report); });
 }
 
 void VirtualMouse::unplugSelf() {
@@ -277,7 +278,7 @@ void VirtualMouse::respond(const HostFrame& frame, std::uint8_t code, Bytes payl
                                                      : Answering{};
   Bytes report = frameFor(code, payload, frame.prefix == kPrefixReceiver ? kPrefixReceiver : kPrefixDevice);
   if (how.garbled) report.back() = 0;
-  after(latency + how.delay, [this, report = std::move(report), times = how.times] {
+  after(latency + how.delay, [this, report = std::move(report), times = how.times]() REQUIRES(gate) {
     for (int i = 0; i < times; ++i) sendInput(report);
   });
 }
@@ -300,7 +301,7 @@ void VirtualMouse::openVoice() {
   spoken_ = 0;
   sbc_ = {};
   // The codec of a Tern keeps its state from one stream to the next, on both sides.
-  after(latency, [this, stream = ++stream_] { streamNext(stream); });
+  after(latency, [this, stream = ++stream_]() REQUIRES(gate) { streamNext(stream); });
 }
 
 void VirtualMouse::streamNext(unsigned stream) {
@@ -308,7 +309,7 @@ void VirtualMouse::streamNext(unsigned stream) {
   const std::size_t before = spoken_;
   const Bytes report = nextAudioReport();
   const auto samples = static_cast<std::int64_t>(spoken_ - before);
-  after(Time(samples * 1'000'000 / 16'000), [this, stream, report] {
+  after(Time(samples * 1'000'000 / 16'000), [this, stream, report]() REQUIRES(gate) {
     if (!streaming_ || stream != stream_) return;
     sendInput(report);
     streamNext(stream);
@@ -316,7 +317,7 @@ void VirtualMouse::streamNext(unsigned stream) {
 }
 
 Bytes VirtualMouse::nextAudioReport() {
-  const auto take = [this]<std::size_t Count>(std::array<std::int16_t, Count>& pcm) {
+  const auto take = [this]<std::size_t Count>(std::array<std::int16_t, Count>& pcm) REQUIRES(gate) {
     for (std::int16_t& sample : pcm) {
       sample = spoken_ < speech_.size() ? speech_[spoken_] : std::int16_t{0};
       ++spoken_;

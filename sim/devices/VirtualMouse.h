@@ -96,34 +96,34 @@ class VirtualMouse : public HidDevice {
   std::size_t spoken();
 
  protected:
-  void onOutput(std::span<const std::uint8_t> report) override;
-  void onUnplugged() override;
+  void onOutput(std::span<const std::uint8_t> report) REQUIRES(gate) override;
+  void onUnplugged() REQUIRES(gate) override;
 
  private:
-  void obey(const HostFrame& frame, bool refuse);
-  void obeyUpdate(const HostFrame& frame);
-  void unplugSelf();
-  void respond(const HostFrame& frame, std::uint8_t code, Bytes payload);
+  void obey(const HostFrame& frame, bool refuse) REQUIRES(gate);
+  void obeyUpdate(const HostFrame& frame) REQUIRES(gate);
+  void unplugSelf() REQUIRES(gate);
+  void respond(const HostFrame& frame, std::uint8_t code, Bytes payload) REQUIRES(gate);
   Bytes frameFor(std::uint8_t code, std::span<const std::uint8_t> payload, std::uint8_t prefix) const;
-  void openVoice();
-  void streamNext(unsigned stream);
-  Bytes nextAudioReport();
+  void openVoice() REQUIRES(gate);
+  void streamNext(unsigned stream) REQUIRES(gate);
+  Bytes nextAudioReport() REQUIRES(gate);
 
   const ModelSheet& sheet_;
   const Link link_;
-  std::map<std::uint8_t, Answering> answering_;
-  std::vector<HostFrame> received_;
-  std::uint64_t malformed_ = 0;
-  bool asleep_ = false;
-  std::vector<std::int16_t> speech_;
-  std::size_t spoken_ = 0;
-  bool streaming_ = false;
-  unsigned stream_ = 0;
-  FirmwareTarget firmware_;
-  FirmwareTarget receiverFirmware_;
-  Time thinking_[2]{};  // of the two, before each answer in an update
-  SbcEncoder sbc_;
-  AscEncoder asc_;
+  std::map<std::uint8_t, Answering> answering_ GUARDED_BY(gate);
+  std::vector<HostFrame> received_ GUARDED_BY(gate);
+  std::uint64_t malformed_ GUARDED_BY(gate) = 0;
+  bool asleep_ GUARDED_BY(gate) = false;
+  std::vector<std::int16_t> speech_ GUARDED_BY(gate);
+  std::size_t spoken_ GUARDED_BY(gate) = 0;
+  bool streaming_ GUARDED_BY(gate) = false;
+  unsigned stream_ GUARDED_BY(gate) = 0;
+  FirmwareTarget firmware_ GUARDED_BY(gate);
+  FirmwareTarget receiverFirmware_ GUARDED_BY(gate);
+  Time thinking_[2] GUARDED_BY(gate){};  // of the two, before each answer in an update
+  SbcEncoder sbc_ GUARDED_BY(gate);
+  AscEncoder asc_ GUARDED_BY(gate);
 };
 
 }  // namespace sim
