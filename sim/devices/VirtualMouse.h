@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -82,6 +83,8 @@ class VirtualMouse : public HidDevice {
   // How the device (or its receiver) takes the next update.
   enum class Updated { mouse, receiver };
   void update(Updated which, UpdateScript script);
+  // What goes wrong with the n-th message of the next update, from 0, whichever image it belongs to.
+  void spoilUpdate(unsigned message, UpdateFault fault);
   // A copy of what it has got so far.
   FirmwareTarget firmware(Updated which);
 
@@ -121,6 +124,9 @@ class VirtualMouse : public HidDevice {
   unsigned stream_ = 0;
   FirmwareTarget firmware_;
   FirmwareTarget receiverFirmware_;
+  unsigned updateMessages_ = 0;
+  unsigned spoiltMessage_ = 0;
+  std::optional<UpdateFault> spoiling_;
   Time thinking_[2]{};  // of the two, before each answer in an update
   SbcEncoder sbc_;
   AscEncoder asc_;

@@ -56,7 +56,7 @@ double durationOf(const Options& options, const Desk& desk) {
 }  // namespace
 
 void showDesk(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   session.terminal.say(session.desk->greeting());
   session.discover({"connect", "state"});
@@ -127,7 +127,7 @@ void monitor(const Options& options) {
 }
 
 void record(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   session.discover({"connect"});
   session.client->hub().ChooseWorkHidDevice(session.choose(options.device).number);

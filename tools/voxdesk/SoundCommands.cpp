@@ -101,7 +101,7 @@ void listSound(const Options& options) {
 }
 
 void recordMicrophone(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   if (!options.microphone.empty()) {
     CDeviceData::Instance()->SetRecordName(sim::wide(options.microphone));
@@ -128,7 +128,7 @@ void recordMicrophone(const Options& options) {
 }
 
 void recordSpeaker(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   Inbox inbox;
   {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "Session.h"
 #include "hid/HidFrame.h"
 #include "models/Models.h"
 #include "sim/Text.h"

@@ -98,6 +98,7 @@ int main(int argc, char** argv) {
         ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"wav", false}, {"raw", true}}).description(""))
         ->needs(out)
         ->type_name("FORMAT");
+    to.add_option("--picture", options.picture, "A picture of it: waveform and spectrum")->type_name("OUT.png");
     return out;
   };
   const auto takesSeconds = [&](CLI::App& to, const char* what) {
@@ -219,8 +220,17 @@ int main(int argc, char** argv) {
   auto* update = needsDevice(command(app, "update", "Update a device's firmware", &updateFirmware));
   update->add_option("--first", options.first, "The device's own image")->type_name("A.bin");
   update->add_option("--second", options.second, "Its receiver's image")->type_name("B.bin");
-
-  update->add_flag("--yes", options.yes, "Begin without asking; needed where standard input is no terminal");
+  auto* yes =
+      update->add_flag("--yes", options.yes, "Begin without asking; needed where standard input is no terminal");
+  auto* rehearse = update
+                       ->add_flag("--rehearse", options.rehearse,
+                                  "Try it with a simulated device (--device: its model; default: wren), once for each "
+                                  "thing that may go wrong with each message")
+                       ->excludes(yes);
+  update->add_option("--link", options.link, "... on this link; default: usb, where the model has it")
+      ->needs(rehearse)
+      ->check(CLI::IsMember({"usb", "bluetooth"}))
+      ->type_name("LINK");
 
   void (*run)(const Options&) = &showDesk;
   try {
@@ -239,6 +249,11 @@ int main(int argc, char** argv) {
     }
     if (options.out == kStandardOutput && isScreen(stdout)) {
       throw CLI::ValidationError("--out", "standard output is a terminal, which shows no sound");
+    }
+    for (const CLI::Option* given : {virtualTime, capture}) {
+      if (options.rehearse && given->count() > 0) {
+        throw CLI::ValidationError(given->get_name(), "a rehearsal does not take this option");
+      }
     }
     if (*update && options.first.empty() && options.second.empty()) {
       throw CLI::RequiredError("--first or --second");
