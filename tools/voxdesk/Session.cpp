@@ -123,7 +123,7 @@ void Session::stop() {
   if (raw_) runUntil(0, {"report"}, [] { return true; });
   client.reset();
   for (const std::string& sentence : desk->replayed()) {
-    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
+    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, terminal.quiet() ? "" : sentence);
   }
   if (!recorder_) return;
   recorder_->finish();
@@ -139,7 +139,7 @@ bool Session::runUntil(double seconds, const std::vector<std::string>& show, con
   for (;;) {
     for (const ClientEvent& event : client->takeEvents()) {
       if (show.empty() || (raw_ && event.name == "report") ||
-          std::find(show.begin(), show.end(), event.name) != show.end()) {
+          (!terminal.quiet() && std::find(show.begin(), show.end(), event.name) != show.end())) {
         terminal.event(event.seconds, event.name, event.fields, event.text);
       }
     }

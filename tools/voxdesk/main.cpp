@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app(kAbout, "voxdesk");
   app.allow_windows_style_options(false);  // a path may begin with a slash
-  app.set_version_flag("--version", "voxdesk " VOXDEVICE_VERSION);
+  app.set_version_flag("-V,--version", "voxdesk " VOXDEVICE_VERSION);
   app.footer(
       "Ctrl-C, SIGTERM, SIGHUP, or nobody who reads standard output any more: the work ends as if its time were\n"
       "over, and what was recorded is kept. Once more, half a second later or more: the program ends at once. An\n"
@@ -89,6 +89,7 @@ int main(int argc, char** argv) {
   auto* virtualTime = app.add_flag("--virtual-time", options.virtualTime,
                                    "As fast as the machine can, instead of in real time (simulated desks)");
   auto* json = app.add_flag("--json", options.json, "One JSON object per event, for scripts");
+  auto* quiet = app.add_flag("-q,--quiet", options.quiet, "Results and errors only")->excludes(json);
   const auto takesOut = [&](CLI::App& to, const char* what) {
     auto* out = to.add_option("--out", options.out,
                               what + std::string("; -: standard output, and messages, or events, go to standard error"))
@@ -129,7 +130,7 @@ int main(int argc, char** argv) {
     std::vector<const CLI::Option*> takes;
   };
   std::vector<Command> commands;
-  const std::vector<const CLI::Option*> allOfDesk{desk, virtualTime, json, capture, noSpeech, captureSize};
+  const std::vector<const CLI::Option*> allOfDesk{desk, virtualTime, json, quiet, capture, noSpeech, captureSize};
   const auto add = [&](CLI::App& parent, const char* name, const char* what, void (*run)(const Options&),
                        const std::vector<const CLI::Option*>& takes) {
     CLI::App* added = parent.add_subcommand(name, what);
