@@ -48,10 +48,14 @@ void transform(std::span<Complex> values) {
   }
 }
 
-float hann(std::size_t i) {
+const auto kHann = [] {
   constexpr double kTurn = 2 * std::numbers::pi / SoundPicture::kWindow;
-  return static_cast<float>(0.5 - 0.5 * std::cos(kTurn * static_cast<double>(i)));
-}
+  std::array<float, SoundPicture::kWindow> weights{};
+  for (std::size_t i = 0; i < weights.size(); ++i) {
+    weights[i] = static_cast<float>(0.5 - 0.5 * std::cos(kTurn * static_cast<double>(i)));
+  }
+  return weights;
+}();
 
 }  // namespace
 
@@ -94,8 +98,8 @@ void SoundPicture::addHop() {
   pending_.resize(kHop);
   std::array<Complex, kWindow> window;
   for (std::size_t i = 0; i < kHop; ++i) {
-    window[i] = static_cast<float>(before_[i]) * hann(i);
-    window[i + kHop] = static_cast<float>(pending_[i]) * hann(i + kHop);
+    window[i] = static_cast<float>(before_[i]) * kHann[i];
+    window[i + kHop] = static_cast<float>(pending_[i]) * kHann[i + kHop];
   }
   transform(window);
   for (std::size_t i = 0; i < kBins; ++i) column.power[i] = std::norm(window[i]);

@@ -45,7 +45,9 @@ std::string Outcome::sentence() const {
   if (failure.empty()) return {};
   std::string text = failure;
   for (const auto& [image, result] : results) {
-    if (result != "done") text += (text == failure ? ": the " : ", the ") + image + " image: " + result;
+    if (result == "done") continue;
+    text += text == failure ? ": the " : ", the ";
+    text.append(image).append(" image: ").append(result);
   }
   return text;
 }

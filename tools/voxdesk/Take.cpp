@@ -113,7 +113,7 @@ void Take::add(const std::vector<std::int16_t>& more) {
   if (!more.empty() && !over()) {
     write(more);
     for (const int sample : more) peak_ = std::max(peak_, std::abs(sample));
-    sound_.add(more);
+    if (!picture_.empty() || session_.terminal.columns() > 0) sound_.add(more);
     show(more);
   }
   if (over() || session_.desk->seconds() - patchedAt_ >= kPatchSeconds) patch();
