@@ -96,6 +96,14 @@ def main() -> int:
             check("kHz axis", [y for y in range(TOP - 3, TOP + HEIGHT + 3) if rows[y][LEFT - 6] == INK],
                   [TOP + HEIGHT // 8 * i for i in range(9)])
 
+        # Nothing gets lost when columns are put together.
+        play([(0, 0, 0.733), (1000, 0.5, 0.016)] * 60)
+        subprocess.run([*command, "--picture", str(picture)], check=True, stdout=subprocess.DEVNULL, timeout=120)
+        rows = pixels(picture)
+        clicks = "".join(str(int(rows[WAVE_TOP + 70][x] in WAVES)) for x in range(LEFT, LEFT + WIDTH)).split("0")
+        check("clicks", sum(map(bool, clicks)), 60)
+        play(parts)
+
         # In the terminal, as wide as it is; without a terminal, or quiet, not at all.
         def lines(columns: int, locale: str, *more: str) -> list:
             ours, theirs = pty.openpty()

@@ -84,19 +84,26 @@ std::string lower(std::string text) {
   return text;
 }
 
+sim::DeskDevice healthy(const std::string& model, sim::Link link) {
+  sim::DeskDevice device;
+  device.model = model;
+  device.link = link;
+  return device;
+}
+
 // The devices that there could be: those of the desk file; without one, every model on each of its links.
 std::vector<sim::DeskDevice> candidates(const Options& options) {
   std::vector<sim::DeskDevice> all;
   if (!options.deskFile.empty() && options.deskFile != "default") {
     for (const sim::DeskDevice& device : sim::readDeskFile(options.deskFile).devices) {
-      all.push_back({.model = device.model, .link = device.link});
+      all.push_back(healthy(device.model, device.link));
     }
     if (all.empty()) throw Failure(options.deskFile + ": no device of its own that an update could be rehearsed with");
     return all;
   }
   for (const sim::ModelSheet& sheet : sim::modelSheets()) {
     for (const sim::Link link : {sim::Link::usb, sim::Link::bluetooth}) {
-      if (hasLink(sheet, link)) all.push_back({.model = sheet.name, .link = link});
+      if (hasLink(sheet, link)) all.push_back(healthy(sheet.name, link));
     }
   }
   return all;
@@ -121,7 +128,9 @@ sim::DeskDevice chosen(const Options& options) {
 
 // The messages that an update sends are noted in `sent`.
 Outcome rehearse(const Twin& twin, std::optional<Spoiling> spoiling, std::vector<UpdateMessage>& sent) {
-  auto owned = std::make_unique<SimulatedDesk>(sim::DeskDescription{.devices = {twin.device}}, true);
+  sim::DeskDescription description;
+  description.devices = {twin.device};
+  auto owned = std::make_unique<SimulatedDesk>(std::move(description), true);
   const std::shared_ptr<sim::VirtualMouse> mouse = owned->desk().devices().front();
   if (spoiling) mouse->spoilUpdate(spoiling->message, spoiling->fault);
   UpdateTraffic traffic;
@@ -133,7 +142,9 @@ Outcome rehearse(const Twin& twin, std::optional<Spoiling> spoiling, std::vector
   std::vector<Image> images = twin.images;
   const UpdateRun run = runUpdate(
       session, device, images, traffic, [](const ClientEvent&) {}, [] { return !interrupted(); });
-  Outcome outcome{.failure = run.failure(), .again = run.again()};
+  Outcome outcome;
+  outcome.failure = run.failure();
+  outcome.again = run.again();
   for (const Image& image : images) outcome.results.emplace_back(image.name, image.result());
   outcome.device = mouse->firmware(sim::VirtualMouse::Updated::mouse).state();
   if (twin.device.link == sim::Link::usb) {
