@@ -102,7 +102,8 @@ void tellImages(Session& session, const std::vector<Image>& images) {
 
 void tellSummary(Session& session, const DeviceView& device, const UpdateRun& run) {
   const std::size_t again = run.again();
-  session.terminal.tell("Sent " + capture::plural(run.bytes, "byte") + fixed(" in %.1f s; ", run.seconds) +
+  session.terminal.tell("Sent " + capture::plural(static_cast<std::size_t>(run.bytes), "byte") +
+                        fixed(" in %.1f s; ", run.seconds) +
                         (again == 0 ? "nothing had to be sent again."
                                     : capture::plural(again, "data message") + " had to be sent again."));
   Json fields{{"device", device.number},
