@@ -41,9 +41,9 @@ if(VOXDEVICE_TOOLS)
     install(FILES packaging/voxdesk.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
     # The words that the shells complete; those of file_options and value_options are followed by a file and by a value.
     set(commands "devices doctor conform monitor state dpi url mkey update record report send sound mic speaker legacy")
-    set(file_options "desk out capture speech wav first second junit")
-    set(value_options "seconds device capture-size format slow wait")
-    set(flags "virtual-time json no-speech raw text force yes verbose no-voice version help")
+    set(file_options "desk out capture speech wav first second junit picture")
+    set(value_options "seconds device capture-size format link slow wait")
+    set(flags "virtual-time json quiet no-speech raw rehearse text force yes verbose no-voice version help")
     function(voxdesk_completion shell destination name)
       configure_file(packaging/voxdesk.${shell}.in completion/${name} @ONLY)
       install(FILES ${PROJECT_BINARY_DIR}/completion/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/${destination}

@@ -20,7 +20,7 @@ zsh -fc 'words=(voxdesk mo) CURRENT=2; compadd() print -l -- $*; complete() . /u
   complete' >"$work/words"
 grep -qx monitor "$work/words"
 { voxdesk --help; for each in $(grep -v '^-' "$work/words"); do voxdesk "$each" --help; done; } |
-  sed -n 's/^ *\(-[a-z], *\)\{0,1\}\(--[a-z-]*\).*/\2/p' | sort -u >"$work/options"
+  sed -n 's/^ *\(-[a-zA-Z], *\)\{0,1\}\(--[a-z-]*\).*/\2/p' | sort -u >"$work/options"
 grep '^--.' "$work/words" | sort | diff "$work/options" -
 # shellcheck disable=SC2046
 cc "$project/examples/c/record.c" $(pkg-config --cflags --libs VoxDeviceC) -o "$work/record"

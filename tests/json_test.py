@@ -77,14 +77,15 @@ def main() -> int:
         on_desk = ["--desk", desk]
         seen = set()
         for arguments in (
-                ["--out", take], [*on_desk, "--capture", capture, "monitor", "--raw", "--seconds", "8"],
+                ["--out", take, "--picture", take + ".png"], [*on_desk, "--capture", capture, "monitor", "--raw", "--seconds", "8"],
                 ["--desk", capture, "monitor", "--seconds", "8"], ["devices", "--verbose"], [*on_desk, "state"],
                 [*on_desk, "dpi", "800"], [*on_desk, "url", "vox.example/a"], [*on_desk, "mkey", "list", "--device", "Swift"],
-                [*on_desk, "mkey", "set", "2", "--device", "Swift"], ["update", "--yes", "--first", image],
+                [*on_desk, "mkey", "set", "2", "--device", "Swift"], ["update", "--yes", "--first", image], ["update", "--rehearse", "--first", image],
                 ["record", "--speech", speech, "--out", take], ["send", "05fff1fec00500ef", "--wait", "100"], [*on_desk, "sound"],
                 [*on_desk, "speaker", "--out", take, "--seconds", "1"], ["mic", "--out", take, "--seconds", "1"],
                 [*on_desk, "legacy", "--seconds", "12"], ["legacy", "--seconds", "20"], [*on_desk, "doctor"], ["conform"]):
-            ended = subprocess.run([sys.argv[1], "--virtual-time", "--json", *arguments], capture_output=True, text=True,
+            clock = [] if "--rehearse" in arguments else ["--virtual-time"]
+            ended = subprocess.run([sys.argv[1], *clock, "--json", *arguments], capture_output=True, text=True,
                                    timeout=120)
             if not ended.stdout:
                 wrong.append(f"{arguments}: nothing, {ended.stderr}")

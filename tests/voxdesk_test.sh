@@ -48,6 +48,24 @@ expect 0 --virtual-time record --device 3 --speech "$sample" --out tern.wav --se
 out '"event":"recorded","file":"tern.wav"'
 [ "$(wc -c <tern.wav)" -ge 64044 ] || fail "two seconds are at least 64000 bytes"
 
+# Quiet: what was asked for, and nothing else.
+expect 0 -V
+out "voxdesk 0."
+expect 0 --virtual-time devices
+out "Looking for devices"
+head -c 64 "$sample" >a.bin
+while IFS='|' read -r lines arguments; do
+  # shellcheck disable=SC2086
+  expect 0 --virtual-time $arguments
+  [ "$(wc -l <out)" -eq "$lines" ] || fail "not $lines lines"
+done <<'QUIET'
+1|--quiet --out quiet.wav
+4|devices -q
+1|state --device 2 -q
+6|update -q --yes --first a.bin
+QUIET
+expect 2 -q --json devices
+
 # What goes wrong is explained.
 expect 1 --virtual-time record --device 9 --speech "$sample" --out x.wav
 err "no device has the number 9; there are: 1 (VoxMouse Wren) 2 (VoxMouse Heron Plus) 3 (VoxMouse Tern)"
@@ -110,7 +128,7 @@ err "--first or --second is required"
 
 # The computer's own sound.
 expect 0 --virtual-time sound
-out " -> 2  Microphone (VoxMouse Lark)   (chosen: the voice keyboard's, as there is no mouse's)"
+out "  2  Microphone (VoxMouse Lark)   the voice keyboard's, as there is no mouse's"
 out "Sound card: VoxMouse Pipit"
 out "Speaker: 16000 Hz, 1 channel"
 expect 0 --virtual-time mic --device Pipit --out mic.wav --seconds 2 --json
@@ -162,7 +180,7 @@ cat >desk.json <<'JSON'
 JSON
 expect 0 --virtual-time --desk desk.json devices
 [ "$(grep -c VoxMouse out)" -eq 2 ] || fail "two devices answer"
-out "VoxMouse Finch        Bluetooth LE      7 %   400  192-168-1-2-3-255"
+out "VoxMouse Finch  Bluetooth LE      7 %   400  192-168-1-2-3-255"
 expect 1 --virtual-time --desk desk.json record --device 2 --speech "$sample" --out x.wav
 err "the device refused to open its voice channel"
 
@@ -434,6 +452,7 @@ for case in y:0 n:1; do
   out "a.bin, 20000 bytes in 1250 blocks, for the device itself"
 done
 terminal "--out x.wav"
+! sed -n '/voice channel closed/,$p' out | grep -q '\[' || fail "a level after the end of the voice channel"
 tr '\r' '\n' <out | sed 's/\x1b\[K//g' | grep recording | awk 'length > 59' | grep . && fail "a level of more than 59 columns"
 out "recording"
 echo "voxdesk_test: all passed"

@@ -51,50 +51,59 @@ std::int64_t FirmwareTarget::stride() const {
                                        : 2 * kBlock;
 }
 
-FirmwareTarget::Outcome FirmwareTarget::take(std::uint8_t code, const Bytes& payload) {
+FirmwareTarget::Outcome FirmwareTarget::take(std::uint8_t code, const Bytes& payload,
+                                             std::optional<UpdateFault> fault) {
+  if (fault == UpdateFault::silence) return {};
+  if (fault == UpdateFault::unplug) return {.answer = {}, .unplug = true};
   switch (code) {
     case otaPrepare:
       if (flow_ != UpdateFlow::bytes) violation("prepared without need");
-      return obey(UpdateStep::prepare, payload);
+      return obey(UpdateStep::prepare, payload, fault);
     case otaOpen:
       begin(payload);
-      return obey(UpdateStep::open, payload);
+      return obey(UpdateStep::open, payload, fault);
     case otaData:
       if (!active_) violation("data outside a transfer");
-      return obey(UpdateStep::data, payload);
+      return obey(UpdateStep::data, payload, fault);
     case otaComplete:
       if (!active_) return {};  // hosts say so once more when an image is done
-      return obey(UpdateStep::complete, payload);
+      return obey(UpdateStep::complete, payload, fault);
     case otaAbort:
       active_ = false;
-      return obey(UpdateStep::abort, payload);
+      return obey(UpdateStep::abort, payload, fault);
     default:
       return {};
   }
 }
 
-FirmwareTarget::Outcome FirmwareTarget::obey(UpdateStep step, const Bytes& payload) {
+void FirmwareTarget::finish() {
+  active_ = false;
+  ++completed_;
+  // Firmware that lacks a part does not start.
+  if (script_.size == 0 || image_.size() >= script_.size) state_ = FirmwareState::updated;
+}
+
+FirmwareTarget::Outcome FirmwareTarget::obey(UpdateStep step, const Bytes& payload, std::optional<UpdateFault> fault) {
   if (step == UpdateStep::data) takeData(payload);
   const bool here = step != UpdateStep::data || messages_++ == script_.atMessage;
   Outcome outcome;
   outcome.unplug = here && script_.unplugAt == step;
   if (here && (script_.silentAt == step || script_.unplugAt == step)) return outcome;
-  const bool refuse = here && script_.refuseAt == step;
+  const bool refuse = fault == UpdateFault::refusal || (here && script_.refuseAt == step);
+  const bool again = fault == UpdateFault::again;
   switch (step) {
     case UpdateStep::prepare:
       outcome.answer = {prepareReply, status(step, refuse)};
       break;
     case UpdateStep::open:
-      outcome.answer = {openReply, flow_ == UpdateFlow::bytes ? request(step, refuse) : status(step, refuse)};
+      if (!refuse) state_ = FirmwareState::incomplete;
+      outcome.answer = {openReply, flow_ == UpdateFlow::bytes ? request(step, refuse, again) : status(step, refuse)};
       break;
     case UpdateStep::data:
-      outcome.answer = {dataReply, request(step, refuse)};
+      outcome.answer = {dataReply, request(step, refuse, again)};
       break;
     case UpdateStep::complete:
-      if (!refuse) {
-        active_ = false;
-        ++completed_;
-      }
+      if (!refuse) finish();
       outcome.answer = {completeReply, status(step, refuse)};
       break;
     case UpdateStep::abort:
@@ -124,7 +133,7 @@ void FirmwareTarget::begin(const Bytes& opening) {
 Bytes FirmwareTarget::status(UpdateStep, bool refuse) { return {static_cast<std::uint8_t>(refuse ? 1 : 0)}; }
 
 // What to send next, in the answer to the opening or to a message.
-Bytes FirmwareTarget::request(UpdateStep step, bool refuse) {
+Bytes FirmwareTarget::request(UpdateStep step, bool refuse, bool again) {
   const auto wire = [&](std::int64_t offset, std::uint8_t count) -> Bytes {
     const auto stat = static_cast<std::uint8_t>(refuse ? 1 : 0);
     if (flow_ == UpdateFlow::bytes) {
@@ -140,7 +149,8 @@ Bytes FirmwareTarget::request(UpdateStep step, bool refuse) {
     script_.strangeRequests.erase(script_.strangeRequests.begin());
     return wire(asked_, script_.chunk);
   }
-  const bool lost = step == UpdateStep::data && script_.loseEvery != 0 && messages_ % script_.loseEvery == 0;
+  const bool nth = script_.loseEvery != 0 && messages_ % script_.loseEvery == 0;
+  const bool lost = step == UpdateStep::data && (again || nth);
   // Block 0 cannot be asked for again: its index would end the transfer.
   if (!lost || (asked_ == 0 && flow_ != UpdateFlow::bytes)) {
     if (script_.order) {
@@ -151,8 +161,7 @@ Bytes FirmwareTarget::request(UpdateStep step, bool refuse) {
     }
     const bool all = script_.size != 0 && asked_ >= static_cast<std::int64_t>(script_.size);
     if (all && script_.endsWithZero && flow_ != UpdateFlow::bytes) {
-      active_ = false;
-      ++completed_;
+      finish();
       return wire(0, 0);
     }
   }

@@ -21,6 +21,21 @@ enum class UpdateFlow {
 
 enum class UpdateStep { prepare, open, data, complete, abort };
 
+// What goes wrong with one message of an update.
+enum class UpdateFault {
+  refusal,
+  silence,  // it is lost on its way
+  unplug,   // likewise, as the device is pulled out
+  again,    // a part is taken for lost, and asked for again
+};
+
+// What a device would start with.
+enum class FirmwareState {
+  old,         // it has accepted no opening
+  incomplete,  // it has accepted one, and no completion of all of the image: it waits in its loader
+  updated,
+};
+
 // How the target behaves during an update.
 struct UpdateScript {
   std::size_t size = 0;  // of the image, as its header would say; 0: found out when the host has no more
@@ -54,18 +69,20 @@ class FirmwareTarget {
 
   void follow(UpdateScript script);
   // A frame of an update, by its code and payload.
-  Outcome take(std::uint8_t code, const Bytes& payload);
+  Outcome take(std::uint8_t code, const Bytes& payload, std::optional<UpdateFault> fault = {});
 
   const Bytes& image() const { return image_; }
   unsigned completed() const { return completed_; }
+  FirmwareState state() const { return state_; }
   // What the host has done that it must not do.
   const std::vector<std::string>& violations() const { return violations_; }
 
  private:
-  Outcome obey(UpdateStep step, const Bytes& payload);
+  Outcome obey(UpdateStep step, const Bytes& payload, std::optional<UpdateFault> fault);
   void begin(const Bytes& opening);
+  void finish();
   Bytes status(UpdateStep step, bool refuse);
-  Bytes request(UpdateStep step, bool refuse);
+  Bytes request(UpdateStep step, bool refuse, bool again);
   void takeData(const Bytes& payload);
   void takeBlock(const Bytes& payload);
   void takeCheckedBlocks(const Bytes& payload);
@@ -82,6 +99,7 @@ class FirmwareTarget {
   bool active_ = false;
   unsigned messages_ = 0;
   unsigned completed_ = 0;
+  FirmwareState state_ = FirmwareState::old;
   std::vector<std::string> violations_;
 };
 

@@ -129,6 +129,14 @@ void VirtualMouse::update(Updated which, UpdateScript script) {
   });
 }
 
+void VirtualMouse::spoilUpdate(unsigned message, UpdateFault fault) {
+  Machine::current().locked([&] {
+    updateMessages_ = 0;
+    spoiltMessage_ = message;
+    spoiling_ = fault;
+  });
+}
+
 FirmwareTarget VirtualMouse::firmware(Updated which) {
   std::optional<FirmwareTarget> copy;
   Machine::current().locked(
@@ -254,8 +262,9 @@ void VirtualMouse::obey(const HostFrame& frame, bool refuse) {
 
 void VirtualMouse::obeyUpdate(const HostFrame& frame) {
   const bool receiver = frame.prefix == kPrefixReceiver;
+  const auto fault = updateMessages_++ == spoiltMessage_ ? spoiling_ : std::nullopt;
   if (receiver && link_ != Link::usb) return;
-  const auto outcome = (receiver ? receiverFirmware_ : firmware_).take(frame.code, frame.payload);
+  const auto outcome = (receiver ? receiverFirmware_ : firmware_).take(frame.code, frame.payload, fault);
   if (outcome.unplug) {
     // When the write has returned.
     machine().kernel().after(Time{0}, [this, self = shared_from_this()]() REQUIRES(gate) { unplugSelf(); });

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -82,6 +83,8 @@ class VirtualMouse : public HidDevice {
   // How the device (or its receiver) takes the next update.
   enum class Updated { mouse, receiver };
   void update(Updated which, UpdateScript script);
+  // What goes wrong with the n-th message of the next update, from 0, whichever image it belongs to.
+  void spoilUpdate(unsigned message, UpdateFault fault);
   // A copy of what it has got so far.
   FirmwareTarget firmware(Updated which);
 
@@ -124,6 +127,9 @@ class VirtualMouse : public HidDevice {
   Time thinking_[2] GUARDED_BY(gate){};  // of the two, before each answer in an update
   SbcEncoder sbc_ GUARDED_BY(gate);
   AscEncoder asc_ GUARDED_BY(gate);
+  unsigned updateMessages_ = 0;
+  unsigned spoiltMessage_ = 0;
+  std::optional<UpdateFault> spoiling_;
 };
 
 }  // namespace sim

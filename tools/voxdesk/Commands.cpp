@@ -8,6 +8,7 @@
 
 #include "Session.h"
 #include "Survey.h"
+#include "Table.h"
 #include "Take.h"
 
 namespace {
@@ -38,8 +39,8 @@ void recordWorkDevice(
   });
   const bool lost = session.client->devices().size() < devices;
   const bool closed = hub.CloseHidRecord();
-  session.runUntil(0, show, [] { return true; });
   take.add(session.client->takeAudio());
+  session.runUntil(0, show, [] { return true; });
   take.finish(lost ? "the device went away during the recording" : "");
   if (!closed) {
     throw Failure("the device did not confirm within 1 s that it has closed; " + options.out + " is complete");
@@ -56,7 +57,7 @@ double durationOf(const Options& options, const Desk& desk) {
 }  // namespace
 
 void showDesk(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   session.terminal.say(session.desk->greeting());
   session.discover({"connect", "state"});
@@ -93,25 +94,27 @@ void showDesk(const Options& options) {
 void listDevices(const Options& options) {
   Survey survey;
   Session session(options, false, options.verbose ? &survey : nullptr);
+  session.terminal.say("Looking for devices ...");
   session.discover({"none"});
   const auto devices = session.client->devices();
   if (devices.empty()) session.failIfInterrupted("before a device had answered");
-  session.terminal.say(devices.empty() ? "There is nothing to list: " + session.noDevice() + "."
-                                       : "   #  model                 link          battery   DPI  identity");
+  Table table({{"#", Table::Side::right},
+               {"model"},
+               {"link"},
+               {"battery", Table::Side::right},
+               {"DPI", Table::Side::right},
+               {"identity"}});
   for (const DeviceView& view : devices) {
-    char line[160];
-    std::snprintf(line, sizeof line, "%4d  %-20s  %-12s  %7s  %4s  %s", view.number, view.model.c_str(),
-                  view.link.c_str(), percent(view.battery).c_str(),
-                  view.dpi < 0 ? "?" : std::to_string(view.dpi).c_str(),
-                  view.identity.empty() ? "-" : view.identity.c_str());
-    session.terminal.say(line);
-    if (!session.terminal.json()) continue;
+    table.add({std::to_string(view.number), view.model, view.link, percent(view.battery),
+               view.dpi < 0 ? "?" : std::to_string(view.dpi), view.identity.empty() ? "-" : view.identity});
     Json fields{{"device", view.number}, {"model", view.model}, {"link", view.link}};
     fields["battery"] = view.battery < 0 ? Json() : Json(view.battery);
     fields["dpi"] = view.dpi < 0 ? Json() : Json(view.dpi);
     fields["identity"] = view.identity.empty() ? Json() : Json(view.identity);
     session.terminal.event(session.desk->seconds(), "device", fields, "");
   }
+  devices.empty() ? session.terminal.tell("There is nothing to list: " + session.noDevice() + ".")
+                  : session.terminal.table(table);
   if (options.verbose) tellInterfaces(session, survey.interfaces());
   session.finish();
 }
@@ -127,7 +130,7 @@ void monitor(const Options& options) {
 }
 
 void record(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   session.discover({"connect"});
   session.client->hub().ChooseWorkHidDevice(session.choose(options.device).number);

@@ -29,6 +29,7 @@ struct Options {
   std::string device;  // empty: the first one
   std::string speech;
   std::string out = "voxdesk-recording.wav";
+  std::string picture;    // where a picture of the recording goes; empty: nowhere
   bool rawSound = false;  // samples alone, without the header of a WAV file
   double seconds = 0;     // 0: no limit of its own
   std::string first;      // firmware files; empty: none
@@ -53,6 +54,9 @@ struct Options {
   bool noVoice = false;
   std::string junit;  // where the rules' results go; empty: nowhere
   bool verbose = false;
+  bool quiet = false;  // only results and errors
+  bool rehearse = false;
+  std::string link;  // of the device that is rehearsed with: "usb", "bluetooth"; empty: USB where the model has it
 };
 
 // Shows the devices, holds the Wren's voice key and records what it hears.
@@ -61,6 +65,8 @@ void listDevices(const Options& options);
 void monitor(const Options& options);
 void record(const Options& options);
 void updateFirmware(const Options& options);
+// Tries an update with a simulated device, once for each thing that may go wrong with each of its messages.
+void rehearseUpdate(const Options& options);
 void setDpi(const Options& options);
 void setUrl(const Options& options);
 void listMKey(const Options& options);

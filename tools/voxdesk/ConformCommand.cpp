@@ -9,6 +9,7 @@
 #include "Session.h"
 #include "Survey.h"
 #include "System.h"
+#include "Table.h"
 #include "hid/HidFrame.h"
 #include "sim/Text.h"
 #include "tools/capture/Decode.h"
@@ -308,15 +309,16 @@ void conform(const Options& options) {
                        canSetDpi ? "it would write a setting; --yes allows it" : "its DPI is not one that can be set"});
   }
   std::size_t failed = 0;
+  Table table({{"outcome"}, {"rule"}, {"note"}});
   for (const Result& each : results) {
     failed += each.outcome == Outcome::failed ? 1 : 0;
     const char* const outcome = kOutcomes[static_cast<int>(each.outcome)];
-    session.terminal.say(std::string("  ") + outcome + (each.outcome == Outcome::skipped ? " " : "  ") + each.rule +
-                         (each.note.empty() ? "" : ": " + each.note));
+    table.add({outcome, each.rule, each.note});
     session.terminal.event(session.desk->seconds(), "rule",
                            {{"device", device.number}, {"rule", each.rule}, {"outcome", outcome}, {"note", each.note}},
                            "");
   }
+  session.terminal.table(table);
   if (!options.junit.empty()) writeJunit(options.junit, title, results);
   session.finish();
   if (failed > 0) throw Failure(title + " breaks " + capture::plural(failed, "rule"));

@@ -1,28 +1,16 @@
-// Commands to one device: firmware, DPI, download URL, M key, state.
+// Commands to one device: DPI, download URL, M key, state, any report.
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <limits>
 #include <utility>
 
 #include "Session.h"
-#include "System.h"
-#include "hid/HidFrame.h"
-#include "sim/Text.h"
+#include "Update.h"
 
 namespace {
 
 constexpr double kAnswerSeconds = 1;  // devices answer within some ms
-constexpr double kGoneSeconds = 10;
 constexpr double kMKeySeconds = 2.5;  // the library's own bound
-constexpr double kLookSeconds = 0.2;
-constexpr std::size_t kBlockBytes = 16;
-constexpr std::size_t kBlocksEnd = 65536 * kBlockBytes;  // what a 16-bit index reaches
 
 // A session in which the chosen device has been found.
 struct DeviceSession : Session {
@@ -31,11 +19,6 @@ struct DeviceSession : Session {
     chosen = choose(options.device);
   }
   CAudioHidCenter& hub() { return client->hub(); }
-  bool isThere() {
-    const auto known = client->devices();
-    return std::any_of(known.begin(), known.end(),
-                       [&](const DeviceView& view) { return view.number == chosen.number; });
-  }
   // The answer to a command: an event of this name from the chosen device. Shown when it comes.
   ClientEvent answer(const std::string& name, double seconds = kAnswerSeconds) {
     const auto event = waitFor(seconds, [&](const ClientEvent& candidate) {
@@ -53,196 +36,7 @@ struct DeviceSession : Session {
   DeviceView chosen;
 };
 
-// The library takes any file name; what cannot be sent is said here.
-std::size_t checkImage(const std::string& path) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  const fs::file_status status = fs::status(sim::pathOf(path), error);
-  if (status.type() == fs::file_type::not_found) throw Failure(path + ": No such file or directory");
-  if (status.type() != fs::file_type::regular) throw Failure(path + ": not a file of bytes; expected a firmware image");
-  const std::uintmax_t size = fs::file_size(sim::pathOf(path), error);
-  if (error) throw Failure(path + ": " + error.message());
-  if (size == 0) throw Failure(path + ": empty; expected a firmware image");
-  if (!std::ifstream(path, std::ios::binary)) throw Failure(path + ": " + std::strerror(errno));
-  return static_cast<std::size_t>(std::min<std::uintmax_t>(size, std::numeric_limits<std::size_t>::max()));
-}
-
-bool isTern(const DeviceView& device) { return device.model.find("Tern") != std::string::npos; }
-
-// What a result says of its image, and whether it is a failure.
-std::pair<std::string, bool> sentence(int state) {
-  static const char* const steps[] = {"preparing", "opening", "sending data", "completing", "aborting"};
-  if (state == FwUpdate_ImageFinished) return {"done", false};
-  if (state < FwUpdate_PrepareNoAnswer || state > FwUpdate_AbortNoAnswer) return {"the device has gone", true};
-  const std::string step = steps[(state - 1) / 2];
-  return {(state % 2 == 0 ? "refused by the device at " : "no answer from the device within 3.1 s at ") + step, true};
-}
-
-// One image on its way.
-struct Image {
-  const char* name;
-  std::string file;
-  std::size_t size = 0;
-  bool receiver = false;
-  int state = 0;  // its first result
-};
-
-// Follows an update: shows its progress, notes its results.
-class UpdateView {
- public:
-  UpdateView(DeviceSession& session, std::vector<Image>& images) : session_(session), images_(images) {
-    bytesBefore_ = 0;
-    begin_ = session.desk->seconds();
-  }
-  // True when the update is over.
-  bool take(const ClientEvent& event) {
-    if (event.name == "update-progress") progress(event);
-    if (event.name == "disconnect" && event.fields["device"] == session_.chosen.number) lost_ = true;
-    if (event.name != "update-result" || event.fields["device"] != session_.chosen.number) return false;
-    if (session_.terminal.json()) session_.terminal.event(event.seconds, event.name, event.fields, "");
-    const int state = event.fields["state"];
-    if (state == FwUpdate_Over) return true;
-    const bool receiver = event.fields["link"] == static_cast<int>(DataChannel_Receiver);
-    for (Image& image : images_) {
-      if (image.receiver == receiver && image.state == 0) image.state = state;
-    }
-    return false;
-  }
-  bool lost() const { return lost_; }
-
- private:
-  void progress(const ClientEvent& event) {
-    if (session_.terminal.json()) return session_.terminal.event(event.seconds, event.name, event.fields, "");
-    // Totals are not always those of the image at hand, so they are counted here.
-    const auto current =
-        std::find_if(images_.begin(), images_.end(), [](const Image& image) { return image.state == 0; });
-    if (current == images_.end() || (event.fields["done"] == 100 && event.fields["total"] == 100)) return;
-    const bool counted = isTern(session_.chosen) && current != images_.begin();
-    const double done =
-        std::clamp(event.fields["done"].get<double>() - (counted ? static_cast<double>(images_.front().size) : 0), 0.0,
-                   static_cast<double>(current->size));
-    if (current->name != shown_) {
-      shown_ = current->name;
-      begin_ = event.seconds;
-    }
-    const double rate = event.seconds > begin_ ? done / (event.seconds - begin_) : 0;
-    const double fraction = done / static_cast<double>(current->size);
-    std::string tail = fixed(" %3.0f %%", 100 * fraction) + fixed("  %.1f kB/s", rate / 1000);
-    if (rate > 0) tail += fixed("  %.0f s left", std::ceil((static_cast<double>(current->size) - done) / rate));
-    session_.terminal.progress(event.seconds, std::string(current->name) + " image ", fraction, '=', tail);
-  }
-
-  DeviceSession& session_;
-  std::vector<Image>& images_;
-  double bytesBefore_ = 0;
-  double begin_ = 0;
-  const char* shown_ = nullptr;
-  bool lost_ = false;
-};
-
-// What is going to be sent, a line for each image.
-std::string summaryOf(const std::vector<Image>& images, const DeviceView& device) {
-  std::string text =
-      "Device " + std::to_string(device.number) + " (" + device.model + ", " + device.link + ") gets new firmware:\n";
-  for (const Image& image : images) {
-    text += std::string("  the ") + image.name + " image, " + image.file + ", " + std::to_string(image.size) + " bytes";
-    if (!isTern(device)) text += " in " + std::to_string((image.size + kBlockBytes - 1) / kBlockBytes) + " blocks";
-    text += image.receiver ? ", for its receiver\n" : ", for the device itself\n";
-  }
-  return text;
-}
-
-// Asks, where there is somebody to ask.
-void confirm(const std::string& summary) {
-  std::fprintf(stderr, "%sBegin? [y/N] ", summary.c_str());
-  std::fflush(stderr);
-  char answer[64] = "";
-  const bool answered = waitForLine(answer, sizeof answer);
-  if (!answered) std::fputs("\n", stderr);
-  Session::failIfInterrupted("before the update began");
-  if (!answered || (answer[0] != 'y' && answer[0] != 'Y'))
-    throw Failure("the update was not begun: the answer was not y");
-}
-
-std::vector<Image> imagesOf(const Options& options) {
-  std::vector<Image> images;
-  if (!options.first.empty()) images.push_back({.name = "first", .file = options.first});
-  if (!options.second.empty()) images.push_back({.name = "second", .file = options.second, .receiver = true});
-  for (Image& image : images) image.size = checkImage(image.file);
-  std::error_code error;
-  if (images.size() == 2 &&
-      std::filesystem::equivalent(sim::pathOf(options.first), sim::pathOf(options.second), error)) {
-    std::fprintf(stderr, "voxdesk: warning: both images are the same file, %s\n", options.first.c_str());
-  }
-  return images;
-}
-
-void checkSizes(const std::vector<Image>& images, const DeviceView& device) {
-  const std::size_t most = isTern(device) ? 0x7FFFFFFF : kBlocksEnd;
-  for (const Image& image : images) {
-    if (image.size > most) {
-      throw Failure(image.file + ": " + std::to_string(image.size) + " bytes; a " + device.model + " can be sent " +
-                    std::to_string(most) + " at most");
-    }
-    if (image.size < kBlockBytes) {
-      std::fprintf(stderr, "voxdesk: warning: %s has %zu bytes, less than one block\n", image.file.c_str(), image.size);
-    }
-  }
-  if (images.size() == 2 && device.link == "Bluetooth LE") {
-    throw Failure("over Bluetooth LE there is no receiver: only --first can be sent");
-  }
-}
-
 }  // namespace
-
-void updateFirmware(const Options& options) {
-  const bool asks = !options.yes;
-  if (asks && !isScreen(stdin)) {
-    throw Failure("an update asks before it begins, and standard input is no terminal: --yes begins it", kWrongUsage);
-  }
-  std::vector<Image> images = imagesOf(options);
-  DeviceSession session(options);
-  checkSizes(images, session.chosen);
-  if (asks) confirm(summaryOf(images, session.chosen));
-  const FwUpdateType type = images.size() == 2 ? FwUpdate_Both : images[0].receiver ? FwUpdate_Second : FwUpdate_First;
-  session.terminal.say("Updating device " + std::to_string(session.chosen.number) + " (" + session.chosen.model +
-                       "). Leave it plugged in.");
-  UpdateView view(session, images);
-  const double begin = session.desk->seconds();
-  // Half of its firmware is none.
-  declineInterrupts();
-  session.hub().StartOTA(session.chosen.number, type, options.first, options.second);
-  // A device that goes is told of within 3.1 s; one that went before its update began is not.
-  double patience = kGoneSeconds;
-  bool over = false;
-  bool warned = false;
-  while (!over && patience > 0) {
-    over = session.waitFor(kLookSeconds, [&](const ClientEvent& event) { return view.take(event); }).has_value();
-    if (!session.isThere()) patience -= kLookSeconds;
-    if (!over && endRequested() && !std::exchange(warned, true)) {
-      std::fputs(
-          "\nvoxdesk: the update goes on. Once more ends it at once: the device's firmware is incomplete then, and the "
-          "update has to be repeated.\n",
-          stderr);
-    }
-  }
-
-  bool failed = false;
-  for (const Image& image : images) {
-    const auto [text, bad] = image.state == 0 ? std::pair(std::string("not sent"), true) : sentence(image.state);
-    failed = failed || bad;
-    session.terminal.event(
-        session.desk->seconds(), "image",
-        {{"image", image.name}, {"file", image.file}, {"bytes", image.size}, {"state", image.state}, {"result", text}},
-        std::string("the ") + image.name + " image (" + image.file + ", " + std::to_string(image.size) +
-            " bytes): " + text);
-  }
-  session.terminal.say(fixed("The update took %.1f s.", session.desk->seconds() - begin));
-  session.finish();
-  if (patience <= 0) throw Failure("the device went away before its update began; plug it in and try again");
-  if (view.lost()) throw Failure("the device went away during the update; plug it in and update it again");
-  if (failed) throw Failure("the update did not succeed");
-}
 
 void setDpi(const Options& options) {
   DeviceSession session(options);
@@ -333,17 +127,11 @@ std::vector<std::uint8_t> bytesOf(const std::vector<std::string>& words) {
   return bytes;
 }
 
-bool belongsToUpdate(const std::vector<std::uint8_t>& report) {
-  const std::size_t magic = report.size() > 1 && report[1] == 0xFF ? 3 : 1;
-  return report.size() > magic + 2 && report[0] == kCommandReportId && report[magic] == 0xFE &&
-         report[magic + 2] >= OtaPrepare && report[magic + 2] <= OtaComplete;
-}
-
 }  // namespace
 
 void sendReport(const Options& options) {
   const std::vector<std::uint8_t> report = bytesOf(options.hex);
-  if (belongsToUpdate(report) && !options.force) {
+  if (updateFrameOf(report) && !options.force) {
     throw Failure("this report belongs to a firmware update, and can leave the device unusable; --force sends it");
   }
   Session session(options);

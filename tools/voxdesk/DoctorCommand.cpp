@@ -118,8 +118,8 @@ void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {
     fields["speech_late"] = counts.late;
     fields["speech_missing"] = counts.missing;
     fields["speech_unasked"] = counts.unasked;
-    session_.terminal.say("    speech: " + capture::plural(counts.reports, "report") + ", " +
-                          std::to_string(counts.late) + " late, " + std::to_string(counts.missing) + " missing");
+    session_.terminal.tell("    speech: " + capture::plural(counts.reports, "report") + ", " +
+                           std::to_string(counts.late) + " late, " + std::to_string(counts.missing) + " missing");
     if (counts.reports == 0) {
       find(about, "it sends no speech although its voice channel is open", "its firmware may need an update");
     }
@@ -142,12 +142,12 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
     if (request.name == "Heartbeat") beats = request;
   }
   const double age = static_cast<double>(story.length) / 1e6;
-  session_.terminal.say("  " + about + ": " +
-                        (device ? device->link + ", battery " + percent(device->battery) : std::string("silent")));
-  session_.terminal.say("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) +
-                        std::to_string(beats.unanswered) + " unanswered; answers after " +
-                        capture::milliseconds(beats.median()) + " (median), " + capture::milliseconds(beats.slowest()) +
-                        " (worst)");
+  session_.terminal.tell("  " + about + ": " +
+                         (device ? device->link + ", battery " + percent(device->battery) : std::string("silent")));
+  session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) +
+                         std::to_string(beats.unanswered) + " unanswered; answers after " +
+                         capture::milliseconds(beats.median()) + " (median), " +
+                         capture::milliseconds(beats.slowest()) + " (worst)");
   Json fields{{"device", hid.device},
               {"model", device ? device->model : hid.model},
               {"connected", device != nullptr},
@@ -178,7 +178,7 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
 
 void Doctor::lookAtDevices() {
   const auto known = session_.client->devices();
-  session_.terminal.say("Devices:");
+  session_.terminal.tell("Devices:");
   for (const SurveyedInterface& hid : survey_.interfaces()) {
     if (hid.device <= 0 || !hid.opened) continue;
     const auto device =
@@ -191,32 +191,32 @@ void Doctor::lookAtSound() {
   const auto microphones = session_.desk->microphones();
   const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
   const std::string chosen = choice.index >= 0 ? sim::utf8(choice.name) : "none";
-  session_.terminal.say("Sound:");
-  session_.terminal.say("  of " + capture::plural(microphones.size(), "microphone") + ", " + chosen +
-                        " would be recorded: " + choice.rule);
+  session_.terminal.tell("Sound:");
+  session_.terminal.tell("  of " + capture::plural(microphones.size(), "microphone") + ", " + chosen +
+                         " would be recorded: " + choice.rule);
   event("microphone", {{"name", chosen}, {"index", choice.index}, {"rule", choice.rule}});
   const auto endpoints = session_.desk->endpoints();
   for (std::size_t i = 0; i < endpoints.size(); ++i) {
     const SoundEndpoint& endpoint = endpoints[i];
-    session_.terminal.say("  " + endpoint.name + fixed(": volume %.0f %%", 100 * endpoint.volume) +
-                          (endpoint.muted ? ", muted" : ""));
+    session_.terminal.tell("  " + endpoint.name + fixed(": volume %.0f %%", 100 * endpoint.volume) +
+                           (endpoint.muted ? ", muted" : ""));
     event("endpoint", {{"index", i}, {"name", endpoint.name}, {"volume", endpoint.volume}, {"muted", endpoint.muted}});
     if (endpoint.muted) find(endpoint.name, "it is muted", "take its mute off in the system's sound settings");
   }
   const auto speaker = session_.desk->speaker();
-  session_.terminal.say(speaker ? "  speaker: " + std::to_string(speaker->rate) + " Hz, " +
-                                      capture::plural(static_cast<std::size_t>(speaker->channels), "channel")
-                                : std::string("  no speaker"));
+  session_.terminal.tell(speaker ? "  speaker: " + std::to_string(speaker->rate) + " Hz, " +
+                                       capture::plural(static_cast<std::size_t>(speaker->channels), "channel")
+                                 : std::string("  no speaker"));
   event("speaker", {{"present", speaker.has_value()},
                     {"rate", speaker ? speaker->rate : 0},
                     {"channels", speaker ? speaker->channels : 0}});
 }
 
 std::size_t Doctor::tellFindings() {
-  session_.terminal.say(findings_.empty() ? "Nothing is wrong that could be seen." : "Findings:");
+  session_.terminal.tell(findings_.empty() ? "Nothing is wrong that could be seen." : "Findings:");
   for (const Finding& finding : findings_) {
-    session_.terminal.say("  " + finding.about + ": " + finding.what + ".");
-    session_.terminal.say("    What may help: " + finding.advice + ".");
+    session_.terminal.tell("  " + finding.about + ": " + finding.what + ".");
+    session_.terminal.tell("    What may help: " + finding.advice + ".");
     event("finding", {{"about", finding.about}, {"what", finding.what}, {"advice", finding.advice}});
   }
   return findings_.size();

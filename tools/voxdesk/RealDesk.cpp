@@ -124,10 +124,14 @@ const char* const kAbout =
 
 std::unique_ptr<Desk> makeDesk(const Options&, bool) { return std::make_unique<RealDesk>(); }
 
-// A simulated desk is another program: the library there is linked with another computer.
+void rehearseUpdate(const Options&) { throw Failure("an update is rehearsed by voxdesk-simulated.exe"); }
+
+// A simulated desk is another program: the library there is linked with another computer. So is a rehearsal, which
+// cannot reach what is plugged in here.
 std::optional<int> runOther(int argc, char** argv) {
   const bool asked = std::any_of(argv + 1, argv + argc, [](const std::string_view argument) {
-    return argument == "--desk" || argument.starts_with("--desk=") || argument == "--virtual-time";
+    return argument == "--desk" || argument.starts_with("--desk=") || argument == "--virtual-time" ||
+           argument == "--rehearse";
   });
   if (!asked) return std::nullopt;
   const std::filesystem::path program = programFolder() / "voxdesk-simulated.exe";

@@ -7,7 +7,6 @@
 #include <iterator>
 #include <utility>
 
-#include "Survey.h"
 #include "platform/os.h"
 #include "sim/Text.h"
 
@@ -38,11 +37,11 @@ std::string fixed(const char* format, double value) {
   return text;
 }
 
-Session::Session(const Options& options, bool busy, Survey* survey)
-    : terminal(options.json, options.out == kStandardOutput),
-      desk(makeDesk(options, busy)),
+Session::Session(const Options& options, bool busy, Watcher* watcher, std::unique_ptr<Desk> other)
+    : terminal(options.json, options.out == kStandardOutput, options.quiet),
+      desk(other ? std::move(other) : makeDesk(options, busy)),
       raw_(options.raw),
-      survey_(survey) {
+      watcher_(watcher) {
   // A double click of the voice key opens the navigation.
   CPreferences::Instance()->SetVoiceClickTimes(2);
   client = std::make_unique<Client>([this] { return desk->seconds(); });
@@ -78,7 +77,7 @@ void Session::startCapture(const Options& options) {
 void Session::observe(const VoxObservation& observation, void* session) {
   auto* self = static_cast<Session*>(session);
   if (self->recorder_) capture::Recorder::observe(observation, self->recorder_.get());
-  if (self->survey_) self->survey_->observe(observation, std::llround(self->desk->seconds() * 1e6));
+  if (self->watcher_) self->watcher_->observe(observation, std::llround(self->desk->seconds() * 1e6));
   self->client->observe(observation, self->raw_);
 }
 
@@ -124,7 +123,7 @@ void Session::stop() {
   if (raw_) runUntil(0, {"report"}, [] { return true; });
   client.reset();
   for (const std::string& sentence : desk->replayed()) {
-    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, sentence);
+    terminal.event(desk->seconds(), "replayed", {{"text", sentence}}, terminal.quiet() ? "" : sentence);
   }
   if (!recorder_) return;
   recorder_->finish();
@@ -140,7 +139,7 @@ bool Session::runUntil(double seconds, const std::vector<std::string>& show, con
   for (;;) {
     for (const ClientEvent& event : client->takeEvents()) {
       if (show.empty() || (raw_ && event.name == "report") ||
-          std::find(show.begin(), show.end(), event.name) != show.end()) {
+          (!terminal.quiet() && std::find(show.begin(), show.end(), event.name) != show.end())) {
         terminal.event(event.seconds, event.name, event.fields, event.text);
       }
     }

@@ -15,7 +15,13 @@
 #include "Terminal.h"
 #include "tools/capture/Recorder.h"
 
-class Survey;
+// Sees all that passes between the library and the devices.
+class Watcher {
+ public:
+  virtual ~Watcher() = default;
+  // On any thread. microseconds: since any moment.
+  virtual void observe(const VoxObservation& observation, std::int64_t microseconds) = 0;
+};
 
 // printf for one number.
 std::string fixed(const char* format, double value);
@@ -23,8 +29,9 @@ std::string fixed(const char* format, double value);
 class Session {
  public:
   // busy: somebody uses a simulated desk.
-  // survey: gets everything that passes, too.
-  explicit Session(const Options& options, bool busy = false, Survey* survey = nullptr);
+  // desk: another one than the options name.
+  explicit Session(const Options& options, bool busy = false, Watcher* watcher = nullptr,
+                   std::unique_ptr<Desk> desk = nullptr);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -63,7 +70,7 @@ class Session {
   void stop();
 
   std::atomic<bool> raw_;
-  Survey* const survey_;
+  Watcher* const watcher_;
   std::unique_ptr<capture::Recorder> recorder_;
   std::string captureProblem_;
 };

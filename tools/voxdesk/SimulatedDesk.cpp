@@ -7,6 +7,7 @@
 #include "System.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
+#include "tools/capture/Story.h"
 
 namespace {
 
@@ -117,8 +118,8 @@ std::vector<std::string> SimulatedDesk::replayed() {
   for (std::size_t i = 0; i < desk_.recorded().size(); ++i) {
     const sim::RecordingUse use = desk_.recorded()[i]->use(machine_);
     const std::string device = "Recorded device " + std::to_string(i + 1) + ": ";
-    sentences.push_back(device + std::to_string(use.used) + " of its " + std::to_string(use.recorded) +
-                        " reports were sent.");
+    sentences.push_back(device + std::to_string(use.used) + " of its " + capture::plural(use.recorded, "report") +
+                        (use.used == 1 ? " was sent." : " were sent."));
     if (!use.unanswerable.empty()) {
       sentences.push_back(device + "the recording does not hold " + list(use.unanswerable) + ".");
     }
@@ -136,10 +137,19 @@ std::string SimulatedDesk::leftOpen(const LeftOpen& byDesign) {
   allowed.handles = byDesign.handles;
   allowed.sound.comReferences = byDesign.comReferences;
   if (balance == allowed) return {};
-  return std::to_string(balance.handles) + " handles, " + std::to_string(balance.threads) + " threads, " +
-         std::to_string(balance.deviceLists) + " device lists, " + std::to_string(balance.preparsedData) +
-         " parsed descriptors, " + std::to_string(balance.sound.preparedHeaders) + " wave headers, " +
-         std::to_string(balance.sound.comReferences) + " COM references";
+  const std::pair<std::size_t, const char*> counts[] = {
+      {balance.handles, "handle"},
+      {balance.threads, "thread"},
+      {balance.deviceLists, "device list"},
+      {balance.preparsedData, "parsed descriptor"},
+      {balance.sound.preparedHeaders, "wave header"},
+      {balance.sound.comReferences, "COM reference"},
+  };
+  std::string text;
+  for (const auto& [count, what] : counts) {
+    if (count > 0) text += (text.empty() ? "" : ", ") + capture::plural(count, what);
+  }
+  return text.empty() ? "something else" : text;
 }
 
 const bool kSimulated = true;

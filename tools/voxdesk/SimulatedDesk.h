@@ -9,6 +9,8 @@ class SimulatedDesk final : public Desk {
  public:
   SimulatedDesk(sim::DeskDescription description, bool virtualTime);
 
+  const sim::VirtualDesk& desk() const { return desk_; }
+
   // The timelines of the devices begin.
   void setUp() override { desk_.setUp(); }
   double seconds() override;

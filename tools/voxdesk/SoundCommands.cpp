@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "Session.h"
+#include "Table.h"
 #include "Take.h"
 #include "sim/Text.h"
 
@@ -62,24 +63,24 @@ void listSound(const Options& options) {
   const auto microphones = session.desk->microphones();
   const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
   const int card = CVoxRecord::VoxCheckSoundCard();
-  session.terminal.say(microphones.empty() ? "No capture device." : "Capture devices:");
+  Table sources({{"#", Table::Side::right}, {"capture device"}, {"chosen"}});
   for (std::size_t i = 0; i < microphones.size(); ++i) {
     const bool chosen = static_cast<int>(i) == choice.index;
-    session.terminal.say((chosen ? " -> " : "    ") + std::to_string(i) + "  " + microphones[i].name +
-                         (chosen ? std::string("   (chosen: ") + choice.rule + ")" : ""));
+    sources.add({std::to_string(i), microphones[i].name, chosen ? choice.rule : "-"});
     session.terminal.event(session.desk->seconds(), "capture-device",
                            {{"index", i}, {"name", microphones[i].name}, {"chosen", chosen}}, "");
   }
-  if (choice.index < 0) session.terminal.say(std::string("None would be recorded: ") + choice.rule + ".");
-  session.terminal.say("Sound card: " + sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName()));
+  microphones.empty() ? session.terminal.tell("No capture device.") : session.terminal.table(sources);
+  if (choice.index < 0) session.terminal.tell(std::string("None would be recorded: ") + choice.rule + ".");
+  session.terminal.tell("Sound card: " + sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName()));
   session.terminal.event(session.desk->seconds(), "sound-card",
                          {{"index", card}, {"name", sim::utf8(CVoxDeviceInfo::Instance()->GetFormerDeviceName())}}, "");
   const auto endpoints = session.desk->endpoints();
-  session.terminal.say(endpoints.empty() ? "No capture endpoint." : "Capture endpoints:");
+  Table volumes({{"#", Table::Side::right}, {"capture endpoint"}, {"volume", Table::Side::right}, {"muted"}});
   for (std::size_t i = 0; i < endpoints.size(); ++i) {
     const SoundEndpoint& endpoint = endpoints[i];
-    session.terminal.say("    " + std::to_string(i) + "  " + endpoint.name +
-                         fixed("   volume %.0f %%", 100.0 * endpoint.volume) + (endpoint.muted ? ", muted" : ""));
+    volumes.add(
+        {std::to_string(i), endpoint.name, fixed("%.0f %%", 100.0 * endpoint.volume), endpoint.muted ? "yes" : "no"});
     session.terminal.event(session.desk->seconds(), "endpoint",
                            {{"index", i},
                             {"name", endpoint.name},
@@ -87,11 +88,12 @@ void listSound(const Options& options) {
                             {"muted", endpoint.muted}},
                            "");
   }
+  endpoints.empty() ? session.terminal.tell("No capture endpoint.") : session.terminal.table(volumes);
   const auto speaker = session.desk->speaker();
-  session.terminal.say(speaker
-                           ? "Speaker: " + std::to_string(speaker->rate) + " Hz, " + std::to_string(speaker->channels) +
-                                 (speaker->channels == 1 ? " channel" : " channels")
-                           : "No speaker.");
+  session.terminal.tell(speaker ? "Speaker: " + std::to_string(speaker->rate) + " Hz, " +
+                                      std::to_string(speaker->channels) +
+                                      (speaker->channels == 1 ? " channel" : " channels")
+                                : "No speaker.");
   session.terminal.event(session.desk->seconds(), "speaker",
                          {{"present", speaker.has_value()},
                           {"rate", speaker ? speaker->rate : 0},
@@ -101,7 +103,7 @@ void listSound(const Options& options) {
 }
 
 void recordMicrophone(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   if (!options.microphone.empty()) {
     CDeviceData::Instance()->SetRecordName(sim::wide(options.microphone));
@@ -128,7 +130,7 @@ void recordMicrophone(const Options& options) {
 }
 
 void recordSpeaker(const Options& options) {
-  Take::checkWritable(options.out);
+  Take::checkWritable(options);
   Session session(options);
   Inbox inbox;
   {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "Session.h"
 #include "hid/HidFrame.h"
 #include "models/Models.h"
 #include "sim/Text.h"
@@ -138,15 +137,16 @@ std::vector<SurveyedInterface> Survey::interfaces() const {
 }
 
 void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& interfaces) {
-  session.terminal.say(interfaces.empty() ? "This computer has no HID interface." : "HID interfaces:");
+  session.terminal.tell(interfaces.empty() ? "This computer has no HID interface." : "HID interfaces:");
   for (const SurveyedInterface& hid : interfaces) {
     const bool known = hid.inputLength > 0 || hid.outputLength > 0;
-    session.terminal.say("  " + (hid.model.empty() ? std::string("-") : hid.model + ", firmware family " + hid.family) +
-                         (known ? ", reports of " + std::to_string(hid.inputLength) + " and " +
-                                      std::to_string(hid.outputLength) + " bytes"
-                                : "") +
-                         (hid.device > 0 ? ", #" + std::to_string(hid.device) : "") + ": " + hid.verdict);
-    session.terminal.say("    " + hid.path);
+    session.terminal.tell(
+        "  " + (hid.model.empty() ? std::string("-") : hid.model + ", firmware family " + hid.family) +
+        (known
+             ? ", reports of " + std::to_string(hid.inputLength) + " and " + std::to_string(hid.outputLength) + " bytes"
+             : "") +
+        (hid.device > 0 ? ", #" + std::to_string(hid.device) : "") + ": " + hid.verdict);
+    session.terminal.tell("    " + hid.path);
     session.terminal.event(session.desk->seconds(), "interface",
                            {{"path", hid.path},
                             {"vendor", hid.vendor},

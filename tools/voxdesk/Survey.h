@@ -6,10 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "Session.h"
 #include "VoxDevice/VoxDevice.h"
 #include "tools/capture/Capture.h"
-
-class Session;
 
 // A HID interface of the computer, and what stands in the way of its use.
 struct SurveyedInterface {
@@ -27,10 +26,9 @@ struct SurveyedInterface {
   std::string verdict;      // a sentence: why it is not used, or that it is
 };
 
-class Survey {
+class Survey final : public Watcher {
  public:
-  // On any thread. microseconds: since any moment.
-  void observe(const VoxObservation& observation, std::int64_t microseconds);
+  void observe(const VoxObservation& observation, std::int64_t microseconds) override;
   // Those that are present now, in the system's order.
   std::vector<SurveyedInterface> interfaces() const;
   // What has passed at the interface with this path; of all, with an empty one.

@@ -51,6 +51,8 @@ int columnsOf(std::FILE* screen) {
   return info.srWindow.Right - info.srWindow.Left + 1;
 }
 
+bool screenShowsUnicode() { return true; }
+
 std::FILE* takeStandardOutput(bool binary) {
   const int copy = _dup(_fileno(stdout));
   if (binary) _setmode(copy, _O_BINARY);  // the mode of opening it again is not enough everywhere
@@ -85,6 +87,7 @@ std::filesystem::path programFolder() {
 #include <unistd.h>
 
 #include <csignal>
+#include <string>
 
 void prepareConsole() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -100,6 +103,17 @@ int columnsOf(std::FILE* screen) {
   if (ioctl(fileno(screen), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
   const char* const columns = std::getenv("COLUMNS");
   return columns ? std::atoi(columns) : 0;
+}
+
+bool screenShowsUnicode() {
+  // The first of these that says something.
+  for (const char* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    std::string locale = std::getenv(name) ? std::getenv(name) : "";
+    if (locale.empty()) continue;
+    for (char& c : locale) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return locale.find("utf-8") != std::string::npos || locale.find("utf8") != std::string::npos;
+  }
+  return false;
 }
 
 std::FILE* takeStandardOutput(bool) {

@@ -10,6 +10,8 @@ void prepareConsole();
 bool isScreen(std::FILE* stream);
 // How many characters a line of the screen has; 0 where nobody knows.
 int columnsOf(std::FILE* screen);
+// Whether screens show what is not ASCII: on Windows they do; elsewhere the environment's locale says so.
+bool screenShowsUnicode();
 // Standard output, for nobody else: what is printed to it from now on is dropped. Null when that fails.
 // binary: what is written is not to be changed on its way.
 std::FILE* takeStandardOutput(bool binary);

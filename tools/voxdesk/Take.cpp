@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "System.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 
@@ -29,8 +30,10 @@ double rounded(double dB) { return std::round(dB * 10) / 10; }
 
 }  // namespace
 
-void Take::checkWritable(const std::string& path) {
-  if (path == kStandardOutput) return;
+namespace {
+
+void checkFile(const std::string& path) {
+  if (path.empty() || path == kStandardOutput) return;
   const bool there = std::filesystem::exists(sim::pathOf(path));
   // Whoever reads a pipe would take this for its end.
   if (there && std::filesystem::is_fifo(sim::pathOf(path))) return;
@@ -38,6 +41,20 @@ void Take::checkWritable(const std::string& path) {
   if (!file) throw Failure(path + ": " + std::strerror(errno));
   std::fclose(file);
   if (!there) std::remove(path.c_str());
+}
+
+}  // namespace
+
+void Take::checkWritable(const Options& options) {
+  std::error_code error;
+  const auto full = [&error](const std::string& path) {
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(sim::pathOf(path)), error);
+  };
+  if (!options.picture.empty() && full(options.picture) == full(options.out)) {
+    throw Failure("--picture: " + options.picture + " is where the recording goes", kWrongUsage);
+  }
+  checkFile(options.out);
+  checkFile(options.picture);
 }
 
 double Take::durationOf(const Options& options, std::optional<double> source) {
@@ -52,7 +69,8 @@ Take::Take(Session& session, const Options& options)
     : session_(session),
       path_(options.out),
       name_(path_ == kStandardOutput ? "standard output" : path_),
-      raw_(options.rawSound) {}
+      raw_(options.rawSound),
+      picture_(options.picture) {}
 
 Take::~Take() {
   if (file_ && path_ != kStandardOutput) std::fclose(file_);
@@ -95,6 +113,7 @@ void Take::add(const std::vector<std::int16_t>& more) {
   if (!more.empty() && !over()) {
     write(more);
     for (const int sample : more) peak_ = std::max(peak_, std::abs(sample));
+    if (!picture_.empty() || session_.terminal.columns() > 0) sound_.add(more);
     show(more);
   }
   if (over() || session_.desk->seconds() - patchedAt_ >= kPatchSeconds) patch();
@@ -127,6 +146,22 @@ std::string Take::holds(const std::string& what) const {
   return name_ + ": " + what + fixed("; it holds the first %.2f s", seconds());
 }
 
+void Take::drawPictures() {
+  if (!picture_.empty()) {
+    const std::string title =
+        path_ == kStandardOutput ? "recording" : sim::utf8(sim::pathOf(path_).filename().wstring());
+    sound_.write(picture_, title + fixed(": %.2f s", seconds()) + fixed(", peak %.1f dBFS", decibels(peak_)));
+    session_.terminal.event(session_.desk->seconds(), "picture", {{"file", picture_}}, "wrote " + picture_);
+  }
+  // The last column stays free, as that of a level does.
+  constexpr std::size_t kWidest = 120;
+  if (const std::size_t columns = session_.terminal.columns(); columns > 0) {
+    for (const std::string& line : sound_.lines(std::min(columns - 1, kWidest), screenShowsUnicode())) {
+      session_.terminal.say(line);
+    }
+  }
+}
+
 void Take::finish(const std::string& why) {
   patch();
   if (samples_ > 0) {
@@ -134,6 +169,7 @@ void Take::finish(const std::string& why) {
                             {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
                             "wrote " + name_ + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
                                 fixed(", peak %.1f dBFS", decibels(peak_)));
+    drawPictures();
   }
   if (over()) throw Failure(problem_, outputProblem() == EPIPE ? kInterrupted : kFailed);
   if (samples_ == 0) {

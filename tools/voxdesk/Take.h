@@ -7,14 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "Picture.h"
 #include "Session.h"
 
 // 16 kHz, mono, 16-bit. What has come is in the file at once, and its header right within half a second, so that
 // neither a signal nor a crash takes more than that. A file that was there before stays until the first sample comes.
 class Take {
  public:
-  // Fails now rather than after the recording.
-  static void checkWritable(const std::string& path);
+  // Fails now rather than after the recording: where its file, or its picture, cannot be written.
+  static void checkWritable(const Options& options);
   // How long to record: until the source ends, or Ctrl-C, when nobody has said.
   static double durationOf(const Options& options, std::optional<double> source);
 
@@ -40,11 +41,14 @@ class Take {
   void patch();
   std::string holds(const std::string& what) const;
   void show(const std::vector<std::int16_t>& more);
+  void drawPictures();
 
   Session& session_;
   const std::string path_;  // or kStandardOutput
   const std::string name_;  // for people
   const bool raw_;
+  const std::string picture_;  // where it goes; empty: nowhere
+  SoundPicture sound_;
   std::FILE* file_ = nullptr;
   bool patches_ = false;  // its header can be, and has to be
   std::uint64_t samples_ = 0;

@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "System.h"
+#include "Table.h"
 
 namespace {
 
@@ -47,13 +48,25 @@ std::FILE* taken(bool streaming) {
 
 // The library prints texts of its own to standard output when a step of a firmware update fails, in an encoding of its
 // own and without a line end. They would spoil our lines, which say the same.
-Terminal::Terminal(bool json, bool streaming)
-    : json_(json), output_(taken(streaming)), out_(streaming ? stderr : output_), screen_(isScreen(out_)) {}
+Terminal::Terminal(bool json, bool streaming, bool quiet)
+    : json_(json),
+      quiet_(quiet),
+      output_(taken(streaming)),
+      out_(streaming ? stderr : output_),
+      screen_(isScreen(out_)) {}
 
 Terminal::~Terminal() { std::fclose(output_); }
 
 void Terminal::say(const std::string& line) {
+  if (!quiet_) tell(line);
+}
+
+void Terminal::tell(const std::string& line) {
   if (!json_) print(line);
+}
+
+void Terminal::table(const Table& table) {
+  for (const std::string& line : table.lines()) tell(line);
 }
 
 void Terminal::event(double seconds, const std::string& name, const Json& fields, const std::string& text) {
@@ -68,7 +81,7 @@ void Terminal::event(double seconds, const std::string& name, const Json& fields
 
 void Terminal::progress(double seconds, const std::string& before, double fraction, char mark,
                         const std::string& after) {
-  if (json_) return;
+  if (json_ || quiet_) return;
   const std::string head = stamp(seconds) + before + "[";
   const std::string tail = "]" + after;
   const std::size_t columns = roomForBar(head.size() + tail.size());
@@ -82,6 +95,13 @@ void Terminal::progress(double seconds, const std::string& before, double fracti
     lastProgress_ = seconds;
     print(line);
   }
+}
+
+std::size_t Terminal::columns() const {
+  constexpr int kUsual = 80;
+  if (!screen_ || json_ || quiet_ || out_ != output_) return 0;
+  const int columns = columnsOf(out_);
+  return static_cast<std::size_t>(columns > 0 ? columns : kUsual);
 }
 
 std::size_t Terminal::roomForBar(std::size_t others) const {

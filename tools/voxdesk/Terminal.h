@@ -5,12 +5,15 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+class Table;
+
 using Json = nlohmann::ordered_json;
 
 class Terminal {
  public:
   // streaming: standard output is for the recording, and what is printed goes to standard error.
-  Terminal(bool json, bool streaming);
+  // quiet: only results are printed.
+  Terminal(bool json, bool streaming, bool quiet);
   ~Terminal();
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
@@ -18,8 +21,14 @@ class Terminal {
   bool json() const { return json_; }
   // Standard output; for the recording only when it is for that.
   std::FILE* output() { return output_; }
-  // A line for people; nothing for scripts.
+  bool quiet() const { return quiet_; }
+  // Characters of a line, where people look at what goes on; 0: nobody does.
+  std::size_t columns() const;
+  // A line for people on what goes on; nothing for scripts.
   void say(const std::string& line);
+  // The same with a result.
+  void tell(const std::string& line);
+  void table(const Table& table);
   // seconds: since the desk was set up. text: the line for people; empty for none.
   void event(double seconds, const std::string& name, const Json& fields, const std::string& text);
   // A line that the next one replaces, on a screen; elsewhere it is printed about once a second. Between the texts
@@ -32,6 +41,7 @@ class Terminal {
   std::size_t roomForBar(std::size_t others) const;
 
   const bool json_;
+  const bool quiet_;
   std::FILE* const output_;  // standard output, which the library does not get
   std::FILE* const out_;     // where the lines go
   const bool screen_;

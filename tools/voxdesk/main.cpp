@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app(kAbout, "voxdesk");
   app.allow_windows_style_options(false);  // a path may begin with a slash
-  app.set_version_flag("--version", "voxdesk " VOXDEVICE_VERSION);
+  app.set_version_flag("-V,--version", "voxdesk " VOXDEVICE_VERSION);
   app.footer(
       "Ctrl-C, SIGTERM, SIGHUP, or nobody who reads standard output any more: the work ends as if its time were\n"
       "over, and what was recorded is kept. Once more, half a second later or more: the program ends at once. An\n"
@@ -89,6 +89,7 @@ int main(int argc, char** argv) {
   auto* virtualTime = app.add_flag("--virtual-time", options.virtualTime,
                                    "As fast as the machine can, instead of in real time (simulated desks)");
   auto* json = app.add_flag("--json", options.json, "One JSON object per event, for scripts");
+  auto* quiet = app.add_flag("-q,--quiet", options.quiet, "Results and errors only")->excludes(json);
   const auto takesOut = [&](CLI::App& to, const char* what) {
     auto* out = to.add_option("--out", options.out,
                               what + std::string("; -: standard output, and messages, or events, go to standard error"))
@@ -98,6 +99,7 @@ int main(int argc, char** argv) {
         ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"wav", false}, {"raw", true}}).description(""))
         ->needs(out)
         ->type_name("FORMAT");
+    to.add_option("--picture", options.picture, "A picture of it: waveform and spectrum")->type_name("OUT.png");
     return out;
   };
   const auto takesSeconds = [&](CLI::App& to, const char* what) {
@@ -128,7 +130,7 @@ int main(int argc, char** argv) {
     std::vector<const CLI::Option*> takes;
   };
   std::vector<Command> commands;
-  const std::vector<const CLI::Option*> allOfDesk{desk, virtualTime, json, capture, noSpeech, captureSize};
+  const std::vector<const CLI::Option*> allOfDesk{desk, virtualTime, json, quiet, capture, noSpeech, captureSize};
   const auto add = [&](CLI::App& parent, const char* name, const char* what, void (*run)(const Options&),
                        const std::vector<const CLI::Option*>& takes) {
     CLI::App* added = parent.add_subcommand(name, what);
@@ -219,8 +221,17 @@ int main(int argc, char** argv) {
   auto* update = needsDevice(command(app, "update", "Update a device's firmware", &updateFirmware));
   update->add_option("--first", options.first, "The device's own image")->type_name("A.bin");
   update->add_option("--second", options.second, "Its receiver's image")->type_name("B.bin");
-
-  update->add_flag("--yes", options.yes, "Begin without asking; needed where standard input is no terminal");
+  auto* yes =
+      update->add_flag("--yes", options.yes, "Begin without asking; needed where standard input is no terminal");
+  auto* rehearse = update
+                       ->add_flag("--rehearse", options.rehearse,
+                                  "Try it with a simulated device (--device: its model; default: wren), once for each "
+                                  "thing that may go wrong with each message")
+                       ->excludes(yes);
+  update->add_option("--link", options.link, "... on this link; default: usb, where the model has it")
+      ->needs(rehearse)
+      ->check(CLI::IsMember({"usb", "bluetooth"}))
+      ->type_name("LINK");
 
   void (*run)(const Options&) = &showDesk;
   try {
@@ -239,6 +250,11 @@ int main(int argc, char** argv) {
     }
     if (options.out == kStandardOutput && isScreen(stdout)) {
       throw CLI::ValidationError("--out", "standard output is a terminal, which shows no sound");
+    }
+    for (const CLI::Option* given : {virtualTime, capture}) {
+      if (options.rehearse && given->count() > 0) {
+        throw CLI::ValidationError(given->get_name(), "a rehearsal does not take this option");
+      }
     }
     if (*update && options.first.empty() && options.second.empty()) {
       throw CLI::RequiredError("--first or --second");
