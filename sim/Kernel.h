@@ -233,6 +233,8 @@ class Kernel {
   }
   // The same for several, into `objects`; false when a handle is closed.
   bool use(std::span<const HANDLE> handles, std::span<Object*> objects);
+  // Something else that the call waits for.
+  void keep(std::shared_ptr<Object> object) { self().used.push_back(std::move(object)); }
 
   std::size_t openHandles() const { return handles_.size(); }
   std::size_t runningThreads() const;  // those that the machine started

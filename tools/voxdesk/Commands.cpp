@@ -112,7 +112,7 @@ void listDevices(const Options& options) {
     fields["identity"] = view.identity.empty() ? Json() : Json(view.identity);
     session.terminal.event(session.desk->seconds(), "device", fields, "");
   }
-  if (options.verbose) tellInterfaces(session, survey.interfaces());
+  if (options.verbose) tellInterfaces(session, survey.interfaces(*session.desk));
   session.finish();
 }
 

@@ -7,7 +7,8 @@
 
 class SimulatedDesk final : public Desk {
  public:
-  SimulatedDesk(sim::DeskDescription description, bool virtualTime);
+  // hint: see Desk.
+  SimulatedDesk(sim::DeskDescription description, bool virtualTime, std::string hint);
 
   // The timelines of the devices begin.
   void setUp() override { desk_.setUp(); }
@@ -15,6 +16,7 @@ class SimulatedDesk final : public Desk {
   // Does what the timelines ask for.
   void run(std::chrono::milliseconds time) override;
   std::string greeting() const override;
+  std::string hint() const override { return hint_; }
   std::optional<std::size_t> expectedDevices() const override;
   std::string voiceKeyOwner() const override {
     return desk_.recorded().empty() || wren() < desk_.devices().size() ? "Wren" : "";
@@ -35,4 +37,5 @@ class SimulatedDesk final : public Desk {
 
   sim::Machine machine_;
   sim::VirtualDesk desk_;
+  const std::string hint_;
 };

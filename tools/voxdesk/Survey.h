@@ -9,6 +9,7 @@
 #include "VoxDevice/VoxDevice.h"
 #include "tools/capture/Capture.h"
 
+class Desk;
 class Session;
 
 // A HID interface of the computer, and what stands in the way of its use.
@@ -32,7 +33,7 @@ class Survey {
   // On any thread. microseconds: since any moment.
   void observe(const VoxObservation& observation, std::int64_t microseconds);
   // Those that are present now, in the system's order.
-  std::vector<SurveyedInterface> interfaces() const;
+  std::vector<SurveyedInterface> interfaces(Desk& desk) const;
   // What has passed at the interface with this path; of all, with an empty one.
   capture::Capture capture(const std::string& path) const;
 
@@ -41,5 +42,7 @@ class Survey {
   capture::Capture seen_;
 };
 
+// The model that a path names; empty: none of ours.
+std::string modelOf(const std::string& path);
 // Prints them.
 void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& interfaces);
