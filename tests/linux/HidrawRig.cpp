@@ -1,8 +1,8 @@
 // The mice of a desk file behind hidraw nodes, for a program that knows nothing of it: hidraw_rig DESK.json PROGRAM ...
-// Their firmware runs here, on the simulated machine; umockdev shows their folders in /sys and their nodes to the program
-// (to be run under umockdev-wrapper). A node is a pipe, whose packets are input reports; what umockdev hands over are
-// writes, and reads of a device that is gone. Beside them stand a foreign keyboard, and a mouse interface of each USB device.
-// HIDRAW_RIG_DENY in the environment: nobody may open the nodes.
+// Their firmware runs here, on the simulated machine; umockdev shows their folders in /sys and their nodes to the
+// program (to be run under umockdev-wrapper). A node is a pipe, whose packets are input reports; what umockdev hands
+// over are writes, and reads of a device that is gone. Beside them stand a foreign keyboard, and a mouse interface of
+// each USB device. HIDRAW_RIG_DENY in the environment: nobody may open the nodes.
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <spawn.h>
@@ -76,9 +76,9 @@ class Node {
     std::snprintf(text.data(), text.size(), "%s:%04X:%04X.%04X", bus.c_str(), vendor, product, number + 1);
     const std::string id = text.data();
     std::snprintf(text.data(), text.size(), "%s:%08X:%08X", bus.c_str(), vendor, product);
-    hid_ = umockdev_testbed_add_device(testbed, "hid", id.c_str(), parent.empty() ? nullptr : parent.c_str(), nullptr,
-                                       "HID_ID", text.data(), "HID_NAME", "VoxMouse", "HID_UNIQ", unique.c_str(),
-                                       nullptr);
+    hid_ =
+        umockdev_testbed_add_device(testbed, "hid", id.c_str(), parent.empty() ? nullptr : parent.c_str(), nullptr,
+                                    "HID_ID", text.data(), "HID_NAME", "VoxMouse", "HID_UNIQ", unique.c_str(), nullptr);
     umockdev_testbed_set_attribute_binary(testbed, hid_.c_str(), "report_descriptor", descriptor_.data(),
                                           static_cast<gint>(descriptor_.size()));
     const std::string node = "/dev/" + name_;

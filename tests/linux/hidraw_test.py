@@ -1,4 +1,4 @@
-"""voxdesk on hidraw nodes: hidraw_test.py SAMPLES VOXDESK [HIDRAW_RIG HIDRAWTEST]. The rig plays the firmware behind them."""
+"""voxdesk on hidraw nodes: hidraw_test.py VOXDESK [HIDRAW_RIG HIDRAWTEST RECORD_C]. The rig plays the firmware behind them."""
 import concurrent.futures
 import json
 import os
@@ -9,7 +9,8 @@ import subprocess
 import sys
 import tempfile
 
-SAMPLES, VOXDESK, *PROGRAMS = map(os.path.abspath, sys.argv[1:])
+VOXDESK, *PROGRAMS = sys.argv[1:]
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
 MICE = [{"model": "Wren"}, {"model": "Heron Plus", "link": "bluetooth", "dpi": 1200, "battery": 64}]
 # The mice only, and older devices only.
 DESK = {"devices": MICE}
@@ -80,12 +81,12 @@ class Test:
     def presses_and_pulls_out(self):
         desk = {"devices": [{"model": "Wren", "timeline": [
             {"at": 3.5, "key": "0"}, {"at": 4, "key": "9"}, {"at": 4.5, "unplug": True}, {"at": 5, "plug": True}]}]}
-        told = [e["event"] + (" down" if e.get("down") else "")
+        told = [e["event"] + (" " + e["state"] if e["event"] == "button" else "")
                 for e in self.events(desk, "monitor", "--seconds", "9") if e["event"] in ("connect", "disconnect", "button")]
-        assert told == ["connect", "button down", "button", "disconnect", "connect"], told
+        assert told == ["connect", "button down", "button up", "disconnect", "connect"], told
 
     def records(self):
-        speech = f"{SAMPLES}/sentence.wav"
+        speech = str(PROJECT / "samples/sentence.wav")
         for device in ("wren", "heron plus"):
             desk = {"devices": [{**mouse, "speech": speech} for mouse in MICE]}
             simulated, real = self.folder / f"{device} simulated", self.folder / f"{device} real"
@@ -141,6 +142,18 @@ class Test:
         assert code == 0 and out.startswith("Plugged into this computer: VoxMouse Heron Plus, VoxMouse Wren. To work with "
                                             "it: voxdesk --desk hardware."), (code, out, error)
 
+    def client(self):
+        clients = PROJECT / "tests/clients"
+        subprocess.run([str(clients / "check.py"), "umockdev-wrapper", PROGRAMS[0], str(clients / "held-key.json"),
+                        PROGRAMS[2]], check=True, capture_output=True, env={
+                            **os.environ, "ASAN_OPTIONS": WELL, "TSAN_OPTIONS": "report_thread_leaks=0",
+                            "VOXDEVICE_DESK": "hardware"})
+
+    def rules(self):
+        ids = lambda text: set(re.findall("[0-9A-F]{4}:[0-9A-F]{4}", text))
+        models = (PROJECT / "README.md").read_text().split("<!-- models: hardware -->")[1].split("<!-- end")[0]
+        assert ids((PROJECT / "packaging/70-voxmouse.rules").read_text()) == ids(models) | {"0D8C:0132", "0D8C:0135"}
+
     def ends(self):
         code, out, error = self.run(DESK, PROGRAMS[1])
         assert code == 0, out + error
@@ -157,7 +170,8 @@ def main() -> int:
     with tempfile.TemporaryDirectory() as folder, concurrent.futures.ThreadPoolExecutor(3) as pool:
         test = Test(folder)
         names = [only] if only else [
-            "lists", "presses_and_pulls_out", "records", "commands", "older", "denied", "sentences", "ends"]
+            "lists", "presses_and_pulls_out", "records", "commands", "older", "denied", "sentences", "ends",
+            "client", "rules"]
         running = {name: pool.submit(getattr(test, name)) for name in names}
         for name, future in running.items():
             if (error := future.exception()) is not None:
