@@ -156,8 +156,13 @@ class Node {
 class MachineNode final : public Node {
  public:
   template <class... Arguments>
-  MachineNode(sim::Machine& machine, HANDLE file, std::size_t length, bool numbered, Arguments&&... arguments)
-      : Node(std::forward<Arguments>(arguments)...), file_(file), length_(length), numbered_(numbered) {
+  MachineNode(sim::Machine& machine, HANDLE file, std::size_t length, bool numbered, bool hasMouse,
+              Arguments&&... arguments)
+      : Node(std::forward<Arguments>(arguments)...),
+        file_(file),
+        length_(length),
+        numbered_(numbered),
+        hasMouse_(hasMouse) {
     machine.spawn([this] { carry(); });
   }
 
@@ -166,6 +171,7 @@ class MachineNode final : public Node {
     Bytes report(length_);
     DWORD count = 0;
     while (os::ReadFile(file_, report.data(), static_cast<DWORD>(length_), &count, nullptr)) {
+      if (hasMouse_) bring({0x01, 0x02, 0x03, 0x04, 0x05});  // somebody moves it
       bring(Bytes(report.begin() + (numbered_ ? 0 : 1), report.end()));
     }
   }
@@ -181,6 +187,7 @@ class MachineNode final : public Node {
   const HANDLE file_;
   const std::size_t length_;
   const bool numbered_;
+  const bool hasMouse_;
 };
 
 // What is plugged into the machine, and so into the testbed.
@@ -260,10 +267,10 @@ class Rig {
       nodes.push_back(add(parent, ids.VendorID, ids.ProductID, plainDescriptor(kMouseUsage, 0)));
       parent = usbInterface(ids.VendorID, ids.ProductID, 2, 1);
     }
-    nodes_.push_back(std::make_unique<MachineNode>(machine_, file, caps.InputReportByteLength, numbered, testbed_,
-                                                   next_++, parent, parent.empty() ? "0005" : "0003", ids.VendorID,
-                                                   ids.ProductID, parent.empty() ? "C0:A8:01:02:03:FF" : "",
-                                                   std::move(descriptor)));
+    nodes_.push_back(std::make_unique<MachineNode>(machine_, file, caps.InputReportByteLength, numbered, parent.empty(),
+                                                   testbed_, next_++, parent, parent.empty() ? "0005" : "0003",
+                                                   ids.VendorID, ids.ProductID,
+                                                   parent.empty() ? "C0:A8:01:02:03:FF" : "", std::move(descriptor)));
     nodes.push_back(nodes_.back().get());
   }
 

@@ -81,9 +81,21 @@ class Test:
     def presses_and_pulls_out(self):
         desk = {"devices": [{"model": "Wren", "timeline": [
             {"at": 3.5, "key": "0"}, {"at": 4, "key": "9"}, {"at": 4.5, "unplug": True}, {"at": 5, "plug": True}]}]}
-        told = [e["event"] + (" " + e["state"] if e["event"] == "button" else "")
-                for e in self.events(desk, "monitor", "--seconds", "9") if e["event"] in ("connect", "disconnect", "button")]
+        events = [e for e in self.events(desk, "monitor", "--seconds", "9")
+                  if e["event"] in ("connect", "disconnect", "button")]
+        told = [e["event"] + (" " + e["state"] if e["event"] == "button" else "") for e in events]
+        # Half a second later, by the read that fails; the next list would tell it, too.
+        assert events[3]["time"] - events[2]["time"] < 0.8, events
         assert told == ["connect", "button down", "button up", "disconnect", "connect"], told
+
+    def reports(self):
+        """Those of other collections stay out, and each is written in its own length."""
+        events = self.events(DESK, "monitor", "--raw", "--seconds", "3")
+        first = {e["report"][:2] for e in events if e["event"] == "report" and e["what"] == "received"}
+        assert first == {"05"}, first
+        for device in ("wren", "heron plus"):
+            code, _, error = self.voxdesk(DESK, "send", "07aa", "--device", device)
+            assert code == 0 and "a report of 9 bytes, not 64" in error, (code, error)
 
     def records(self):
         speech = str(PROJECT / "samples/sentence.wav")
@@ -150,9 +162,10 @@ class Test:
                             "VOXDEVICE_DESK": "hardware"})
 
     def rules(self):
-        ids = lambda text: set(re.findall("[0-9A-F]{4}:[0-9A-F]{4}", text))
         models = (PROJECT / "README.md").read_text().split("<!-- models: hardware -->")[1].split("<!-- end")[0]
-        assert ids((PROJECT / "packaging/70-voxmouse.rules").read_text()) == ids(models) | {"0D8C:0132", "0D8C:0135"}
+        known = set(re.findall("[0-9A-F]{4}:[0-9A-F]{4}", models)) | {"0D8C:0132", "0D8C:0135"}
+        ruled = re.findall(r'"\*:(.{9})\.\*", TAG\+="uaccess"', (PROJECT / "packaging/70-voxmouse.rules").read_text())
+        assert sorted(ruled) == sorted(known), ruled
 
     def ends(self):
         code, out, error = self.run(DESK, PROGRAMS[1])
@@ -170,7 +183,7 @@ def main() -> int:
     with tempfile.TemporaryDirectory() as folder, concurrent.futures.ThreadPoolExecutor(3) as pool:
         test = Test(folder)
         names = [only] if only else [
-            "lists", "presses_and_pulls_out", "records", "commands", "older", "denied", "sentences", "ends",
+            "lists", "presses_and_pulls_out", "reports", "records", "commands", "older", "denied", "sentences", "ends",
             "client", "rules"]
         running = {name: pool.submit(getattr(test, name)) for name in names}
         for name, future in running.items():
