@@ -86,15 +86,20 @@ class Node {
                                        "DEVNAME", node.c_str(), nullptr);
     umockdev_testbed_set_attribute_link(testbed, raw_.c_str(), "device", ("../../" + id).c_str());
     makePipe(node);
-    UMockdevIoctlBase* const calls = umockdev_ioctl_base_new();
-    g_signal_connect(calls, "handle-ioctl", G_CALLBACK(&Node::onIoctl), this);
-    g_signal_connect(calls, "handle-read", G_CALLBACK(&Node::onRead), this);
-    g_signal_connect(calls, "handle-write", G_CALLBACK(&Node::onWrite), this);
-    umockdev_testbed_attach_ioctl(testbed, node.c_str(), calls, nullptr);
   }
   virtual ~Node() = default;
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
+
+  // From now on it can be called.
+  Node* attach() {
+    UMockdevIoctlBase* const calls = umockdev_ioctl_base_new();
+    g_signal_connect(calls, "handle-ioctl", G_CALLBACK(&Node::onIoctl), this);
+    g_signal_connect(calls, "handle-read", G_CALLBACK(&Node::onRead), this);
+    g_signal_connect(calls, "handle-write", G_CALLBACK(&Node::onWrite), this);
+    umockdev_testbed_attach_ioctl(testbed_, ("/dev/" + name_).c_str(), calls, nullptr);
+    return this;
+  }
 
   // Pulled out: a read that waits wakes up, and fails.
   void remove() {
@@ -238,7 +243,7 @@ class Rig {
   Node* add(const std::string& parent, guint16 vendor, guint16 product, Bytes descriptor) {
     nodes_.push_back(
         std::make_unique<Node>(testbed_, next_++, parent, "0003", vendor, product, "", std::move(descriptor)));
-    return nodes_.back().get();
+    return nodes_.back()->attach();
   }
 
   void plug(const std::wstring& path) {
@@ -271,7 +276,7 @@ class Rig {
                                                    testbed_, next_++, parent, parent.empty() ? "0005" : "0003",
                                                    ids.VendorID, ids.ProductID,
                                                    parent.empty() ? "C0:A8:01:02:03:FF" : "", std::move(descriptor)));
-    nodes.push_back(nodes_.back().get());
+    nodes.push_back(nodes_.back()->attach());
   }
 
   sim::Machine& machine_;
