@@ -38,6 +38,7 @@ if(VOXDEVICE_TOOLS)
   endif()
   install(FILES samples/sentence.wav DESTINATION ${CMAKE_INSTALL_DATADIR}/VoxDevice COMPONENT program)
   if(NOT WIN32)
+    install(FILES packaging/70-voxmouse.rules DESTINATION lib/udev/rules.d COMPONENT program)
     install(FILES packaging/voxdesk.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
     # The words that the shells complete; those of file_options and value_options are followed by a file and by a value.
     set(commands "devices doctor conform monitor state dpi url mkey update record report send sound mic speaker legacy")
@@ -72,10 +73,13 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The developers of VoxDevice <voxdevice@exam
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME voxdesk)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION sound)
-set(CPACK_DEBIAN_PROGRAM_DESCRIPTION "client of VoxDevice at a desk of virtual voice mice
- Shows, lists, watches, records, commands and updates voice mice, which are simulated.")
+set(CPACK_DEBIAN_PROGRAM_DESCRIPTION "client of VoxDevice at a desk of virtual or real voice mice
+ Shows, lists, watches, records, commands and updates voice mice, which are simulated, or plugged in.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvoxdevice-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+if(VOXDEVICE_HARDWARE)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS libhidapi-dev)  # for who links the static libraries
+endif()
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "device layer for voice mice, on a simulated machine
  Classes for C++ and a flat interface for any language, with documents and examples.")
 include(CPack)

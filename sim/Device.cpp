@@ -10,6 +10,13 @@ namespace {
 
 constexpr const char* kHidInterfaceClass = "{4d1e55b2-f16f-11cf-88cb-001111000030}";
 
+std::string twoDigits(const char* name, int number) {
+  static constexpr const char* digits = "0123456789abcdef";
+  return std::string(name) + digits[number >> 4 & 15] + digits[number & 15];
+}
+
+std::string collectionPart(int collection) { return collection > 0 ? twoDigits("&col", collection) : ""; }
+
 std::wstring widen(const std::string& text) { return {text.begin(), text.end()}; }
 
 }  // namespace
@@ -53,26 +60,37 @@ HidOpen::HidOpen(std::shared_ptr<HidDevice> opened, DWORD wanted, DWORD shared)
   device->handles_.push_back(this);
 }
 
-HidOpen::~HidOpen() { std::erase(device->handles_, this); }
+void HidTransfer::finish(Kernel& kernel, DWORD error) {
+  done_ = true;
+  error_ = error;
+  kernel.changed(*this);
+}
+
+HidOpen::~HidOpen() { leave(); }
+
+void HidOpen::leave() {
+  if (std::erase(device->handles_, this) != 0 && device->handles_.empty()) device->onLastClosed();
+}
 
 void HidOpen::handleClosed(Kernel& kernel) {
   if (reads > 0) kernel.misused("CloseHandle: a read of it is in progress");
-  std::erase(device->handles_, this);
+  leave();
   gone = true;
   reports.clear();
   kernel.changed(*this);
 }
 
 std::wstring usbHidPath(const std::string& vendor, const std::string& product, const std::string& instance,
-                        int interfaceNumber) {
+                        int interfaceNumber, int collection) {
   std::string path = "\\\\?\\hid#vid_" + vendor + "&pid_" + product;
-  if (interfaceNumber >= 0) path += "&mi_0" + std::to_string(interfaceNumber);
-  return widen(path + "#" + instance + "#" + kHidInterfaceClass);
+  if (interfaceNumber >= 0) path += twoDigits("&mi_", interfaceNumber);
+  return widen(path + collectionPart(collection) + "#" + instance + "#" + kHidInterfaceClass);
 }
 
-std::wstring bleHidPath(const std::string& vendor, const std::string& product, const std::string& instance) {
+std::wstring bleHidPath(const std::string& vendor, const std::string& product, const std::string& instance,
+                        const std::string& address, int collection) {
   return widen("\\\\?\\hid#{00001812-0000-1000-8000-00805f9b34fb}_dev_vid&" + vendor + "_pid&" + product +
-               "_rev&0001_aabbccddeeff#" + instance + "#" + kHidInterfaceClass);
+               "_rev&0001_" + address + collectionPart(collection) + "#" + instance + "#" + kHidInterfaceClass);
 }
 
 }  // namespace sim

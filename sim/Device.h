@@ -37,6 +37,21 @@ struct HidFaults {
   std::size_t shortRead = 0;  // a read brings at most so many bytes (0: whole reports)
 };
 
+// What a device outside the machine does in its own time, for a call that waits for it: it is opened, or takes a
+// report.
+class HidTransfer final : public Object {
+ public:
+  bool signalled(const Thread&) const override { return done_; }
+  const char* kind() const override { return "HID transfer"; }
+  // With the machine's lock held. error: 0, or why it has failed.
+  void finish(Kernel& kernel, DWORD error) REQUIRES(gate);
+  DWORD error() const { return error_; }
+
+ private:
+  bool done_ = false;
+  DWORD error_ = 0;
+};
+
 class HidDevice : public std::enable_shared_from_this<HidDevice> {
  public:
   // path: the interface path as Windows spells it. Report lengths in bytes, with the report id.
@@ -65,6 +80,13 @@ class HidDevice : public std::enable_shared_from_this<HidDevice> {
   virtual void onOutput(std::span<const std::uint8_t> report) REQUIRES(gate) = 0;
   virtual void onPlugged() REQUIRES(gate) {}
   virtual void onUnplugged() REQUIRES(gate) {}
+  // The same; what the caller waits for, or null when it is done at once.
+  virtual std::shared_ptr<HidTransfer> take(std::span<const std::uint8_t> report) REQUIRES(gate) {
+    onOutput(report);
+    return nullptr;
+  }
+  virtual std::shared_ptr<HidTransfer> onOpened() REQUIRES(gate) { return nullptr; }
+  virtual void onLastClosed() REQUIRES(gate) {}
 
   // With the machine's lock held. Sends one input report to every open handle, padded with zeros.
   void sendInput(std::span<const std::uint8_t> report) REQUIRES(gate);
@@ -94,11 +116,15 @@ class HidOpen final : public Object {
   const std::shared_ptr<HidDevice> device;
   const DWORD access;
   const DWORD shareMode;
+  std::shared_ptr<HidTransfer> opening;  // null: it was open at once
   std::deque<Bytes> reports;
   std::size_t reportsKept = 32;  // the driver's default
   bool writesFail = false;       // and nothing comes
   bool gone = false;             // pulled out, dead, or closed while somebody reads
   int reads = 0;                 // in progress: the real system would keep whoever closes the handle waiting for them
+
+ private:
+  void leave() NO_THREAD_SAFETY_ANALYSIS;  // also as the machine goes, when nobody else is left
 };
 
 // An interface that is on the bus and does nothing: somebody else's keyboard, or a collection without our protocol.
@@ -111,10 +137,12 @@ class SilentHidDevice : public HidDevice {
 };
 
 // Interface paths as Windows spells them (the last segment is the HID interface class).
-// vendor and product in lower-case hexadecimal digits; instance must be unique on the machine.
+// vendor and product in lower-case hexadecimal digits; instance must be unique on the machine; collection: from 1, of
+// an interface that has several, 0 of one that has not.
 std::wstring usbHidPath(const std::string& vendor, const std::string& product, const std::string& instance,
-                        int interfaceNumber = -1);
-// vendor with its two-digit source in front, as "02248a".
-std::wstring bleHidPath(const std::string& vendor, const std::string& product, const std::string& instance);
+                        int interfaceNumber = -1, int collection = 0);
+// vendor with its two-digit source in front, as "02248a"; address: twelve digits.
+std::wstring bleHidPath(const std::string& vendor, const std::string& product, const std::string& instance,
+                        const std::string& address = "aabbccddeeff", int collection = 0);
 
 }  // namespace sim

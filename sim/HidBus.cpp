@@ -32,6 +32,12 @@ void HidBus::unplug(const std::shared_ptr<HidDevice>& device) {
   device->machine_ = nullptr;
 }
 
+void HidBus::askSource() {
+  std::function<void()> look;
+  machine_.locked([&] { look = look_; });
+  if (look) look();
+}
+
 std::vector<std::wstring> HidBus::paths() const {
   std::vector<std::wstring> result;
   result.reserve(devices_.size());
@@ -49,7 +55,9 @@ std::shared_ptr<HidOpen> HidBus::open(const std::wstring& path, DWORD access, DW
     for (const HidOpen* other : device->handles_) {
       if (!shares(other->shareMode, access) || !shares(shareMode, other->access)) return nullptr;
     }
-    return std::make_shared<HidOpen>(device, access, shareMode);
+    auto file = std::make_shared<HidOpen>(device, access, shareMode);
+    file->opening = device->onOpened();
+    return file;
   }
   return nullptr;
 }

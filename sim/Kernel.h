@@ -248,6 +248,8 @@ class Kernel {
   }
   // The same for several, into `objects`; false when a handle is closed.
   bool use(std::span<const HANDLE> handles, std::span<Object*> objects) REQUIRES(gate);
+  // Something else that the call waits for.
+  void keep(std::shared_ptr<Object> object) REQUIRES(gate) { self().used.push_back(std::move(object)); }
 
   std::size_t openHandles() const REQUIRES(gate) { return handles_.size(); }
   std::size_t runningThreads() const REQUIRES(gate);  // those that the machine started

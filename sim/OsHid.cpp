@@ -51,6 +51,16 @@ HidOpen* fileFor(Call& call, HANDLE file, DWORD access, const void* buffer, DWOR
   return open;
 }
 
+// Waits for what a device does in its own time; 0, or the error with which the call ends.
+DWORD outcome(Call& call, const std::shared_ptr<sim::HidTransfer>& shared) REQUIRES(sim::gate) {
+  if (!shared) return 0;
+  sim::HidTransfer* const transfer = shared.get();
+  call.kernel.keep(shared);
+  sim::Object* const object = transfer;
+  const int by = call.kernel.waitCancellable({&object, 1}, std::nullopt);
+  return by == Kernel::kCancelled ? ERROR_OPERATION_ABORTED : transfer->error();
+}
+
 const sim::ParsedDescriptor* parsed(Call& call, PHIDP_PREPARSED_DATA data) REQUIRES(sim::gate) {
   const auto it = call.machine.preparsedData.find(data);
   if (it != call.machine.preparsedData.end()) return it->second.get();
@@ -86,7 +96,12 @@ HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD shareMode, SECURITY_AT
   }
   const sim::HidDevice* const opened = file->device.get();
   const sim::Time openTime = opened->faults.openTime;
+  const HidOpen& made = *file;
   const HANDLE handle = call.kernel.open(std::move(file));
+  if (const DWORD refused = outcome(call, made.opening); refused != 0) {
+    call.kernel.close(handle);
+    return call.failed(refused, INVALID_HANDLE_VALUE);
+  }
   if (openTime.count() > 0) call.kernel.waitAny({}, openTime);
   if (call.machine.recording()) call.machine.noteLocked("open", opened, handle);
   return handle;
@@ -134,7 +149,8 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
   const std::span report(static_cast<const std::uint8_t*>(buffer), bytesToWrite);
   if (call.machine.recording())
     call.machine.noteLocked("write " + hex(report.data(), report.size()), open->device.get(), file);
-  sim::HidBus::deliver(*open->device, report);
+  const auto taken = sim::HidBus::deliver(*open->device, report);
+  if (const DWORD error = outcome(call, taken); error != 0) return call.failed(error, FALSE);
   *bytesWritten = bytesToWrite;
   return TRUE;
 }

@@ -56,6 +56,7 @@ namespace os {
 void HidD_GetHidGuid(GUID* result) { *result = kHidGuid; }
 
 HDEVINFO SetupDiGetClassDevsW(const GUID* classGuid, const WCHAR*, HWND, DWORD flags) {
+  if (classGuid && sameGuid(*classGuid, kHidGuid)) sim::Machine::current().hid().askSource();
   Call call("SetupDiGetClassDevsW");
   if (!classGuid) return call.misused("no class", ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
   if (call.fails(ERROR_NOT_ENOUGH_MEMORY)) return INVALID_HANDLE_VALUE;

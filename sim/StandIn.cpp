@@ -1,13 +1,16 @@
 // The machine for programs that link the library and make none, in real time: the desk of the file that VOXDEVICE_DESK
 // names, or one with a Wren, a Heron Plus and a Tern, whose Wren somebody shows. VOXDEVICE_SEED makes the devices take
-// their time, from which follows another order of what happens.
+// their time, from which follows another order of what happens. VOXDEVICE_DESK=hardware: what is plugged into the
+// computer.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <random>
+#include <string_view>
 
 #include "sim/Demonstration.h"
+#include "sim/Hardware.h"
 #include "sim/Machine.h"
 #include "sim/VirtualDesk.h"
 #include "sim/devices/AscCodec.h"
@@ -40,6 +43,10 @@ Mice showTheDefault(Machine& machine) {
 // With a file that cannot be used the desk is empty: the client is somebody else's program, which goes on.
 Mice show(Machine& machine, const char* file) {
   try {
+    if (std::string_view(file) == "hardware") {
+      [[maybe_unused]] static Hardware* const kept = Hardware::plugInto(machine).release();
+      return {};
+    }
     auto* const desk = new VirtualDesk(machine, readDeskFile(file));
     desk->setUp();
     machine.spawn([&machine, desk] {

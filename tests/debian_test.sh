@@ -12,6 +12,8 @@ $as_root dpkg -i "$work"/*.deb >"$work/dpkg.log"
 trap '$as_root dpkg -r voxdesk libvoxdevice-dev >/dev/null' EXIT
 voxdesk --virtual-time --out "$work/take.wav" | grep -q "nothing is left open"
 test -e /usr/share/man/man1/voxdesk.1.gz || test -e /usr/share/man/man1/voxdesk.1
+test -e /usr/lib/udev/rules.d/70-voxmouse.rules
+voxdesk --desk hardware --json devices >/dev/null
 # Each shell completes "voxdesk mo", and knows the name of every option that is there.
 bash -c '. /usr/share/bash-completion/completions/voxdesk; COMP_WORDS=(voxdesk mo); COMP_CWORD=1; _voxdesk
   [ "${COMPREPLY[*]}" = monitor ]'

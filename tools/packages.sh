@@ -12,7 +12,7 @@ need() {
     [ -z "$missing" ] && return 0
     echo "These tools are missing:$missing." >&2
     echo "This script installs packages on Debian and its relatives only. Elsewhere, install CMake 3.25, Ninja, a C++20" >&2
-    echo "compiler (g++ 12, clang++ 14 or later) and the libraries CLI11, stb, nlohmann-json, GoogleTest, and run it again." >&2
+    echo "compiler (g++ 12, clang++ 14 or later) and the libraries CLI11, hidapi, stb, nlohmann-json, GoogleTest, and run it again." >&2
     return 1
   fi
   for package in "$@"; do

@@ -115,7 +115,7 @@ void listDevices(const Options& options) {
   }
   devices.empty() ? session.terminal.tell("There is nothing to list: " + session.noDevice() + ".")
                   : session.terminal.table(table);
-  if (options.verbose) tellInterfaces(session, survey.interfaces());
+  if (options.verbose) tellInterfaces(session, survey.interfaces(*session.desk));
   session.finish();
 }
 

@@ -22,6 +22,9 @@ class Failure : public std::runtime_error {
 // Where a recording goes that is for standard output.
 inline const std::string kStandardOutput = "-";
 
+// The desk of what is plugged into the computer.
+inline const std::string kHardware = "hardware";
+
 struct Options {
   std::string deskFile;  // empty or "default": the default desk
   bool virtualTime = false;

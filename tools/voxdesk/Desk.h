@@ -1,5 +1,6 @@
 // The hardware that voxdesk works with. Two programs are made of the same commands: one whose desk is simulated
-// (SimulatedDesk.cpp), and on Windows one whose desk is the computer that it runs on (RealDesk.cpp).
+// (SimulatedDesk.cpp), or on Linux the devices that are plugged in (HardwareDesk.cpp); and on Windows one whose desk is
+// the computer that it runs on (RealDesk.cpp).
 #pragma once
 
 #include <chrono>
@@ -49,6 +50,17 @@ class Desk {
   virtual void run(std::chrono::milliseconds time) = 0;
   // What the main job says when it begins.
   virtual std::string greeting() const = 0;
+  // What is to be said first of all; empty: nothing.
+  virtual std::string hint() const { return {}; }
+  // What may help when no device has answered; empty: nothing.
+  virtual std::string advice() const { return {}; }
+  // What of a computer is not on this desk, as a sentence without its full stop; empty: nothing is missing.
+  virtual std::string missing() const { return {}; }
+  // Why this user may not open the interface, and what to do about it; empty when that is not the reason.
+  virtual std::string denied(const std::string& path) {
+    (void)path;
+    return {};
+  }
   // How many devices are going to be announced; nothing when nobody knows.
   virtual std::optional<std::size_t> expectedDevices() const = 0;
 

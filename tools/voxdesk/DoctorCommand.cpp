@@ -67,7 +67,7 @@ const char* adviceAgainst(const std::string& kind) {
 }
 
 void Doctor::lookAtInterfaces() {
-  const auto all = survey_.interfaces();
+  const auto all = survey_.interfaces(*session_.desk);
   tellInterfaces(session_, all);
   bool any = false;
   for (const SurveyedInterface& hid : all) {
@@ -179,7 +179,7 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
 void Doctor::lookAtDevices() {
   const auto known = session_.client->devices();
   session_.terminal.tell("Devices:");
-  for (const SurveyedInterface& hid : survey_.interfaces()) {
+  for (const SurveyedInterface& hid : survey_.interfaces(*session_.desk)) {
     if (hid.device <= 0 || !hid.opened) continue;
     const auto device =
         std::find_if(known.begin(), known.end(), [&hid](const DeviceView& view) { return view.number == hid.device; });
@@ -188,6 +188,8 @@ void Doctor::lookAtDevices() {
 }
 
 void Doctor::lookAtSound() {
+  if (const std::string missing = session_.desk->missing(); !missing.empty())
+    return session_.terminal.tell(missing + ".");
   const auto microphones = session_.desk->microphones();
   const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
   const std::string chosen = choice.index >= 0 ? sim::utf8(choice.name) : "none";

@@ -90,6 +90,7 @@ class LegacyView {
 
 void watchLegacy(const Options& options) {
   Session session(options, true);
+  if (const std::string missing = session.desk->missing(); !missing.empty()) session.terminal.tell(missing + ".");
   if (options.seconds <= 0) session.terminal.say("Older hardware, until Ctrl-C.");
   {
     OlderHardware hardware(session.client->hub());

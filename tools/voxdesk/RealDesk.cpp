@@ -21,6 +21,7 @@ class RealDesk final : public Desk {
   double seconds() override { return std::chrono::duration<double>(SteadyClock::now() - begin_).count(); }
   void run(std::chrono::milliseconds time) override { std::this_thread::sleep_for(time); }
   std::string greeting() const override { return "Looking for voice mice ..."; }
+  std::string advice() const override { return "plug one in, or try a simulated desk: voxdesk --desk default"; }
   std::optional<std::size_t> expectedDevices() const override { return std::nullopt; }
   std::string voiceKeyOwner() const override { return {}; }
   void holdVoiceKey(bool) override {}
@@ -129,10 +130,13 @@ void rehearseUpdate(const Options&) { throw Failure("an update is rehearsed by v
 // A simulated desk is another program: the library there is linked with another computer. So is a rehearsal, which
 // cannot reach what is plugged in here.
 std::optional<int> runOther(int argc, char** argv) {
-  const bool asked = std::any_of(argv + 1, argv + argc, [](const std::string_view argument) {
-    return argument == "--desk" || argument.starts_with("--desk=") || argument == "--virtual-time" ||
-           argument == "--rehearse";
-  });
+  bool asked = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view argument = argv[i];
+    const bool hardware = argument == "--desk=" + kHardware || (i + 1 < argc && argv[i + 1] == kHardware);
+    asked = asked || argument == "--virtual-time" || argument == "--rehearse" ||
+            ((argument == "--desk" || argument.starts_with("--desk=")) && !hardware);
+  }
   if (!asked) return std::nullopt;
   const std::filesystem::path program = programFolder() / "voxdesk-simulated.exe";
   std::vector<std::wstring> arguments{quoted(program.wstring())};

@@ -130,7 +130,7 @@ sim::DeskDevice chosen(const Options& options) {
 Outcome rehearse(const Twin& twin, std::optional<Spoiling> spoiling, std::vector<UpdateMessage>& sent) {
   sim::DeskDescription description;
   description.devices = {twin.device};
-  auto owned = std::make_unique<SimulatedDesk>(std::move(description), true);
+  auto owned = std::make_unique<SimulatedDesk>(std::move(description), true, "");
   const std::shared_ptr<sim::VirtualMouse> mouse = owned->desk().devices().front();
   if (spoiling) mouse->spoilUpdate(spoiling->message, spoiling->fault);
   UpdateTraffic traffic;

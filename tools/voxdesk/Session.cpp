@@ -42,6 +42,7 @@ Session::Session(const Options& options, bool busy, Watcher* watcher, std::uniqu
       desk(other ? std::move(other) : makeDesk(options, busy)),
       raw_(options.raw),
       watcher_(watcher) {
+  if (const std::string hint = desk->hint(); !hint.empty()) terminal.say(hint);
   // A double click of the voice key opens the navigation.
   CPreferences::Instance()->SetVoiceClickTimes(2);
   client = std::make_unique<Client>([this] { return desk->seconds(); });
@@ -176,7 +177,7 @@ void Session::discover(const std::vector<std::string>& show) {
 std::string Session::noDevice() const {
   if (desk->expectedDevices() == 0U) return "the desk has no devices that could answer";
   return "no device has answered within " + fixed("%.0f s", kDiscoverySeconds) +
-         (kSimulated ? "" : "; plug one in, or try a simulated desk: voxdesk --desk default");
+         (desk->advice().empty() ? "" : "; " + desk->advice());
 }
 
 void Session::failIfInterrupted(const std::string& when) {

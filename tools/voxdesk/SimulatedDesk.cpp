@@ -3,8 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 
+#include "HardwareDesk.h"
+#include "Survey.h"
 #include "System.h"
+#include "sim/Hardware.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 #include "tools/capture/Story.h"
@@ -21,8 +25,8 @@ sim::MachineOptions machineOptions(bool virtualTime) {
 
 }  // namespace
 
-SimulatedDesk::SimulatedDesk(sim::DeskDescription description, bool virtualTime)
-    : machine_(machineOptions(virtualTime)), desk_(machine_, std::move(description)) {}
+SimulatedDesk::SimulatedDesk(sim::DeskDescription description, bool virtualTime, std::string hint)
+    : machine_(machineOptions(virtualTime)), desk_(machine_, std::move(description)), hint_(std::move(hint)) {}
 
 std::size_t SimulatedDesk::legacyHids() {
   const auto ours = std::count_if(desk_.legacy().begin(), desk_.legacy().end(),
@@ -131,8 +135,10 @@ std::vector<std::string> SimulatedDesk::replayed() {
   return sentences;
 }
 
-std::string SimulatedDesk::leftOpen(const LeftOpen& byDesign) {
-  const sim::Balance balance = machine_.balance();
+std::string SimulatedDesk::leftOpen(const LeftOpen& byDesign) { return leftOpenOn(machine_, byDesign); }
+
+std::string leftOpenOn(sim::Machine& machine, const LeftOpen& byDesign) {
+  const sim::Balance balance = machine.balance();
   sim::Balance allowed{};
   allowed.handles = byDesign.handles;
   allowed.sound.comReferences = byDesign.comReferences;
@@ -177,9 +183,20 @@ std::string sentencePath() {
   return std::string(VOXDEVICE_SAMPLES) + "/sentence.wav";
 }
 
+// For who has plugged a device in, and would look for it on a simulated desk.
+std::string hintAtHardware() {
+  std::set<std::string> models;
+  for (const std::wstring& path : sim::Hardware::paths()) models.insert(modelOf(sim::utf8(path)));
+  std::string names;
+  for (const std::string& model : models) names += (names.empty() || model.empty() ? "" : ", ") + model;
+  if (names.empty()) return {};
+  return "Plugged into this computer: " + names + ". To work with it: voxdesk --desk hardware. This desk is simulated.";
+}
+
 }  // namespace
 
 std::unique_ptr<Desk> makeDesk(const Options& options, bool busy) {
+  if (options.deskFile == kHardware) return makeHardwareDesk();
   const bool named = !options.deskFile.empty() && options.deskFile != "default";
   sim::DeskDescription description =
       named ? sim::readDeskFile(options.deskFile) : sim::defaultDesk(readSpeech(sentencePath()), busy);
@@ -196,5 +213,6 @@ std::unique_ptr<Desk> makeDesk(const Options& options, bool busy) {
     const auto speech = readSpeech(options.speech);
     for (sim::DeskDevice& device : description.devices) device.speech = speech;
   }
-  return std::make_unique<SimulatedDesk>(std::move(description), options.virtualTime);
+  return std::make_unique<SimulatedDesk>(std::move(description), options.virtualTime,
+                                         options.deskFile.empty() ? hintAtHardware() : "");
 }

@@ -7,7 +7,8 @@
 
 class SimulatedDesk final : public Desk {
  public:
-  SimulatedDesk(sim::DeskDescription description, bool virtualTime);
+  // hint: see Desk.
+  SimulatedDesk(sim::DeskDescription description, bool virtualTime, std::string hint);
 
   const sim::VirtualDesk& desk() const { return desk_; }
 
@@ -17,6 +18,7 @@ class SimulatedDesk final : public Desk {
   // Does what the timelines ask for.
   void run(std::chrono::milliseconds time) override;
   std::string greeting() const override;
+  std::string hint() const override { return hint_; }
   std::optional<std::size_t> expectedDevices() const override;
   std::string voiceKeyOwner() const override {
     return desk_.recorded().empty() || wren() < desk_.devices().size() ? "Wren" : "";
@@ -37,4 +39,5 @@ class SimulatedDesk final : public Desk {
 
   sim::Machine machine_;
   sim::VirtualDesk desk_;
+  const std::string hint_;
 };

@@ -56,10 +56,16 @@ void recordUntil(Session& session, Recorder& recorder, Inbox& inbox, double seco
   take.finish();
 }
 
+// What has no sound cannot be recorded.
+void failWithoutSound(const Session& session) {
+  if (const std::string missing = session.desk->missing(); !missing.empty()) throw Failure(missing);
+}
+
 }  // namespace
 
 void listSound(const Options& options) {
   Session session(options);
+  failWithoutSound(session);
   const auto microphones = session.desk->microphones();
   const CVoxRecord::Choice choice = CVoxRecord().ChooseDevice();
   const int card = CVoxRecord::VoxCheckSoundCard();
@@ -105,6 +111,7 @@ void listSound(const Options& options) {
 void recordMicrophone(const Options& options) {
   Take::checkWritable(options);
   Session session(options);
+  failWithoutSound(session);
   if (!options.microphone.empty()) {
     CDeviceData::Instance()->SetRecordName(sim::wide(options.microphone));
     CDeviceData::Instance()->SetRecordByName(true);
@@ -132,6 +139,7 @@ void recordMicrophone(const Options& options) {
 void recordSpeaker(const Options& options) {
   Take::checkWritable(options);
   Session session(options);
+  failWithoutSound(session);
   Inbox inbox;
   {
     CVoxSpeakerRecord recorder;

@@ -109,7 +109,14 @@ capture::Capture Survey::capture(const std::string& path) const {
   return some;
 }
 
-std::vector<SurveyedInterface> Survey::interfaces() const {
+std::string modelOf(const std::string& path) {
+  SurveyedInterface hid;
+  hid.path = path;
+  identify(hid);
+  return hid.model;
+}
+
+std::vector<SurveyedInterface> Survey::interfaces(Desk& desk) const {
   std::vector<std::wstring> paths;
   CAudioHidCenter::EnumerateHidInterfaces(paths);
   std::vector<SurveyedInterface> present;
@@ -130,7 +137,8 @@ std::vector<SurveyedInterface> Survey::interfaces() const {
       }
       if (event.device > 0) hid.device = event.device;
     }
-    hid.verdict = verdictOf(hid);
+    const std::string denied = hid.error == kAccessDenied ? desk.denied(hid.path) : "";
+    hid.verdict = denied.empty() ? verdictOf(hid) : denied;
     present.push_back(std::move(hid));
   }
   return present;

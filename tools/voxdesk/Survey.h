@@ -10,6 +10,8 @@
 #include "VoxDevice/VoxDevice.h"
 #include "tools/capture/Capture.h"
 
+class Desk;
+
 // A HID interface of the computer, and what stands in the way of its use.
 struct SurveyedInterface {
   std::string path;
@@ -30,7 +32,7 @@ class Survey final : public Watcher {
  public:
   void observe(const VoxObservation& observation, std::int64_t microseconds) override;
   // Those that are present now, in the system's order.
-  std::vector<SurveyedInterface> interfaces() const;
+  std::vector<SurveyedInterface> interfaces(Desk& desk) const;
   // What has passed at the interface with this path; of all, with an empty one.
   capture::Capture capture(const std::string& path) const;
 
@@ -39,5 +41,7 @@ class Survey final : public Watcher {
   capture::Capture seen_;
 };
 
+// The model that a path names; empty: none of ours.
+std::string modelOf(const std::string& path);
 // Prints them.
 void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& interfaces);

@@ -82,7 +82,7 @@ int main(int argc, char** argv) {
       app.add_option(
              "--desk", options.deskFile,
              kSimulated ? "A desk file (JSON): which devices, links, faults; or a capture, whose devices are replayed; "
-                          "default: a Wren, a Heron Plus, a Tern"
+                          "hardware: what is plugged into this computer; default: a Wren, a Heron Plus, a Tern"
                         : "A simulated desk instead of this computer: a desk file (JSON), a capture, or "
                           "\"default\"")
           ->type_name("FILE");
@@ -164,8 +164,8 @@ int main(int argc, char** argv) {
   watch->add_flag("--raw", options.raw, "Show the reports themselves, too, in hexadecimal");
   auto* take = needsDevice(command(app, "record", "Record one device", &record));
   if (kSimulated) {
-    take->add_option("--speech", options.speech, "What the device hears: 16 kHz, mono, 16-bit")
-        ->required()
+    take->add_option("--speech", options.speech,
+                     "What the device hears: 16 kHz, mono, 16-bit; needed, but not with --desk hardware")
         ->type_name("IN.wav");
   }
   takesOut(*take, "What the client received")->required();
@@ -247,6 +247,12 @@ int main(int argc, char** argv) {
     }
     if ((*watch || *legacy) && options.virtualTime && options.seconds <= 0) {
       throw CLI::ValidationError("--virtual-time", "this needs --seconds with it, or it would never end");
+    }
+    if (kSimulated && options.deskFile == kHardware) {
+      if (options.virtualTime) throw CLI::ValidationError("--virtual-time", "real devices have a time of their own");
+      if (!options.speech.empty()) throw CLI::ValidationError("--speech", "real devices hear for themselves");
+    } else if (kSimulated && *take && options.speech.empty()) {
+      throw CLI::RequiredError("--speech");
     }
     if (options.out == kStandardOutput && isScreen(stdout)) {
       throw CLI::ValidationError("--out", "standard output is a terminal, which shows no sound");
