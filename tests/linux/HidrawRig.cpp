@@ -207,7 +207,7 @@ class Rig {
 
   void follow() {
     std::vector<std::wstring> paths;
-    machine_.locked([&] { paths = machine_.hid().paths(); });
+    machine_.locked([&]() REQUIRES(sim::gate) { paths = machine_.hid().paths(); });
     for (const std::wstring& path : paths) {
       if (!plugged_.contains(path)) plug(path);
     }
