@@ -7,6 +7,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "sim/Replay.h"
 #include "sim/Text.h"
@@ -115,6 +116,24 @@ class Place {
   std::string path_;
 };
 
+// Refuses an object that has an entry twice, of which JSON's readers take the last.
+class NoDoubles {
+ public:
+  explicit NoDoubles(std::string path) : path_(std::move(path)) {}
+  bool operator()(int, json::parse_event_t event, json& value) {
+    if (event == json::parse_event_t::object_start) names_.emplace_back();
+    if (event == json::parse_event_t::object_end) names_.pop_back();
+    if (event == json::parse_event_t::key && !names_.back().insert(value.get<std::string>()).second) {
+      throw DeskFileError(path_ + ": the entry \"" + value.get<std::string>() + "\" stands twice in one place");
+    }
+    return true;
+  }
+
+ private:
+  std::string path_;
+  std::vector<std::set<std::string>> names_;  // of the objects that are open
+};
+
 DeskAction readAction(const Place& place) {
   place.object({"at", "key", "power", "sleep", "unplug", "plug"});
   DeskAction action;
@@ -147,6 +166,14 @@ DeskAction readAction(const Place& place) {
 }
 
 void readUpdateFault(const Place& place, UpdateStep step, DeskDevice& device) {
+  place.object(step == UpdateStep::data ? std::initializer_list<const char*>{"command", "answer", "image", "message"}
+                                        : std::initializer_list<const char*>{"command", "answer", "image"});
+  if (step == UpdateStep::prepare && findModel(device.model)->update != UpdateFlow::bytes) {
+    place["command"].expected("\"ota-prepare\" with a Tern only; others are opened at once");
+  }
+  if (place.has("image") && device.link == Link::bluetooth) {
+    place["image"].expected("no \"image\" with Bluetooth: there is no receiver");
+  }
   std::string image = "first";
   if (place.has("image")) {
     image = place["image"].text("\"first\" or \"second\"");
@@ -169,17 +196,18 @@ void readUpdateFault(const Place& place, UpdateStep step, DeskDevice& device) {
 void readFault(const Place& place, DeskDevice& device) {
   place.object({"command", "answer", "delay_ms", "open", "writes", "image", "message"});
   if (place.has("open")) {
+    place.object({"open"});
     if (place["open"].text("\"refused\"") != "refused") place["open"].expected("\"refused\"");
     device.refuseOpen = true;
-  }
-  if (place.has("writes")) {
-    if (place["writes"].text("\"fail\"") != "fail") place["writes"].expected("\"fail\"");
-    device.failWrites = true;
-  }
-  if (!place.has("command")) {
-    if (!device.refuseOpen && !device.failWrites) place.expected("\"command\", \"open\" or \"writes\"");
     return;
   }
+  if (place.has("writes")) {
+    place.object({"writes"});
+    if (place["writes"].text("\"fail\"") != "fail") place["writes"].expected("\"fail\"");
+    device.failWrites = true;
+    return;
+  }
+  if (!place.has("command")) place.expected("\"command\", \"open\" or \"writes\"");
   const std::string name = place["command"].text("a command's name");
   if (const auto step = kUpdateSteps.find(name); step != kUpdateSteps.end()) {
     return readUpdateFault(place, step->second, device);
@@ -192,6 +220,8 @@ void readFault(const Place& place, DeskDevice& device) {
   if (command == kCommands.end()) place["command"].expected("one of: " + listOf(names));
   Answering answering;
   const std::string answer = place["answer"].text("an answer");
+  place.object(answer == "late" ? std::initializer_list<const char*>{"command", "answer", "delay_ms"}
+                                : std::initializer_list<const char*>{"command", "answer"});
   if (answer == "silent") {
     answering.silent = true;
   } else if (answer == "refuse") {
@@ -232,7 +262,10 @@ DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
   if (place.has("dpi")) device.dpi = place["dpi"].integer<std::uint16_t>(0, 65535);
   if (place.has("serial")) {
     device.serial = place["serial"].text("a serial number");
-    if (device.serial.size() != 18) place["serial"].expected("18 letters and digits");
+    const bool plain = std::all_of(device.serial.begin(), device.serial.end(), [](char c) {
+      return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    });
+    if (device.serial.size() != 18 || !plain) place["serial"].expected("18 letters and digits");
   }
   if (place.has("address")) {
     std::array<std::uint8_t, 6> address{};
@@ -301,7 +334,7 @@ DeskLegacy readLegacy(const Place& place) {
 }
 
 DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
-  place.object({"microphones", "endpoints", "speaker"});
+  place.object({"microphones", "mixers", "endpoints", "speaker"});
   DeskSound sound;
   place.each("microphones", [&](const Place& entry) {
     entry.object({"name", "hears"});
@@ -312,6 +345,12 @@ DeskSound readSound(const Place& place, const std::filesystem::path& folder) {
       if (!error.empty()) throw DeskFileError(error);
     }
     sound.microphones.push_back(microphone);
+  });
+  place.each("mixers", [&](const Place& entry) {
+    entry.object({"name", "microphone"});
+    MixerDevice mixer{.name = wide(entry["name"].text("a device's name"))};
+    if (!entry.has("microphone") || entry["microphone"].flag()) mixer.sources.emplace_back();
+    sound.mixers.push_back(std::move(mixer));
   });
   place.each("endpoints", [&](const Place& entry) {
     entry.object({"name", "volume", "muted"});
@@ -379,6 +418,9 @@ DeskSpeaker readSpeakerFile(const std::string& path) {
 }
 
 DeskDescription readDeskFile(const std::string& path) {
+  if (std::error_code error; std::filesystem::is_directory(pathOf(path), error)) {
+    throw DeskFileError(path + ": a folder; expected a desk file, or a capture");
+  }
   std::ifstream file(path);
   if (!file) throw DeskFileError(path + ": " + std::strerror(errno));
   DeskDescription desk;
@@ -388,7 +430,7 @@ DeskDescription readDeskFile(const std::string& path) {
   }
   json root;
   try {
-    root = json::parse(file);
+    root = json::parse(file, NoDoubles(path));
   } catch (const json::parse_error& error) {
     const std::string what = error.what();  // begins with the library's own mark in brackets
     throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));

@@ -54,6 +54,7 @@ struct DeskSpeaker {
 
 struct DeskSound {
   std::vector<DeskMicrophone> microphones;
+  std::vector<MixerDevice> mixers;
   std::vector<CaptureEndpoint> endpoints;
   std::optional<DeskSpeaker> speaker;
 };

@@ -46,6 +46,7 @@ void VirtualDesk::setUpSound() {
       sound.microphones.push_back(std::make_shared<Microphone>(wide(microphone.name)));
       sound.microphones.back()->hears = microphone.hears;
     }
+    sound.mixers = description_.sound.mixers;
     sound.endpoints = description_.sound.endpoints;
     if (const auto& speaker = description_.sound.speaker) {
       sound.hasSpeaker = true;
