@@ -108,8 +108,9 @@ int columnsOf(std::FILE* screen) {
 bool screenShowsUnicode() {
   // The first of these that says something.
   for (const char* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-    std::string locale = std::getenv(name) ? std::getenv(name) : "";
-    if (locale.empty()) continue;
+    const char* const value = std::getenv(name);
+    if (!value || *value == '\0') continue;
+    std::string locale = value;
     for (char& c : locale) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     return locale.find("utf-8") != std::string::npos || locale.find("utf8") != std::string::npos;
   }
