@@ -134,7 +134,7 @@ def main() -> int:
                 check(name + ": end", shown[-2].endswith("48 s") and len(shown[-2]) == width, True)
                 check(name + ": ASCII", all(line.isascii() for line in shown), locale == "C")
         check("quiet", [line for line in lines(80, "C", "-q") if line and "wrote out.wav" not in line], [])
-        for picture, said in (("./out.wav", "is where the recording goes"), ("nowhere/a.png", "No such file or directory")):
+        for picture, said in (("./out.wav", "is the file of --out, too"), ("-", "name a file"), ("nowhere/a.png", "No such file or directory")):
             ended = subprocess.run([*command, "--picture", picture], capture_output=True, text=True, timeout=60)
             check(picture, ended.returncode > 0 and said in ended.stderr, True)
     print("\n".join(wrong))

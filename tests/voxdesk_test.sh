@@ -75,6 +75,14 @@ expect 1 record --speech "$sample" --out nowhere/x.wav
 err "nowhere/x.wav: No such file or directory"
 expect 2 record --out x.wav
 err "--speech is required"
+expect 2 monitor --virtual-time --seconds nan
+err "nan is not a number"
+cp "$sample" mine.wav
+expect 2 --virtual-time record --speech mine.wav --out x.wav --picture mine.wav
+err "--picture: mine.wav is the file of --speech, too"
+expect 2 --virtual-time --capture x.wav record --speech mine.wav --out x.wav
+err "--capture: x.wav is the file of --out, too"
+cmp -s mine.wav "$sample" || fail "a file that is read was written over"
 expect 2 monitor --virtual-time
 err "needs --seconds"
 expect 2 bogus

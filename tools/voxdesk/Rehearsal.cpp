@@ -94,6 +94,7 @@ sim::DeskDevice healthy(const std::string& model, sim::Link link) {
 // The devices that there could be: those of the desk file; without one, every model on each of its links.
 std::vector<sim::DeskDevice> candidates(const Options& options) {
   std::vector<sim::DeskDevice> all;
+  if (options.deskFile == kHardware) throw Failure("a rehearsal touches no real device; leave --desk out", kWrongUsage);
   if (!options.deskFile.empty() && options.deskFile != "default") {
     for (const sim::DeskDevice& device : sim::readDeskFile(options.deskFile).devices) {
       all.push_back(healthy(device.model, device.link));

@@ -1,11 +1,13 @@
 #include "Take.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "System.h"
 #include "sim/Text.h"
@@ -32,6 +34,20 @@ double rounded(double dB) { return std::round(dB * 10) / 10; }
 
 namespace {
 
+// Devices, as /dev/null, take what several have to say.
+bool sameFile(const std::string& a, const std::string& b) {
+  if (a.empty() || b.empty() || a == kStandardOutput || b == kStandardOutput) return false;
+  std::error_code error;
+  const std::filesystem::path one = sim::pathOf(a);
+  const std::filesystem::path other = sim::pathOf(b);
+  if (std::filesystem::exists(one, error) && !std::filesystem::is_regular_file(one, error)) return false;
+  if (std::filesystem::equivalent(one, other, error)) return true;
+  const auto full = [&error](const std::filesystem::path& path) {
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
+  };
+  return full(one) == full(other);
+}
+
 void checkFile(const std::string& path) {
   if (path.empty() || path == kStandardOutput) return;
   const bool there = std::filesystem::exists(sim::pathOf(path));
@@ -46,12 +62,23 @@ void checkFile(const std::string& path) {
 }  // namespace
 
 void Take::checkWritable(const Options& options) {
-  std::error_code error;
-  const auto full = [&error](const std::string& path) {
-    return std::filesystem::weakly_canonical(std::filesystem::absolute(sim::pathOf(path)), error);
-  };
-  if (!options.picture.empty() && full(options.picture) == full(options.out)) {
-    throw Failure("--picture: " + options.picture + " is where the recording goes", kWrongUsage);
+  if (options.picture == kStandardOutput) {
+    throw Failure("--picture: standard output takes no picture; name a file", kWrongUsage);
+  }
+  // What is written replaces neither what is read nor what else is written.
+  const std::array<std::pair<const char*, const std::string*>, 5> files{{{"--picture", &options.picture},
+                                                                         {"--capture", &options.capture},
+                                                                         {"--out", &options.out},
+                                                                         {"--speech", &options.speech},
+                                                                         {"--desk", &options.deskFile}}};
+  constexpr std::size_t kWritten = 3;
+  for (std::size_t i = 0; i < kWritten; ++i) {
+    for (std::size_t j = i + 1; j < files.size(); ++j) {
+      if (!sameFile(*files[i].second, *files[j].second)) continue;
+      throw Failure(
+          std::string(files[i].first) + ": " + *files[i].second + " is the file of " + files[j].first + ", too",
+          kWrongUsage);
+    }
   }
   checkFile(options.out);
   checkFile(options.picture);

@@ -83,8 +83,9 @@ void confirm(const std::string& plan) {
   const bool answered = waitForLine(answer, sizeof answer);
   if (!answered) std::fputs("\n", stderr);
   Session::failIfInterrupted("before the update began");
-  if (!answered || (answer[0] != 'y' && answer[0] != 'Y'))
-    throw Failure("the update was not begun: the answer was not y");
+  std::string said = answer;
+  while (!said.empty() && (said.back() == '\n' || said.back() == '\r' || said.back() == ' ')) said.pop_back();
+  if (said != "y" && said != "Y" && said != "yes") throw Failure("the update was not begun: the answer was not y");
 }
 
 void tellImages(Session& session, const std::vector<Image>& images) {

@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -62,6 +63,14 @@ int conclude(int exitCode, std::string sentence) {
   return exitCode;
 }
 
+// Which no comparison with a bound finds out.
+CLI::Validator number() {
+  return {[](const std::string& text) {
+            return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is not a number" : std::string();
+          },
+          ""};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -103,7 +112,10 @@ int main(int argc, char** argv) {
     return out;
   };
   const auto takesSeconds = [&](CLI::App& to, const char* what) {
-    to.add_option("--seconds", options.seconds, what)->check(CLI::Range(0.001, 86'400.0))->type_name("S");
+    to.add_option("--seconds", options.seconds, what)
+        ->check(CLI::Range(0.001, 86'400.0))
+        ->check(number())
+        ->type_name("S");
   };
   takesOut(app, "Where the recording goes; default: voxdesk-recording.wav");
   takesSeconds(app, kSimulated ? "How long to record; default: as long as the speech" : "The longest recording");
@@ -119,6 +131,7 @@ int main(int argc, char** argv) {
                                      "... in files of so many MiB at most, continued in FILE-2.pcapng ...; default: 64")
                           ->needs(capture)
                           ->check(CLI::Range(0.1, 1'048'576.0))
+                          ->check(number())
                           ->type_name("MIB");
   app.fallthrough();
   app.require_subcommand(0, 1);
@@ -194,6 +207,7 @@ int main(int argc, char** argv) {
   told->add_option("--wav", options.speechFolder, "Write the speech, a file for each voice channel")->type_name("DIR");
   told->add_option("--slow", options.slow, "An answer that takes longer is unusual; default: 250")
       ->check(CLI::Range(0.0, 1e9))
+      ->check(number())
       ->type_name("MS");
 
   needsDevice(command(app, "state", "Ask a device for its state", &showState));
@@ -208,6 +222,7 @@ int main(int argc, char** argv) {
   send->add_option("HEX", options.hex, "The report with its id, in hexadecimal; filled up with zeros")->required();
   send->add_option("--wait", options.waitMilliseconds, "Show what passes for so long afterwards; default: 0")
       ->check(CLI::Range(0.0, 3'600'000.0))
+      ->check(number())
       ->type_name("MS");
   send->add_flag("--force", options.force, "Even one that belongs to a firmware update");
   auto* mkey = app.add_subcommand("mkey", "The function of a device's M key");
