@@ -19,4 +19,13 @@ inline std::filesystem::path pathOf(std::string_view name) {
 #endif
 }
 
+// The reverse.
+inline std::string nameOf(const std::filesystem::path& file) {
+#ifdef _WIN32
+  return Utf8(file.wstring());
+#else
+  return file.string();
+#endif
+}
+
 }  // namespace sim

@@ -137,6 +137,9 @@ def main() -> int:
         for picture, said in (("./out.wav", "is the file of --out, too"), ("-", "name a file"), ("nowhere/a.png", "No such file or directory")):
             ended = subprocess.run([*command, "--picture", picture], capture_output=True, text=True, timeout=60)
             check(picture, ended.returncode > 0 and said in ended.stderr, True)
+        named = [word.replace("out.wav", "ü ☃.wav") for word in command] + ["--picture", "ü ☃.png"]
+        ended = subprocess.run(named, capture_output=True, text=True, timeout=60, env={**os.environ, "LC_ALL": "C"})
+        check("other letters", (ended.returncode, pathlib.Path(folder, "ü ☃.png").exists()), (0, True))
     print("\n".join(wrong))
     return len(wrong) > 0
 
