@@ -175,8 +175,7 @@ std::string Take::holds(const std::string& what) const {
 
 void Take::drawPictures() {
   if (!picture_.empty()) {
-    const std::string title =
-        path_ == kStandardOutput ? "recording" : sim::nameOf(sim::pathOf(path_).filename());
+    const std::string title = path_ == kStandardOutput ? "recording" : sim::nameOf(sim::pathOf(path_).filename());
     sound_.write(picture_, title + fixed(": %.2f s", seconds()) + fixed(", peak %.1f dBFS", decibels(peak_)));
     session_.terminal.event(session_.desk->seconds(), "picture", {{"file", picture_}}, "wrote " + picture_);
   }
