@@ -11,8 +11,13 @@ namespace {
 constexpr std::size_t kWindow = 256;  // 16 ms
 using Spectrum = std::vector<std::complex<float>>;
 
-// In place; the size is a power of two.
-void transform(Spectrum& values) {
+std::size_t share(std::size_t whole, std::size_t part, std::size_t parts) {
+  return static_cast<std::size_t>(std::uint64_t{whole} * part / parts);
+}
+
+}  // namespace
+
+void transform(std::span<std::complex<float>> values) {
   const std::size_t size = values.size();
   for (std::size_t i = 1, j = 0; i < size; ++i) {
     std::size_t bit = size / 2;
@@ -32,12 +37,6 @@ void transform(Spectrum& values) {
     }
   }
 }
-
-std::size_t share(std::size_t whole, std::size_t part, std::size_t parts) {
-  return static_cast<std::size_t>(std::uint64_t{whole} * part / parts);
-}
-
-}  // namespace
 
 std::vector<int> waveform(std::span<const std::int16_t> pcm, std::size_t parts) {
   std::vector<int> result;

@@ -5,12 +5,14 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <numbers>
 
 #include "Commands.h"
 #include "Desk.h"
 #include "sim/Text.h"
+#include "tools/capture/Sound.h"
 
 #define STB_IMAGE_WRITE_STATIC
 #define STB_IMAGE_WRITE_IMPLEMENTATION
@@ -25,28 +27,6 @@ constexpr double kSilence = -120;  // dBFS
 constexpr double kTop = 8;         // kHz
 
 double decibels(double power) { return power > 0 ? std::max(10 * std::log10(power), kSilence) : kSilence; }
-
-// In place, of a power of two.
-void transform(std::span<Complex> values) {
-  const std::size_t size = values.size();
-  for (std::size_t i = 1, j = 0; i < size; ++i) {
-    std::size_t bit = size / 2;
-    for (; (j & bit) != 0; bit /= 2) j ^= bit;
-    j ^= bit;
-    if (i < j) std::swap(values[i], values[j]);
-  }
-  for (std::size_t half = 1; half < size; half *= 2) {
-    const Complex turn = std::polar(1.0F, -std::numbers::pi_v<float> / static_cast<float>(half));
-    for (std::size_t begin = 0; begin < size; begin += 2 * half) {
-      Complex factor = 1;
-      for (std::size_t i = begin; i < begin + half; ++i, factor *= turn) {
-        const Complex other = values[i + half] * factor;
-        values[i + half] = values[i] - other;
-        values[i] += other;
-      }
-    }
-  }
-}
 
 const auto kHann = [] {
   constexpr double kTurn = 2 * std::numbers::pi / SoundPicture::kWindow;
@@ -101,7 +81,7 @@ void SoundPicture::addHop() {
     window[i] = static_cast<float>(before_[i]) * kHann[i];
     window[i + kHop] = static_cast<float>(pending_[i]) * kHann[i + kHop];
   }
-  transform(window);
+  capture::transform(window);
   for (std::size_t i = 0; i < kBins; ++i) column.power[i] = std::norm(window[i]);
   column.spectra = 1;
   before_.swap(pending_);
@@ -204,7 +184,13 @@ class Canvas {
     errno = 0;
     std::ofstream file(sim::pathOf(path), std::ios::binary);
     file.write(png.data(), static_cast<std::streamsize>(png.size()));
-    if (!file.flush() || png.empty()) throw Failure(path + ": " + std::strerror(errno));
+    if (file.flush() && !png.empty()) return;
+    const std::string why = std::strerror(errno);
+    file.close();
+    // Half a picture is none.
+    std::error_code error;
+    if (std::filesystem::is_regular_file(sim::pathOf(path), error)) std::filesystem::remove(sim::pathOf(path), error);
+    throw Failure(path + ": " + why);
   }
 
  private:
