@@ -75,6 +75,10 @@ expect 1 record --speech "$sample" --out nowhere/x.wav
 err "nowhere/x.wav: No such file or directory"
 expect 2 record --out x.wav
 err "--speech is required"
+expect 2 doctor --virtual-time --seconds 1
+err "--seconds: devices need 4 s"
+expect 2 doctor --virtual-time --out -
+err "--out: the page goes into a file"
 expect 2 monitor --virtual-time --seconds nan
 err "nan is not a number"
 cp "$sample" mine.wav

@@ -10,6 +10,7 @@
 
 namespace {
 
+constexpr double kLeastSeconds = 4;
 constexpr double kLookSeconds = 10;
 constexpr double kVoiceSeconds = 2;
 constexpr int kLowBattery = 20;                 // percent
@@ -162,7 +163,7 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
 
   if (!device && beats.sent > 0 && beats.answered == 0) {
     find(about, "it has answered none of " + capture::plural(beats.sent, "heartbeat"), adviceAgainst("silence"));
-  } else if (!device) {
+  } else if (!device && beats.unanswered > 0) {
     find(about, "it does not answer any more", adviceAgainst("silence"));
   }
   for (const auto& unusual : story.unusual) {
@@ -227,6 +228,11 @@ std::size_t Doctor::tellFindings() {
 }  // namespace
 
 void doctor(const Options& options) {
+  if (options.reportPage == kStandardOutput) throw Failure("--out: the page goes into a file", kWrongUsage);
+  if (options.seconds > 0 && options.seconds < kLeastSeconds) {
+    throw Failure("--seconds: devices need " + fixed("%.0f s", kLeastSeconds) + " until something can be said of them",
+                  kWrongUsage);
+  }
   Survey survey;
   std::size_t findings = 0;
   {
@@ -237,6 +243,8 @@ void doctor(const Options& options) {
                          (options.noVoice ? "." : ", then opens each device's voice channel for 2 s."));
     session.terminal.event(session.desk->seconds(), "version", {{"voxdesk", VOXDEVICE_VERSION}}, "");
     session.runUntil(seconds, {"none"}, [] { return false; });
+    if (session.desk->seconds() < kLeastSeconds)
+      Session::failIfInterrupted("before anything could be said of the devices");
     if (!options.noVoice) doctor.listen();
     doctor.lookAtInterfaces();
     doctor.lookAtDevices();
@@ -250,6 +258,6 @@ void doctor(const Options& options) {
     file.write(page.data(), static_cast<std::streamsize>(page.size()));
     if (!file.flush()) throw Failure(options.reportPage + ": cannot be written");
   }
-  if (findings > 0)
+  if (findings > 0 && !interrupted())
     throw Failure("there " + std::string(findings == 1 ? "is " : "are ") + capture::plural(findings, "finding"));
 }

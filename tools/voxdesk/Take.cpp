@@ -195,7 +195,11 @@ void Take::finish(const std::string& why) {
                             {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
                             "wrote " + name_ + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
                                 fixed(", peak %.1f dBFS", decibels(peak_)));
-    drawPictures();
+    try {
+      drawPictures();
+    } catch (const Failure&) {
+      if (!over()) throw;  // that the recording was cut off matters more
+    }
   }
   if (over()) throw Failure(problem_, outputProblem() == EPIPE ? kInterrupted : kFailed);
   if (samples_ == 0) {

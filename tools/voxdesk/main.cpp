@@ -166,7 +166,7 @@ int main(int argc, char** argv) {
   list->add_flag("-v,--verbose", options.verbose,
                  "... and every HID interface, with why it is none of ours or not used");
   auto* examine = command(app, "doctor", "Look for what is wrong with the devices, and say what may help", &doctor);
-  takesSeconds(*examine, "How long to look; default: 10");
+  takesSeconds(*examine, "How long to look, at least 4; default: 10");
   examine->add_flag("--no-voice", options.noVoice, "Do not open the devices' voice channels");
   examine->add_option("--out", options.reportPage, "What passed meanwhile, as a page")->type_name("REPORT.html");
   auto* rules = needsDevice(command(app, "conform", "Try whether a device keeps the protocol's rules", &conform));
