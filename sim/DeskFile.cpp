@@ -99,7 +99,8 @@ class Place {
     return static_cast<Integer>(value_.get<int>());
   }
   double seconds() const {
-    if (!value_.is_number() || value_.get<double>() < 0 || value_.get<double>() > 1e6) expected("seconds, 0 or more");
+    if (!value_.is_number() || value_.get<double>() < 0 || value_.get<double>() > 1e6)
+      expected("seconds, 0 to 1000000");
     return value_.get<double>();
   }
   bool flag() const {
@@ -436,7 +437,7 @@ DeskDescription readDeskFile(const std::string& path) {
     throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));
   }
   const Place place(root, path);
-  place.object({"devices", "sound", "legacy"});
+  place.object({"$schema", "devices", "sound", "legacy"});
   if (!place.has("devices") && !place.has("sound") && !place.has("legacy")) (void)place["devices"];
   place.each("legacy", [&](const Place& entry) { desk.legacy.push_back(readLegacy(entry)); });
   if (place.has("sound")) desk.sound = readSound(place["sound"], std::filesystem::path(path).parent_path());

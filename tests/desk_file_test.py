@@ -26,7 +26,7 @@ CASES = [
     (fault(command="ota-data", answer="refuse", image="second", message=3), None),
     (fault("Tern", command="ota-prepare", answer="silent"), None),
     (fault(command="voice-open", answer="late", delay_ms=500), None),
-    ({"sound": SOUND}, None),
+    ({"$schema": "desk-file.schema.json", "sound": SOUND}, None),
     ({"legacy": [{"kind": "hid-mouse", "timeline": [{"at": 1, "key": 33}]}]}, None),
     (wren(serial="!" * 18), '.devices[0].serial: expected 18 letters and digits, found "!!!'),
     (wren(serial="WR0123456789ABCDE"), ".devices[0].serial: expected 18 letters and digits"),

@@ -346,6 +346,7 @@ std::shared_ptr<HidTransfer> HidrawDevice::onOpened() {
 
 // Windows' class driver takes all reports in the length of the longest one, and writes each in its own.
 std::shared_ptr<HidTransfer> HidrawDevice::take(std::span<const std::uint8_t> report) {
+  if (report.empty()) return failed(ERROR_INVALID_PARAMETER);  // it has no output report
   const auto own = known_.reports.output.find(report[0]);
   if (!line_ || own == known_.reports.output.end()) return failed(ERROR_INVALID_PARAMETER);
   const auto written = report.first(std::min<std::size_t>(report.size(), own->second));
