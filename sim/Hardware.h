@@ -21,6 +21,8 @@ class Hardware {
   virtual ~Hardware() = default;
   // The node behind an interface, as "/dev/hidraw3", when this user may not open it; else empty.
   virtual std::string deniedNode(const std::wstring& path) = 0;
+  // Nodes whose report descriptor is none: nothing can be told of their interfaces.
+  virtual std::vector<std::string> damagedNodes() = 0;
   // The interfaces that are open.
   virtual std::vector<std::wstring> open() = 0;
 };

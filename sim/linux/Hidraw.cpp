@@ -1,6 +1,9 @@
 // hidapi lists the nodes and reads and writes them. Two threads of each device that is open block there, without the
 // machine's lock; what they bring, and what has become of what they took away, is told to the machine.
+#include <fcntl.h>
 #include <hidapi/hidapi.h>
+#include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,7 +11,9 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -30,6 +35,8 @@ namespace fs = std::filesystem;
 // Reads look so often whether they are still wanted: hidapi cannot end one that waits.
 constexpr int kLookMilliseconds = 50;
 constexpr std::size_t kLongestReport = 8193;  // with its id
+// So long after it has appeared, udev may still be about to say whose a node is.
+constexpr std::time_t kSettlingSeconds = 2;
 
 // Of what hidapi keeps for the whole process: the list, and the last error of an open.
 std::mutex& hidapi() {
@@ -86,8 +93,10 @@ std::string addressDigits(const wchar_t* serial) {
   return digits.size() == 12 ? digits : "";
 }
 
-// The path of the collection with this number (from 0) of so many. device: its folder in /sys.
-std::wstring windowsPath(const hid_device_info& info, const fs::path& device, std::size_t number, std::size_t count) {
+// The path of the collection with this number (from 0) of so many. device: its folder in /sys. turn: counts up while
+// another one has it, as of a Bluetooth device with two HID services.
+std::wstring windowsPath(const hid_device_info& info, const fs::path& device, std::size_t number, std::size_t count,
+                         unsigned turn) {
   const std::string vendor = fourDigits(info.vendor_id);
   const std::string product = fourDigits(info.product_id);
   const int collection = count > 1 ? static_cast<int>(number) + 1 : 0;
@@ -96,37 +105,59 @@ std::wstring windowsPath(const hid_device_info& info, const fs::path& device, st
     // All of them have one parent. The source of the vendor's number is not known here; that of all models is USB's,
     // 02.
     const std::string address = addressDigits(info.serial_number);
-    const std::string whose = address.empty() ? device.string() : address;
+    const std::string whose = (address.empty() ? device.string() : address) + std::string(turn, '+');
     const std::string instance = "8&" + placeDigits(whose) + "&0&" + fourDigits(static_cast<unsigned>(number));
     return bleHidPath("02" + vendor, product, instance, address.empty() ? "000000000000" : address, collection);
   }
-  const std::string instance = "7&" + placeDigits(place.string()) + "&0&" + fourDigits(static_cast<unsigned>(number));
+  const std::string instance =
+      "7&" + placeDigits(place.string() + std::string(turn, '+')) + "&0&" + fourDigits(static_cast<unsigned>(number));
   const bool composite = std::atoi(contents(place.parent_path() / "bNumInterfaces").c_str()) > 1;
   return usbHidPath(vendor, product, instance, composite ? info.interface_number : -1, collection);
 }
 
-void addInterfaces(const hid_device_info& info, std::vector<Interface>& found) {
+// What stands against an open: an error of the system's, or 0.
+int refusal(const std::string& node) { return access(node.c_str(), R_OK | W_OK) == 0 ? 0 : errno; }
+bool isDenied(int error) { return error == EACCES || error == EPERM; }
+
+bool isSettling(const std::string& node) {
+  struct stat status {};
+  return isDenied(refusal(node)) && stat(node.c_str(), &status) == 0 &&
+         std::time(nullptr) - status.st_ctime < kSettlingSeconds;
+}
+
+// What is listed; and nodes whose report descriptor is none.
+struct Listed {
+  std::vector<Interface> interfaces;
+  std::vector<std::string> damaged;
+};
+
+void addInterfaces(const hid_device_info& info, Listed& found) {
   const std::string node = info.path;
   std::error_code error;
   const fs::path device = fs::canonical(fs::path("/sys/class/hidraw") / fs::path(node).filename() / "device", error);
-  if (error) return;  // it has just gone
+  if (error || isSettling(node)) return;  // it has just gone, or come
   const std::string bytes = contents(device / "report_descriptor");
   const auto descriptor = parseReportDescriptor({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-  if (!descriptor) return;
+  if (!descriptor || descriptor->collections.empty()) return found.damaged.push_back(node);
   const auto& collections = descriptor->collections;
   for (std::size_t i = 0; i < collections.size(); ++i) {
-    found.push_back({.path = windowsPath(info, device, i, collections.size()),
-                     .node = node,
-                     .instance = device.string(),
-                     .vendor = info.vendor_id,
-                     .product = info.product_id,
-                     .numbered = descriptor->numbered,
-                     .reports = collections[i]});
+    std::wstring path;
+    const auto isTaken = [&path](const Interface& other) { return other.path == path; };
+    unsigned turn = 0;
+    do path = windowsPath(info, device, i, collections.size(), turn++);
+    while (std::any_of(found.interfaces.begin(), found.interfaces.end(), isTaken));
+    found.interfaces.push_back({.path = path,
+                                .node = node,
+                                .instance = device.string(),
+                                .vendor = info.vendor_id,
+                                .product = info.product_id,
+                                .numbered = descriptor->numbered,
+                                .reports = collections[i]});
   }
 }
 
-std::vector<Interface> listInterfaces() {
-  std::vector<Interface> found;
+Listed listInterfaces() {
+  Listed found;
   const std::lock_guard lock(hidapi());
   const std::unique_ptr<hid_device_info, void (*)(hid_device_info*)> list(hid_enumerate(0, 0), &hid_free_enumeration);
   std::string last;  // an entry for each collection
@@ -136,7 +167,14 @@ std::vector<Interface> listInterfaces() {
   return found;
 }
 
-bool isDenied(const std::string& node) { return access(node.c_str(), R_OK | W_OK) != 0 && errno == EACCES; }
+// What Windows says in such a case.
+DWORD windowsError(int error) {
+  if (isDenied(error)) return ERROR_ACCESS_DENIED;
+  if (error == EBUSY) return ERROR_SHARING_VIOLATION;
+  if (error == ENOENT || error == ENODEV || error == ENXIO) return ERROR_FILE_NOT_FOUND;
+  if (error == EMFILE || error == ENFILE || error == ENOMEM) return ERROR_NO_SYSTEM_RESOURCES;
+  return ERROR_GEN_FAILURE;
+}
 
 // ---- A device ----
 
@@ -147,10 +185,13 @@ class Helpers {
     std::unique_lock lock(mutex_);
     ended_.wait(lock, [this] { return running_ == 0; });
   }
-  // Throws when the system has none.
+  // Throws when the system has none. Signals are for the client's threads: one would end a read here.
   void run(std::function<void()> body) {
     const std::lock_guard lock(mutex_);
     std::thread([this, body = std::move(body)]() mutable {
+      sigset_t all;
+      sigfillset(&all);
+      pthread_sigmask(SIG_BLOCK, &all, nullptr);
       body();
       body = nullptr;
       const std::lock_guard end(mutex_);
@@ -215,6 +256,9 @@ class HidrawDevice final : public HidDevice {
   }
 
   const Interface& known() const { return known_; }
+  // Also by what the node's owner does not tell, as in a container.
+  bool isDenied() const { return denied_ || sim::isDenied(refusal(known_.node)); }
+  void setDenied(bool denied) { denied_ = denied; }
   // With the machine's lock held.
   bool isOpen() const { return line_ != nullptr; }
   void arrived(std::span<const std::uint8_t> report) REQUIRES(gate);
@@ -233,7 +277,8 @@ class HidrawDevice final : public HidDevice {
 
   const Interface known_;
   Helpers& helpers_;
-  std::shared_ptr<Line> line_;  // while it is open
+  std::atomic<bool> denied_{false};  // by the last open
+  std::shared_ptr<Line> line_;       // while it is open
 };
 
 void Line::start() {
@@ -260,15 +305,21 @@ void Line::finish(HidTransfer& transfer, DWORD error) {
 
 void Line::work() {
   const std::string& path = device_->known().node;
-  const auto open = [&path] {
+  // The first open wakes the device, which takes time; and hidapi, for which others would wait, keeps no error.
+  const int first = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  DWORD error = first < 0 ? windowsError(errno) : 0;
+  device_->setDenied(error == ERROR_ACCESS_DENIED);
+  const auto open = [&]() -> std::shared_ptr<hid_device> {
+    if (error != 0 || closing_) return nullptr;
     const std::lock_guard lock(hidapi());
-    return std::shared_ptr<hid_device>(hid_open_path(path.c_str()), [](hid_device* node) {
-      if (node) hid_close(node);
-    });
+    hid_device* const node = hid_open_path(path.c_str());
+    if (!node) return nullptr;
+    return {node, &hid_close};
   };
   const auto input = open();
   const auto output = open();
-  DWORD error = ERROR_FILE_NOT_FOUND;
+  if (first >= 0) ::close(first);
+  if (error == 0) error = ERROR_FILE_NOT_FOUND;
   if (input && output) {
     error = 0;
     try {
@@ -332,7 +383,7 @@ std::shared_ptr<HidTransfer> HidrawDevice::failed(DWORD error) {
 
 std::shared_ptr<HidTransfer> HidrawDevice::onOpened() {
   if (line_) return line_->opening();
-  if (isDenied(known_.node)) return failed(ERROR_ACCESS_DENIED);
+  if (sim::isDenied(refusal(known_.node))) return failed(ERROR_ACCESS_DENIED);
   const auto self = std::static_pointer_cast<HidrawDevice>(shared_from_this());
   auto line = std::make_shared<Line>(machine(), helpers_, self);
   try {
@@ -375,11 +426,15 @@ class Cable final : public Hardware {
   std::string deniedNode(const std::wstring& path) override {
     const std::lock_guard pass(passes_);
     for (const auto& device : devices_) {
-      if (device->path() == path && !device->faults.refuseOpen && isDenied(device->known().node)) {
+      if (device->path() == path && !device->faults.refuseOpen && device->isDenied()) {
         return device->known().node;
       }
     }
     return {};
+  }
+  std::vector<std::string> damagedNodes() override {
+    const std::lock_guard pass(passes_);
+    return damaged_;
   }
   std::vector<std::wstring> open() override {
     std::vector<std::wstring> paths;
@@ -397,7 +452,9 @@ class Cable final : public Hardware {
   // one.
   void look() {
     const std::lock_guard pass(passes_);
-    std::vector<Interface> found = listInterfaces();
+    Listed listed = listInterfaces();
+    damaged_ = std::move(listed.damaged);
+    std::vector<Interface>& found = listed.interfaces;
     machine_.locked([&]() REQUIRES(gate) {
       std::erase_if(devices_, [&](const auto& device) REQUIRES(gate) {
         const auto at =
@@ -417,6 +474,7 @@ class Cable final : public Hardware {
   Helpers helpers_;
   std::mutex passes_;
   std::vector<std::shared_ptr<HidrawDevice>> devices_;
+  std::vector<std::string> damaged_;
 };
 
 }  // namespace
@@ -425,7 +483,7 @@ std::unique_ptr<Hardware> Hardware::plugInto(Machine& machine) { return std::mak
 
 std::vector<std::wstring> Hardware::paths() {
   std::vector<std::wstring> paths;
-  for (const Interface& each : listInterfaces()) paths.push_back(each.path);
+  for (const Interface& each : listInterfaces().interfaces) paths.push_back(each.path);
   return paths;
 }
 

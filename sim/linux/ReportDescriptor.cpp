@@ -37,6 +37,12 @@ struct Globals {
   std::uint8_t id = 0;
 };
 
+// Four bytes bring their own page; else it is the one in force where the usage is used.
+struct Usage {
+  std::uint32_t value = 0;
+  bool hasPage = false;
+};
+
 using Bits = std::map<std::uint8_t, std::uint64_t>;
 
 class Parser {
@@ -95,8 +101,8 @@ class Parser {
         global_ = pushed_.back();
         return pushed_.pop_back(), true;
       case kUsage:
-        // Four bytes bring their own page. The first usage is the collection's.
-        if (!usage_) usage_ = size == 4 ? value : global_.usagePage << 16 | value;
+        // The first usage is the collection's.
+        if (!usage_) usage_ = {value, size == 4};
         return true;
       case kCollection:
         return begin();
@@ -114,13 +120,13 @@ class Parser {
   }
 
   bool begin() {
-    const std::uint32_t usage = usage_.value_or(global_.usagePage << 16);
+    const Usage usage = usage_.value_or(Usage{});
     usage_.reset();
     if (++depth_ > kDeepest) return false;
     if (depth_ > 1) return true;
     TopCollection collection;
-    collection.usagePage = static_cast<std::uint16_t>(usage >> 16);
-    collection.usage = static_cast<std::uint16_t>(usage);
+    collection.usagePage = static_cast<std::uint16_t>(usage.hasPage ? usage.value >> 16 : global_.usagePage);
+    collection.usage = static_cast<std::uint16_t>(usage.value);
     result_.collections.push_back(collection);
     return result_.collections.size() <= kMostCollections;
   }
@@ -152,7 +158,7 @@ class Parser {
   ReportDescriptor result_;
   Globals global_;
   std::vector<Globals> pushed_;
-  std::optional<std::uint32_t> usage_;
+  std::optional<Usage> usage_;
   std::size_t depth_ = 0;
   Bits input_;
   Bits output_;

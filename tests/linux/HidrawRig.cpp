@@ -2,7 +2,7 @@
 // Their firmware runs here, on the simulated machine; umockdev shows their folders in /sys and their nodes to the
 // program (to be run under umockdev-wrapper). A node is a pipe, whose packets are input reports; what umockdev hands
 // over are writes, and reads of a device that is gone. Beside them stand a foreign keyboard, and a mouse interface of
-// each USB device. HIDRAW_RIG_DENY in the environment: nobody may open the nodes.
+// each USB device. HIDRAW_RIG_DENY in the environment: for so many seconds nobody may open the nodes.
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <spawn.h>
@@ -18,6 +18,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -35,6 +36,7 @@ using Bytes = std::vector<guint8>;
 
 constexpr guint8 kMouseUsage = 2;
 constexpr guint8 kKeyboardUsage = 6;
+constexpr const char* kAddress = "C0:A8:01:02:03:FF";
 
 // A collection of the generic desktop, with an input report of four bytes; id 0: it has none.
 Bytes plainDescriptor(guint8 usage, guint8 id) {
@@ -101,6 +103,9 @@ class Node {
     return this;
   }
 
+  // udev has done with it.
+  void allow() const { chmod(path_.c_str(), 0600); }
+
   // Pulled out: a read that waits wakes up, and fails.
   void remove() {
     gone_ = true;
@@ -118,14 +123,14 @@ class Node {
  private:
   void makePipe(const std::string& node) {
     char* const root = umockdev_testbed_get_root_dir(testbed_);
-    const std::string path = root + node;
+    path_ = root + node;
     g_free(root);
-    unlink(path.c_str());
-    mkfifo(path.c_str(), 0600);
-    pipe_ = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    unlink(path_.c_str());
+    mkfifo(path_.c_str(), 0600);
+    pipe_ = open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     fcntl(pipe_, F_SETPIPE_SZ, 1 << 20);
     fcntl(pipe_, F_SETFL, O_DIRECT | O_NONBLOCK);
-    if (std::getenv("HIDRAW_RIG_DENY")) chmod(path.c_str(), 0);
+    if (std::getenv("HIDRAW_RIG_DENY")) chmod(path_.c_str(), 0);
   }
   static gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, Node* self) {
     if (umockdev_ioctl_client_get_request(client) != HIDIOCGRDESCSIZE) return FALSE;
@@ -153,6 +158,7 @@ class Node {
   const std::string name_;
   std::string hid_;
   std::string raw_;
+  std::string path_;
   int pipe_ = -1;
   std::atomic<bool> gone_{false};
 };
@@ -200,11 +206,15 @@ class Rig {
  public:
   explicit Rig(sim::Machine& machine) : machine_(machine) {
     add(usbInterface(0x1234, 0x0001, 1, 0), 0x1234, 0x0001, plainDescriptor(kKeyboardUsage, 0));
+    add(usbInterface(0x1234, 0x0002, 1, 0), 0x1234, 0x0002, {0x05});  // half an item
   }
   ~Rig() { g_object_unref(testbed_); }
   Rig(const Rig&) = delete;
   Rig& operator=(const Rig&) = delete;
 
+  void allow() const {
+    for (const auto& node : nodes_) node->allow();
+  }
   void follow() {
     std::vector<std::wstring> paths;
     machine_.locked([&]() REQUIRES(sim::gate) { paths = machine_.hid().paths(); });
@@ -240,9 +250,10 @@ class Rig {
                                        ids[1].data(), "bNumInterfaces", count.c_str(), "bcdDevice", "0100", nullptr,
                                        "DEVTYPE", "usb_device", nullptr);
   }
-  Node* add(const std::string& parent, guint16 vendor, guint16 product, Bytes descriptor) {
+  Node* add(const std::string& parent, guint16 vendor, guint16 product, Bytes descriptor, const char* bus = "0003",
+            const char* unique = "") {
     nodes_.push_back(
-        std::make_unique<Node>(testbed_, next_++, parent, "0003", vendor, product, "", std::move(descriptor)));
+        std::make_unique<Node>(testbed_, next_++, parent, bus, vendor, product, unique, std::move(descriptor)));
     return nodes_.back()->attach();
   }
 
@@ -264,7 +275,12 @@ class Rig {
     std::vector<Node*>& nodes = plugged_[path];
     std::string parent;
     if (path.find(L"_dev_vid&") != path.npos) {
-      // One node for all that it is: its mouse is the first collection.
+      // Another service of the same device has a node of its own, which looks the same.
+      Bytes other = plainDescriptor(kMouseUsage, 1);
+      const Bytes keyboard = plainDescriptor(kKeyboardUsage, 2);
+      other.insert(other.end(), keyboard.begin(), keyboard.end());
+      nodes.push_back(add("", ids.VendorID, ids.ProductID, other, "0005", kAddress));
+      // One node for the rest: its mouse is the first collection.
       const Bytes mouse = plainDescriptor(kMouseUsage, 1);
       descriptor.insert(descriptor.begin(), mouse.begin(), mouse.end());
     } else {
@@ -274,8 +290,8 @@ class Rig {
     }
     nodes_.push_back(std::make_unique<MachineNode>(machine_, file, caps.InputReportByteLength, numbered, parent.empty(),
                                                    testbed_, next_++, parent, parent.empty() ? "0005" : "0003",
-                                                   ids.VendorID, ids.ProductID,
-                                                   parent.empty() ? "C0:A8:01:02:03:FF" : "", std::move(descriptor)));
+                                                   ids.VendorID, ids.ProductID, parent.empty() ? kAddress : "",
+                                                   std::move(descriptor)));
     nodes.push_back(nodes_.back()->attach());
   }
 
@@ -304,10 +320,16 @@ int watch(int argc, char** argv) {
     std::fprintf(stderr, "hidraw_rig: %s: %s\n", argv[2], g_strerror(error));
     return 1;
   }
+  const char* deny = std::getenv("HIDRAW_RIG_DENY");
+  const auto allowed = std::chrono::steady_clock::now() + std::chrono::duration<double>(deny ? std::atof(deny) : 0);
   int status = 0;
   while (waitpid(child, &status, WNOHANG) == 0) {
     desk->catchUp();
     rig.follow();
+    if (deny && std::chrono::steady_clock::now() >= allowed) {
+      deny = nullptr;
+      rig.allow();
+    }
     machine->sleep(std::chrono::milliseconds(5));
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

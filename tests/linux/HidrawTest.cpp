@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <string>
 
 #include "VoxDevice/VoxDevice.h"
 #include "sim/Hardware.h"
@@ -23,6 +25,15 @@ std::size_t openNodes() {
   return count;
 }
 
+// What a debugger, a profiler or a timer of the client's does.
+void signalEveryThread() {
+  signal(SIGUSR1, [](int) {});
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    const int id = std::stoi(thread.path().filename().string());
+    if (id != gettid()) tgkill(getpid(), id, SIGUSR1);
+  }
+}
+
 // Again and again: devices that are read, and others that are just being opened.
 TEST(Hidraw, IsReleasedWithReadsBlockedAndLeavesNothingOpen) {
   for (const auto patience : {2500, 1000, 1040, 1100}) {
@@ -35,6 +46,11 @@ TEST(Hidraw, IsReleasedWithReadsBlockedAndLeavesNothingOpen) {
       if (patience == 2500) {
         EXPECT_TRUE(hub.IsConnect());
         EXPECT_EQ(openNodes(), 4U);  // two devices, each with a node for reading and one for writing
+        signalEveryThread();
+        for (int i = 0; i < 10; ++i) {
+          machine.sleep(std::chrono::milliseconds(10));
+          EXPECT_EQ(openNodes(), 4U) << "a signal is no unplug";
+        }
       }
       const auto begin = Clock::now();
       hub.CloseDevice();

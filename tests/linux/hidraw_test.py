@@ -35,9 +35,9 @@ def usb(ids, port, interface, collection=0, mi=True):
     return f"\\\\?\\hid#vid_{vendor}&pid_{product}{part}#{instance}#{{4d1e55b2-f16f-11cf-88cb-001111000030}}"
 
 
-def low_energy(collection):
+def low_energy(collection, turn=""):
     return ("\\\\?\\hid#{00001812-0000-1000-8000-00805f9b34fb}_dev_vid&02248a_pid&8266_rev&0001_c0a8010203ff"
-            f"&col0{collection}#8&{place('c0a8010203ff')}&0&000{collection - 1}#"
+            f"&col0{collection}#8&{place('c0a8010203ff' + turn)}&0&000{collection - 1}#"
             "{4d1e55b2-f16f-11cf-88cb-001111000030}")
 
 
@@ -46,14 +46,14 @@ class Test:
         self.folder = pathlib.Path(folder)
         self.runs = 0
 
-    def run(self, desk, *command, deny=False, **environment):
+    def run(self, desk, *command, deny=0, **environment):
         """The command's exit code, its standard output and error."""
         self.runs += 1
         command = (*PROGRAM, *command)
         file = self.folder / f"desk{self.runs}.json"
         file.write_text(json.dumps(desk))
         if deny:
-            environment["HIDRAW_RIG_DENY"] = "1"
+            environment["HIDRAW_RIG_DENY"] = str(deny)  # seconds
             if os.geteuid() == 0:  # who may open everything
                 command = ("setpriv", "--bounding-set=-dac_override,-dac_read_search", *command)
         ended = subprocess.run(["umockdev-wrapper", PROGRAMS[0], str(file), *command], capture_output=True, text=True,
@@ -73,10 +73,12 @@ class Test:
         found = [(e["path"], e["model"], e["input_length"], e["output_length"], re.sub("^access is .*", "denied", e["verdict"]))
                  for e in events if e["event"] == "interface"]
         expected = [(usb("1234:0001", 1, 0, mi=False), "", 0, 0, "no model of ours has 1234:0001"),
-                    (usb("6d8c:6137", 2, 0), "VoxMouse Wren", 0, 0, "denied"),
-                    (usb("6d8c:6137", 2, 1), "VoxMouse Wren", 64, 64, "in use"),
+                    (usb("6d8c:6137", 3, 0), "VoxMouse Wren", 0, 0, "denied"),
+                    (usb("6d8c:6137", 3, 1), "VoxMouse Wren", 64, 64, "in use"),
                     (low_energy(1), "VoxMouse Heron Plus", 0, 0, "denied"),
-                    (low_energy(2), "VoxMouse Heron Plus", 64, 64, "in use")]
+                    (low_energy(2), "VoxMouse Heron Plus", 0, 0, "denied"),
+                    (low_energy(1, "+"), "VoxMouse Heron Plus", 0, 0, "denied"),
+                    (low_energy(2, "+"), "VoxMouse Heron Plus", 64, 64, "in use")]
         assert sorted(found) == sorted(expected), found
         devices = {(e["model"], e["link"], e["battery"], e["dpi"]) for e in events if e["event"] == "device"}
         assert devices == {("VoxMouse Wren", "USB", 80, 1600), ("VoxMouse Heron Plus", "Bluetooth LE", 64, 1200)}, devices
@@ -123,6 +125,7 @@ class Test:
         image = self.folder / "image.bin"
         image.write_bytes(bytes(i * 7 & 255 for i in range(20000)))
         for arguments, expected in {
+            ("devices", "--verbose"): "/dev/hidraw1 is left alone: its report descriptor is damaged.",
             ("state", "--device", "heron plus"): "battery 64 %, DPI 1200",
             ("dpi", "2400", "--device", "wren"): "DPI 2400",
             ("url", "example.com/a", "--device", "heron plus"): "download URL accepted",
@@ -141,12 +144,24 @@ class Test:
         assert any(e["event"] == "main-menu" for e in events), events
 
     def denied(self):
-        events = self.events(DESK, "devices", "--verbose", deny=True)
+        # Without reports: each makes its pipe look like a node that has just come.
+        desk = {**DESK, "legacy": [{"kind": "voice-keyboard"}, {"kind": "hid-mouse"}]}
+        events = self.events(desk, "devices", "--verbose", deny=60)
         assert not [e for e in events if e["event"] == "device"], events
         verdicts = [e["verdict"] for e in events if e["event"] == "interface" and "/dev/hidraw" in e["verdict"]]
-        assert len(verdicts) == 2 and all("docs/linux.md" in verdict for verdict in verdicts), verdicts
-        code, out, error = self.voxdesk(DESK, "monitor", "--seconds", "3", deny=True)
+        assert len(verdicts) == 4 and all("docs/linux.md" in verdict for verdict in verdicts), verdicts
+        code, out, error = self.voxdesk(desk, "monitor", "--seconds", "3", deny=60)
         assert (code, out.splitlines()[1:], error) == (0, [], ""), (code, out, error)  # silence
+        code, out, error = self.voxdesk(desk, "doctor", deny=60)
+        assert out.count("What may help: install those rules, and plug it in again") == 4, (code, out, error)
+        code, out, error = self.voxdesk(desk, "legacy", "--seconds", "3", deny=60)
+        assert "An older mouse stays silent: this user may not open /dev/hidraw" in out, (code, out, error)
+
+    def settles(self):
+        """An older device that is refused once is not tried again: a node is no interface before udev has done with it."""
+        desk = {"devices": [], "legacy": [{"kind": "hid-mouse", "timeline": [{"at": 5, "key": 33}, {"at": 6, "key": 0}]}]}
+        events = self.events(desk, "legacy", "--seconds", "7", deny=0.7)
+        assert [e["down"] for e in events if e["event"] == "key"] == [True, False], events
 
     def sentences(self):
         for arguments, code, sentence in (
@@ -189,7 +204,7 @@ def main() -> int:
     with tempfile.TemporaryDirectory() as folder, concurrent.futures.ThreadPoolExecutor(3) as pool:
         test = Test(folder)
         names = [only] if only else [
-            "lists", "presses_and_pulls_out", "reports", "records", "commands", "older", "denied", "sentences", "ends",
+            "lists", "presses_and_pulls_out", "reports", "records", "commands", "older", "denied", "settles", "sentences", "ends",
             "client", "rules"]
         running = {name: pool.submit(getattr(test, name)) for name in names}
         for name, future in running.items():

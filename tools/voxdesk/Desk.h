@@ -61,6 +61,8 @@ class Desk {
     (void)path;
     return {};
   }
+  // What looks like a HID interface and is none, a sentence each without its full stop.
+  virtual std::vector<std::string> damaged() { return {}; }
   // How many devices are going to be announced; nothing when nobody knows.
   virtual std::optional<std::size_t> expectedDevices() const = 0;
 

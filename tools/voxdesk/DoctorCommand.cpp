@@ -72,14 +72,18 @@ void Doctor::lookAtInterfaces() {
   tellInterfaces(session_, all);
   bool any = false;
   for (const SurveyedInterface& hid : all) {
-    any = any || !hid.model.empty();
-    if (hid.model.empty() || hid.verdict == "in use") continue;
+    const bool older = !hid.older.empty();
+    any = any || older || !hid.model.empty();
+    if (older ? !hid.denied : hid.model.empty() || hid.verdict == "in use") continue;
     // Another interface of the same device may be the one.
     const bool served = std::any_of(all.begin(), all.end(), [&hid](const SurveyedInterface& other) {
-      return other.device > 0 && other.vendor == hid.vendor && other.product == hid.product;
+      return (other.device > 0 || (other.denied && !hid.denied)) && other.vendor == hid.vendor &&
+             other.product == hid.product;
     });
     if (!served) {
-      find(hid.model, hid.verdict, "close other programs that use it, and plug it in again");
+      find(older ? hid.older : hid.model, hid.verdict,
+           hid.denied ? "install those rules, and plug it in again"
+                      : "close other programs that use it, and plug it in again");
     }
   }
   if (!any) find("devices", "none of ours is plugged in", "plug one in, or pair it in the Bluetooth settings");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Survey.h"
 #include "sim/Hardware.h"
 #include "sim/Text.h"
 
@@ -24,6 +25,13 @@ class HardwareDesk final : public Desk {
     if (node.empty()) return {};
     return "this user may not open " + node + "; the udev rules of docs/linux.md let whoever sits at the computer";
   }
+  std::vector<std::string> damaged() override {
+    std::vector<std::string> sentences;
+    for (const std::string& node : hardware_->damagedNodes()) {
+      sentences.push_back(node + " is left alone: its report descriptor is damaged");
+    }
+    return sentences;
+  }
   std::optional<std::size_t> expectedDevices() const override { return std::nullopt; }
   std::string voiceKeyOwner() const override { return {}; }
   void holdVoiceKey(bool) override {}
@@ -33,9 +41,8 @@ class HardwareDesk final : public Desk {
   std::optional<SoundOutput> speaker() override { return std::nullopt; }
   std::size_t legacyHids() override {
     const auto open = hardware_->open();
-    return static_cast<std::size_t>(std::count_if(open.begin(), open.end(), [](const std::wstring& path) {
-      return path.find(L"vid_0d8c&pid_0132") != path.npos || path.find(L"vid_0d8c&pid_0135") != path.npos;
-    }));
+    return static_cast<std::size_t>(std::count_if(
+        open.begin(), open.end(), [](const std::wstring& path) { return !olderOf(sim::utf8(path)).empty(); }));
   }
   std::string leftOpen(const LeftOpen& byDesign) override { return leftOpenOn(machine_, byDesign); }
 

@@ -1,8 +1,10 @@
 // The older mice, the voice keyboard and the laser pen.
 #include <cmath>
 #include <optional>
+#include <set>
 
 #include "Session.h"
+#include "Survey.h"
 #include "sim/Text.h"
 
 namespace {
@@ -39,6 +41,7 @@ class LegacyView {
     if (now >= nextHardwareLook_) {
       nextHardwareLook_ = now + 1;
       lookAtHardware();
+      lookForSilentOnes();
     }
     CFormerMouse& mouse = hardware_.mouse;
     change("left", mouse.GetKey_M_L() == ButtonDown, left_, "left key ");
@@ -67,6 +70,19 @@ class LegacyView {
     hardware_text_ = text;
     say("hardware", {{"kind", kind}, {"identity", identity}, {"sound", sound}, {"revision", revision}}, text);
   }
+  // Once for each device that this user may not open.
+  void lookForSilentOnes() {
+    std::vector<std::wstring> paths;
+    CAudioHidCenter::EnumerateHidInterfaces(paths);
+    for (const std::wstring& path : paths) {
+      const std::string text = sim::utf8(path);
+      const std::string older = olderOf(text);
+      const std::string denied = older.empty() ? "" : session_.desk->denied(text);
+      if (!denied.empty() && silent_.insert(text).second) {
+        session_.terminal.tell("An " + older + " stays silent: " + denied + ".");
+      }
+    }
+  }
   void change(const char* key, bool down, bool& known, const char* text) {
     if (std::exchange(known, down) != down)
       say("key", {{"key", key}, {"down", down}}, std::string(text) + buttonName(down));
@@ -79,6 +95,7 @@ class LegacyView {
   OlderHardware& hardware_;
   double nextHardwareLook_ = 0;
   std::string hardware_text_;
+  std::set<std::string> silent_;
   bool left_ = false;
   bool right_ = false;
   bool control_ = false;

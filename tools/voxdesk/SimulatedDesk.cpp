@@ -186,7 +186,10 @@ std::string sentencePath() {
 // For who has plugged a device in, and would look for it on a simulated desk.
 std::string hintAtHardware() {
   std::set<std::string> models;
-  for (const std::wstring& path : sim::Hardware::paths()) models.insert(modelOf(sim::utf8(path)));
+  for (const std::wstring& path : sim::Hardware::paths()) {
+    const std::string text = sim::utf8(path);
+    models.insert(modelOf(text) + olderOf(text));
+  }
   std::string names;
   for (const std::string& model : models) names += (names.empty() || model.empty() ? "" : ", ") + model;
   if (names.empty()) return {};

@@ -33,6 +33,8 @@ void identify(SurveyedInterface& hid) {
   }
   hid.vendor = identity.vid;
   hid.product = identity.pid;
+  if (hid.link == DataChannel_Usb && hid.vendor == "0d8c" && hid.product == "0132") hid.older = "older mouse";
+  if (hid.link == DataChannel_Usb && hid.vendor == "0d8c" && hid.product == "0135") hid.older = "older voice keyboard";
   for (const ModelSheet& sheet : ModelSheets()) {
     const auto& ids = hid.link == DataChannel_Usb ? sheet.usb : sheet.bluetooth;
     const bool ours = std::any_of(ids.begin(), ids.end(), [&hid](const HidId& id) {
@@ -47,6 +49,7 @@ void identify(SurveyedInterface& hid) {
 
 std::string verdictOf(const SurveyedInterface& hid) {
   if (hid.link == DataChannel_Unknown) return "not a USB or Bluetooth LE device: its path names no vendor";
+  if (!hid.older.empty()) return "an " + hid.older + ", which voxdesk legacy listens to";
   if (hid.model.empty()) return "no model of ours has " + hid.vendor + ":" + hid.product;
   if (hid.device > 0 && hid.opened) return "in use";
   if (hid.error == kAccessDenied) return "access is denied, as to each device's own mouse and keyboard collections";
@@ -116,6 +119,13 @@ std::string modelOf(const std::string& path) {
   return hid.model;
 }
 
+std::string olderOf(const std::string& path) {
+  SurveyedInterface hid;
+  hid.path = path;
+  identify(hid);
+  return hid.older;
+}
+
 std::vector<SurveyedInterface> Survey::interfaces(Desk& desk) const {
   std::vector<std::wstring> paths;
   CAudioHidCenter::EnumerateHidInterfaces(paths);
@@ -137,8 +147,11 @@ std::vector<SurveyedInterface> Survey::interfaces(Desk& desk) const {
       }
       if (event.device > 0) hid.device = event.device;
     }
-    const std::string denied = hid.error == kAccessDenied ? desk.denied(hid.path) : "";
-    hid.verdict = denied.empty() ? verdictOf(hid) : denied;
+    // Nobody has tried to open an older device here.
+    const bool asked = hid.error == kAccessDenied || !hid.older.empty();
+    const std::string denied = asked ? desk.denied(hid.path) : "";
+    hid.denied = !denied.empty();
+    hid.verdict = hid.denied ? denied : verdictOf(hid);
     present.push_back(std::move(hid));
   }
   return present;
@@ -148,12 +161,13 @@ void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& inte
   session.terminal.tell(interfaces.empty() ? "This computer has no HID interface." : "HID interfaces:");
   for (const SurveyedInterface& hid : interfaces) {
     const bool known = hid.inputLength > 0 || hid.outputLength > 0;
-    session.terminal.tell(
-        "  " + (hid.model.empty() ? std::string("-") : hid.model + ", firmware family " + hid.family) +
-        (known
-             ? ", reports of " + std::to_string(hid.inputLength) + " and " + std::to_string(hid.outputLength) + " bytes"
-             : "") +
-        (hid.device > 0 ? ", #" + std::to_string(hid.device) : "") + ": " + hid.verdict);
+    session.terminal.tell("  " +
+                          (hid.model.empty() ? std::string(hid.denied ? hid.older : "-")
+                                             : hid.model + ", firmware family " + hid.family) +
+                          (known ? ", reports of " + std::to_string(hid.inputLength) + " and " +
+                                       std::to_string(hid.outputLength) + " bytes"
+                                 : "") +
+                          (hid.device > 0 ? ", #" + std::to_string(hid.device) : "") + ": " + hid.verdict);
     session.terminal.tell("    " + hid.path);
     session.terminal.event(session.desk->seconds(), "interface",
                            {{"path", hid.path},
@@ -168,4 +182,5 @@ void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& inte
                             {"verdict", hid.verdict}},
                            "");
   }
+  for (const std::string& sentence : session.desk->damaged()) session.terminal.tell("  " + sentence + ".");
 }

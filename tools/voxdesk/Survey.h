@@ -18,6 +18,7 @@ struct SurveyedInterface {
   std::string vendor;   // four hexadecimal digits, by the path; empty: it has none
   std::string product;  // likewise
   std::string model;    // by the path; empty: none of ours
+  std::string older;    // likewise, of the HID devices from before the hub: what it is
   std::string family;   // of its firmware: "Tern", "Standard", "Zh"
   DataChannel link = DataChannel_Unknown;
   int inputLength = 0;   // bytes; 0: unknown
@@ -25,6 +26,7 @@ struct SurveyedInterface {
   bool opened = false;
   std::uint32_t error = 0;  // of the last attempt to open it
   int device = -1;          // the client's number for it
+  bool denied = false;      // to this user
   std::string verdict;      // a sentence: why it is not used, or that it is
 };
 
@@ -43,5 +45,7 @@ class Survey final : public Watcher {
 
 // The model that a path names; empty: none of ours.
 std::string modelOf(const std::string& path);
+// "older mouse" or "older voice keyboard" where a path names one; else empty.
+std::string olderOf(const std::string& path);
 // Prints them.
 void tellInterfaces(Session& session, const std::vector<SurveyedInterface>& interfaces);
