@@ -419,9 +419,7 @@ DeskSpeaker readSpeakerFile(const std::string& path) {
 }
 
 DeskDescription readDeskFile(const std::string& path) {
-  if (std::error_code error; std::filesystem::is_directory(pathOf(path), error)) {
-    throw DeskFileError(path + ": a folder; expected a desk file, or a capture");
-  }
+  if (!isOfBytes(pathOf(path))) throw DeskFileError(path + ": not a file of bytes; expected a desk file, or a capture");
   std::ifstream file(path);
   if (!file) throw DeskFileError(path + ": " + std::strerror(errno));
   DeskDescription desk;

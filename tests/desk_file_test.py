@@ -80,7 +80,7 @@ def main() -> int:
         for text, sentence in FILES:
             file.write_text(text)
             say(file, sentence)
-        say(pathlib.Path(folder), ": a folder; expected a desk file, or a capture")
+        say(pathlib.Path(folder), ": not a file of bytes; expected a desk file, or a capture")
     return wrong
 
 

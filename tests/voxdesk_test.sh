@@ -430,6 +430,23 @@ for case in 1:0 2:130; do
 done
 err "ended at once"
 
+# A pipe that nobody reads is waited for until Ctrl-C; none is read.
+mkfifo pipe
+for command in "--out pipe" "--picture pipe" "--capture pipe devices" "conform --junit pipe"; do
+  # shellcheck disable=SC2086
+  "$voxdesk" --virtual-time $command >out 2>err &
+  pid=$!
+  until_seen 'pipe: waiting until somebody reads' err
+  kill -INT "$pid"
+  ends 130
+  err "pipe: interrupted before anybody read this pipe"
+done
+for command in "--desk pipe devices" "record --speech pipe --out x.wav" "report pipe"; do
+  # shellcheck disable=SC2086
+  expect 1 $command
+  err "pipe: not a file of bytes; expected a"
+done
+
 # Standard output that is closed, full, or read no more; a disk that is full.
 for command in --help devices sound "mic --device Pipit --seconds 1 --out full.wav" "report case.pcapng"; do
   for output in /dev/full '&-'; do

@@ -1,8 +1,8 @@
 // What is plugged in, what stands in the way of its use, and what to do about it.
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 
+#include "Files.h"
 #include "Session.h"
 #include "Survey.h"
 #include "sim/Text.h"
@@ -233,6 +233,7 @@ void doctor(const Options& options) {
     throw Failure("--seconds: devices need " + fixed("%.0f s", kLeastSeconds) + " until something can be said of them",
                   kWrongUsage);
   }
+  checkOutput(options.reportPage);
   Survey survey;
   std::size_t findings = 0;
   {
@@ -254,9 +255,7 @@ void doctor(const Options& options) {
   }
   if (!options.reportPage.empty()) {
     const std::string page = capture::htmlOf(capture::tell(survey.capture({}), kSlowAnswer), "voxdesk doctor");
-    std::ofstream file(sim::pathOf(options.reportPage), std::ios::binary);
-    file.write(page.data(), static_cast<std::streamsize>(page.size()));
-    if (!file.flush()) throw Failure(options.reportPage + ": cannot be written");
+    writeOutput(options.reportPage, page);
   }
   if (findings > 0 && !interrupted())
     throw Failure("there " + std::string(findings == 1 ? "is " : "are ") + capture::plural(findings, "finding"));

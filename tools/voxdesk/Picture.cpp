@@ -1,17 +1,13 @@
 #include "Picture.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <complex>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <numbers>
 
-#include "Commands.h"
 #include "Desk.h"
-#include "sim/Text.h"
+#include "Files.h"
 #include "tools/capture/Sound.h"
 
 #define STB_IMAGE_WRITE_STATIC
@@ -181,16 +177,7 @@ class Canvas {
       static_cast<std::string*>(to)->append(static_cast<const char*>(bytes), static_cast<std::size_t>(count));
     };
     stbi_write_png_to_func(append, &png, kWidth, kHeight, 3, pixels_.data(), kWidth * 3);
-    errno = 0;
-    std::ofstream file(sim::pathOf(path), std::ios::binary);
-    file.write(png.data(), static_cast<std::streamsize>(png.size()));
-    if (file.flush() && !png.empty()) return;
-    const std::string why = std::strerror(errno);
-    file.close();
-    // Half a picture is none.
-    std::error_code error;
-    if (std::filesystem::is_regular_file(sim::pathOf(path), error)) std::filesystem::remove(sim::pathOf(path), error);
-    throw Failure(path + ": " + why);
+    writeOutput(path, png);
   }
 
  private:

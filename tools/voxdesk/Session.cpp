@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "Files.h"
 #include "platform/os.h"
 #include "sim/Text.h"
 
@@ -70,7 +71,8 @@ void Session::startCapture(const Options& options) {
         sim::pathOf(options.capture),
         capture::RecorderOptions{.noSpeech = options.noSpeech,
                                  .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
-                                 .now = [this, began] { return began + std::llround(desk->seconds() * 1e6); }});
+                                 .now = [this, began] { return began + std::llround(desk->seconds() * 1e6); },
+                                 .open = &openOutput});
   }
   VoxObserver::SetCallback(&Session::observe, this);
 }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "Files.h"
 #include "System.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
@@ -48,17 +49,6 @@ bool sameFile(const std::string& a, const std::string& b) {
   return full(one) == full(other);
 }
 
-void checkFile(const std::string& path) {
-  if (path.empty() || path == kStandardOutput) return;
-  const bool there = std::filesystem::exists(sim::pathOf(path));
-  // Whoever reads a pipe would take this for its end.
-  if (there && std::filesystem::is_fifo(sim::pathOf(path))) return;
-  std::FILE* file = std::fopen(path.c_str(), "ab");
-  if (!file) throw Failure(path + ": " + std::strerror(errno));
-  std::fclose(file);
-  if (!there) std::remove(path.c_str());
-}
-
 }  // namespace
 
 void Take::checkWritable(const Options& options) {
@@ -80,8 +70,8 @@ void Take::checkWritable(const Options& options) {
           kWrongUsage);
     }
   }
-  checkFile(options.out);
-  checkFile(options.picture);
+  checkOutput(options.out);
+  checkOutput(options.picture);
 }
 
 double Take::durationOf(const Options& options, std::optional<double> source) {
@@ -104,7 +94,12 @@ Take::~Take() {
 }
 
 void Take::open() {
-  file_ = path_ == kStandardOutput ? session_.terminal.output() : std::fopen(path_.c_str(), "wb");
+  try {
+    file_ = path_ == kStandardOutput ? session_.terminal.output() : openOutput(sim::pathOf(path_));
+  } catch (const Failure& failure) {
+    problem_ = failure.what();
+    return;
+  }
   if (!file_) return failed();
   // What is written is written, and how much of it is known.
   std::setvbuf(file_, nullptr, _IONBF, 0);
@@ -201,7 +196,8 @@ void Take::finish(const std::string& why) {
       if (!over()) throw;  // that the recording was cut off matters more
     }
   }
-  if (over()) throw Failure(problem_, outputProblem() == EPIPE ? kInterrupted : kFailed);
+  const bool ended = outputProblem() == EPIPE || (samples_ == 0 && interrupted());
+  if (over()) throw Failure(problem_, ended ? kInterrupted : kFailed);
   if (samples_ == 0) {
     const std::string reason = why.empty() && interrupted() ? "interrupted" : why;
     throw Failure((reason.empty() ? "" : reason + "; ") + "nothing has been recorded, and " + name_ + " is not written",
