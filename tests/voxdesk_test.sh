@@ -80,7 +80,7 @@ err "--seconds: devices need 4 s"
 expect 2 doctor --virtual-time --out -
 err "--out: the page goes into a file"
 expect 2 monitor --virtual-time --seconds nan
-err "nan is not a number"
+err 'expected a number from 0.001 to 86400, not "nan"'
 cp "$sample" mine.wav
 expect 2 --virtual-time record --speech mine.wav --out x.wav --picture mine.wav
 err "--picture: mine.wav is the file of --speech, too"
@@ -89,10 +89,6 @@ err "--capture: x.wav is the file of --out, too"
 cmp -s mine.wav "$sample" || fail "a file that is read was written over"
 expect 2 monitor --virtual-time
 err "needs --seconds"
-expect 2 bogus
-err 'there is no command "bogus"; the nearest is "'
-expect 2 moniter
-err 'the nearest is "monitor"'
 expect 0 --help
 out "docs/desk-file.md"
 
@@ -332,7 +328,17 @@ while IFS='|' read -r arguments option; do
   expect 2 $arguments
   err "$option"
 done <<'REFUSED'
+moniter|there is no command "moniter"; the nearest is "monitor"
+foo|there is no command "foo"; voxdesk --help lists them
+--bogus devices|devices does not take "--bogus"; voxdesk devices --help
 --out x.wav devices|--out: devices does not take this option
+--out x.wav mic --out y.wav|--out: stands behind its command, as in voxdesk mic --out
+--format raw mic --out y.wav|--format: stands behind its command, as in voxdesk mic --format
+mic --out x.wav --out y.wav|--out: given more than once
+mic --out=|--out: a value is missing
+mic --out x.wav --format mp3|--format: expected wav or raw, not "mp3"
+dpi abc|DPI: expected a whole number from 1 to 32767, not "abc"
+dpi 0800|not "0800"
 devices --seconds 3|--seconds: devices does not take this option
 mkey list --out x.wav|--out: list does not take this option
 report case.pcapng --virtual-time|--virtual-time: report does not take this option
@@ -378,10 +384,16 @@ until_seen() {
   done
   fail "not within 20 s: $1"
 }
-# begin ARGUMENTS...: runs voxdesk beside this script until it has recorded two seconds.
-begin() {
+# start ARGUMENTS...: runs voxdesk beside this script. What was there before is not taken for its output.
+start() {
+  : >out
+  : >err
   env --default-signal=QUIT "$voxdesk" "$@" >out 2>err &
   pid=$!
+}
+# begin ARGUMENTS...: ... until it has recorded two seconds.
+begin() {
+  start "$@"
   until_seen 'recording +[2-9]\.|"seconds":[2-9]\.' out
 }
 # ends CODE: how it ends.
@@ -408,8 +420,7 @@ out "wrote stopped.wav"
 cp stopped.wav before.wav
 for command in devices "dpi 800" "record --speech $sample --out before.wav" "--out before.wav"; do
   # shellcheck disable=SC2086
-  "$voxdesk" $command >out 2>err &
-  pid=$!
+  start $command
   until_seen '^SigCgt:.*[2367abef]$' "/proc/$pid/status"
   kill -INT "$pid"
   ends 130
@@ -419,8 +430,7 @@ cmp stopped.wav before.wav || fail "a recording that has not begun has destroyed
 # An update goes on after the first, and ends by the second.
 head -c 60000 "$sample" >long.bin
 for case in 1:0 2:130; do
-  "$voxdesk" update --yes --first long.bin >out 2>err &
-  pid=$!
+  start update --yes --first long.bin
   until_seen 'first image \[' out
   kill -INT "$pid"
   sleep 1
@@ -434,8 +444,7 @@ err "ended at once"
 mkfifo pipe
 for command in "--out pipe" "--picture pipe" "--capture pipe devices" "conform --junit pipe"; do
   # shellcheck disable=SC2086
-  "$voxdesk" --virtual-time $command >out 2>err &
-  pid=$!
+  start --virtual-time $command
   until_seen 'pipe: waiting until somebody reads' err
   kill -INT "$pid"
   ends 130
