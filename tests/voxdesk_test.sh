@@ -68,7 +68,7 @@ expect 2 -q --json devices
 
 # What goes wrong is explained.
 expect 1 --virtual-time record --device 9 --speech "$sample" --out x.wav
-err "no device has the number 9; there are: 1 (VoxMouse Wren) 2 (VoxMouse Heron Plus) 3 (VoxMouse Tern)"
+err "no device has the number 9; there are: 1 (VoxMouse Wren), 2 (VoxMouse Heron Plus), 3 (VoxMouse Tern)"
 expect 1 record --speech "$voxdesk" --out x.wav
 err "not a WAV file"
 expect 1 record --speech "$sample" --out nowhere/x.wav

@@ -116,8 +116,9 @@ void Judge::judgeAnswers() {
                                   ? ""
                                   : "after " + capture::milliseconds(answers.delays[answers.delays.size() / 2]) +
                                         " (median), " + capture::milliseconds(answers.delays.back()) + " (worst)";
-    if (!answers.delays.empty() && answers.delays.back() > kSlowest) late += std::string(" ") + request.name;
-    if (answers.twice > 0) twice += std::string(" ") + request.name;
+    if (!answers.delays.empty() && answers.delays.back() > kSlowest)
+      late += (late.empty() ? "" : ", ") + std::string(request.name);
+    if (answers.twice > 0) twice += (twice.empty() ? "" : ", ") + std::string(request.name);
     const std::string count = std::to_string(answers.unanswered) + " of " + std::to_string(answers.sent);
     if (request.code == GetDongleState && answers.delays.empty()) {
       skip(rule, "there is no receiver, or it does not answer");

@@ -26,7 +26,9 @@ std::string lower(std::string text) {
 
 std::string listOf(const std::vector<DeviceView>& devices) {
   std::string text;
-  for (const DeviceView& view : devices) text += " " + std::to_string(view.number) + " (" + view.model + ")";
+  for (const DeviceView& view : devices) {
+    text += (text.empty() ? "" : ", ") + std::to_string(view.number) + " (" + view.model + ")";
+  }
   return text;
 }
 
@@ -206,10 +208,10 @@ DeviceView Session::choose(const std::string& name) {
     std::vector<DeviceView> found;
     std::copy_if(devices.begin(), devices.end(), std::back_inserter(found), fits);
     if (found.size() == 1) return found.front();
-    if (found.size() > 1) throw Failure('"' + name + "\" may be any of:" + listOf(found) + "; give the number");
+    if (found.size() > 1) throw Failure('"' + name + "\" may be any of: " + listOf(found) + "; give the number");
   }
   throw Failure((number ? "no device has the number " + name : "no device is called \"" + name + '"') +
-                "; there are:" + listOf(devices));
+                "; there are: " + listOf(devices));
 }
 
 void Session::finish(const LeftOpen& byDesign) {

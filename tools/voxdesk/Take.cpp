@@ -186,10 +186,10 @@ void Take::drawPictures() {
 void Take::finish(const std::string& why) {
   patch();
   if (samples_ > 0) {
-    session_.terminal.event(session_.desk->seconds(), "recorded",
-                            {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
-                            "wrote " + name_ + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
-                                fixed(", peak %.1f dBFS", decibels(peak_)));
+    session_.terminal.event(
+        session_.desk->seconds(), "recorded",
+        {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
+        "wrote " + name_ + fixed(": %.2f s, 16 kHz mono", seconds()) + fixed(", peak %.1f dBFS", decibels(peak_)));
     try {
       drawPictures();
     } catch (const Failure&) {
