@@ -17,7 +17,6 @@
 namespace {
 
 constexpr int kRate = 16'000;
-constexpr double kPatchSeconds = 0.5;
 constexpr std::uint64_t kMostSamples = (0xFFFFFFFF - sim::kWavHeaderSize) / 2;  // by the sizes in a WAV file
 static_assert(std::endian::native == std::endian::little, "samples are written as they stand in memory");
 
@@ -134,22 +133,20 @@ void Take::failed() {
 void Take::add(const std::vector<std::int16_t>& more) {
   if (!more.empty() && !over()) {
     write(more);
+    patch();
     for (const int sample : more) peak_ = std::max(peak_, std::abs(sample));
     if (!picture_.empty() || session_.terminal.columns() > 0) sound_.add(more);
     show(more);
   }
-  if (over() || session_.desk->seconds() - patchedAt_ >= kPatchSeconds) patch();
 }
 
 void Take::patch() {
-  patchedAt_ = session_.desk->seconds();
-  if (!patches_ || patched_ == samples_) return;
+  if (!patches_) return;
   std::fpos_t end{};
   std::fgetpos(file_, &end);
   std::rewind(file_);
   writeHeader(static_cast<std::uint32_t>(samples_ * 2));
   std::fsetpos(file_, &end);
-  patched_ = samples_;
 }
 
 void Take::show(const std::vector<std::int16_t>& more) {
@@ -184,7 +181,6 @@ void Take::drawPictures() {
 }
 
 void Take::finish(const std::string& why) {
-  patch();
   if (samples_ > 0) {
     session_.terminal.event(
         session_.desk->seconds(), "recorded",
