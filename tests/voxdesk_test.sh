@@ -481,7 +481,7 @@ err "limit.wav: File too large; it holds the first 3.20 s"
 riff limit.wav
 
 # On a terminal: an update asks, and the level fits.
-terminal() { script -qec "stty cols 60; \"$voxdesk\" --virtual-time $1" script.log >out 2>err; }
+terminal() { TERM=${term:-xterm} script -qec "stty cols ${columns:-60}; \"$voxdesk\" --virtual-time $1" script.log >out 2>err; }
 for case in y:0 n:1; do
   got=0
   echo "${case%:*}" | terminal "update --first a.bin" || got=$?
@@ -490,6 +490,11 @@ for case in y:0 n:1; do
 done
 terminal "--out x.wav"
 ! sed -n '/voice channel closed/,$p' out | grep -q '\[' || fail "a level after the end of the voice channel"
-tr '\r' '\n' <out | sed 's/\x1b\[K//g' | grep recording | awk 'length > 59' | grep . && fail "a level of more than 59 columns"
-out "recording"
+for columns in 30 40 60; do
+  terminal "--out x.wav"
+  tr '\r' '\n' <out | sed 's/\x1b\[K//g' | grep recording | awk "length >= $columns" | grep . && fail "a level of $columns columns"
+  out "recording"
+done
+term=dumb terminal "--out x.wav"
+! grep -q "$(printf '\033')" out || fail "a terminal that does not know how is asked to erase a line"
 echo "voxdesk_test: all passed"

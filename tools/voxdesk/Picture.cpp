@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <numbers>
 
@@ -205,8 +207,33 @@ std::string number(double value) {
   return text;
 }
 
+constexpr double kMinute = 60;
+constexpr double kHour = 60 * kMinute;
+
+// As 1:05.
+std::string clock(double seconds) {
+  char text[32];
+  const auto minutes = static_cast<int>(std::lround(seconds / kMinute));
+  std::snprintf(text, sizeof text, "%d:%02d", minutes / 60, minutes % 60);
+  return text;
+}
+
+// What stands at the end of an axis: hours, or seconds rounded as everywhere else, without zeros at their end.
+std::string endOf(double seconds) {
+  if (seconds >= kHour) return clock(seconds) + " h";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", seconds);
+  return number(std::strtod(text, nullptr)) + " s";
+}
+
 // Between two marks of an axis, so that there are ten at most.
 double stepOf(double length) {
+  if (length >= kHour) {
+    for (const double minutes : {10, 15, 30, 60, 120}) {
+      if (10 * minutes * kMinute >= length) return minutes * kMinute;
+    }
+    return 3 * kHour;
+  }
   const double rough = length / 10;
   const double power = std::pow(10, std::floor(std::log10(rough)));
   for (const double factor : {1.0, 2.0, 5.0}) {
@@ -224,9 +251,10 @@ void drawTimeAxis(Canvas& canvas, double seconds) {
   };
   const double step = stepOf(seconds);
   // The end is named, and so it has its room.
-  for (int i = 0; i * step < seconds - 0.6 * step; ++i) mark(i * step, number(i * step));
-  mark(seconds, number(std::round(seconds * 100) / 100) + " s");
-  canvas.text(kLeft + kPlotWidth / 2, bottom + 12 + kLetterHeight, "seconds", 0.5);
+  const bool hours = seconds >= kHour;
+  for (int i = 0; i * step < seconds - 0.6 * step; ++i) mark(i * step, hours ? clock(i * step) : number(i * step));
+  mark(seconds, endOf(seconds));
+  canvas.text(kLeft + kPlotWidth / 2, bottom + 12 + kLetterHeight, hours ? "hours:minutes" : "seconds", 0.5);
 }
 
 void drawWaveAxis(Canvas& canvas) {
@@ -345,7 +373,7 @@ std::vector<std::string> SoundPicture::lines(std::size_t width, bool unicode) {
       lines[kRows + row] += cellOf(shade, (bands[kRows - 1 - row] - kDarkest) / (kBrightest - kDarkest));
     }
   }
-  const std::string end = number(std::round(seconds() * 100) / 100) + " s";
+  const std::string end = endOf(seconds());
   lines.push_back(std::string(labelled, ' ') + "0" + std::string(plot - 1 - end.size(), ' ') + end);
   return lines;
 }

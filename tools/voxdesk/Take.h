@@ -10,8 +10,8 @@
 #include "Picture.h"
 #include "Session.h"
 
-// 16 kHz, mono, 16-bit. What has come is in the file at once, and its header knows, so that neither a signal nor a crash
-// takes any of it. A file that was there before stays until the first sample comes.
+// 16 kHz, mono, 16-bit. What has come is in the file at once, and its header knows, so that neither a signal nor a
+// crash takes any of it. A file that was there before stays until the first sample comes.
 class Take {
  public:
   // Fails now rather than after the recording: where its file, or its picture, cannot be written.
