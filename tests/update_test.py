@@ -69,6 +69,8 @@ def main() -> int:
         for said, code, arguments in (
                 ("both images have the same content", 0, both), ("only --first can be sent", 1, ["--link", "bluetooth", *both]),
                 ("there is no such device to rehearse with", 1, ["--device", "gull", *both]),
+                ("which device? --device gives its number; there are: 1 Wren (usb), 2 Wren (usb)", 1,
+                 ["--device", "wren", "--desk", str(desk_of(folder, *[{"model": "Wren"}] * 2)), *both]),
                 ("a rehearsal does not take this option", 2, ["--capture", "a.pcapng", *both])):
             ended = run("update", "--rehearse", "--json", *arguments)
             if ended[0] != code or said not in ended[2]:
@@ -85,9 +87,9 @@ def main() -> int:
     return len(wrong) > 0
 
 
-def desk_of(folder: str, device: dict) -> pathlib.Path:
+def desk_of(folder: str, *devices: dict) -> pathlib.Path:
     desk = pathlib.Path(folder, "desk.json")
-    desk.write_text(json.dumps({"devices": [device]}))
+    desk.write_text(json.dumps({"devices": devices}))
     return desk
 
 

@@ -472,6 +472,11 @@ for command in monitor "speaker --out - --format raw"; do
   [ "$(cat code)" -eq 130 ] || fail "exit code $(cat code): $command"
   err "interrupted: nobody reads standard output any more"
 done
+expect 1 --virtual-time --capture /dev/full devices
+err "the capture is not whole: /dev/full: No space left on device"
+! grep -q Captured out || fail "what is not captured"
+expect 1 --virtual-time conform --junit nowhere/x.xml
+[ ! -s out ] || fail "the rules are tried for nothing"
 expect 1 --virtual-time speaker --out /dev/full
 err "/dev/full: No space left on device; nothing has been recorded"
 got=0

@@ -110,21 +110,28 @@ std::vector<sim::DeskDevice> candidates(const Options& options) {
   return all;
 }
 
-// By its place in the desk file, or its model.
+// By its place in the desk file, or its model. Of the models without a desk file, on the first link.
 sim::DeskDevice chosen(const Options& options) {
   const auto all = candidates(options);
   const bool ofDesk = !options.deskFile.empty() && options.deskFile != "default";
   const std::string wanted = lower(options.device.empty() && !ofDesk ? "wren" : options.device);
   std::string names;
+  std::string fitting;
+  std::vector<sim::DeskDevice> found;
   for (std::size_t i = 0; i < all.size(); ++i) {
     const std::string model = lower(all[i].model);
     const std::string link = all[i].link == sim::Link::usb ? "usb" : "bluetooth";
+    const std::string name = (ofDesk ? std::to_string(i + 1) + " " : "") + all[i].model + " (" + link + ")";
+    names += (names.empty() ? "" : ", ") + name;
     const bool named = wanted.empty() || wanted == model || wanted == "voxmouse " + model ||
                        (ofDesk && wanted == std::to_string(i + 1));
-    if (named && (options.link.empty() || options.link == link)) return all[i];
-    names += (names.empty() ? "" : ", ") + all[i].model + " (" + link + ")";
+    if (!named || (!options.link.empty() && options.link != link)) continue;
+    fitting += (fitting.empty() ? "" : ", ") + name;
+    found.push_back(all[i]);
   }
-  throw Failure("there is no such device to rehearse with; there are: " + names);
+  if (found.empty()) throw Failure("there is no such device to rehearse with; there are: " + names);
+  if (ofDesk && found.size() > 1) throw Failure("which device? --device gives its number; there are: " + fitting);
+  return found.front();
 }
 
 // The messages that an update sends are noted in `sent`.

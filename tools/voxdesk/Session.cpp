@@ -132,10 +132,9 @@ void Session::stop() {
   }
   if (!recorder_) return;
   recorder_->finish();
-  if (const std::string problem = recorder_->problem(); !problem.empty()) {
-    captureProblem_ = "the capture is not whole: " + problem;
-  }
-  terminal.say("Captured in " + recorder_->summary() + ".");
+  const std::string problem = recorder_->problem();
+  if (problem.empty()) terminal.say("Captured in " + recorder_->summary() + ".");
+  if (!problem.empty()) captureProblem_ = "the capture is not whole: " + problem;
   recorder_.reset();
 }
 
