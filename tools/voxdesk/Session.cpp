@@ -105,13 +105,29 @@ void Session::writeReport(int device, std::vector<std::uint8_t> report) {
     VoxObservation sent{};
     sent.kind = VoxObservation_Sent;
     sent.device = device;
+    sent.link = client->hub().GetDeviceConnectMode(device);
+    sent.inputLength = caps.InputReportByteLength;
+    sent.outputLength = caps.OutputReportByteLength;
+    HIDD_ATTRIBUTES attributes{};
+    attributes.Size = sizeof attributes;
+    if (os::HidD_GetAttributes(file, &attributes)) {
+      sent.vendor = attributes.VendorID;
+      sent.product = attributes.ProductID;
+    }
     const std::wstring path = client->pathOf(device);
     sent.path = path.c_str();
     sent.report = report.data();
     sent.reportLength = static_cast<int>(length);
     observe(sent, this);
     DWORD count = 0;
-    if (!os::WriteFile(file, report.data(), static_cast<DWORD>(length), &count, nullptr)) error = os::GetLastError();
+    if (!os::WriteFile(file, report.data(), static_cast<DWORD>(length), &count, nullptr)) {
+      error = os::GetLastError();
+      sent.kind = VoxObservation_WriteFailed;
+      sent.error = error;
+      sent.report = nullptr;
+      sent.reportLength = 0;
+      observe(sent, this);
+    }
   }
   os::CloseHandle(file);
   if (report.size() > length) {
