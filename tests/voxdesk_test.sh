@@ -420,6 +420,7 @@ cp stopped.wav before.wav
 for command in devices "dpi 800" "record --speech $sample --out before.wav" "--out before.wav"; do
   # shellcheck disable=SC2086
   start $command
+  until_seen '^Name:[[:space:]]*voxdesk$' "/proc/$pid/status"  # and no shell, which catches signals, too
   until_seen '^SigCgt:.*[2367abef]$' "/proc/$pid/status"
   kill -INT "$pid"
   ends 130
