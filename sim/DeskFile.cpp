@@ -467,8 +467,13 @@ DeskDescription readDeskFile(const std::string& path) {
   try {
     root = json::parse(file, NoDoubles(path));
   } catch (const json::parse_error& error) {
-    const std::string what = error.what();  // begins with the library's own mark in brackets
-    throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));
+    // Without its mark in brackets, and what it was about to read.
+    std::string what = error.what();
+    what.erase(0, what.find("] ") + 2);
+    const std::size_t at = what.find("syntax error");
+    const std::size_t end = at == what.npos ? at : what.find(" - ", at);
+    if (end != what.npos) what.erase(at, end + 3 - at);
+    throw DeskFileError(path + ": " + what);
   } catch (const json::out_of_range& error) {
     const std::string what = error.what();  // names the number in quotes
     throw DeskFileError(path + ": a number is too large: " + what.substr(std::min(what.size(), what.find('\''))));
