@@ -98,7 +98,10 @@ std::string notFound(const std::string& expected, const std::string& found) {
 
 // whole: in digits, of which the first is no zero, as that would make it octal.
 CLI::Validator number(double least, double most, bool whole = false) {
-  return {[=](const std::string& text) {
+  std::ostringstream bounds;
+  bounds.precision(10);
+  bounds << least << " to " << most;
+  return {[=, range = bounds.str()](const std::string& text) {
             char* end = nullptr;
             const double value = std::strtod(text.c_str(), &end);
             const bool digits = std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -107,12 +110,9 @@ CLI::Validator number(double least, double most, bool whole = false) {
                 (!whole || (digits && (text == "0" || text[0] != '0')))) {
               return std::string();
             }
-            std::ostringstream expected;
-            expected.precision(10);
-            expected << (whole ? "a whole number" : "a number") << " from " << least << " to " << most;
-            return notFound(expected.str(), text);
+            return notFound((whole ? "a whole number from " : "a number from ") + range, text);
           },
-          ""};
+          bounds.str()};
 }
 
 }  // namespace
@@ -285,7 +285,7 @@ int main(int argc, char** argv) {
                                   "Try it with a simulated device (--device: its model; default: wren), once for each "
                                   "thing that may go wrong with each message")
                        ->excludes(yes);
-  update->add_option("--link", options.link, "... on this link; default: usb, where the model has it")
+  update->add_option("--link", options.link, "... on this link: usb or bluetooth; default: usb, where the model has it")
       ->needs(rehearse)
       ->check([](const std::string& text) {
         return text == "usb" || text == "bluetooth" ? std::string() : notFound("usb or bluetooth", text);
