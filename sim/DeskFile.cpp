@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -37,6 +38,9 @@ const std::map<std::string, LegacyKind> kLegacyKinds = {
     {"hid-mouse", LegacyKind::hidMouse},      {"voice-keyboard", LegacyKind::voiceKeyboard},
 };
 
+// Of all models.
+const std::set<char> kKeys = {'0', '1', '2', '3', '4', '5', '9', '@', 'C', 'I', 'Z', ']'};
+
 const std::map<std::string, int> kVirtualKeys = {
     {"XBUTTON1", 0x05}, {"XBUTTON2", 0x06}, {"PAGEUP", 0x21}, {"PAGEDOWN", 0x22}, {"F9", 0x78},
     {"F15", 0x7E},      {"F16", 0x7F},      {"F17", 0x80},    {"F18", 0x81},      {"F19", 0x82},
@@ -54,7 +58,7 @@ std::vector<std::string> namesOf(const Map& map) {
 template <class Names>
 std::string listOf(const Names& names) {
   std::string text;
-  for (const auto& name : names) text += (text.empty() ? "" : ", ") + std::string(name);
+  for (const auto& name : names) (text += text.empty() ? "" : ", ") += name;
   return text;
 }
 
@@ -93,10 +97,12 @@ class Place {
   }
   template <class Integer>
   Integer integer(int least, int most) const {
-    if (!value_.is_number_integer() || value_ < least || value_ > most) {
+    // 50.0 is one, too.
+    const double value = value_.is_number() ? value_.get<double>() : most + 1.0;
+    if (value < least || value > most || value != std::floor(value)) {
       expected("a whole number from " + std::to_string(least) + " to " + std::to_string(most));
     }
-    return static_cast<Integer>(value_.get<int>());
+    return static_cast<Integer>(value);
   }
   double seconds() const {
     if (!value_.is_number() || value_.get<double>() < 0 || value_.get<double>() > 1e6)
@@ -142,7 +148,8 @@ DeskAction readAction(const Place& place) {
   int actions = 0;
   if (place.has("key")) {
     const std::string key = place["key"].text("a key character");
-    if (key.size() != 1) place["key"].expected("one key character");
+    if (key.size() != 1 || !kKeys.contains(key[0]))
+      place["key"].expected("one of the keys that a model has: " + listOf(kKeys));
     action.kind = DeskAction::Kind::key;
     action.key = key[0];
     ++actions;
@@ -166,7 +173,26 @@ DeskAction readAction(const Place& place) {
   return action;
 }
 
-void readUpdateFault(const Place& place, UpdateStep step, DeskDevice& device) {
+// Refuses to plug in what is plugged in, and the reverse.
+template <class Action>
+void checkPlugs(const Place& place, const std::vector<Action>& timeline, bool plugged) {
+  std::multimap<double, std::pair<Place, Action>> entries;
+  auto next = timeline.begin();
+  place.each("timeline", [&](const Place& entry) { entries.emplace(next->at, std::pair(entry, *next)), ++next; });
+  for (const auto& [at, each] : entries) {
+    const auto& [entry, action] = each;
+    const bool plugs = action.kind == Action::Kind::plug;
+    if (!plugs && action.kind != Action::Kind::unplug) continue;
+    if (plugs == plugged) {
+      entry.expected(plugs ? "\"unplug\" before it, as it is plugged in then"
+                           : "\"plug\" before it, as it is not plugged in then");
+    }
+    plugged = plugs;
+  }
+}
+
+// Returns what it is a fault of, of which there is to be one.
+std::string readUpdateFault(const Place& place, UpdateStep step, DeskDevice& device) {
   place.object(step == UpdateStep::data ? std::initializer_list<const char*>{"command", "answer", "image", "message"}
                                         : std::initializer_list<const char*>{"command", "answer", "image"});
   if (step == UpdateStep::prepare && findModel(device.model)->update != UpdateFlow::bytes) {
@@ -192,21 +218,23 @@ void readUpdateFault(const Place& place, UpdateStep step, DeskDevice& device) {
   } else {
     place["answer"].expected("one of: silent, refuse, unplug");
   }
+  return "the " + image + " image";
 }
 
-void readFault(const Place& place, DeskDevice& device) {
+// Likewise.
+std::string readFault(const Place& place, DeskDevice& device) {
   place.object({"command", "answer", "delay_ms", "open", "writes", "image", "message"});
   if (place.has("open")) {
     place.object({"open"});
     if (place["open"].text("\"refused\"") != "refused") place["open"].expected("\"refused\"");
     device.refuseOpen = true;
-    return;
+    return "opening";
   }
   if (place.has("writes")) {
     place.object({"writes"});
     if (place["writes"].text("\"fail\"") != "fail") place["writes"].expected("\"fail\"");
     device.failWrites = true;
-    return;
+    return "writing";
   }
   if (!place.has("command")) place.expected("\"command\", \"open\" or \"writes\"");
   const std::string name = place["command"].text("a command's name");
@@ -237,6 +265,7 @@ void readFault(const Place& place, DeskDevice& device) {
     place["answer"].expected("one of: silent, refuse, garbled, twice, late");
   }
   device.answers.emplace_back(command->second, answering);
+  return name;
 }
 
 void readModel(const Place& place, DeskDevice& device) {
@@ -285,8 +314,14 @@ DeskDevice readDevice(const Place& place, const std::filesystem::path& folder) {
     device.speech = readSpeech(file.string(), error);
     if (!error.empty()) throw DeskFileError(error);
   }
-  place.each("faults", [&](const Place& fault) { readFault(fault, device); });
+  std::set<std::string> faulty;
+  place.each("faults", [&](const Place& fault) {
+    const std::string what = readFault(fault, device);
+    if (!faulty.insert(what).second) fault.expected("no second fault of " + what);
+  });
   place.each("timeline", [&](const Place& action) { device.timeline.push_back(readAction(action)); });
+  // An update may pull it out at any time.
+  if (!device.firstUpdate.unplugAt && !device.secondUpdate.unplugAt) checkPlugs(place, device.timeline, true);
   return device;
 }
 
@@ -331,6 +366,7 @@ DeskLegacy readLegacy(const Place& place) {
   if (place.has("plugged")) legacy.plugged = place["plugged"].flag();
   place.each("timeline",
              [&](const Place& action) { legacy.timeline.push_back(readLegacyAction(action, legacy.kind)); });
+  checkPlugs(place, legacy.timeline, legacy.plugged);
   return legacy;
 }
 
@@ -419,9 +455,7 @@ DeskSpeaker readSpeakerFile(const std::string& path) {
 }
 
 DeskDescription readDeskFile(const std::string& path) {
-  if (std::error_code error; std::filesystem::is_directory(pathOf(path), error)) {
-    throw DeskFileError(path + ": a folder; expected a desk file, or a capture");
-  }
+  if (!isOfBytes(pathOf(path))) throw DeskFileError(path + ": not a file of bytes; expected a desk file, or a capture");
   std::ifstream file(path);
   if (!file) throw DeskFileError(path + ": " + std::strerror(errno));
   DeskDescription desk;
@@ -433,12 +467,22 @@ DeskDescription readDeskFile(const std::string& path) {
   try {
     root = json::parse(file, NoDoubles(path));
   } catch (const json::parse_error& error) {
-    const std::string what = error.what();  // begins with the library's own mark in brackets
-    throw DeskFileError(path + ": " + what.substr(std::min(what.size(), what.find("] ") + 2)));
+    // Without its mark in brackets, and what it was about to read.
+    std::string what = error.what();
+    what.erase(0, what.find("] ") + 2);
+    const std::size_t at = what.find("syntax error");
+    const std::size_t end = at == what.npos ? at : what.find(" - ", at);
+    if (end != what.npos) what.erase(at, end + 3 - at);
+    throw DeskFileError(path + ": " + what);
+  } catch (const json::out_of_range& error) {
+    const std::string what = error.what();  // names the number in quotes
+    throw DeskFileError(path + ": a number is too large: " + what.substr(std::min(what.size(), what.find('\''))));
   }
   const Place place(root, path);
   place.object({"$schema", "devices", "sound", "legacy"});
-  if (!place.has("devices") && !place.has("sound") && !place.has("legacy")) (void)place["devices"];
+  if (!place.has("devices") && !place.has("sound") && !place.has("legacy")) {
+    place.expected("\"devices\", \"sound\" or \"legacy\"");
+  }
   place.each("legacy", [&](const Place& entry) { desk.legacy.push_back(readLegacy(entry)); });
   if (place.has("sound")) desk.sound = readSound(place["sound"], std::filesystem::path(path).parent_path());
   const std::filesystem::path folder = std::filesystem::path(path).parent_path();

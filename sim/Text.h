@@ -28,4 +28,10 @@ inline std::string nameOf(const std::filesystem::path& file) {
 #endif
 }
 
+// Whether it is no folder, pipe or device, which could be read for ever; what is not there is said by whoever opens it.
+inline bool isOfBytes(const std::filesystem::path& file) {
+  std::error_code error;
+  return !std::filesystem::exists(file, error) || std::filesystem::is_regular_file(file, error);
+}
+
 }  // namespace sim

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "sim/Text.h"
+
 namespace sim {
 namespace {
 
@@ -34,6 +36,10 @@ bool is(std::span<const std::uint8_t> bytes, std::size_t at, const char* tag) {
 }  // namespace
 
 Wav readWav(const std::string& path, std::string& error) {
+  if (!isOfBytes(pathOf(path))) {
+    error = path + ": not a file of bytes; expected a WAV file";
+    return {};
+  }
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     error = path + ": " + std::strerror(errno);

@@ -40,15 +40,29 @@ CASES = [
     (fault(writes="fail", answer="silent"), '.faults[0]: no entry is called "answer"'),
     ({"sound": {"mixers": [{"name": "B", "microphone": 1}]}}, ".mixers[0].microphone: expected true or false"),
     ({"legacy": [{"kind": "laser-pen", "timeline": [{"at": 1, "key": 33}]}]}, '.key: expected no "key" for this kind'),
-    ({}, ': "devices" is missing'),
+    ({}, ': expected "devices", "sound" or "legacy", found {}'),
     (fault(command="ota-prepare", answer="silent"), '.command: expected "ota-prepare" with a Tern only'),
     (fault(link="bluetooth", command="ota-open", answer="silent", image="first"), '.image: expected no "image" with Bluetooth'),
+    ({"devices": [{"model": "Finch", "faults": [{"command": "ota-open", "answer": "silent", "image": "first"}]}]}, "Bluetooth"),
+    ({"devices": [{"model": "Finch", "link": "usb"}]}, '.link: expected "bluetooth" for a Finch, found "usb"'),
+    (wren(battery=50.0, dpi=8e2), None),
+    (wren(battery=50.5), ".battery: expected a whole number from 0 to 255, found 50.5"),
+    (wren(timeline=[{"at": 1, "key": "8"}]), ".key: expected one of the keys that a model has: 0, 1, 2, 3, 4, 5, 9, @, C, I"),
+    (wren(timeline=[{"at": 3, "plug": True}, {"at": 2, "unplug": True}]), None),
+    (wren(timeline=[{"at": 2, "plug": True}]), '.timeline[0]: expected "unplug" before it, as it is plugged in then'),
+    (wren(timeline=[{"at": 3, "unplug": True}, {"at": 2, "unplug": True}]), '.timeline[0]: expected "plug" before it'),
+    ({"legacy": [{"kind": "laser-pen", "plugged": False, "timeline": [{"at": 2, "unplug": True}]}]}, '.timeline[0]: expected "plug"'),
+    (wren(faults=[{"command": "set-dpi", "answer": "silent"}, {"command": "set-dpi", "answer": "refuse"}]),
+     ".faults[1]: expected no second fault of set-dpi"),
+    (wren(faults=[{"command": "ota-open", "answer": "refuse"}, {"command": "ota-data", "answer": "silent", "message": 1}]),
+     ".faults[1]: expected no second fault of the first image"),
 ]
-BEYOND_A_SCHEMA = 2
+BEYOND_A_SCHEMA = 5
 # Files that are no JSON of ours: the text, and the sentence.
 FILES = [
     ('{"devices": [{"model": "Wren", "dpi": 800, "dpi": 900}]}', ': the entry "dpi" stands twice in one place'),
     ('{"devices": [{"model": "Wren"}], "devices": []}', ': the entry "devices" stands twice in one place'),
+    ('{"devices": [{"model": "Wren", "dpi": 1e400}]}', ": a number is too large: '1e400'"),
     ('{"devices": [', ": parse error at line 1, column 14"),
 ]
 
@@ -80,7 +94,7 @@ def main() -> int:
         for text, sentence in FILES:
             file.write_text(text)
             say(file, sentence)
-        say(pathlib.Path(folder), ": a folder; expected a desk file, or a capture")
+        say(pathlib.Path(folder), ": not a file of bytes; expected a desk file, or a capture")
     return wrong
 
 

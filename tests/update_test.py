@@ -65,10 +65,17 @@ def main() -> int:
         result = [e["result"] for e in events if e["event"] == "image"]
         if code != 1 or result != ["refused by the device at completing", "done"]:
             wrong.append(f"a refused completion: {code}, {result}, {said}")
+        # A long update is tried in part.
+        images[1].write_bytes(bytes(2000))
+        code, events, said = run("update", "--rehearse", "--json", "--first", str(images[1]))
+        if code or [events[-1][key] for key in ("messages", "tried", "runs")] != [128, 101, 3 + 98 * 3 + 97 + 3 + 1]:
+            wrong.append(f"a long image: {code}, {events[-1:]}, {said}")
         images[1].write_bytes(images[0].read_bytes())
         for said, code, arguments in (
                 ("both images have the same content", 0, both), ("only --first can be sent", 1, ["--link", "bluetooth", *both]),
                 ("there is no such device to rehearse with", 1, ["--device", "gull", *both]),
+                ("which device? --device gives its number; there are: 1 Wren (usb), 2 Wren (usb)", 1,
+                 ["--device", "wren", "--desk", str(desk_of(folder, *[{"model": "Wren"}] * 2)), *both]),
                 ("a rehearsal does not take this option", 2, ["--capture", "a.pcapng", *both])):
             ended = run("update", "--rehearse", "--json", *arguments)
             if ended[0] != code or said not in ended[2]:
@@ -85,9 +92,9 @@ def main() -> int:
     return len(wrong) > 0
 
 
-def desk_of(folder: str, device: dict) -> pathlib.Path:
+def desk_of(folder: str, *devices: dict) -> pathlib.Path:
     desk = pathlib.Path(folder, "desk.json")
-    desk.write_text(json.dumps({"devices": [device]}))
+    desk.write_text(json.dumps({"devices": devices}))
     return desk
 
 

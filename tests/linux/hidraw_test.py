@@ -165,8 +165,8 @@ class Test:
 
     def sentences(self):
         for arguments, code, sentence in (
-            (("sound",), 1, "on Linux, the computer's sound"), (("mic", "--out", "x.wav"), 1, "on Linux, the"),
-            (("speaker", "--out", "x.wav"), 1, "on Linux, the"), (("--virtual-time", "devices"), 2, "a time of their own"),
+            (("sound",), 1, "voxdesk: Linux's desk of real devices"), (("mic", "--out", "x.wav"), 1, "voxdesk: Linux's"),
+            (("speaker", "--out", "x.wav"), 1, "voxdesk: Linux's"), (("--virtual-time", "devices"), 2, "a time of their own"),
             (("record", "--speech", "a.wav", "--out", "x.wav"), 2, "hear for themselves"),
         ):
             got = self.voxdesk(DESK, *arguments)

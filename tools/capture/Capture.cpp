@@ -1,6 +1,8 @@
 #include "tools/capture/Capture.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <stdexcept>
@@ -88,9 +90,11 @@ std::string textOf(const std::filesystem::path& path) {
 
 std::vector<std::uint8_t> bytesOf(const std::filesystem::path& path) {
   std::error_code error;
-  if (std::filesystem::is_directory(path, error)) throw std::runtime_error(textOf(path) + ": is a folder");
+  if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error)) {
+    throw std::runtime_error(textOf(path) + ": not a file of bytes; expected a capture");
+  }
   std::ifstream file(path, std::ios::binary | std::ios::ate);
-  if (!file) throw std::runtime_error(textOf(path) + ": cannot be opened");
+  if (!file) throw std::runtime_error(textOf(path) + ": " + std::strerror(errno));
   std::vector<std::uint8_t> bytes(static_cast<std::size_t>(file.tellg()));
   file.seekg(0);
   if (!file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()))) {

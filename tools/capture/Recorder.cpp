@@ -222,7 +222,7 @@ void Recorder::openPart() {
     path += "-" + std::to_string(part_);
     path += path_.extension();
   }
-  file_.reset(create(path));
+  file_.reset(options_.open ? options_.open(path) : create(path));
   if (!file_) return fail(path);
   partBytes_ = 0;
   char comment[64];

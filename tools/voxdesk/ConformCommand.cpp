@@ -1,11 +1,12 @@
 // docs/protocol.md as rules, tried with a device: what it answers, how fast, and what it sends unasked.
 #include <algorithm>
-#include <fstream>
 #include <limits>
 #include <map>
+#include <sstream>
 #include <tuple>
 #include <utility>
 
+#include "Files.h"
 #include "Session.h"
 #include "Survey.h"
 #include "System.h"
@@ -115,8 +116,9 @@ void Judge::judgeAnswers() {
                                   ? ""
                                   : "after " + capture::milliseconds(answers.delays[answers.delays.size() / 2]) +
                                         " (median), " + capture::milliseconds(answers.delays.back()) + " (worst)";
-    if (!answers.delays.empty() && answers.delays.back() > kSlowest) late += std::string(" ") + request.name;
-    if (answers.twice > 0) twice += std::string(" ") + request.name;
+    if (!answers.delays.empty() && answers.delays.back() > kSlowest)
+      late += (late.empty() ? "" : ", ") + std::string(request.name);
+    if (answers.twice > 0) twice += (twice.empty() ? "" : ", ") + std::string(request.name);
     const std::string count = std::to_string(answers.unanswered) + " of " + std::to_string(answers.sent);
     if (request.code == GetDongleState && answers.delays.empty()) {
       skip(rule, "there is no receiver, or it does not answer");
@@ -229,7 +231,7 @@ void writeJunit(const std::string& path, const std::string& device, const std::v
   const auto count = [&](Outcome outcome) {
     return std::count_if(results.begin(), results.end(), [=](const Result& each) { return each.outcome == outcome; });
   };
-  std::ofstream file(sim::pathOf(path), std::ios::binary);
+  std::ostringstream file;
   file << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuite name=\"" << escaped(device) << "\" tests=\""
        << results.size() << "\" failures=\"" << count(Outcome::failed) << "\" skipped=\"" << count(Outcome::skipped)
        << "\">\n";
@@ -240,7 +242,7 @@ void writeJunit(const std::string& path, const std::string& device, const std::v
     file << "</testcase>\n";
   }
   file << "</testsuite>\n";
-  if (!file.flush()) throw Failure(path + ": cannot be written");
+  writeOutput(path, file.str());
 }
 
 // Asks the device for everything that changes nothing.
@@ -288,6 +290,8 @@ std::vector<Passed> whatPassed(const capture::Capture& seen, const ModelSheet& m
 }  // namespace
 
 void conform(const Options& options) {
+  if (options.junit == kStandardOutput) throw Failure("--junit: the results go into a file", kWrongUsage);
+  checkOutput(options.junit);
   Survey survey;
   Session session(options, false, &survey);
   session.discover({"none"});

@@ -47,10 +47,15 @@ void setDpi(const Options& options) {
 }
 
 void setUrl(const Options& options) {
-  for (const char c : options.url) {
-    if (std::isalnum(static_cast<unsigned char>(c)) != 0 || std::strchr("-=./", c)) continue;
-    throw Failure(std::string("a URL can be sent in letters, digits, - = . and / only, not with '") + c + "'" +
-                  (c == ':' ? "; leave out the scheme and its colon" : ""));
+  const auto cannotBeSent = [](unsigned char c) {
+    return c > 0x7F || (std::isalnum(c) == 0 && !std::strchr("-=./", c));
+  };
+  const auto bad = std::find_if(options.url.begin(), options.url.end(), cannotBeSent);
+  if (bad != options.url.end()) {
+    // All bytes of it.
+    const auto next = std::find_if(bad + 1, options.url.end(), [](unsigned char c) { return (c & 0xC0) != 0x80; });
+    throw Failure("a URL can be sent in letters, digits, - = . and / only, not with '" + std::string(bad, next) + "'" +
+                  (*bad == ':' ? "; leave out the scheme and its colon" : ""));
   }
   DeviceSession session(options);
   std::vector<unsigned char> url(options.url.begin(), options.url.end());  // replaced by the codes that are sent

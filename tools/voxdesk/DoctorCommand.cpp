@@ -1,8 +1,9 @@
 // What is plugged in, what stands in the way of its use, and what to do about it.
 #include <algorithm>
 #include <cmath>
-#include <fstream>
+#include <utility>
 
+#include "Files.h"
 #include "Session.h"
 #include "Survey.h"
 #include "sim/Text.h"
@@ -50,11 +51,6 @@ class Doctor {
   std::vector<std::pair<int, VoxSpeechCounts>> speech_;  // by device
   std::vector<int> silent_;                              // devices whose voice channel did not open
 };
-
-std::string titleOf(const SurveyedInterface& hid, const DeviceView* device) {
-  const std::string model = device ? device->model : hid.model;
-  return hid.device > 0 ? "#" + std::to_string(hid.device) + " " + model : model;
-}
 
 // What helps against something unusual, by its kind.
 const char* adviceAgainst(const std::string& kind) {
@@ -141,40 +137,48 @@ void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {
 
 void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
   const capture::Story story = capture::tell(survey_.capture(hid.path), kSlowAnswer);
-  const std::string about = titleOf(hid, device);
+  // By what it has said, whether it still answers or not: its path may be another model's, too.
+  const std::string model = story.devices.empty() ? hid.model : "VoxMouse " + story.devices.back().model;
+  const std::string about = "#" + std::to_string(hid.device) + " " + model;
   capture::RequestCount beats;
   for (const auto& request : story.requests) {
     if (request.name == "Heartbeat") beats = request;
   }
   const double age = static_cast<double>(story.length) / 1e6;
+  const bool never = beats.answered == 0;
   session_.terminal.tell("  " + about + ": " +
-                         (device ? device->link + ", battery " + percent(device->battery) : std::string("silent")));
+                         (device  ? device->link + ", battery " + percent(device->battery)
+                          : never ? "silent"
+                                  : "silent by now"));
   session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) +
-                         std::to_string(beats.unanswered) + " unanswered; answers after " +
-                         capture::milliseconds(beats.median()) + " (median), " +
-                         capture::milliseconds(beats.slowest()) + " (worst)");
-  Json fields{{"device", hid.device},
-              {"model", device ? device->model : hid.model},
-              {"connected", device != nullptr},
-              {"seconds", age},
-              {"heartbeats", beats.sent},
-              {"heartbeats_unanswered", beats.unanswered},
-              {"answer_median_ms", static_cast<double>(beats.median()) / 1000},
-              {"answer_worst_ms", static_cast<double>(beats.slowest()) / 1000}};
+                         (never ? "none answered"
+                                : std::to_string(beats.unanswered) + " unanswered; the others were answered after " +
+                                      capture::milliseconds(beats.median()) + " (median), " +
+                                      capture::milliseconds(beats.slowest()) + " (worst)"));
+  Json fields{{"device", hid.device}, {"model", model},           {"connected", device != nullptr},
+              {"seconds", age},       {"heartbeats", beats.sent}, {"heartbeats_unanswered", beats.unanswered}};
+  fields["answer_median_ms"] = never ? Json() : Json(static_cast<double>(beats.median()) / 1000);
+  fields["answer_worst_ms"] = never ? Json() : Json(static_cast<double>(beats.slowest()) / 1000);
   fields["battery"] = device && device->battery >= 0 ? Json(device->battery) : Json();
   lookAtSpeech(about, hid.device, fields);
   event("health", fields);
 
-  if (!device && beats.sent > 0 && beats.answered == 0) {
+  if (!device && beats.sent > 0 && never) {
     find(about, "it has answered none of " + capture::plural(beats.sent, "heartbeat"), adviceAgainst("silence"));
   } else if (!device && beats.unanswered > 0) {
     find(about, "it does not answer any more", adviceAgainst("silence"));
   }
   for (const auto& unusual : story.unusual) {
-    const char* const advice = adviceAgainst(unusual.kind);
     // Who never answers is told of already; a device may leave out what its receiver would answer.
-    if (!advice || (unusual.kind == "silence" && !device)) continue;
-    find(about, unusual.words + (unusual.times > 1 ? " (" + std::to_string(unusual.times) + " times)" : ""), advice);
+    if (!adviceAgainst(unusual.kind) || (unusual.kind == "silence" && !device)) continue;
+    // Others may have come between.
+    const auto same = [&](const auto& other) { return other.words == unusual.words && other.kind == unusual.kind; };
+    const auto first = std::find_if(story.unusual.begin(), story.unusual.end(), same);
+    if (&*first != &unusual) continue;
+    std::size_t times = 0;
+    for (const auto& other : story.unusual) times += same(other) ? other.times : 0;
+    find(about, unusual.words + (times > 1 ? " (" + std::to_string(times) + " times)" : ""),
+         adviceAgainst(unusual.kind));
   }
   if (device && device->battery >= 0 && device->battery < kLowBattery) {
     find(about, "its battery is at " + percent(device->battery), "charge it");
@@ -183,9 +187,10 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
 
 void Doctor::lookAtDevices() {
   const auto known = session_.client->devices();
-  session_.terminal.tell("Devices:");
+  bool any = false;
   for (const SurveyedInterface& hid : survey_.interfaces(*session_.desk)) {
     if (hid.device <= 0 || !hid.opened) continue;
+    if (!std::exchange(any, true)) session_.terminal.tell("Devices:");
     const auto device =
         std::find_if(known.begin(), known.end(), [&hid](const DeviceView& view) { return view.number == hid.device; });
     lookAt(hid, device == known.end() ? nullptr : &*device);
@@ -237,6 +242,7 @@ void doctor(const Options& options) {
     throw Failure("--seconds: devices need " + fixed("%.0f s", kLeastSeconds) + " until something can be said of them",
                   kWrongUsage);
   }
+  checkOutput(options.reportPage);
   Survey survey;
   std::size_t findings = 0;
   {
@@ -258,9 +264,7 @@ void doctor(const Options& options) {
   }
   if (!options.reportPage.empty()) {
     const std::string page = capture::htmlOf(capture::tell(survey.capture({}), kSlowAnswer), "voxdesk doctor");
-    std::ofstream file(sim::pathOf(options.reportPage), std::ios::binary);
-    file.write(page.data(), static_cast<std::streamsize>(page.size()));
-    if (!file.flush()) throw Failure(options.reportPage + ": cannot be written");
+    writeOutput(options.reportPage, page);
   }
   if (findings > 0 && !interrupted())
     throw Failure("there " + std::string(findings == 1 ? "is " : "are ") + capture::plural(findings, "finding"));

@@ -18,7 +18,7 @@ class HardwareDesk final : public Desk {
     return "plug one in, or see what is not used, and why: voxdesk --desk hardware devices --verbose";
   }
   std::string missing() const override {
-    return "on Linux, the computer's sound, the older USB mouse and the laser pen are not on the desk of real devices";
+    return "Linux's desk of real devices has neither the computer's sound nor the older USB mouse and the laser pen";
   }
   std::string denied(const std::string& path) override {
     const std::string node = hardware_->deniedNode(sim::wide(path));

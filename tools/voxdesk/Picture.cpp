@@ -1,17 +1,15 @@
 #include "Picture.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <complex>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <numbers>
 
-#include "Commands.h"
 #include "Desk.h"
-#include "sim/Text.h"
+#include "Files.h"
 #include "tools/capture/Sound.h"
 
 #define STB_IMAGE_WRITE_STATIC
@@ -181,16 +179,7 @@ class Canvas {
       static_cast<std::string*>(to)->append(static_cast<const char*>(bytes), static_cast<std::size_t>(count));
     };
     stbi_write_png_to_func(append, &png, kWidth, kHeight, 3, pixels_.data(), kWidth * 3);
-    errno = 0;
-    std::ofstream file(sim::pathOf(path), std::ios::binary);
-    file.write(png.data(), static_cast<std::streamsize>(png.size()));
-    if (file.flush() && !png.empty()) return;
-    const std::string why = std::strerror(errno);
-    file.close();
-    // Half a picture is none.
-    std::error_code error;
-    if (std::filesystem::is_regular_file(sim::pathOf(path), error)) std::filesystem::remove(sim::pathOf(path), error);
-    throw Failure(path + ": " + why);
+    writeOutput(path, png);
   }
 
  private:
@@ -218,8 +207,33 @@ std::string number(double value) {
   return text;
 }
 
+constexpr double kMinute = 60;
+constexpr double kHour = 60 * kMinute;
+
+// As 1:05.
+std::string clock(double seconds) {
+  char text[32];
+  const auto minutes = static_cast<int>(std::lround(seconds / kMinute));
+  std::snprintf(text, sizeof text, "%d:%02d", minutes / 60, minutes % 60);
+  return text;
+}
+
+// What stands at the end of an axis: hours, or seconds rounded as everywhere else, without zeros at their end.
+std::string endOf(double seconds) {
+  if (seconds >= kHour) return clock(seconds) + " h";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", seconds);
+  return number(std::strtod(text, nullptr)) + " s";
+}
+
 // Between two marks of an axis, so that there are ten at most.
 double stepOf(double length) {
+  if (length >= kHour) {
+    for (const double minutes : {10, 15, 30, 60, 120}) {
+      if (10 * minutes * kMinute >= length) return minutes * kMinute;
+    }
+    return 3 * kHour;
+  }
   const double rough = length / 10;
   const double power = std::pow(10, std::floor(std::log10(rough)));
   for (const double factor : {1.0, 2.0, 5.0}) {
@@ -237,9 +251,10 @@ void drawTimeAxis(Canvas& canvas, double seconds) {
   };
   const double step = stepOf(seconds);
   // The end is named, and so it has its room.
-  for (int i = 0; i * step < seconds - 0.6 * step; ++i) mark(i * step, number(i * step));
-  mark(seconds, number(std::round(seconds * 100) / 100) + " s");
-  canvas.text(kLeft + kPlotWidth / 2, bottom + 12 + kLetterHeight, "seconds", 0.5);
+  const bool hours = seconds >= kHour;
+  for (int i = 0; i * step < seconds - 0.6 * step; ++i) mark(i * step, hours ? clock(i * step) : number(i * step));
+  mark(seconds, endOf(seconds));
+  canvas.text(kLeft + kPlotWidth / 2, bottom + 12 + kLetterHeight, hours ? "hours:minutes" : "seconds", 0.5);
 }
 
 void drawWaveAxis(Canvas& canvas) {
@@ -358,7 +373,7 @@ std::vector<std::string> SoundPicture::lines(std::size_t width, bool unicode) {
       lines[kRows + row] += cellOf(shade, (bands[kRows - 1 - row] - kDarkest) / (kBrightest - kDarkest));
     }
   }
-  const std::string end = number(std::round(seconds() * 100) / 100) + " s";
+  const std::string end = endOf(seconds());
   lines.push_back(std::string(labelled, ' ') + "0" + std::string(plot - 1 - end.size(), ' ') + end);
   return lines;
 }

@@ -110,21 +110,28 @@ std::vector<sim::DeskDevice> candidates(const Options& options) {
   return all;
 }
 
-// By its place in the desk file, or its model.
+// By its place in the desk file, or its model. Of the models without a desk file, on the first link.
 sim::DeskDevice chosen(const Options& options) {
   const auto all = candidates(options);
   const bool ofDesk = !options.deskFile.empty() && options.deskFile != "default";
   const std::string wanted = lower(options.device.empty() && !ofDesk ? "wren" : options.device);
   std::string names;
+  std::string fitting;
+  std::vector<sim::DeskDevice> found;
   for (std::size_t i = 0; i < all.size(); ++i) {
     const std::string model = lower(all[i].model);
     const std::string link = all[i].link == sim::Link::usb ? "usb" : "bluetooth";
+    const std::string name = (ofDesk ? std::to_string(i + 1) + " " : "") + all[i].model + " (" + link + ")";
+    names += (names.empty() ? "" : ", ") + name;
     const bool named = wanted.empty() || wanted == model || wanted == "voxmouse " + model ||
                        (ofDesk && wanted == std::to_string(i + 1));
-    if (named && (options.link.empty() || options.link == link)) return all[i];
-    names += (names.empty() ? "" : ", ") + all[i].model + " (" + link + ")";
+    if (!named || (!options.link.empty() && options.link != link)) continue;
+    fitting += (fitting.empty() ? "" : ", ") + name;
+    found.push_back(all[i]);
   }
-  throw Failure("there is no such device to rehearse with; there are: " + names);
+  if (found.empty()) throw Failure("there is no such device to rehearse with; there are: " + names);
+  if (ofDesk && found.size() > 1) throw Failure("which device? --device gives its number; there are: " + fitting);
+  return found.front();
 }
 
 // The messages that an update sends are noted in `sent`.
@@ -179,6 +186,21 @@ bool canHappen(UpdateFault fault, const UpdateMessage& message, FirmwareFamily f
   return message.code == OtaData && (message.position > 0 || family == FirmwareFamily::Tern);
 }
 
+// Each run is as long as the update, so that twice the update would take four times as long. Of a long one only some
+// messages are spoilt: the first, the last and those evenly between, and all that carry no data.
+std::vector<std::size_t> messagesToSpoil(const std::vector<UpdateMessage>& messages) {
+  constexpr std::size_t kMost = 100;
+  std::vector<std::size_t> spoilt;
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    const bool even = i >= next * (messages.size() - 1) / (kMost - 1);
+    if (messages.size() > kMost && !even && messages[i].code == OtaData) continue;
+    spoilt.push_back(i);
+    next += even ? 1 : 0;
+  }
+  return spoilt;
+}
+
 class Rehearsal {
  public:
   Rehearsal(const Options& options, Terminal& terminal) : terminal_(terminal) {
@@ -209,6 +231,7 @@ class Rehearsal {
   DeviceView view_;
   std::vector<Row> rows_;
   std::size_t messages_ = 0;
+  std::vector<std::size_t> spoilt_;  // of those
   const SteadyClock::time_point begin_ = SteadyClock::now();
 };
 
@@ -230,10 +253,15 @@ void Rehearsal::run() {
   if (interrupted()) return;
   if (!sound.failure.empty()) throw Failure("without any fault, the update fails: " + sound.failure);
   messages_ = messages.size();
+  spoilt_ = messagesToSpoil(messages);
   terminal_.say("Rehearsing with a simulated " + view_.model + " over " + view_.link + ": the update has " +
-                capture::plural(messages_, "message") + ".");
+                capture::plural(messages_, "message") +
+                (spoilt_.size() == messages_ ? "."
+                                             : ", of which " + std::to_string(spoilt_.size()) +
+                                                   " are tried: first, last, evenly between, and all but data."));
   std::string image;
-  for (std::size_t i = 0; i < messages.size(); ++i) {
+  for (std::size_t done = 0; done < spoilt_.size(); ++done) {
+    const std::size_t i = spoilt_[done];
     const UpdateMessage& message = messages[i];
     if (!message.closing) image = message.receiver ? "second" : "first";
     for (const auto& [fault, name] : kFaults) {
@@ -242,7 +270,7 @@ void Rehearsal::run() {
       if (interrupted()) return;
       add(image, stepOf(message), name, outcome);
     }
-    const double fraction = static_cast<double>(i + 1) / static_cast<double>(messages.size());
+    const double fraction = static_cast<double>(done + 1) / static_cast<double>(spoilt_.size());
     terminal_.progress(seconds(), "rehearsing ", fraction, '=', fixed(" %3.0f %%", 100 * fraction));
   }
 }
@@ -280,6 +308,7 @@ void Rehearsal::tell() {
                   {{"model", view_.model},
                    {"link", view_.link},
                    {"messages", messages_},
+                   {"tried", spoilt_.size()},
                    {"runs", all},
                    {"done", named("done")},
                    {"done_again", named("done again")},

@@ -1,24 +1,16 @@
 // What a capture tells, without a desk and without the library.
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include "Commands.h"
+#include "Files.h"
 #include "Terminal.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
 #include "tools/capture/Report.h"
 
 namespace {
-
-void writeFile(const std::string& name, const std::string& content) {
-  std::ofstream file(sim::pathOf(name), std::ios::binary);
-  file.write(content.data(), static_cast<std::streamsize>(content.size()));
-  file.close();
-  if (!file) throw Failure(name + ": " + std::strerror(errno));
-}
 
 // Returns what was written, a line each.
 std::string writeSpeech(const capture::Story& story, const std::string& folder) {
@@ -50,7 +42,7 @@ void report(const Options& options) {
   const std::string file = sim::utf8(sim::pathOf(options.recording).filename().wstring());
   std::string told;
   if (!options.reportPage.empty()) {
-    writeFile(options.reportPage, capture::htmlOf(story, file));
+    writeOutput(options.reportPage, capture::htmlOf(story, file));
     told += "wrote " + options.reportPage + "\n";
   }
   if (!options.speechFolder.empty()) told += writeSpeech(story, options.speechFolder);

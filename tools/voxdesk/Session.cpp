@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "Files.h"
 #include "platform/os.h"
 #include "sim/Text.h"
 
@@ -25,7 +26,9 @@ std::string lower(std::string text) {
 
 std::string listOf(const std::vector<DeviceView>& devices) {
   std::string text;
-  for (const DeviceView& view : devices) text += " " + std::to_string(view.number) + " (" + view.model + ")";
+  for (const DeviceView& view : devices) {
+    text += (text.empty() ? "" : ", ") + std::to_string(view.number) + " (" + view.model + ")";
+  }
   return text;
 }
 
@@ -70,7 +73,8 @@ void Session::startCapture(const Options& options) {
         sim::pathOf(options.capture),
         capture::RecorderOptions{.noSpeech = options.noSpeech,
                                  .fileBytes = static_cast<std::uint64_t>(options.captureMegabytes * kMegabyte),
-                                 .now = [this, began] { return began + std::llround(desk->seconds() * 1e6); }});
+                                 .now = [this, began] { return began + std::llround(desk->seconds() * 1e6); },
+                                 .open = &openOutput});
   }
   VoxObserver::SetCallback(&Session::observe, this);
 }
@@ -101,13 +105,29 @@ void Session::writeReport(int device, std::vector<std::uint8_t> report) {
     VoxObservation sent{};
     sent.kind = VoxObservation_Sent;
     sent.device = device;
+    sent.link = client->hub().GetDeviceConnectMode(device);
+    sent.inputLength = caps.InputReportByteLength;
+    sent.outputLength = caps.OutputReportByteLength;
+    HIDD_ATTRIBUTES attributes{};
+    attributes.Size = sizeof attributes;
+    if (os::HidD_GetAttributes(file, &attributes)) {
+      sent.vendor = attributes.VendorID;
+      sent.product = attributes.ProductID;
+    }
     const std::wstring path = client->pathOf(device);
     sent.path = path.c_str();
     sent.report = report.data();
     sent.reportLength = static_cast<int>(length);
     observe(sent, this);
     DWORD count = 0;
-    if (!os::WriteFile(file, report.data(), static_cast<DWORD>(length), &count, nullptr)) error = os::GetLastError();
+    if (!os::WriteFile(file, report.data(), static_cast<DWORD>(length), &count, nullptr)) {
+      error = os::GetLastError();
+      sent.kind = VoxObservation_WriteFailed;
+      sent.error = error;
+      sent.report = nullptr;
+      sent.reportLength = 0;
+      observe(sent, this);
+    }
   }
   os::CloseHandle(file);
   if (report.size() > length) {
@@ -128,10 +148,9 @@ void Session::stop() {
   }
   if (!recorder_) return;
   recorder_->finish();
-  if (const std::string problem = recorder_->problem(); !problem.empty()) {
-    captureProblem_ = "the capture is not whole: " + problem;
-  }
-  terminal.say("Captured in " + recorder_->summary() + ".");
+  const std::string problem = recorder_->problem();
+  if (problem.empty()) terminal.say("Captured in " + recorder_->summary() + ".");
+  if (!problem.empty()) captureProblem_ = "the capture is not whole: " + problem;
   recorder_.reset();
 }
 
@@ -204,10 +223,10 @@ DeviceView Session::choose(const std::string& name) {
     std::vector<DeviceView> found;
     std::copy_if(devices.begin(), devices.end(), std::back_inserter(found), fits);
     if (found.size() == 1) return found.front();
-    if (found.size() > 1) throw Failure('"' + name + "\" may be any of:" + listOf(found) + "; give the number");
+    if (found.size() > 1) throw Failure('"' + name + "\" may be any of: " + listOf(found) + "; give the number");
   }
   throw Failure((number ? "no device has the number " + name : "no device is called \"" + name + '"') +
-                "; there are:" + listOf(devices));
+                "; there are: " + listOf(devices));
 }
 
 void Session::finish(const LeftOpen& byDesign) {

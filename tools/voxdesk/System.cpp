@@ -60,6 +60,10 @@ std::FILE* takeStandardOutput(bool binary) {
   return out && std::freopen("NUL", "w", stdout) ? out : nullptr;
 }
 
+std::FILE* openForWriting(const std::filesystem::path& path, bool keeps) {
+  return _wfopen(path.c_str(), keeps ? L"ab" : L"wb");
+}
+
 bool waitForLine(char* line, int size) { return std::fgets(line, size, stdin) != nullptr; }
 
 void onRequestToEnd(void (*handler)()) {
@@ -120,6 +124,13 @@ bool screenShowsUnicode() {
 std::FILE* takeStandardOutput(bool) {
   std::FILE* const out = fdopen(dup(STDOUT_FILENO), "w");
   return out && std::freopen("/dev/null", "w", stdout) ? out : nullptr;
+}
+
+std::FILE* openForWriting(const std::filesystem::path& path, bool keeps) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | (keeps ? O_APPEND : O_TRUNC), 0666);
+  if (file < 0) return nullptr;
+  fcntl(file, F_SETFL, fcntl(file, F_GETFL) & ~O_NONBLOCK);
+  return fdopen(file, keeps ? "ab" : "wb");
 }
 
 bool waitForLine(char* line, int size) {

@@ -15,6 +15,9 @@ bool screenShowsUnicode();
 // Standard output, for nobody else: what is printed to it from now on is dropped. Null when that fails.
 // binary: what is written is not to be changed on its way.
 std::FILE* takeStandardOutput(bool binary);
+// Opens a file to write, anew or, where it keeps what it has, at its end. Waits for nobody: elsewhere than on Windows,
+// errno is ENXIO when it is a pipe that nobody reads.
+std::FILE* openForWriting(const std::filesystem::path& path, bool keeps);
 // Waits for a line on standard input. False at its end, and when a signal comes.
 bool waitForLine(char* line, int size);
 // Calls this, on any thread, for Ctrl-C and everything else that asks a program to end. Writing to what is closed or

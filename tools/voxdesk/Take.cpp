@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "Files.h"
 #include "System.h"
 #include "sim/Text.h"
 #include "sim/Wav.h"
@@ -16,7 +17,6 @@
 namespace {
 
 constexpr int kRate = 16'000;
-constexpr double kPatchSeconds = 0.5;
 constexpr std::uint64_t kMostSamples = (0xFFFFFFFF - sim::kWavHeaderSize) / 2;  // by the sizes in a WAV file
 static_assert(std::endian::native == std::endian::little, "samples are written as they stand in memory");
 
@@ -48,17 +48,6 @@ bool sameFile(const std::string& a, const std::string& b) {
   return full(one) == full(other);
 }
 
-void checkFile(const std::string& path) {
-  if (path.empty() || path == kStandardOutput) return;
-  const bool there = std::filesystem::exists(sim::pathOf(path));
-  // Whoever reads a pipe would take this for its end.
-  if (there && std::filesystem::is_fifo(sim::pathOf(path))) return;
-  std::FILE* file = std::fopen(path.c_str(), "ab");
-  if (!file) throw Failure(path + ": " + std::strerror(errno));
-  std::fclose(file);
-  if (!there) std::remove(path.c_str());
-}
-
 }  // namespace
 
 void Take::checkWritable(const Options& options) {
@@ -80,8 +69,8 @@ void Take::checkWritable(const Options& options) {
           kWrongUsage);
     }
   }
-  checkFile(options.out);
-  checkFile(options.picture);
+  checkOutput(options.out);
+  checkOutput(options.picture);
 }
 
 double Take::durationOf(const Options& options, std::optional<double> source) {
@@ -104,7 +93,12 @@ Take::~Take() {
 }
 
 void Take::open() {
-  file_ = path_ == kStandardOutput ? session_.terminal.output() : std::fopen(path_.c_str(), "wb");
+  try {
+    file_ = path_ == kStandardOutput ? session_.terminal.output() : openOutput(sim::pathOf(path_));
+  } catch (const Failure& failure) {
+    problem_ = failure.what();
+    return;
+  }
   if (!file_) return failed();
   // What is written is written, and how much of it is known.
   std::setvbuf(file_, nullptr, _IONBF, 0);
@@ -139,22 +133,20 @@ void Take::failed() {
 void Take::add(const std::vector<std::int16_t>& more) {
   if (!more.empty() && !over()) {
     write(more);
+    patch();
     for (const int sample : more) peak_ = std::max(peak_, std::abs(sample));
     if (!picture_.empty() || session_.terminal.columns() > 0) sound_.add(more);
     show(more);
   }
-  if (over() || session_.desk->seconds() - patchedAt_ >= kPatchSeconds) patch();
 }
 
 void Take::patch() {
-  patchedAt_ = session_.desk->seconds();
-  if (!patches_ || patched_ == samples_) return;
+  if (!patches_) return;
   std::fpos_t end{};
   std::fgetpos(file_, &end);
   std::rewind(file_);
   writeHeader(static_cast<std::uint32_t>(samples_ * 2));
   std::fsetpos(file_, &end);
-  patched_ = samples_;
 }
 
 void Take::show(const std::vector<std::int16_t>& more) {
@@ -189,19 +181,19 @@ void Take::drawPictures() {
 }
 
 void Take::finish(const std::string& why) {
-  patch();
   if (samples_ > 0) {
-    session_.terminal.event(session_.desk->seconds(), "recorded",
-                            {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
-                            "wrote " + name_ + fixed(": %.2f s of speech, 16 kHz mono", seconds()) +
-                                fixed(", peak %.1f dBFS", decibels(peak_)));
+    session_.terminal.event(
+        session_.desk->seconds(), "recorded",
+        {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
+        "wrote " + name_ + fixed(": %.2f s, 16 kHz mono", seconds()) + fixed(", peak %.1f dBFS", decibels(peak_)));
     try {
       drawPictures();
     } catch (const Failure&) {
       if (!over()) throw;  // that the recording was cut off matters more
     }
   }
-  if (over()) throw Failure(problem_, outputProblem() == EPIPE ? kInterrupted : kFailed);
+  const bool ended = outputProblem() == EPIPE || (samples_ == 0 && interrupted());
+  if (over()) throw Failure(problem_, ended ? kInterrupted : kFailed);
   if (samples_ == 0) {
     const std::string reason = why.empty() && interrupted() ? "interrupted" : why;
     throw Failure((reason.empty() ? "" : reason + "; ") + "nothing has been recorded, and " + name_ + " is not written",

@@ -10,8 +10,8 @@
 #include "Picture.h"
 #include "Session.h"
 
-// 16 kHz, mono, 16-bit. What has come is in the file at once, and its header right within half a second, so that
-// neither a signal nor a crash takes more than that. A file that was there before stays until the first sample comes.
+// 16 kHz, mono, 16-bit. What has come is in the file at once, and its header knows, so that neither a signal nor a
+// crash takes any of it. A file that was there before stays until the first sample comes.
 class Take {
  public:
   // Fails now rather than after the recording: where its file, or its picture, cannot be written.
@@ -52,8 +52,6 @@ class Take {
   std::FILE* file_ = nullptr;
   bool patches_ = false;  // its header can be, and has to be
   std::uint64_t samples_ = 0;
-  std::uint64_t patched_ = 0;  // samples that the header knows
-  double patchedAt_ = 0;
   int peak_ = 0;
   std::string problem_;
 };

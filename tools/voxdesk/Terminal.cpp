@@ -5,7 +5,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 #include "Commands.h"
 #include "System.h"
@@ -38,6 +41,8 @@ std::string stamp(double seconds) {
   return text;
 }
 
+bool saysDumb(const char* terminal) { return terminal && std::string_view(terminal) == "dumb"; }
+
 std::FILE* taken(bool streaming) {
   std::FILE* const output = takeStandardOutput(streaming);
   if (!output) throw Failure("standard output is closed");
@@ -53,7 +58,8 @@ Terminal::Terminal(bool json, bool streaming, bool quiet)
       quiet_(quiet),
       output_(taken(streaming)),
       out_(streaming ? stderr : output_),
-      screen_(isScreen(out_)) {}
+      screen_(isScreen(out_)),
+      dumb_(saysDumb(std::getenv("TERM"))) {}
 
 Terminal::~Terminal() { std::fclose(output_); }
 
@@ -84,10 +90,14 @@ void Terminal::progress(double seconds, const std::string& before, double fracti
   if (json_ || quiet_) return;
   const std::string head = stamp(seconds) + before + "[";
   const std::string tail = "]" + after;
-  const std::size_t columns = roomForBar(head.size() + tail.size());
+  constexpr std::size_t kMost = 30;
+  const std::size_t others = head.size() + tail.size();
+  const std::size_t room = roomForLine();
+  const std::size_t columns = room > others ? std::min(kMost, room - others) : 0;
   const auto marks = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * static_cast<double>(columns));
-  const std::string line = head + std::string(marks, mark) + std::string(columns - marks, ' ') + tail;
-  if (screen_) {
+  std::string line = head + std::string(marks, mark) + std::string(columns - marks, ' ') + tail;
+  if (columns == 0) line = (before + after).substr(0, room);
+  if (screen_ && !dumb_) {
     std::fprintf(out_, "\r\033[K%s", line.c_str());
     progressShown_ = true;
     flush();
@@ -104,13 +114,10 @@ std::size_t Terminal::columns() const {
   return static_cast<std::size_t>(columns > 0 ? columns : kUsual);
 }
 
-std::size_t Terminal::roomForBar(std::size_t others) const {
-  constexpr std::size_t kMost = 30;
+std::size_t Terminal::roomForLine() const {
   const int columns = screen_ ? columnsOf(out_) : 0;
-  if (columns <= 0) return kMost;
   // The last column stays free: some screens go on to the next line there.
-  const auto room = static_cast<std::size_t>(columns - 1);
-  return room > others ? std::min(kMost, room - others) : 0;
+  return columns > 0 ? static_cast<std::size_t>(columns - 1) : SIZE_MAX;
 }
 
 void Terminal::print(const std::string& line) {

@@ -31,20 +31,21 @@ class Terminal {
   void table(const Table& table);
   // seconds: since the desk was set up. text: the line for people; empty for none.
   void event(double seconds, const std::string& name, const Json& fields, const std::string& text);
-  // A line that the next one replaces, on a screen; elsewhere it is printed about once a second. Between the texts
-  // stands a bar of so many marks, as wide as there is room.
+  // A line that the next one replaces, on a screen that can; elsewhere it is printed about once a second. Between the
+  // texts stands a bar of so many marks, as wide as there is room.
   void progress(double seconds, const std::string& before, double fraction, char mark, const std::string& after);
 
  private:
   void print(const std::string& line);
   void flush();
-  std::size_t roomForBar(std::size_t others) const;
+  std::size_t roomForLine() const;
 
   const bool json_;
   const bool quiet_;
   std::FILE* const output_;  // standard output, which the library does not get
   std::FILE* const out_;     // where the lines go
   const bool screen_;
+  const bool dumb_;  // a line that was shown stays
   bool progressShown_ = false;
   double lastProgress_ = -1;
 };

@@ -23,13 +23,11 @@ constexpr std::size_t kBlocksEnd = 65536 * kBlockBytes;  // what a 16-bit index 
 std::size_t checkImage(const std::string& path) {
   namespace fs = std::filesystem;
   std::error_code error;
-  const fs::file_status status = fs::status(sim::pathOf(path), error);
-  if (status.type() == fs::file_type::not_found) throw Failure(path + ": No such file or directory");
-  if (status.type() != fs::file_type::regular) throw Failure(path + ": not a file of bytes; expected a firmware image");
+  if (!sim::isOfBytes(sim::pathOf(path))) throw Failure(path + ": not a file of bytes; expected a firmware image");
+  if (!std::ifstream(sim::pathOf(path), std::ios::binary)) throw Failure(path + ": " + std::strerror(errno));
   const std::uintmax_t size = fs::file_size(sim::pathOf(path), error);
   if (error) throw Failure(path + ": " + error.message());
   if (size == 0) throw Failure(path + ": empty; expected a firmware image");
-  if (!std::ifstream(sim::pathOf(path), std::ios::binary)) throw Failure(path + ": " + std::strerror(errno));
   return static_cast<std::size_t>(std::min<std::uintmax_t>(size, std::numeric_limits<std::size_t>::max()));
 }
 

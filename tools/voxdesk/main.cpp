@@ -2,12 +2,11 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <map>
 #include <numeric>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -33,13 +32,43 @@ std::size_t distance(const std::string& a, const std::string& b) {
 }
 
 // What to say of a word that is no command.
-std::string nearestCommand(const CLI::App& app, const std::string& word) {
+std::string notACommand(const CLI::App& app, const std::string& word) {
+  if (word.starts_with('-')) return "there is no option \"" + word + "\"; voxdesk --help lists them";
   const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
   const auto further = [&](const CLI::App* a, const CLI::App* b) {
     return distance(word, a->get_name()) < distance(word, b->get_name());
   };
-  return "there is no command \"" + word + "\"; the nearest is \"" +
-         (*std::min_element(commands.begin(), commands.end(), further))->get_name() + '"';
+  const std::string nearest = (*std::min_element(commands.begin(), commands.end(), further))->get_name();
+  // A letter in three may be wrong.
+  const bool near = 3 * distance(word, nearest) <= std::max(word.size(), nearest.size());
+  return "there is no command \"" + word +
+         (near ? "\"; the nearest is \"" + nearest + '"' : "\"; voxdesk --help lists them");
+}
+
+// What is wrong with the arguments.
+std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app) {
+  const auto given = app.get_subcommands();
+  const auto extras = app.remaining(true);
+  const CLI::App* command = given.empty() ? nullptr : given.front();
+  if (dynamic_cast<const CLI::ExtrasError*>(&error) && !extras.empty()) {
+    if (!command) return notACommand(app, extras.front());
+    const auto option =
+        std::find_if(extras.begin(), extras.end(), [](const std::string& word) { return word.starts_with('-'); });
+    const std::string& first = option == extras.end() ? extras.front() : *option;
+    return command->get_name() + " does not take \"" + first + "\"; voxdesk " + command->get_name() +
+           " --help says what it takes";
+  }
+  if (command && command->get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) &&
+      command->get_require_subcommand_min() > 0) {
+    return command->get_name() + ": expected one of its commands; voxdesk " + command->get_name() +
+           " --help lists them";
+  }
+  std::string what = error.what();
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
+    const bool tooMany = what.find("At Most") != what.npos;
+    what = what.substr(0, what.find(':')) + (tooMany ? ": given more than once" : ": a value is missing");
+  }
+  return what + "; see voxdesk " + (command ? command->get_name() + " " : "") + "--help";
 }
 
 std::string checkDevice(const std::string& name) {
@@ -63,12 +92,27 @@ int conclude(int exitCode, std::string sentence) {
   return exitCode;
 }
 
-// Which no comparison with a bound finds out.
-CLI::Validator number() {
-  return {[](const std::string& text) {
-            return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is not a number" : std::string();
+std::string notFound(const std::string& expected, const std::string& found) {
+  return "expected " + expected + ", not \"" + found + '"';
+}
+
+// whole: in digits, of which the first is no zero, as that would make it octal.
+CLI::Validator number(double least, double most, bool whole = false) {
+  std::ostringstream bounds;
+  bounds.precision(10);
+  bounds << least << " to " << most;
+  return {[=, range = bounds.str()](const std::string& text) {
+            char* end = nullptr;
+            const double value = std::strtod(text.c_str(), &end);
+            const bool digits = std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+            // (No comparison with a bound finds out what is no number at all.)
+            if (!text.empty() && *end == '\0' && value >= least && value <= most &&
+                (!whole || (digits && (text == "0" || text[0] != '0')))) {
+              return std::string();
+            }
+            return notFound((whole ? "a whole number from " : "a number from ") + range, text);
           },
-          ""};
+          bounds.str()};
 }
 
 }  // namespace
@@ -105,33 +149,33 @@ int main(int argc, char** argv) {
                     ->type_name("OUT.wav");
     to.add_option("--format", options.rawSound,
                   "wav, or raw: 16-bit samples alone, low byte first; 16 kHz, mono; default: wav")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"wav", false}, {"raw", true}}).description(""))
+        ->transform(CLI::Validator(
+            [](std::string& text) {
+              if (text != "wav" && text != "raw") return notFound("wav or raw", text);
+              text = text == "raw" ? "true" : "false";
+              return std::string();
+            },
+            ""))
         ->needs(out)
         ->type_name("FORMAT");
     to.add_option("--picture", options.picture, "A picture of it: waveform and spectrum")->type_name("OUT.png");
     return out;
   };
   const auto takesSeconds = [&](CLI::App& to, const char* what) {
-    to.add_option("--seconds", options.seconds, what)
-        ->check(CLI::Range(0.001, 86'400.0))
-        ->check(number())
-        ->type_name("S");
+    to.add_option("--seconds", options.seconds, what)->check(number(0.001, 86'400))->type_name("S");
   };
   takesOut(app, "Where the recording goes; default: voxdesk-recording.wav");
   takesSeconds(app, kSimulated ? "How long to record; default: as long as the speech" : "The longest recording");
-  auto* capture =
-      app.add_option("--capture", options.capture,
-                     "Record everything that passes between the library and the devices, as it happens")
-          ->type_name("FILE.pcapng")
-          ->check([](const std::string& name) { return std::string(name.empty() ? "a file's name is missing" : ""); });
+  auto* capture = app.add_option("--capture", options.capture,
+                                 "Record everything that passes between the library and the devices, as it happens")
+                      ->type_name("FILE.pcapng");
   auto* noSpeech = app.add_flag("--no-speech", options.noSpeech,
                                 "... with speech as zeros, and serial numbers and addresses invented, to hand it on")
                        ->needs(capture);
   auto* captureSize = app.add_option("--capture-size", options.captureMegabytes,
                                      "... in files of so many MiB at most, continued in FILE-2.pcapng ...; default: 64")
                           ->needs(capture)
-                          ->check(CLI::Range(0.1, 1'048'576.0))
-                          ->check(number())
+                          ->check(number(0.1, 1'048'576))
                           ->type_name("MIB");
   app.fallthrough();
   app.require_subcommand(0, 1);
@@ -206,23 +250,21 @@ int main(int argc, char** argv) {
   told->add_flag("--text", options.text, "The same as text; this is what happens without any option")->excludes(json);
   told->add_option("--wav", options.speechFolder, "Write the speech, a file for each voice channel")->type_name("DIR");
   told->add_option("--slow", options.slow, "An answer that takes longer is unusual; default: 250")
-      ->check(CLI::Range(0.0, 1e9))
-      ->check(number())
+      ->check(number(0, 1e9))
       ->type_name("MS");
 
   needsDevice(command(app, "state", "Ask a device for its state", &showState));
   needsDevice(command(app, "dpi", "Set a device's DPI", &setDpi))
       ->add_option("DPI", options.dpi, "Dots per inch")
       ->required()
-      ->check(CLI::Range(1, 32'767));
+      ->check(number(1, 32'767, true));
   needsDevice(command(app, "url", "Send a device its download URL", &setUrl))
       ->add_option("URL", options.url, "Without the scheme: letters, digits, - = . /")
       ->required();
   auto* send = needsDevice(command(app, "send", "Write one report to a device, as it stands", &sendReport));
   send->add_option("HEX", options.hex, "The report with its id, in hexadecimal; filled up with zeros")->required();
   send->add_option("--wait", options.waitMilliseconds, "Show what passes for so long afterwards; default: 0")
-      ->check(CLI::Range(0.0, 3'600'000.0))
-      ->check(number())
+      ->check(number(0, 3'600'000))
       ->type_name("MS");
   send->add_flag("--force", options.force, "Even one that belongs to a firmware update");
   auto* mkey = app.add_subcommand("mkey", "The function of a device's M key");
@@ -232,7 +274,7 @@ int main(int argc, char** argv) {
   needsDevice(command(*mkey, "set", "Give the key another function", &setMKey))
       ->add_option("FUNCTION", options.function, "Its number; 2 is a held button, 3 a screenshot")
       ->required()
-      ->check(CLI::Range(0, 255));
+      ->check(number(0, 255, true));
   auto* update = needsDevice(command(app, "update", "Update a device's firmware", &updateFirmware));
   update->add_option("--first", options.first, "The device's own image")->type_name("A.bin");
   update->add_option("--second", options.second, "Its receiver's image")->type_name("B.bin");
@@ -243,23 +285,45 @@ int main(int argc, char** argv) {
                                   "Try it with a simulated device (--device: its model; default: wren), once for each "
                                   "thing that may go wrong with each message")
                        ->excludes(yes);
-  update->add_option("--link", options.link, "... on this link; default: usb, where the model has it")
+  update->add_option("--link", options.link, "... on this link: usb or bluetooth; default: usb, where the model has it")
       ->needs(rehearse)
-      ->check(CLI::IsMember({"usb", "bluetooth"}))
+      ->check([](const std::string& text) {
+        return text == "usb" || text == "bluetooth" ? std::string() : notFound("usb or bluetooth", text);
+      })
       ->type_name("LINK");
 
+  std::vector<CLI::App*> all{&app};
+  for (const Command& each : commands) all.push_back(each.app);
+  for (CLI::App* each : all) {
+    for (CLI::Option* option : each->get_options()) {
+      option->check([](const std::string& text) { return std::string(text.empty() ? "a value is missing" : ""); });
+    }
+  }
   void (*run)(const Options&) = &showDesk;
-  try {
-    app.parse(argc, argv);
+  // What stands before a command is for all of them, or for none.
+  const auto chooseCommand = [&] {
     for (const Command& candidate : commands) {
       if (!candidate.app->parsed()) continue;
       run = candidate.run;
+      const std::string name = candidate.app->get_name();
       for (const CLI::Option* given : app.get_options()) {
         const bool takes = std::find(candidate.takes.begin(), candidate.takes.end(), given) != candidate.takes.end();
-        if (given->count() == 0 || takes || candidate.app->get_option_no_throw(given->get_name())) continue;
-        throw CLI::ValidationError(given->get_name(), candidate.app->get_name() + " does not take this option");
+        if (given->count() == 0 || takes) continue;
+        const bool behind = candidate.app->get_option_no_throw(given->get_name()) != nullptr;
+        throw CLI::ValidationError(given->get_name(),
+                                   behind ? "stands behind its command, as in voxdesk " + name + ' ' + given->get_name()
+                                          : name + " does not take this option");
       }
     }
+  };
+  try {
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      if (error.get_exit_code() != 0) chooseCommand();
+      throw;
+    }
+    chooseCommand();
     if ((*watch || *legacy) && options.virtualTime && options.seconds <= 0) {
       throw CLI::ValidationError("--virtual-time", "this needs --seconds with it, or it would never end");
     }
@@ -280,14 +344,11 @@ int main(int argc, char** argv) {
     if (*update && options.first.empty() && options.second.empty()) {
       throw CLI::RequiredError("--first or --second");
     }
-  } catch (const CLI::ExtrasError& error) {
-    const auto extras = app.remaining();
-    if (!app.get_subcommands().empty() || extras.empty()) return app.exit(error), kWrongUsage;
-    return conclude(kWrongUsage, nearestCommand(app, extras.front()));
   } catch (const CLI::ParseError& error) {
-    const int exitCode = app.exit(error) == 0 ? kDone : kWrongUsage;
+    if (error.get_exit_code() != 0) return conclude(kWrongUsage, sentenceOf(error, app));
+    app.exit(error);
     if (!std::cout.flush()) outputFailed(errno);
-    return conclude(exitCode, {});
+    return conclude(kDone, {});
   }
 
   try {

@@ -1,0 +1,15 @@
+// The files that voxdesk writes.
+#pragma once
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+// Opens a file to write, anew. Null: errno says why. A pipe that nobody reads is waited for; throws when somebody
+// interrupts that.
+std::FILE* openOutput(const std::filesystem::path& path);
+// Throws when a file cannot be written, before the work begins that it is for. Empty, or kStandardOutput: nothing to
+// ask.
+void checkOutput(const std::string& name);
+// Writes all of a file, or throws and leaves none.
+void writeOutput(const std::string& name, const std::string& content);
