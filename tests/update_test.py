@@ -67,7 +67,7 @@ def main() -> int:
             wrong.append(f"a refused completion: {code}, {result}, {said}")
         # A long update is tried in part.
         images[1].write_bytes(bytes(2000))
-        code, events, said = run("update", "--rehearse", "--json", "--first", str(images[1]))
+        code, events, said = run("update", "--rehearse", "--tries", "100", "--json", "--first", str(images[1]))
         if code or [events[-1][key] for key in ("messages", "tried", "runs")] != [128, 101, 3 + 98 * 3 + 97 + 3 + 1]:
             wrong.append(f"a long image: {code}, {events[-1:]}, {said}")
         images[1].write_bytes(images[0].read_bytes())

@@ -60,6 +60,7 @@ struct Options {
   bool quiet = false;  // only results and errors
   bool rehearse = false;
   std::string link;  // of the device that is rehearsed with: "usb", "bluetooth"; empty: USB where the model has it
+  int tries = 0;     // messages that a rehearsal spoils at most; 0: as many as take about a minute
 };
 
 // Shows the devices, holds the Wren's voice key and records what it hears.

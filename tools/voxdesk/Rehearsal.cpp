@@ -188,13 +188,16 @@ bool canHappen(UpdateFault fault, const UpdateMessage& message, FirmwareFamily f
 
 // Each run is as long as the update, so that twice the update would take four times as long. Of a long one only some
 // messages are spoilt: the first, the last and those evenly between, and all that carry no data.
-std::vector<std::size_t> messagesToSpoil(const std::vector<UpdateMessage>& messages) {
-  constexpr std::size_t kMost = 100;
+std::vector<std::size_t> messagesToSpoil(const std::vector<UpdateMessage>& messages, int tries) {
+  constexpr std::size_t kMinute = 2'200'000;  // messages for each fault; measured
+  constexpr std::size_t kLeast = 100;
+  const std::size_t most = tries > 0 ? static_cast<std::size_t>(tries)
+                                     : std::max(kLeast, kMinute / std::max<std::size_t>(1, messages.size()));
   std::vector<std::size_t> spoilt;
   std::size_t next = 0;
   for (std::size_t i = 0; i < messages.size(); ++i) {
-    const bool even = i >= next * (messages.size() - 1) / (kMost - 1);
-    if (messages.size() > kMost && !even && messages[i].code == OtaData) continue;
+    const bool even = i >= next * (messages.size() - 1) / (most - 1);
+    if (messages.size() > most && !even && messages[i].code == OtaData) continue;
     spoilt.push_back(i);
     next += even ? 1 : 0;
   }
@@ -205,6 +208,7 @@ class Rehearsal {
  public:
   Rehearsal(const Options& options, Terminal& terminal) : terminal_(terminal) {
     twin_.device = chosen(options);
+    tries_ = options.tries;
     twin_.images = imagesOf(options);
     view_.model = "VoxMouse " + twin_.device.model;
     view_.link = twin_.device.link == sim::Link::usb ? "USB" : "Bluetooth LE";
@@ -230,6 +234,7 @@ class Rehearsal {
   Twin twin_;
   DeviceView view_;
   std::vector<Row> rows_;
+  int tries_ = 0;
   std::size_t messages_ = 0;
   std::vector<std::size_t> spoilt_;  // of those
   const SteadyClock::time_point begin_ = SteadyClock::now();
@@ -253,7 +258,7 @@ void Rehearsal::run() {
   if (interrupted()) return;
   if (!sound.failure.empty()) throw Failure("without any fault, the update fails: " + sound.failure);
   messages_ = messages.size();
-  spoilt_ = messagesToSpoil(messages);
+  spoilt_ = messagesToSpoil(messages, tries_);
   terminal_.say("Rehearsing with a simulated " + view_.model + " over " + view_.link + ": the update has " +
                 capture::plural(messages_, "message") +
                 (spoilt_.size() == messages_ ? "."

@@ -291,6 +291,12 @@ int main(int argc, char** argv) {
         return text == "usb" || text == "bluetooth" ? std::string() : notFound("usb or bluetooth", text);
       })
       ->type_name("LINK");
+  update
+      ->add_option("--tries", options.tries,
+                   "... of so many of its messages at most; default: as many as take about a minute, and at least 100")
+      ->needs(rehearse)
+      ->check(number(2, 1e9, true))
+      ->type_name("N");
 
   std::vector<CLI::App*> all{&app};
   for (const Command& each : commands) all.push_back(each.app);
