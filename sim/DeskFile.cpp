@@ -237,7 +237,7 @@ std::string readFault(const Place& place, DeskDevice& device) {
     return "writing";
   }
   if (!place.has("command")) place.expected("\"command\", \"open\" or \"writes\"");
-  const std::string name = place["command"].text("a command's name");
+  std::string name = place["command"].text("a command's name");
   if (const auto step = kUpdateSteps.find(name); step != kUpdateSteps.end()) {
     return readUpdateFault(place, step->second, device);
   }

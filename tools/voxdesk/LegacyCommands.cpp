@@ -74,14 +74,13 @@ class LegacyView {
   void lookForSilentOnes() {
     std::vector<std::wstring> paths;
     CAudioHidCenter::EnumerateHidInterfaces(paths);
-    for (const std::wstring& path : paths) {
-      const std::string text = sim::utf8(path);
-      const std::string older = olderOf(text);
-      const std::string denied = older.empty() ? "" : session_.desk->denied(text);
-      if (!denied.empty() && silent_.insert(text).second) {
-        session_.terminal.tell("An " + older + " stays silent: " + denied + ".");
-      }
-    }
+    for (const std::wstring& path : paths) lookAtSilent(sim::utf8(path));
+  }
+  void lookAtSilent(const std::string& path) {
+    const std::string older = olderOf(path);
+    const std::string denied = older.empty() ? "" : session_.desk->denied(path);
+    if (denied.empty() || !silent_.insert(path).second) return;
+    session_.terminal.tell("An " + older + " stays silent: " + denied + ".");
   }
   void change(const char* key, bool down, bool& known, const char* text) {
     if (std::exchange(known, down) != down)
