@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <concepts>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -104,5 +105,20 @@ class Desk {
 
 constexpr std::int64_t kBound = 2000;  // ms in which everything ends
 
-// Runs `action`, and returns how long it took, in milliseconds.
-std::int64_t timeOf(Desk& desk, const std::function<void()>& action);
+// With VOXDEVICE_COARSE_TIMER in the environment, waits with a limit end at multiples of 15.625 ms, as on a real
+// system.
+bool hasCoarseTimer();
+
+// Milliseconds that something took; up to two periods more where the timer is coarse.
+struct Took {
+  std::int64_t milliseconds;
+  operator std::int64_t() const { return milliseconds; }
+  static std::int64_t late() { return hasCoarseTimer() ? 32 : 0; }
+  friend bool operator==(Took took, std::integral auto expected) {
+    return took.milliseconds >= expected && took <= expected;
+  }
+  friend bool operator<=(Took took, std::integral auto bound) { return took.milliseconds <= bound + late(); }
+};
+
+// Runs `action`, and returns how long it took.
+Took timeOf(Desk& desk, const std::function<void()>& action);

@@ -263,20 +263,22 @@ const Scenario kScenarios[] = {
     {"SwitchTheMode", switchMode, 1},
 };
 
-enum class Fails { call, callShuffled, allocation };
+enum class Fails { call, callShuffled, allocation, allocationShuffled };
+
+bool isOfMemory(Fails fails) { return fails == Fails::allocation || fails == Fails::allocationShuffled; }
 
 class Failures : public ::testing::TestWithParam<std::tuple<Scenario, Fails>> {};
 
 // The scenario with the n-th call or allocation failing; then, where it has failed, once more without. What has failed;
 // empty when there are not so many.
 std::string runWith(const Scenario& scenario, Fails fails, std::uint64_t n) {
-  Desk desk({.seed = fails == Fails::callShuffled ? n : 0});
+  Desk desk({.seed = fails == Fails::callShuffled || fails == Fails::allocationShuffled ? n : 0});
   desk.close();  // each run makes what it works with
-  sim::failAllocation(fails == Fails::allocation ? n : 0);
-  if (fails != Fails::allocation) desk.machine.failCall(n);
+  sim::failAllocation(isOfMemory(fails) ? n : 0);
+  if (!isOfMemory(fails)) desk.machine.failCall(n);
   Outcome outcome = scenario.run(desk);
   std::string failed = desk.machine.failedCall();
-  if (sim::allocations() >= n && fails == Fails::allocation) failed = "operator new";
+  if (sim::allocations() >= n && isOfMemory(fails)) failed = "operator new";
   SCOPED_TRACE("number " + std::to_string(n) + ", " + failed);
   EXPECT_LE(desk.machine.now(), kLongest);
   const auto handles = desk.machine.balance().handles;
@@ -311,13 +313,13 @@ TEST_P(Failures, OfEachAreSurvived) {
 }
 
 #ifdef VOXDEVICE_EXPLORE
-const auto kFails = ::testing::Values(Fails::call, Fails::callShuffled, Fails::allocation);
+const auto kFails = ::testing::Values(Fails::call, Fails::callShuffled, Fails::allocation, Fails::allocationShuffled);
 #else  // nothing tells whose an allocation is
 const auto kFails = ::testing::Values(Fails::call, Fails::callShuffled);
 #endif
 
 std::string nameOf(const ::testing::TestParamInfo<Failures::ParamType>& each) {
-  constexpr const char* kNames[] = {"Call", "CallShuffled", "Allocation"};
+  constexpr const char* kNames[] = {"Call", "CallShuffled", "Allocation", "AllocationShuffled"};
   return std::string(std::get<0>(each.param).name) + "_" + kNames[static_cast<int>(std::get<1>(each.param))];
 }
 

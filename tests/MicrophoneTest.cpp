@@ -440,7 +440,7 @@ TEST(Microphone, RecordersThatEndWhileOthersAreInsideTakeAMomentAndNoForce) {
     struct Context {
       Desk& desk;
       std::function<void()> end;
-      std::int64_t took = -1;
+      Took took{-1};
     } contexts[] = {{desk, [&] { how == 0 ? other.reset() : desk.recorder.reset(); }},
                     {desk, [&] { desk.recorder.reset(); }}};
     const auto onData = [](const char*, int, void* context) {
