@@ -76,6 +76,12 @@ wanted = {"watched": story["unusual"] and story["keys"], "spoken": story["speech
 assert wanted[name], "nothing to see"
 PYTHON
 done
+# What doctor has found stands above.
+"$voxdesk" --virtual-time --desk desk.json doctor --out doctor.html >said || [ $? -eq 1 ]
+load doctor
+sed -n 's/^  \(#.*\): \(.*\)\.$/<td[^>]*>\1<.td><td[^>]*>\2</p' said >wanted
+[ -s wanted ] || fail "doctor has found nothing"
+while IFS= read -r row; do grep -q "$row" doctor.dom || fail "not on doctor's page: $row"; done <wanted
 # Without a mouse: to the first frame, to the next unusual one, nearer, and back to the whole.
 sed 's|</body>|<script>\
   const press = key => lanes.svg.dispatchEvent(new KeyboardEvent("keydown", {key, cancelable: true}));\

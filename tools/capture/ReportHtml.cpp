@@ -111,7 +111,7 @@ std::string inScript(const Json& page) {
 
 }  // namespace
 
-std::string htmlOf(const Story& story, const std::string& file) {
+std::string htmlOf(const Story& story, const std::string& file, const std::optional<std::vector<Finding>>& findings) {
   Json page = summaryOf(story, file);
   std::vector<std::string> leftOut;
   shorten(page, "devices", kMostDevices, leftOut);
@@ -121,6 +121,12 @@ std::string htmlOf(const Story& story, const std::string& file) {
   addFrames(story, page, leftOut);
   addPictures(story, page, leftOut);
   page["not_shown"] = leftOut;
+  if (findings) {
+    page["findings"] = Json::array();
+    for (const Finding& each : *findings) {
+      page["findings"].push_back({{"about", each.about}, {"what", each.what}, {"advice", each.advice}});
+    }
+  }
   constexpr std::string_view kPlace = "{\"the story\":0}";
   std::string html(reinterpret_cast<const char*>(kReportPage), kReportPageBytes);
   html.replace(html.find(kPlace), kPlace.size(), inScript(page));

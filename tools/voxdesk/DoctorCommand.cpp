@@ -17,12 +17,6 @@ constexpr double kVoiceSeconds = 2;
 constexpr int kLowBattery = 20;                 // percent
 constexpr capture::Time kSlowAnswer = 250'000;  // microseconds
 
-struct Finding {
-  std::string about;
-  std::string what;
-  std::string advice;
-};
-
 class Doctor {
  public:
   Doctor(Session& session, const Survey& survey) : session_(session), survey_(survey) {}
@@ -32,8 +26,7 @@ class Doctor {
   void listen();
   void lookAtDevices();
   void lookAtSound();
-  // How many there are.
-  std::size_t tellFindings();
+  std::vector<capture::Finding> tellFindings();
 
  private:
   void find(const std::string& about, const std::string& what, const std::string& advice) {
@@ -47,7 +40,7 @@ class Doctor {
 
   Session& session_;
   const Survey& survey_;
-  std::vector<Finding> findings_;
+  std::vector<capture::Finding> findings_;
   std::vector<std::pair<int, VoxSpeechCounts>> speech_;  // by device
   std::vector<int> silent_;                              // devices whose voice channel did not open
 };
@@ -138,7 +131,10 @@ void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {
 void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
   const capture::Story story = capture::tell(survey_.capture(hid.path), kSlowAnswer);
   // By what it has said, whether it still answers or not: its path may be another model's, too.
-  const std::string model = story.devices.empty() ? hid.model : "VoxMouse " + story.devices.back().model;
+  const auto told = std::find_if(story.devices.begin(), story.devices.end(), [&hid](const capture::Device& each) {
+    return each.number == hid.device && !each.model.empty();
+  });
+  const std::string model = told == story.devices.end() ? hid.model : "VoxMouse " + told->model;
   const std::string about = "#" + std::to_string(hid.device) + " " + model;
   capture::RequestCount beats;
   for (const auto& request : story.requests) {
@@ -150,11 +146,14 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
                          (device  ? device->link + ", battery " + percent(device->battery)
                           : never ? "silent"
                                   : "silent by now"));
-  session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) +
-                         (never ? "none answered"
-                                : std::to_string(beats.unanswered) + " unanswered; the others were answered after " +
-                                      capture::milliseconds(beats.median()) + " (median), " +
-                                      capture::milliseconds(beats.slowest()) + " (worst)"));
+  std::string answers = "none answered";
+  if (!never) {
+    answers = beats.unanswered == 0 ? "all answered"
+                                    : std::to_string(beats.unanswered) + " unanswered; the others were answered";
+    answers += " after " + capture::milliseconds(beats.median()) + " (median), ";
+    answers += capture::milliseconds(beats.slowest()) + " (worst)";
+  }
+  session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) + answers);
   Json fields{{"device", hid.device}, {"model", model},           {"connected", device != nullptr},
               {"seconds", age},       {"heartbeats", beats.sent}, {"heartbeats_unanswered", beats.unanswered}};
   fields["answer_median_ms"] = never ? Json() : Json(static_cast<double>(beats.median()) / 1000);
@@ -224,14 +223,14 @@ void Doctor::lookAtSound() {
                     {"channels", speaker ? speaker->channels : 0}});
 }
 
-std::size_t Doctor::tellFindings() {
+std::vector<capture::Finding> Doctor::tellFindings() {
   session_.terminal.tell(findings_.empty() ? "Nothing is wrong that could be seen." : "Findings:");
-  for (const Finding& finding : findings_) {
+  for (const capture::Finding& finding : findings_) {
     session_.terminal.tell("  " + finding.about + ": " + finding.what + ".");
     session_.terminal.tell("    What may help: " + finding.advice + ".");
     event("finding", {{"about", finding.about}, {"what", finding.what}, {"advice", finding.advice}});
   }
-  return findings_.size();
+  return findings_;
 }
 
 }  // namespace
@@ -244,7 +243,7 @@ void doctor(const Options& options) {
   }
   checkOutput(options.reportPage);
   Survey survey;
-  std::size_t findings = 0;
+  std::vector<capture::Finding> findings;
   {
     Session session(options, false, &survey);
     Doctor doctor(session, survey);
@@ -263,9 +262,12 @@ void doctor(const Options& options) {
     session.finish();
   }
   if (!options.reportPage.empty()) {
-    const std::string page = capture::htmlOf(capture::tell(survey.capture({}), kSlowAnswer), "voxdesk doctor");
+    const std::string page =
+        capture::htmlOf(capture::tell(survey.capture({}), kSlowAnswer), "voxdesk doctor", findings);
     writeOutput(options.reportPage, page);
   }
-  if (findings > 0 && !interrupted())
-    throw Failure("there " + std::string(findings == 1 ? "is " : "are ") + capture::plural(findings, "finding"));
+  if (!findings.empty() && !interrupted()) {
+    throw Failure("there " + std::string(findings.size() == 1 ? "is " : "are ") +
+                  capture::plural(findings.size(), "finding"));
+  }
 }
