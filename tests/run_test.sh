@@ -43,7 +43,7 @@ expect() {
   esac
 }
 failed=0
-installing="Installing: g++ cmake ninja-build libcli11-dev libhidapi-dev libstb-dev nlohmann-json3-dev
+installing="Installing: g++ cmake ninja-build libcli11-dev libfmt-dev libhidapi-dev libstb-dev nlohmann-json3-dev
 "
 expect "no sudo" 1 "" "Packages are missing, and there is no sudo to *: apt-get update && apt-get install g++ *" WHO=5
 stub sudo "$sudo"

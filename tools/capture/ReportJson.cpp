@@ -1,6 +1,6 @@
+#include <fmt/format.h>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 
 #include "tools/capture/Report.h"
 
@@ -127,20 +127,16 @@ std::string dateOf(std::int64_t microseconds) {
   const auto days = floor<std::chrono::days>(time);
   const std::int64_t ofDay = (time - days).count();
   const year_month_day date{days};
-  char text[64];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02u %02d:%02d:%02d UTC", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), static_cast<int>(ofDay / 3600),
-                static_cast<int>(ofDay / 60 % 60), static_cast<int>(ofDay % 60));
-  return text;
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} UTC", static_cast<int>(date.year()),
+                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), ofDay / 3600,
+                     ofDay / 60 % 60, ofDay % 60);
 }
 
 std::string wavName(const Story& story, std::size_t number) {
   const Speech& speech = story.speech[number];
   const Device& device = story.devices[speech.device];
-  char text[64];
-  std::snprintf(text, sizeof text, "speech-%03zu-device-%d.wav", number + 1,
-                device.number >= 0 ? device.number : static_cast<int>(speech.device));
-  return text;
+  return fmt::format("speech-{:03}-device-{}.wav", number + 1,
+                     device.number >= 0 ? device.number : static_cast<int>(speech.device));
 }
 
 }  // namespace capture

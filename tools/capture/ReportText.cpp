@@ -1,5 +1,5 @@
+#include <fmt/format.h>
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include "tools/capture/Report.h"
@@ -7,14 +7,7 @@
 namespace capture {
 namespace {
 
-template <typename... Values>
-std::string format(const char* form, Values... values) {
-  char text[128];
-  std::snprintf(text, sizeof text, form, values...);
-  return text;
-}
-
-std::string at(Time time) { return format("%10.3f s  ", static_cast<double>(time) / 1e6); }
+std::string at(Time time) { return fmt::format("{:10.3f} s  ", static_cast<double>(time) / 1e6); }
 
 // What a device, or a file, says may hold anything, but nothing that moves a cursor.
 std::string plain(const std::string& text) {
@@ -83,7 +76,8 @@ std::string describe(const Device& device) {
 std::string textOf(const Story& story, const std::string& file) {
   const Counts& counts = story.counts;
   Lines lines(story);
-  lines.add(file + ": " + dateOf(story.start) + ", " + format("%.3f s", static_cast<double>(story.length) / 1e6) +
+  lines.add(file + ": " + dateOf(story.start) + ", " +
+            fmt::format("{:.3f} s", static_cast<double>(story.length) / 1e6) +
             (story.source.empty() ? "" : ", made by " + story.source));
   if (!story.problem.empty()) lines.add("NOT WHOLE: " + story.problem);
   lines.add(plural(counts.sent, "report") + " sent, " + std::to_string(counts.received) +
@@ -108,30 +102,29 @@ std::string textOf(const Story& story, const std::string& file) {
   lines.part("Requests              sent  answered  unanswered     median    slowest", story.requests,
              [](const RequestCount& each) {
                std::string line = "  " + Lines::column(each.name, 16) +
-                                  format("%6zu  %8zu  %10zu", each.sent, each.answered, each.unanswered);
+                                  fmt::format("{:6}  {:8}  {:10}", each.sent, each.answered, each.unanswered);
                if (each.delays.empty()) return line;
-               return line +
-                      format("  %9s  %9s", milliseconds(each.median()).c_str(), milliseconds(each.slowest()).c_str());
+               return line + fmt::format("  {:>9}  {:>9}", milliseconds(each.median()), milliseconds(each.slowest()));
              });
   lines.part("Keys", story.keys, [&](const KeyPress& each) {
-    const std::string held = format("%.3f s", static_cast<double>(each.to - each.from) / 1e6);
+    const std::string held = fmt::format("{:.3f} s", static_cast<double>(each.to - each.from) / 1e6);
     return at(each.from) + lines.device(each.device) + Lines::column(each.key, 18) +
            (each.down             ? "down to the end"
             : each.to > each.from ? held
                                   : "");
   });
   lines.part("Speech", story.speech, [&](const Speech& each) {
-    return at(each.from) + lines.device(each.device) + format("%.2f s in ", each.seconds()) +
+    return at(each.from) + lines.device(each.device) + fmt::format("{:.2f} s in ", each.seconds()) +
            plural(each.reports, "report") +
            (each.closedCodec   ? ", in the closed codec: not decoded"
             : each.pcm.empty() ? std::string()
-                               : format(", peak %.1f dBFS", each.peak())) +
+                               : fmt::format(", peak {:.1f} dBFS", each.peak())) +
            (each.missing > 0 ? ", about " + std::to_string(each.missing) + " missing" : "");
   });
   lines.part("Updates", story.updates, [&](const Update& each) {
     return at(each.from) + lines.device(each.device) + (each.receiver ? "receiver, " : "") +
            std::to_string(each.bytes) + " bytes in " + plural(each.messages, "message") +
-           format(", %.1f s: ", static_cast<double>(each.to - each.from) / 1e6) + each.result;
+           fmt::format(", {:.1f} s: ", static_cast<double>(each.to - each.from) / 1e6) + each.result;
   });
   lines.part("Log", story.told, [&](const ToldLine& each) {
     return at(each.time) + Lines::column(each.device >= 0 ? "#" + std::to_string(each.device) : "", 3) +

@@ -1,8 +1,8 @@
 #include "tools/capture/Story.h"
 
+#include <fmt/format.h>
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -29,11 +29,7 @@ const char* nameOf(DataChannel link) {
   }
 }
 
-std::string fourDigits(std::uint16_t id) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04X", unsigned{id});
-  return id != 0 ? text : "";
-}
+std::string fourDigits(std::uint16_t id) { return id != 0 ? fmt::format("{:04X}", id) : ""; }
 
 std::string bytesOf(std::span<const std::uint8_t> report) {
   while (!report.empty() && report.back() == 0) report = report.first(report.size() - 1);
@@ -347,11 +343,7 @@ Story tell(const Capture& capture, Time slow) {
   return story;
 }
 
-std::string milliseconds(Time time) {
-  char text[48];
-  std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(time) / 1000);
-  return text;
-}
+std::string milliseconds(Time time) { return fmt::format("{:.1f} ms", static_cast<double>(time) / 1000); }
 
 std::string plural(std::size_t count, const char* what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");

@@ -1,4 +1,5 @@
 // Commands to one device: DPI, download URL, M key, state, any report.
+#include <fmt/format.h>
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -27,7 +28,7 @@ struct DeviceSession : Session {
     if (!event) {
       failIfInterrupted("before device " + std::to_string(chosen.number) + " (" + chosen.model + ") had answered");
       throw Failure("device " + std::to_string(chosen.number) + " (" + chosen.model + ") did not answer within " +
-                    fixed("%.1f s", seconds));
+                    fmt::format("{:.1f} s", seconds));
     }
     terminal.event(event->seconds, event->name, event->fields, event->text);
     return *event;
@@ -91,7 +92,7 @@ void setMKey(const Options& options) {
     case SetMKeyType_NotSupported:
       throw Failure("the device does not support function " + function + "; it has " + list.fields["supported"].dump());
     case SetMKeyType_NoAnswer:
-      throw Failure(fixed("the device did not confirm within %.1f s", kMKeySeconds));
+      throw Failure(fmt::format("the device did not confirm within {:.1f} s", kMKeySeconds));
     case SetMKeyType_OtherType:
       throw Failure("the device kept function " + std::to_string(now));
     case SetMKeyType_NotReady:

@@ -1,4 +1,5 @@
 // What is plugged in, what stands in the way of its use, and what to do about it.
+#include <fmt/format.h>
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -153,7 +154,8 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
     answers += " after " + capture::milliseconds(beats.median()) + " (median), ";
     answers += capture::milliseconds(beats.slowest()) + " (worst)";
   }
-  session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fixed("%.1f s, ", age) + answers);
+  session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fmt::format("{:.1f} s, ", age) +
+                         answers);
   Json fields{{"device", hid.device}, {"model", model},           {"connected", device != nullptr},
               {"seconds", age},       {"heartbeats", beats.sent}, {"heartbeats_unanswered", beats.unanswered}};
   fields["answer_median_ms"] = never ? Json() : Json(static_cast<double>(beats.median()) / 1000);
@@ -209,7 +211,7 @@ void Doctor::lookAtSound() {
   const auto endpoints = session_.desk->endpoints();
   for (std::size_t i = 0; i < endpoints.size(); ++i) {
     const SoundEndpoint& endpoint = endpoints[i];
-    session_.terminal.tell("  " + endpoint.name + fixed(": volume %.0f %%", 100 * endpoint.volume) +
+    session_.terminal.tell("  " + endpoint.name + fmt::format(": volume {:.0f} %", 100 * endpoint.volume) +
                            (endpoint.muted ? ", muted" : ""));
     event("endpoint", {{"index", i}, {"name", endpoint.name}, {"volume", endpoint.volume}, {"muted", endpoint.muted}});
     if (endpoint.muted) find(endpoint.name, "it is muted", "take its mute off in the system's sound settings");
@@ -238,8 +240,9 @@ std::vector<capture::Finding> Doctor::tellFindings() {
 void doctor(const Options& options) {
   if (options.reportPage == kStandardOutput) throw Failure("--out: the page goes into a file", kWrongUsage);
   if (options.seconds > 0 && options.seconds < kLeastSeconds) {
-    throw Failure("--seconds: devices need " + fixed("%.0f s", kLeastSeconds) + " until something can be said of them",
-                  kWrongUsage);
+    throw Failure(
+        "--seconds: devices need " + fmt::format("{:.0f} s", kLeastSeconds) + " until something can be said of them",
+        kWrongUsage);
   }
   checkOutput(options.reportPage);
   Survey survey;
@@ -248,7 +251,8 @@ void doctor(const Options& options) {
     Session session(options, false, &survey);
     Doctor doctor(session, survey);
     const double seconds = options.seconds > 0 ? options.seconds : kLookSeconds;
-    session.terminal.say("voxdesk " VOXDEVICE_VERSION " looks at this computer for " + fixed("%.0f s", seconds) +
+    session.terminal.say("voxdesk " VOXDEVICE_VERSION " looks at this computer for " +
+                         fmt::format("{:.0f} s", seconds) +
                          (options.noVoice ? "." : ", then opens each device's voice channel for 2 s."));
     session.terminal.event(session.desk->seconds(), "version", {{"voxdesk", VOXDEVICE_VERSION}}, "");
     session.runUntil(seconds, {"none"}, [] { return false; });

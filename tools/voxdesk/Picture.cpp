@@ -1,9 +1,9 @@
 #include "Picture.h"
 
+#include <fmt/format.h>
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <numbers>
@@ -201,29 +201,21 @@ Colour colourOf(double dB) {
   return {mix(a.red, b.red), mix(a.green, b.green), mix(a.blue, b.blue)};
 }
 
-std::string number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.10g", value);
-  return text;
-}
+std::string number(double value) { return fmt::format("{:.10g}", value); }
 
 constexpr double kMinute = 60;
 constexpr double kHour = 60 * kMinute;
 
 // As 1:05.
 std::string clock(double seconds) {
-  char text[32];
-  const auto minutes = static_cast<int>(std::lround(seconds / kMinute));
-  std::snprintf(text, sizeof text, "%d:%02d", minutes / 60, minutes % 60);
-  return text;
+  const auto minutes = std::lround(seconds / kMinute);
+  return fmt::format("{}:{:02}", minutes / 60, minutes % 60);
 }
 
 // What stands at the end of an axis: hours, or seconds rounded as everywhere else, without zeros at their end.
 std::string endOf(double seconds) {
   if (seconds >= kHour) return clock(seconds) + " h";
-  char text[32];
-  std::snprintf(text, sizeof text, "%.2f", seconds);
-  return number(std::strtod(text, nullptr)) + " s";
+  return number(std::stod(fmt::format("{:.2f}", seconds))) + " s";
 }
 
 // Between two marks of an axis, so that there are ten at most.

@@ -1,5 +1,6 @@
 // An update that is tried with a simulated device, once for each thing that may go wrong with each of its messages.
 // No other device can be reached from here: the library is linked with the simulated machine.
+#include <fmt/format.h>
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -276,7 +277,7 @@ void Rehearsal::run() {
       add(image, stepOf(message), name, outcome);
     }
     const double fraction = static_cast<double>(done + 1) / static_cast<double>(spoilt_.size());
-    terminal_.progress(seconds(), "rehearsing ", fraction, '=', fixed(" %3.0f %%", 100 * fraction));
+    terminal_.progress(seconds(), "rehearsing ", fraction, '=', fmt::format(" {:3.0f} %", 100 * fraction));
   }
 }
 
@@ -300,9 +301,9 @@ void Rehearsal::tell() {
     return count([&](const Row& row) { return nameOf(row.outcome) == name; });
   };
   const std::size_t all = count([](const Row&) { return true; });
-  terminal_.tell(capture::plural(all, "run") + fixed(" in %.1f s: ", seconds()) + std::to_string(named("done")) +
-                 " done, " + std::to_string(named("done again")) + " done after data was sent again, " +
-                 std::to_string(named("failed")) + " failed.");
+  terminal_.tell(capture::plural(all, "run") + fmt::format(" in {:.1f} s: ", seconds()) +
+                 std::to_string(named("done")) + " done, " + std::to_string(named("done again")) +
+                 " done after data was sent again, " + std::to_string(named("failed")) + " failed.");
   for (const Row& row : rows_) sentences.insert(row.outcome.sentence());
   sentences.erase("");
   for (const std::string& sentence : sentences) {

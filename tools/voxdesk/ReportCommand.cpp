@@ -1,4 +1,5 @@
 // What a capture tells, without a desk and without the library.
+#include <fmt/format.h>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -24,9 +25,7 @@ std::string writeSpeech(const capture::Story& story, const std::string& folder) 
     const std::string name = folder + "/" + capture::wavName(story, i);
     std::string why;
     if (!sim::writeWav(name, speech.pcm, 16'000, why)) throw Failure(why);
-    char line[64];
-    std::snprintf(line, sizeof line, ": %.2f s of speech\n", speech.seconds());
-    lines += "wrote " + name + line;
+    lines += fmt::format("wrote {}: {:.2f} s of speech\n", name, speech.seconds());
   }
   return lines.empty() ? "There is no speech that could be written.\n" : lines;
 }

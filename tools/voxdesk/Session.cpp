@@ -1,5 +1,6 @@
 #include "Session.h"
 
+#include <fmt/format.h>
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -33,12 +34,6 @@ std::string listOf(const std::vector<DeviceView>& devices) {
 }
 
 }  // namespace
-
-std::string fixed(const char* format, double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
 
 Session::Session(const Options& options, bool busy, Watcher* watcher, std::unique_ptr<Desk> other)
     : terminal(options.json, options.out == kStandardOutput, options.quiet),
@@ -195,7 +190,7 @@ void Session::discover(const std::vector<std::string>& show) {
 
 std::string Session::noDevice() const {
   if (desk->expectedDevices() == 0U) return "the desk has no devices that could answer";
-  return "no device has answered within " + fixed("%.0f s", kDiscoverySeconds) +
+  return "no device has answered within " + fmt::format("{:.0f} s", kDiscoverySeconds) +
          (desk->advice().empty() ? "" : "; " + desk->advice());
 }
 

@@ -23,9 +23,6 @@ class Watcher {
   virtual void observe(const VoxObservation& observation, std::int64_t microseconds) = 0;
 };
 
-// printf for one number.
-std::string fixed(const char* format, double value);
-
 class Session {
  public:
   // busy: somebody uses a simulated desk.

@@ -1,4 +1,5 @@
 // The computer's own microphones and speaker.
+#include <fmt/format.h>
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -85,8 +86,8 @@ void listSound(const Options& options) {
   Table volumes({{"#", Table::Side::right}, {"capture endpoint"}, {"volume", Table::Side::right}, {"muted"}});
   for (std::size_t i = 0; i < endpoints.size(); ++i) {
     const SoundEndpoint& endpoint = endpoints[i];
-    volumes.add(
-        {std::to_string(i), endpoint.name, fixed("%.0f %%", 100.0 * endpoint.volume), endpoint.muted ? "yes" : "no"});
+    volumes.add({std::to_string(i), endpoint.name, fmt::format("{:.0f} %", 100.0 * endpoint.volume),
+                 endpoint.muted ? "yes" : "no"});
     session.terminal.event(session.desk->seconds(), "endpoint",
                            {{"index", i},
                             {"name", endpoint.name},

@@ -1,5 +1,6 @@
 #include "Take.h"
 
+#include <fmt/format.h>
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -156,19 +157,21 @@ void Take::show(const std::vector<std::int16_t>& more) {
   if (terminal.json()) {
     terminal.event(now, "level", {{"seconds", seconds()}, {"dbfs", rounded(dB)}}, "");
   } else {
-    terminal.progress(now, "recording " + fixed("%5.1f s  ", seconds()), (dB + 60) / 60, '#', fixed(" %6.1f dBFS", dB));
+    terminal.progress(now, "recording " + fmt::format("{:5.1f} s  ", seconds()), (dB + 60) / 60, '#',
+                      fmt::format(" {:6.1f} dBFS", dB));
   }
 }
 
 std::string Take::holds(const std::string& what) const {
   if (samples_ == 0) return name_ + ": " + what + "; nothing has been recorded";
-  return name_ + ": " + what + fixed("; it holds the first %.2f s", seconds());
+  return name_ + ": " + what + fmt::format("; it holds the first {:.2f} s", seconds());
 }
 
 void Take::drawPictures() {
   if (!picture_.empty()) {
     const std::string title = path_ == kStandardOutput ? "recording" : sim::nameOf(sim::pathOf(path_).filename());
-    sound_.write(picture_, title + fixed(": %.2f s", seconds()) + fixed(", peak %.1f dBFS", decibels(peak_)));
+    sound_.write(picture_,
+                 title + fmt::format(": {:.2f} s", seconds()) + fmt::format(", peak {:.1f} dBFS", decibels(peak_)));
     session_.terminal.event(session_.desk->seconds(), "picture", {{"file", picture_}}, "wrote " + picture_);
   }
   // The last column stays free, as that of a level does.
@@ -182,10 +185,10 @@ void Take::drawPictures() {
 
 void Take::finish(const std::string& why) {
   if (samples_ > 0) {
-    session_.terminal.event(
-        session_.desk->seconds(), "recorded",
-        {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
-        "wrote " + name_ + fixed(": %.2f s, 16 kHz mono", seconds()) + fixed(", peak %.1f dBFS", decibels(peak_)));
+    session_.terminal.event(session_.desk->seconds(), "recorded",
+                            {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
+                            "wrote " + name_ + fmt::format(": {:.2f} s, 16 kHz mono", seconds()) +
+                                fmt::format(", peak {:.1f} dBFS", decibels(peak_)));
     try {
       drawPictures();
     } catch (const Failure&) {

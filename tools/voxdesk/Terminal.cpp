@@ -1,5 +1,6 @@
 #include "Terminal.h"
 
+#include <fmt/format.h>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -35,11 +36,7 @@ void noteRequest() {
   }
 }
 
-std::string stamp(double seconds) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%8.3f s  ", seconds);
-  return text;
-}
+std::string stamp(double seconds) { return fmt::format("{:8.3f} s  ", seconds); }
 
 bool saysDumb(const char* terminal) { return terminal && std::string_view(terminal) == "dumb"; }
 

@@ -1,4 +1,5 @@
 // The update command: asks, shows how far it is, and says what has become of it.
+#include <fmt/format.h>
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -48,8 +49,8 @@ class UpdateView {
     }
     const double rate = event.seconds > begin_ ? done / (event.seconds - begin_) : 0;
     const double fraction = done / static_cast<double>(current->size);
-    std::string tail = fixed(" %3.0f %%", 100 * fraction) + fixed("  %.1f kB/s", rate / 1000);
-    if (rate > 0) tail += fixed("  %.0f s left", std::ceil((static_cast<double>(current->size) - done) / rate));
+    std::string tail = fmt::format(" {:3.0f} %", 100 * fraction) + fmt::format("  {:.1f} kB/s", rate / 1000);
+    if (rate > 0) tail += fmt::format("  {:.0f} s left", std::ceil((static_cast<double>(current->size) - done) / rate));
     session_.terminal.progress(event.seconds, std::string(current->name) + " image ", fraction, '=', tail);
   }
 
@@ -104,7 +105,7 @@ void tellImages(Session& session, const std::vector<Image>& images) {
 void tellSummary(Session& session, const DeviceView& device, const UpdateRun& run) {
   const std::size_t again = run.again();
   session.terminal.tell("Sent " + capture::plural(static_cast<std::size_t>(run.bytes), "byte") +
-                        fixed(" in %.1f s; ", run.seconds) +
+                        fmt::format(" in {:.1f} s; ", run.seconds) +
                         (again == 0 ? "nothing had to be sent again."
                                     : capture::plural(again, "data message") + " had to be sent again."));
   Json fields{{"device", device.number},
