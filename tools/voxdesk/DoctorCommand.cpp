@@ -149,13 +149,13 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
                                   : "silent by now"));
   std::string answers = "none answered";
   if (!never) {
-    answers = beats.unanswered == 0 ? "all answered"
-                                    : std::to_string(beats.unanswered) + " unanswered; the others were answered";
-    answers += " after " + capture::milliseconds(beats.median()) + " (median), ";
-    answers += capture::milliseconds(beats.slowest()) + " (worst)";
+    answers =
+        fmt::format("{} after {} (median), {} (worst)",
+                    beats.unanswered == 0 ? "all answered"
+                                          : fmt::format("{} unanswered; the others were answered", beats.unanswered),
+                    capture::milliseconds(beats.median()), capture::milliseconds(beats.slowest()));
   }
-  session_.terminal.tell("    " + capture::plural(beats.sent, "heartbeat") + " in " + fmt::format("{:.1f} s, ", age) +
-                         answers);
+  session_.terminal.tell(fmt::format("    {} in {:.1f} s, {}", capture::plural(beats.sent, "heartbeat"), age, answers));
   Json fields{{"device", hid.device}, {"model", model},           {"connected", device != nullptr},
               {"seconds", age},       {"heartbeats", beats.sent}, {"heartbeats_unanswered", beats.unanswered}};
   fields["answer_median_ms"] = never ? Json() : Json(static_cast<double>(beats.median()) / 1000);
@@ -240,9 +240,8 @@ std::vector<capture::Finding> Doctor::tellFindings() {
 void doctor(const Options& options) {
   if (options.reportPage == kStandardOutput) throw Failure("--out: the page goes into a file", kWrongUsage);
   if (options.seconds > 0 && options.seconds < kLeastSeconds) {
-    throw Failure(
-        "--seconds: devices need " + fmt::format("{:.0f} s", kLeastSeconds) + " until something can be said of them",
-        kWrongUsage);
+    throw Failure(fmt::format("--seconds: devices need {:.0f} s until something can be said of them", kLeastSeconds),
+                  kWrongUsage);
   }
   checkOutput(options.reportPage);
   Survey survey;
@@ -251,9 +250,8 @@ void doctor(const Options& options) {
     Session session(options, false, &survey);
     Doctor doctor(session, survey);
     const double seconds = options.seconds > 0 ? options.seconds : kLookSeconds;
-    session.terminal.say("voxdesk " VOXDEVICE_VERSION " looks at this computer for " +
-                         fmt::format("{:.0f} s", seconds) +
-                         (options.noVoice ? "." : ", then opens each device's voice channel for 2 s."));
+    session.terminal.say(fmt::format("voxdesk " VOXDEVICE_VERSION " looks at this computer for {:.0f} s{}", seconds,
+                                     options.noVoice ? "." : ", then opens each device's voice channel for 2 s."));
     session.terminal.event(session.desk->seconds(), "version", {{"voxdesk", VOXDEVICE_VERSION}}, "");
     session.runUntil(seconds, {"none"}, [] { return false; });
     if (session.desk->seconds() < kLeastSeconds)

@@ -301,9 +301,9 @@ void Rehearsal::tell() {
     return count([&](const Row& row) { return nameOf(row.outcome) == name; });
   };
   const std::size_t all = count([](const Row&) { return true; });
-  terminal_.tell(capture::plural(all, "run") + fmt::format(" in {:.1f} s: ", seconds()) +
-                 std::to_string(named("done")) + " done, " + std::to_string(named("done again")) +
-                 " done after data was sent again, " + std::to_string(named("failed")) + " failed.");
+  terminal_.tell(fmt::format("{} in {:.1f} s: {} done, {} done after data was sent again, {} failed.",
+                             capture::plural(all, "run"), seconds(), named("done"), named("done again"),
+                             named("failed")));
   for (const Row& row : rows_) sentences.insert(row.outcome.sentence());
   sentences.erase("");
   for (const std::string& sentence : sentences) {

@@ -190,8 +190,9 @@ void Session::discover(const std::vector<std::string>& show) {
 
 std::string Session::noDevice() const {
   if (desk->expectedDevices() == 0U) return "the desk has no devices that could answer";
-  return "no device has answered within " + fmt::format("{:.0f} s", kDiscoverySeconds) +
-         (desk->advice().empty() ? "" : "; " + desk->advice());
+  const std::string advice = desk->advice();
+  return fmt::format("no device has answered within {:.0f} s{}{}", kDiscoverySeconds, advice.empty() ? "" : "; ",
+                     advice);
 }
 
 void Session::failIfInterrupted(const std::string& when) {

@@ -157,21 +157,20 @@ void Take::show(const std::vector<std::int16_t>& more) {
   if (terminal.json()) {
     terminal.event(now, "level", {{"seconds", seconds()}, {"dbfs", rounded(dB)}}, "");
   } else {
-    terminal.progress(now, "recording " + fmt::format("{:5.1f} s  ", seconds()), (dB + 60) / 60, '#',
+    terminal.progress(now, fmt::format("recording {:5.1f} s  ", seconds()), (dB + 60) / 60, '#',
                       fmt::format(" {:6.1f} dBFS", dB));
   }
 }
 
 std::string Take::holds(const std::string& what) const {
   if (samples_ == 0) return name_ + ": " + what + "; nothing has been recorded";
-  return name_ + ": " + what + fmt::format("; it holds the first {:.2f} s", seconds());
+  return fmt::format("{}: {}; it holds the first {:.2f} s", name_, what, seconds());
 }
 
 void Take::drawPictures() {
   if (!picture_.empty()) {
     const std::string title = path_ == kStandardOutput ? "recording" : sim::nameOf(sim::pathOf(path_).filename());
-    sound_.write(picture_,
-                 title + fmt::format(": {:.2f} s", seconds()) + fmt::format(", peak {:.1f} dBFS", decibels(peak_)));
+    sound_.write(picture_, fmt::format("{}: {:.2f} s, peak {:.1f} dBFS", title, seconds(), decibels(peak_)));
     session_.terminal.event(session_.desk->seconds(), "picture", {{"file", picture_}}, "wrote " + picture_);
   }
   // The last column stays free, as that of a level does.
@@ -185,10 +184,10 @@ void Take::drawPictures() {
 
 void Take::finish(const std::string& why) {
   if (samples_ > 0) {
-    session_.terminal.event(session_.desk->seconds(), "recorded",
-                            {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
-                            "wrote " + name_ + fmt::format(": {:.2f} s, 16 kHz mono", seconds()) +
-                                fmt::format(", peak {:.1f} dBFS", decibels(peak_)));
+    session_.terminal.event(
+        session_.desk->seconds(), "recorded",
+        {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
+        fmt::format("wrote {}: {:.2f} s, 16 kHz mono, peak {:.1f} dBFS", name_, seconds(), decibels(peak_)));
     try {
       drawPictures();
     } catch (const Failure&) {

@@ -49,7 +49,7 @@ class UpdateView {
     }
     const double rate = event.seconds > begin_ ? done / (event.seconds - begin_) : 0;
     const double fraction = done / static_cast<double>(current->size);
-    std::string tail = fmt::format(" {:3.0f} %", 100 * fraction) + fmt::format("  {:.1f} kB/s", rate / 1000);
+    std::string tail = fmt::format(" {:3.0f} %  {:.1f} kB/s", 100 * fraction, rate / 1000);
     if (rate > 0) tail += fmt::format("  {:.0f} s left", std::ceil((static_cast<double>(current->size) - done) / rate));
     session_.terminal.progress(event.seconds, std::string(current->name) + " image ", fraction, '=', tail);
   }
@@ -104,10 +104,9 @@ void tellImages(Session& session, const std::vector<Image>& images) {
 
 void tellSummary(Session& session, const DeviceView& device, const UpdateRun& run) {
   const std::size_t again = run.again();
-  session.terminal.tell("Sent " + capture::plural(static_cast<std::size_t>(run.bytes), "byte") +
-                        fmt::format(" in {:.1f} s; ", run.seconds) +
-                        (again == 0 ? "nothing had to be sent again."
-                                    : capture::plural(again, "data message") + " had to be sent again."));
+  session.terminal.tell(fmt::format("Sent {} in {:.1f} s; {} had to be sent again.",
+                                    capture::plural(static_cast<std::size_t>(run.bytes), "byte"), run.seconds,
+                                    again == 0 ? "nothing" : capture::plural(again, "data message")));
   Json fields{{"device", device.number},
               {"bytes", run.bytes},
               {"seconds", std::round(run.seconds * 1000) / 1000},
