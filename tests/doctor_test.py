@@ -32,6 +32,8 @@ CASES = {
                          ("#1 VoxMouse Wren", "Heartbeat answered after 502.0 ms (7 times)")]),
     "slow": (fault("mouse-state", "late", delay_ms=400), [("#1 VoxMouse Wren", "GetMouseState answered after 402")]),
     "damaged": (fault("mouse-state", "garbled"), [("#1 VoxMouse Wren", "")] * 2),
+    "gone": ({"devices": wren(timeline=[{"at": 6, "unplug": True}])["devices"] + [{"model": "Tern"}]},
+             [("#1 VoxMouse Wren", "the device has gone (error 1167), and has not come back")]),
     "one of two": ({"devices": wren(battery=12)["devices"] + [{"model": "Tern"}]},
                    [("#1 VoxMouse Wren", "its battery is at 12 %")]),
     "low battery": (wren(battery=12), [("#1 VoxMouse Wren", "its battery is at 12 %")]),

@@ -78,7 +78,7 @@ err "--speech is required"
 expect 2 doctor --virtual-time --seconds 1
 err "--seconds: devices need 4 s"
 expect 2 doctor --virtual-time --out -
-err "--out: the page goes into a file"
+err "--out: standard output does not take this; name a file"
 expect 2 monitor --virtual-time --seconds nan
 err 'expected a number from 0.001 to 86400, not "nan"'
 cp "$sample" mine.wav
@@ -86,7 +86,14 @@ expect 2 --virtual-time record --speech mine.wav --out x.wav --picture mine.wav
 err "--picture: mine.wav is the file of --speech, too"
 expect 2 --virtual-time --capture x.wav record --speech mine.wav --out x.wav
 err "--capture: x.wav is the file of --out, too"
+expect 2 update --virtual-time --yes --first mine.wav --capture ./mine.wav
+err "--capture: ./mine.wav is the file of --first, too"
+expect 2 report mine.wav --out mine.wav
+err "--out: mine.wav is the file of the report, too"
 cmp -s mine.wav "$sample" || fail "a file that is read was written over"
+ln -s nothing.wav link.wav
+expect 0 --virtual-time --out link.wav
+[ -L link.wav ] && [ -s nothing.wav ] || fail "a link that led nowhere was replaced"
 expect 2 monitor --virtual-time
 err "needs --seconds"
 expect 0 --help
@@ -333,6 +340,7 @@ foo|there is no command "foo"; voxdesk --help lists them
 --out x.wav devices|--out: devices does not take this option
 --out x.wav mic --out y.wav|--out: stands behind its command, as in voxdesk mic --out
 --format raw mic --out y.wav|--format: stands behind its command, as in voxdesk mic --format
+mkey --device tern set 3|--device: stands behind its command, as in voxdesk mkey set --device
 mic --out x.wav --out y.wav|--out: given more than once
 mic --out=|--out: a value is missing
 mic --out x.wav --format mp3|--format: expected wav or raw, not "mp3"

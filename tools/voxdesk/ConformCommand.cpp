@@ -187,7 +187,9 @@ void Judge::judgeSpeech(const VoxSpeechCounts& counts) {
     return;
   }
   add("sends speech", reports > 0 && early == 0 && first <= kSlowest,
-      reports == 0 ? "none" : "the first report after " + capture::milliseconds(first));
+      reports == 0 ? "none"
+      : early > 0  ? capture::plural(static_cast<std::size_t>(early), "report") + " before the channel was open"
+                   : "the first report after " + capture::milliseconds(first));
   if (reports == 0) {
     skip("sends speech at an even pace", "none came");
     return skip("speaks its model's codec", "none came");
@@ -290,7 +292,6 @@ std::vector<Passed> whatPassed(const capture::Capture& seen, const ModelSheet& m
 }  // namespace
 
 void conform(const Options& options) {
-  if (options.junit == kStandardOutput) throw Failure("--junit: the results go into a file", kWrongUsage);
   checkOutput(options.junit);
   Survey survey;
   Session session(options, false, &survey);

@@ -164,7 +164,10 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
   lookAtSpeech(about, hid.device, fields);
   event("health", fields);
 
-  if (!device && beats.sent > 0 && never) {
+  // What could not be written can have no answer.
+  const bool failed = std::any_of(story.unusual.begin(), story.unusual.end(),
+                                  [](const capture::Unusual& each) { return each.kind == "failed"; });
+  if (!device && beats.sent > 0 && never && !failed) {
     find(about, "it has answered none of " + capture::plural(beats.sent, "heartbeat"), adviceAgainst("silence"));
   } else if (!device && beats.unanswered > 0) {
     find(about, "it does not answer any more", adviceAgainst("silence"));
@@ -188,8 +191,18 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
 
 void Doctor::lookAtDevices() {
   const auto known = session_.client->devices();
+  const auto present = survey_.interfaces(*session_.desk);
+  const capture::Story story = capture::tell(survey_.capture({}), kSlowAnswer);
+  for (const auto& unusual : story.unusual) {
+    if (unusual.kind != "gone" || unusual.device < 0) continue;
+    const capture::Device& device = story.devices[static_cast<std::size_t>(unusual.device)];
+    const auto isIt = [&device](const SurveyedInterface& hid) { return hid.path == device.path; };
+    if (std::any_of(present.begin(), present.end(), isIt)) continue;
+    find("#" + std::to_string(device.number) + " VoxMouse " + device.model, unusual.words + ", and has not come back",
+         adviceAgainst("gone"));
+  }
   bool any = false;
-  for (const SurveyedInterface& hid : survey_.interfaces(*session_.desk)) {
+  for (const SurveyedInterface& hid : present) {
     if (hid.device <= 0 || !hid.opened) continue;
     if (!std::exchange(any, true)) session_.terminal.tell("Devices:");
     const auto device =
@@ -238,7 +251,6 @@ std::vector<capture::Finding> Doctor::tellFindings() {
 }  // namespace
 
 void doctor(const Options& options) {
-  if (options.reportPage == kStandardOutput) throw Failure("--out: the page goes into a file", kWrongUsage);
   if (options.seconds > 0 && options.seconds < kLeastSeconds) {
     throw Failure(fmt::format("--seconds: devices need {:.0f} s until something can be said of them", kLeastSeconds),
                   kWrongUsage);

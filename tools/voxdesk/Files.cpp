@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -12,6 +13,44 @@
 #include "sim/Text.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// Devices, as /dev/null, take what several have to say.
+bool sameFile(const std::string& a, const std::string& b) {
+  if (a.empty() || b.empty() || a == kStandardOutput || b == kStandardOutput) return false;
+  std::error_code error;
+  const fs::path one = sim::pathOf(a);
+  const fs::path other = sim::pathOf(b);
+  if (fs::exists(one, error) && !fs::is_regular_file(one, error)) return false;
+  if (fs::equivalent(one, other, error)) return true;
+  const auto full = [&error](const fs::path& path) { return fs::weakly_canonical(fs::absolute(path, error), error); };
+  return full(one) == full(other);
+}
+
+}  // namespace
+
+void checkFiles(const Options& options, bool records) {
+  const std::string none;
+  const std::pair<const char*, const std::string&> files[] = {
+      {"--picture", options.picture},    {"--capture", options.capture},
+      {"--junit", options.junit},        {"--out", records ? options.out : options.reportPage},
+      {"--speech", options.speech},      {"--desk", options.deskFile},
+      {"--first", options.first},        {"--second", options.second},
+      {"the report", options.recording},
+  };
+  constexpr std::size_t kWritten = 4;
+  for (std::size_t i = 0; i < kWritten; ++i) {
+    const auto& [option, file] = files[i];
+    if (file == kStandardOutput && !(records && i == 3)) {
+      throw Failure(std::string(option) + ": standard output does not take this; name a file", kWrongUsage);
+    }
+    for (std::size_t j = i + 1; j < std::size(files); ++j) {
+      if (!sameFile(file, files[j].second)) continue;
+      throw Failure(std::string(option) + ": " + file + " is the file of " + files[j].first + ", too", kWrongUsage);
+    }
+  }
+}
 
 std::FILE* openOutput(const fs::path& path) {
   constexpr std::chrono::milliseconds kLook{20};
@@ -39,7 +78,8 @@ void checkOutput(const std::string& name) {
   std::FILE* const file = openForWriting(path, true);
   if (!file) throw Failure(name + ": " + std::strerror(errno));
   std::fclose(file);
-  if (!there) fs::remove(path, error);
+  // A link that led nowhere stays.
+  if (!there) fs::remove(fs::canonical(path, error), error);
 }
 
 void writeOutput(const std::string& name, const std::string& content) {

@@ -5,6 +5,10 @@
 #include <filesystem>
 #include <string>
 
+struct Options;
+
+// Throws when what is written would replace what is read, or what else is written. records: --out is a recording's.
+void checkFiles(const Options& options, bool records);
 // Opens a file to write, anew. Null: errno says why. A pipe that nobody reads is waited for; throws when somebody
 // interrupts that.
 std::FILE* openOutput(const std::filesystem::path& path);

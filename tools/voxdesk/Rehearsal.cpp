@@ -238,6 +238,7 @@ class Rehearsal {
   int tries_ = 0;
   std::size_t messages_ = 0;
   std::vector<std::size_t> spoilt_;  // of those
+  std::size_t tried_ = 0;            // with every fault
   const SteadyClock::time_point begin_ = SteadyClock::now();
 };
 
@@ -276,6 +277,7 @@ void Rehearsal::run() {
       if (interrupted()) return;
       add(image, stepOf(message), name, outcome);
     }
+    ++tried_;
     const double fraction = static_cast<double>(done + 1) / static_cast<double>(spoilt_.size());
     terminal_.progress(seconds(), "rehearsing ", fraction, '=', fmt::format(" {:3.0f} %", 100 * fraction));
   }
@@ -314,7 +316,7 @@ void Rehearsal::tell() {
                   {{"model", view_.model},
                    {"link", view_.link},
                    {"messages", messages_},
-                   {"tried", spoilt_.size()},
+                   {"tried", tried_},
                    {"runs", all},
                    {"done", named("done")},
                    {"done_again", named("done again")},

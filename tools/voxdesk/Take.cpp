@@ -33,43 +33,7 @@ double rounded(double dB) { return std::round(dB * 10) / 10; }
 
 }  // namespace
 
-namespace {
-
-// Devices, as /dev/null, take what several have to say.
-bool sameFile(const std::string& a, const std::string& b) {
-  if (a.empty() || b.empty() || a == kStandardOutput || b == kStandardOutput) return false;
-  std::error_code error;
-  const std::filesystem::path one = sim::pathOf(a);
-  const std::filesystem::path other = sim::pathOf(b);
-  if (std::filesystem::exists(one, error) && !std::filesystem::is_regular_file(one, error)) return false;
-  if (std::filesystem::equivalent(one, other, error)) return true;
-  const auto full = [&error](const std::filesystem::path& path) {
-    return std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
-  };
-  return full(one) == full(other);
-}
-
-}  // namespace
-
 void Take::checkWritable(const Options& options) {
-  if (options.picture == kStandardOutput) {
-    throw Failure("--picture: standard output takes no picture; name a file", kWrongUsage);
-  }
-  // What is written replaces neither what is read nor what else is written.
-  const std::array<std::pair<const char*, const std::string*>, 5> files{{{"--picture", &options.picture},
-                                                                         {"--capture", &options.capture},
-                                                                         {"--out", &options.out},
-                                                                         {"--speech", &options.speech},
-                                                                         {"--desk", &options.deskFile}}};
-  constexpr std::size_t kWritten = 3;
-  for (std::size_t i = 0; i < kWritten; ++i) {
-    for (std::size_t j = i + 1; j < files.size(); ++j) {
-      if (!sameFile(*files[i].second, *files[j].second)) continue;
-      throw Failure(
-          std::string(files[i].first) + ": " + *files[i].second + " is the file of " + files[j].first + ", too",
-          kWrongUsage);
-    }
-  }
   checkOutput(options.out);
   checkOutput(options.picture);
 }

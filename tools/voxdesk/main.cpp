@@ -12,6 +12,7 @@
 
 #include "Commands.h"
 #include "Desk.h"
+#include "Files.h"
 #include "System.h"
 #include "Terminal.h"
 
@@ -55,6 +56,12 @@ std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app) {
     const auto option =
         std::find_if(extras.begin(), extras.end(), [](const std::string& word) { return word.starts_with('-'); });
     const std::string& first = option == extras.end() ? extras.front() : *option;
+    const std::string name = first.substr(0, first.find('='));
+    const auto below = command->get_subcommands();
+    if (name.starts_with("--") && (below.empty() ? command : below.front())->get_option_no_throw(name)) {
+      return name + ": stands behind its command, as in voxdesk " + command->get_name() + ' ' +
+             (below.empty() ? "" : below.front()->get_name() + ' ') + name;
+    }
     return command->get_name() + " does not take \"" + first + "\"; voxdesk " + command->get_name() +
            " --help says what it takes";
   }
@@ -293,7 +300,8 @@ int main(int argc, char** argv) {
       ->type_name("LINK");
   update
       ->add_option("--tries", options.tries,
-                   "... of so many of its messages at most; default: as many as take about a minute, and at least 100")
+                   "... of so many of its messages, and all that carry no data; default: as many as take about a "
+                   "minute, and at least 100")
       ->needs(rehearse)
       ->check(number(2, 1e9, true))
       ->type_name("N");
@@ -306,11 +314,13 @@ int main(int argc, char** argv) {
     }
   }
   void (*run)(const Options&) = &showDesk;
+  bool records = true;
   // What stands before a command is for all of them, or for none.
   const auto chooseCommand = [&] {
     for (const Command& candidate : commands) {
       if (!candidate.app->parsed()) continue;
       run = candidate.run;
+      records = candidate.app->get_option_no_throw("--picture") != nullptr;
       const std::string name = candidate.app->get_name();
       for (const CLI::Option* given : app.get_options()) {
         const bool takes = std::find(candidate.takes.begin(), candidate.takes.end(), given) != candidate.takes.end();
@@ -330,6 +340,10 @@ int main(int argc, char** argv) {
       throw;
     }
     chooseCommand();
+    for (std::string* const file :
+         {&options.out, &options.picture, &options.reportPage, &options.junit, &options.capture}) {
+      if (*file == "/dev/stdout" || *file == "/dev/fd/1" || *file == "/proc/self/fd/1") *file = kStandardOutput;
+    }
     if ((*watch || *legacy) && options.virtualTime && options.seconds <= 0) {
       throw CLI::ValidationError("--virtual-time", "this needs --seconds with it, or it would never end");
     }
@@ -358,6 +372,7 @@ int main(int argc, char** argv) {
   }
 
   try {
+    checkFiles(options, records);
     run(options);
     return interrupted() ? conclude(kInterrupted, outputProblem() ? "" : "interrupted") : conclude(kDone, {});
   } catch (const Failure& failure) {
