@@ -266,7 +266,8 @@ err "nowhere/case.pcapng: No such file or directory"
 head -c 3000 case.pcapng >cut.pcapng
 expect 0 --virtual-time --desk cut.pcapng devices
 err "cut.pcapng: at "
-expect 1 --virtual-time --desk case.pcapng --capture case.pcapng devices
+echo '{"devices": [{"replay": "case.pcapng", "device": 1}]}' >replay.json
+expect 1 --virtual-time --desk replay.json --capture case.pcapng devices
 err "case.pcapng is what is replayed; capture into another file"
 cat >refusing.json <<'JSON'
 {"devices": [{"model": "Wren", "faults": [{"command": "ota-open", "answer": "refuse", "image": "second"}]}]}
