@@ -459,6 +459,13 @@ for command in "--out pipe" "--picture pipe" "--capture pipe devices" "conform -
   ends 130
   err "pipe: interrupted before anybody read this pipe"
 done
+# So is the next part of a capture, by the thread that writes it.
+mkfifo part-2.pcapng
+start --virtual-time --capture part.pcapng --capture-size 0.1 record --speech "$sample" --seconds 60 --out x.wav
+until_seen 'part-2.pcapng: waiting until somebody reads' err
+kill -INT "$pid"
+ends 1
+err "the capture is not whole: part-2.pcapng: interrupted before anybody read this pipe"
 for command in "--desk pipe devices" "record --speech pipe --out x.wav" "report pipe"; do
   # shellcheck disable=SC2086
   expect 1 $command

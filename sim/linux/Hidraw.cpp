@@ -121,8 +121,9 @@ bool isDenied(int error) { return error == EACCES || error == EPERM; }
 
 bool isSettling(const std::string& node) {
   struct stat status {};
-  return isDenied(refusal(node)) && stat(node.c_str(), &status) == 0 &&
-         std::time(nullptr) - status.st_ctime < kSettlingSeconds;
+  if (!isDenied(refusal(node)) || stat(node.c_str(), &status) != 0) return false;
+  const std::time_t age = std::time(nullptr) - status.st_ctime;
+  return age >= 0 && age < kSettlingSeconds;  // a clock that was set back makes no node new
 }
 
 // What is listed; and nodes whose report descriptor is none.

@@ -18,8 +18,8 @@ OLDER = {"devices": [], "legacy": [{"kind": "voice-keyboard", "timeline": [{"at"
                                    {"kind": "hid-mouse", "timeline": [{"at": 3, "key": 33}, {"at": 4, "key": 0}]}]}
 # umockdev's library comes first. In the rig, the thread sanitizer does not see what GLib's threads wait for.
 RIG = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0", "TSAN_OPTIONS": "report_bugs=0"}
-# A client's machine is never switched off. The thread sanitizer does not see how umockdev opens what libudev closes, and takes
-# a descriptor that was opened anew for the old one.
+# A client's machine is never switched off. The thread sanitizer sees closedir, and not opendir: it takes libudev's descriptor
+# for another file's that had the same number before.
 SUPPRESSIONS = pathlib.Path(__file__).with_name("tsan.supp")
 PROGRAM = ("env", f"TSAN_OPTIONS=report_thread_leaks=0:suppressions={SUPPRESSIONS}")
 

@@ -222,7 +222,15 @@ void Recorder::openPart() {
     path += "-" + std::to_string(part_);
     path += path_.extension();
   }
-  file_.reset(options_.open ? options_.open(path) : create(path));
+  try {
+    file_.reset(options_.open ? options_.open(path) : create(path));
+  } catch (const std::exception& error) {
+    if (part_ == 1) throw;  // later ones are opened by the thread that writes, where nobody hears it
+    file_.reset();
+    const std::lock_guard lock(mutex_);
+    problem_ = error.what();
+    return;
+  }
   if (!file_) return fail(path);
   partBytes_ = 0;
   char comment[64];

@@ -24,7 +24,8 @@ struct RecorderOptions {
   std::uint64_t fileBytes = 64ULL * 1024 * 1024;  // a file that would get longer is continued in NAME-2.pcapng ...
   // Microseconds since 1970, of what is just happening; called on the threads of the library. Empty: the system's.
   std::function<std::int64_t()> now{};
-  // Opens a file to write, anew; null: errno says why. Empty: as fopen does.
+  // Opens a file to write, anew; null: errno says why. What it throws leaves the constructor, and is the recorder's
+  // problem where a file is continued, which another thread does. Empty: as fopen does.
   std::function<std::FILE*(const std::filesystem::path&)> open{};
 };
 

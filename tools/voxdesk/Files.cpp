@@ -31,7 +31,6 @@ bool sameFile(const std::string& a, const std::string& b) {
 }  // namespace
 
 void checkFiles(const Options& options, bool records) {
-  const std::string none;
   const std::pair<const char*, const std::string&> files[] = {
       {"--picture", options.picture},    {"--capture", options.capture},
       {"--junit", options.junit},        {"--out", records ? options.out : options.reportPage},
