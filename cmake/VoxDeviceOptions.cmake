@@ -50,8 +50,11 @@ function(voxdevice_precompile target)
   endif()
 endfunction()
 
-# Several sources as one (CMAKE_UNITY_BUILD) compile in half the time. These are compiled alone, since what is in their
-# unnamed namespaces has names that others use, too.
+# All sources of a library as one (CMAKE_UNITY_BUILD) compile in half the time. All, not some: what is in unnamed
+# namespaces then meets always or never, and not when a new file moves others to another group.
+set(CMAKE_UNITY_BUILD_BATCH_SIZE 0)
+
+# These are compiled alone, since they have names that others use, too.
 macro(voxdevice_alone)
   set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endmacro()

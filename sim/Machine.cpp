@@ -10,7 +10,7 @@
 namespace sim {
 namespace {
 
-Machine* instance = nullptr;
+Machine* theMachine = nullptr;
 
 }  // namespace
 
@@ -18,11 +18,11 @@ Machine::Machine(MachineOptions options)
     : hid_(*this),
       sound_(*this),
       kernel_(options.clock, options.seed, tellingChoices(options.schedule), options.firstTick, options.timerPeriod) {
-  if (instance) {
+  if (theMachine) {
     std::fputs("sim: a second machine while the first is on\n", stderr);
     std::abort();
   }
-  instance = this;
+  theMachine = this;
   if (!options.logFile.empty()) {
     logFile_.reset(std::fopen(options.logFile.c_str(), "w"));
     recording_ = logFile_ != nullptr;
@@ -41,27 +41,27 @@ ScheduleOptions Machine::tellingChoices(ScheduleOptions schedule) {
 
 Machine::~Machine() {
   kernel_.switchOff();
-  instance = nullptr;
+  theMachine = nullptr;
 }
 
 // What the library's shared fields call in builds for it.
 extern "C" void voxAtSharedField() noexcept {
   const OthersCode here;
-  if (instance) instance->kernel().atSharedField();
+  if (theMachine) theMachine->kernel().atSharedField();
 }
 
 void (*Machine::standIn)() = nullptr;
 
 Machine& Machine::current() {
-  if (!instance && standIn) standIn();
-  if (!instance) {
+  if (!theMachine && standIn) standIn();
+  if (!theMachine) {
     std::fputs("sim: a call of the operating system, but no sim::Machine is switched on\n", stderr);
     std::abort();
   }
-  return *instance;
+  return *theMachine;
 }
 
-Thread* Machine::runningThread() noexcept { return instance ? instance->kernel().runningFiber() : nullptr; }
+Thread* Machine::runningThread() noexcept { return theMachine ? theMachine->kernel().runningFiber() : nullptr; }
 
 void Machine::plug(const std::shared_ptr<HidDevice>& device) {
   locked([&]() REQUIRES(gate) {

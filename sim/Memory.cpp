@@ -5,7 +5,7 @@
 namespace sim {
 namespace {
 
-std::uint64_t made = 0;
+std::uint64_t counted = 0;
 std::uint64_t failing = 0;
 
 void change(int by) noexcept {
@@ -15,15 +15,15 @@ void change(int by) noexcept {
 }  // namespace
 
 void failAllocation(std::uint64_t n) {
-  made = 0;
+  counted = 0;
   failing = n;
 }
 
-std::uint64_t allocations() { return made; }
+std::uint64_t allocations() { return counted; }
 
 bool lacksMemory() noexcept {
   const Thread* running = Machine::runningThread();
-  return running && running->othersCode == 0 && ++made == failing;
+  return running && running->othersCode == 0 && ++counted == failing;
 }
 
 LibraryCode::LibraryCode() noexcept { change(-1); }

@@ -8,6 +8,7 @@
 #include "VoxDevice/VoxRecord.h"
 #include "audio/CoreAudio.h"
 #include "support/Memory.h"
+#include "support/Text.h"
 #include "support/Worker.h"
 
 namespace {
@@ -17,8 +18,6 @@ template <std::size_t Size>
 std::wstring TextOf(const WCHAR (&field)[Size]) {
   return {field, std::find(field, field + Size, WCHAR{0})};
 }
-
-bool Contains(const std::wstring& text, const std::wstring& part) { return text.find(part) != std::wstring::npos; }
 
 // What stands in the first parentheses; the whole name when there are none, or nothing is in them.
 std::wstring WithoutParentheses(const std::wstring& name) {

@@ -8,6 +8,7 @@
 #include "audio/SoundCard.h"
 #include "platform/os.h"
 #include "support/Memory.h"
+#include "support/Text.h"
 
 namespace {
 
@@ -38,8 +39,6 @@ constexpr struct {
     {MMSYSERR_NOMEM, L"不能分配或锁定内存"},
     {WAVERR_BADFORMAT, L"录音设备不支持请求的波形格式"},
 };
-
-bool Contains(const std::wstring& text, const wchar_t* part) { return text.find(part) != std::wstring::npos; }
 
 void SetInputVolume(const std::wstring& deviceName) {
   if (CEnvironmentMonitor::OsVersion() == WindowsVersion_MixerVolume) {

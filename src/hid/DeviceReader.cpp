@@ -20,8 +20,6 @@ constexpr int kWrenReportTime = 15;          // three frames of 80
 constexpr int kHeartbeatsOfDeadHandle = 10;  // not taken in a row
 constexpr int kHeartbeatsBeforeSleep = 3;    // unanswered ones; the next attempt declares the device asleep
 
-int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
-
 }  // namespace
 
 struct CDeviceReader::LogEntry {

@@ -88,6 +88,9 @@ struct CHidData {
   std::array<std::uint8_t, kMaxPayload> payload_;  // filled as far as length says
 };
 
+// A number of a payload.
+inline int BigEndian16(const std::uint8_t* bytes) noexcept { return bytes[0] * 256 + bytes[1]; }
+
 // Writes one output frame for `channel` to the beginning of `out`. Without a payload pointer the frame has no payload,
 // whatever `length` says. Returns the frame's length in bytes, 0 when the payload is longer than 255 bytes or the frame
 // does not fit into `out`.

@@ -4,13 +4,12 @@
 #include <string>
 
 #include "VoxDevice/VoxNet.h"
+#include "hid/HidFrame.h"
 #include "hub/Hub.h"
 #include "models/Models.h"
 #include "support/Memory.h"
 
 namespace {
-
-int BigEndian16(const std::uint8_t* bytes) { return bytes[0] * 256 + bytes[1]; }
 
 // As signed values: a byte of 0x80 or above is no character of a serial number on any compiler.
 bool IsSerialCharacter(std::uint8_t byte) {

@@ -9,6 +9,7 @@
 #include "platform/os.h"
 #include "support/DeviceLists.h"
 #include "support/Memory.h"
+#include "support/Text.h"
 
 namespace {
 
@@ -26,8 +27,6 @@ constexpr int kNoRevision = 2;
 
 // Deliberately case-sensitive: Windows spells these paths in lower case.
 constexpr const wchar_t* kPrefixes[] = {L"vid_0d8c&pid_0132#", L"vid_0d8c&pid_0134#"};
-
-bool Contains(const std::wstring& text, const wchar_t* part) { return text.find(part) != std::wstring::npos; }
 
 bool Answers(const std::wstring& path) {
   const HANDLE file =

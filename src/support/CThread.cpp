@@ -28,7 +28,7 @@ CThread::~CThread() = default;
 
 std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads, CThread* object,
                                         std::shared_ptr<void> owned) {
-  constexpr DWORD kLook = 10;  // ms
+  constexpr DWORD kLookAgain = 10;  // ms
   const auto thread = std::make_shared<Threads::Thread>();
   const HANDLE ready = os::CreateEventW(nullptr, FALSE, FALSE, nullptr);
   if (!ready) return nullptr;
@@ -55,7 +55,7 @@ std::shared_ptr<CWorker> CThread::Start(const std::shared_ptr<Threads>& threads,
   DWORD result = WAIT_TIMEOUT;
   while (started && result == WAIT_TIMEOUT) {
     const bool ended = thread->worker.HasEnded();
-    result = os::WaitForSingleObject(ready, ended ? 0 : kLook);
+    result = os::WaitForSingleObject(ready, ended ? 0 : kLookAgain);
     if (ended) break;
   }
   os::CloseHandle(ready);

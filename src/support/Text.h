@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+inline bool Contains(std::wstring_view text, std::wstring_view part) { return text.find(part) != text.npos; }
+
 // UTF-8 of a wide text: of code points where wchar_t has 32 bits, of UTF-16 where it has 16. Half a surrogate pair
 // becomes U+FFFD.
 inline std::string Utf8(std::wstring_view text) {

@@ -32,9 +32,9 @@ constexpr unsigned kOneLock = 8;
 }  // namespace
 
 void CUtil::VoxTerminateThread(HANDLE thread, DWORD exitCode) noexcept {
-  constexpr DWORD kMoment = 20;  // ms
+  constexpr DWORD kTermination = 20;  // ms
   os::TerminateThread(thread, exitCode);
-  os::WaitForSingleObject(thread, kMoment);
+  os::WaitForSingleObject(thread, kTermination);
 }
 
 struct CWorker::Record {

@@ -21,12 +21,12 @@ constexpr int kRate = 16'000;
 constexpr std::uint64_t kMostSamples = (0xFFFFFFFF - sim::kWavHeaderSize) / 2;  // by the sizes in a WAV file
 static_assert(std::endian::native == std::endian::little, "samples are written as they stand in memory");
 
-double decibels(double amplitude) { return amplitude > 0 ? 20 * std::log10(amplitude / 32768) : -99; }
+double dbfs(double amplitude) { return amplitude > 0 ? 20 * std::log10(amplitude / 32768) : -99; }
 
 double level(const std::vector<std::int16_t>& pcm) {
   double sum = 0;
   for (const double sample : pcm) sum += sample * sample;
-  return pcm.empty() ? -99 : decibels(std::sqrt(sum / static_cast<double>(pcm.size())));
+  return pcm.empty() ? -99 : dbfs(std::sqrt(sum / static_cast<double>(pcm.size())));
 }
 
 double rounded(double dB) { return std::round(dB * 10) / 10; }
@@ -134,7 +134,7 @@ std::string Take::holds(const std::string& what) const {
 void Take::drawPictures() {
   if (!picture_.empty()) {
     const std::string title = path_ == kStandardOutput ? "recording" : sim::nameOf(sim::pathOf(path_).filename());
-    sound_.write(picture_, fmt::format("{}: {:.2f} s, peak {:.1f} dBFS", title, seconds(), decibels(peak_)));
+    sound_.write(picture_, fmt::format("{}: {:.2f} s, peak {:.1f} dBFS", title, seconds(), dbfs(peak_)));
     session_.terminal.event(session_.desk->seconds(), "picture", {{"file", picture_}}, "wrote " + picture_);
   }
   // The last column stays free, as that of a level does.
@@ -150,8 +150,8 @@ void Take::finish(const std::string& why) {
   if (samples_ > 0) {
     session_.terminal.event(
         session_.desk->seconds(), "recorded",
-        {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(decibels(peak_))}},
-        fmt::format("wrote {}: {:.2f} s, 16 kHz mono, peak {:.1f} dBFS", name_, seconds(), decibels(peak_)));
+        {{"file", path_}, {"seconds", seconds()}, {"peak_dbfs", rounded(dbfs(peak_))}},
+        fmt::format("wrote {}: {:.2f} s, 16 kHz mono, peak {:.1f} dBFS", name_, seconds(), dbfs(peak_)));
     try {
       drawPictures();
     } catch (const Failure&) {
