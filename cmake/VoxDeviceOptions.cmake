@@ -10,7 +10,7 @@ set(VOXDEVICE_SANITIZE "" CACHE STRING "Sanitizers, as in -fsanitize=")
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   target_compile_options(voxdevice_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Wreserved-identifier>)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # GCC 12 takes "text" + std::string for an overlapping copy (its bug 105651).
     target_compile_options(voxdevice_options INTERFACE -Wno-restrict)

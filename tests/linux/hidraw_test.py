@@ -1,5 +1,6 @@
 """voxdesk on hidraw nodes: hidraw_test.py VOXDESK [HIDRAW_RIG HIDRAWTEST RECORD_C]. The rig plays the firmware behind them."""
 import concurrent.futures
+import itertools
 import json
 import os
 import pathlib
@@ -47,13 +48,12 @@ def low_energy(collection, turn=""):
 class Test:
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
-        self.runs = 0
+        self.runs = itertools.count()
 
     def run(self, desk, *command, deny=0, **environment):
         """The command's exit code, its standard output and error."""
-        self.runs += 1
         command = (*PROGRAM, *command)
-        file = self.folder / f"desk{self.runs}.json"
+        file = self.folder / f"desk{next(self.runs)}.json"
         file.write_text(json.dumps(desk))
         if deny:
             environment["HIDRAW_RIG_DENY"] = str(deny)  # seconds
@@ -127,7 +127,7 @@ class Test:
     def commands(self):
         image = self.folder / "image.bin"
         image.write_bytes(bytes(i * 7 & 255 for i in range(20000)))
-        for arguments, expected in {
+        commands = {
             ("devices", "--verbose"): "/dev/hidraw1 is left alone: its report descriptor is damaged.",
             ("state", "--device", "heron plus"): "battery 64 %, DPI 1200",
             ("dpi", "2400", "--device", "wren"): "DPI 2400",
@@ -136,8 +136,10 @@ class Test:
             ("mkey", "set", "3", "--device", "heron plus"): "function 3",
             ("update", "--yes", "--device", "wren", "--first", str(image)): "done",
             ("update", "--yes", "--device", "heron plus", "--first", str(image)): "done",
-        }.items():
-            code, out, error = self.voxdesk(DESK, *arguments)
+        }
+        with concurrent.futures.ThreadPoolExecutor(len(commands)) as pool:
+            ended = pool.map(lambda arguments: self.voxdesk(DESK, *arguments), commands)
+        for (arguments, expected), (code, out, error) in zip(commands.items(), ended):
             assert code == 0 and expected in out, (arguments, code, out, error)
 
     def older(self):
@@ -204,7 +206,7 @@ def main() -> int:
         return 1 if os.environ.get("CI") == "true" else 77
     wrong = 0
     only = os.environ.get("ONLY")
-    with tempfile.TemporaryDirectory() as folder, concurrent.futures.ThreadPoolExecutor(3) as pool:
+    with tempfile.TemporaryDirectory() as folder, concurrent.futures.ThreadPoolExecutor(8) as pool:
         test = Test(folder)
         names = [only] if only else [
             "lists", "presses_and_pulls_out", "reports", "records", "commands", "older", "denied", "settles", "sentences", "ends",

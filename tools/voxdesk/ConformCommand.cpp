@@ -21,8 +21,8 @@ namespace {
 using capture::Time;
 
 constexpr double kHeartbeatSeconds = 5;
-constexpr double kAnswerSeconds = 1.2;  // a little more than the library waits
-constexpr double kVoiceSeconds = 2;
+constexpr double kPatienceSeconds = 1.2;  // a little more than the library waits
+constexpr double kSpeechSeconds = 2;
 constexpr Time kSlowest = 250'000;   // microseconds
 constexpr Time kOnItsWay = 200'000;  // speech, when the channel is closed
 constexpr Time kMicrosecondsOfMillisecond = 1000;
@@ -257,24 +257,24 @@ VoxSpeechCounts exercise(Session& session, const DeviceView& device, const Model
   wait(kHeartbeatSeconds);
   hub.GetMouseState(device.number);
   hub.GetDongleState(device.number);
-  wait(kAnswerSeconds);
+  wait(kPatienceSeconds);
   if (model.hasMKeys) {
     hub.getMKeyTypeList_Key1(device.number);
-    wait(kAnswerSeconds);
+    wait(kPatienceSeconds);
   }
   if (setsDpi) {
     hub.SetDpi(device.number, static_cast<short>(device.dpi));
-    wait(kAnswerSeconds);
+    wait(kPatienceSeconds);
   }
   hub.ChooseWorkHidDevice(device.number);
   if (hub.OpenHidRecord()) {
-    wait(kVoiceSeconds);
+    wait(kSpeechSeconds);
     hub.CloseHidRecord();
     session.client->takeAudio();
   }
   VoxSpeechCounts counts{};
   hub.GetSpeechCounts(device.number, counts);
-  wait(kAnswerSeconds);
+  wait(kPatienceSeconds);
   return counts;
 }
 

@@ -15,7 +15,7 @@
 namespace {
 
 constexpr double kGoneSeconds = 10;
-constexpr double kLookSeconds = 0.2;
+constexpr double kGlanceSeconds = 0.2;
 constexpr std::size_t kBlockBytes = 16;
 constexpr std::size_t kBlocksEnd = 65536 * kBlockBytes;  // what a 16-bit index reaches
 
@@ -201,8 +201,8 @@ UpdateRun runUpdate(Session& session, const DeviceView& device, std::vector<Imag
   double patience = kGoneSeconds;
   bool over = false;
   while (!over && patience > 0 && look()) {
-    over = session.waitFor(kLookSeconds, take).has_value();
-    if (!isThere()) patience -= kLookSeconds;
+    over = session.waitFor(kGlanceSeconds, take).has_value();
+    if (!isThere()) patience -= kGlanceSeconds;
   }
   run.begun = patience > 0;
   run.whole = over && std::all_of(images.begin(), images.end(), [](const Image& image) { return image.done(); });
