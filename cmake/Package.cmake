@@ -43,7 +43,7 @@ if(VOXDEVICE_TOOLS)
     # The words that the shells complete; those of file_options and value_options are followed by a file and by a value.
     set(commands "devices doctor conform monitor state dpi url mkey update record report send sound mic speaker legacy")
     set(file_options "desk out capture speech wav first second junit picture")
-    set(value_options "seconds device capture-size format link slow tries wait")
+    set(value_options "seconds device capture-size format link slow tries url wait")
     set(flags "virtual-time json quiet no-speech raw rehearse text force yes verbose no-voice version help")
     function(voxdesk_completion shell destination name)
       configure_file(packaging/voxdesk.${shell}.in completion/${name} @ONLY)

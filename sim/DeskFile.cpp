@@ -473,7 +473,7 @@ DeskDescription readDeskFile(const std::string& path) {
     const std::size_t at = what.find("syntax error");
     const std::size_t end = at == what.npos ? at : what.find(" - ", at);
     if (end != what.npos) what.erase(at, end + 3 - at);
-    throw DeskFileError(path + ": " + what);
+    throw DeskFileError(path + ": " + utf8(wide(what)));  // it may quote half a character
   } catch (const json::out_of_range& error) {
     const std::string what = error.what();  // names the number in quotes
     throw DeskFileError(path + ": a number is too large: " + what.substr(std::min(what.size(), what.find('\''))));

@@ -25,6 +25,8 @@ FAULTS = [
     ("heartbeat", "twice", {"answers once"}),
     ("set-dpi", "silent", {"answers SetDpi"}),
     ("set-dpi", "refuse", {"answers SetDpi"}),
+    ("set-url", "silent", {"answers SetDownloadUrl"}),
+    ("set-url", "refuse", {"answers SetDownloadUrl"}),
     ("set-dpi", "garbled", {"sends whole frames of the lengths that are known"}),
 ]
 
@@ -37,6 +39,7 @@ def main() -> int:
         def run(device: dict) -> tuple[int, dict, list]:
             desk.write_text(json.dumps({"devices": [device]}))
             ended = subprocess.run([sys.argv[1], "--desk", str(desk), "--virtual-time", "--json", "conform", "--yes",
+                                    "--url", "example.com/a",
                                     "--junit", str(junit)], capture_output=True, text=True, timeout=120)
             rules = [json.loads(line) for line in ended.stdout.splitlines()]
             return ended.returncode, {r["rule"]: r["outcome"] for r in rules if r["event"] == "rule"}, rules
@@ -60,9 +63,18 @@ def main() -> int:
         _, rules, events = run({"model": "Wren", "dpi": 40000})
         if rules.get("answers SetDpi") != "skipped":
             wrong.append(f"DPI 40000: {events}")
-        # An M key that does not tell its list.
-        expect("mkey-list", {"model": "Swift", "link": "usb", "faults": [{"command": "mkey-list", "answer": "silent"}]},
-               {"answers GetMKeyTypeList"}, 10)
+        # An M key that does not tell its list, and one that is not changed.
+        for command, answer, rule in (("mkey-list", "silent", "GetMKeyTypeList"), ("mkey-set", "silent", "SetMKeyType"),
+                                      ("mkey-set", "refuse", "SetMKeyType"), ("mkey-set", "twice", "")):
+            expect(f"{command} {answer}", {"model": "Swift", "link": "usb", "faults": [{"command": command, "answer": answer}]},
+                   {f"answers {rule}" if rule else "answers once"}, 10)
+        # Who sleeps need not answer; who presses a key is awake.
+        naps = [{"at": 6, "sleep": True}, {"at": 12.5, "sleep": False}]
+        for pressed, broken in (([], set()), ([{"at": 8.5, "key": "0"}], {"is silent while it sleeps"})):
+            expect(f"sleep {pressed}", {"model": "Wren", "timeline": naps + pressed}, broken, 8)
+            _, rules, events = run({"model": "Wren", "timeline": naps + pressed})
+            if rules["is silent while it sleeps"] != ("failed" if broken else "passed"):
+                wrong.append(f"sleep: {events}")
     print("\n".join(line[:600] for line in wrong))
     return len(wrong) > 0
 

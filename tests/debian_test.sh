@@ -16,7 +16,9 @@ test -e /usr/lib/udev/rules.d/70-voxmouse.rules
 voxdesk --desk hardware --json devices >/dev/null
 # Each shell completes "voxdesk mo", and knows the name of every option that is there.
 bash -c '. /usr/share/bash-completion/completions/voxdesk; COMP_WORDS=(voxdesk mo); COMP_CWORD=1; _voxdesk
-  [ "${COMPREPLY[*]}" = monitor ]'
+  [ "${COMPREPLY[*]}" = monitor ] || exit 1
+  COMP_WORDS=(voxdesk --device mo) COMP_CWORD=2; _voxdesk; [ "${COMPREPLY[*]}" = "" ] || exit 1
+  cd /etc; COMP_WORDS=(voxdesk --desk = debian_v) COMP_CWORD=3; _voxdesk; [ "${COMPREPLY[*]}" = debian_version ]'
 [ "$(fish -c 'complete -C "voxdesk mo"')" = monitor ]
 zsh -fc 'words=(voxdesk mo) CURRENT=2; compadd() print -l -- $*; complete() . /usr/share/zsh/vendor-completions/_voxdesk
   complete' >"$work/words"

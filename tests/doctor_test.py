@@ -19,7 +19,7 @@ def fault(command, answer, **more):
 # The desk, and the findings: about whom, and how each sentence begins.
 CASES = {
     "well": (wren(), []),
-    "nothing is plugged in": ({"devices": [], "sound": SOUND}, [("devices", "none of ours is plugged in")]),
+    "nothing is plugged in": ({"devices": [], "sound": SOUND}, [("devices", "no HID device of ours is plugged in")]),
     "cannot be opened": (wren(faults=[{"open": "refused"}]), [("VoxMouse Wren", "access is denied")]),
     "never answers": (fault("heartbeat", "silent"), [("#1 VoxMouse Wren", "it has answered none of ")]),
     "falls asleep": (wren(timeline=[{"at": 4, "sleep": True}]), [("#1 VoxMouse Wren", "it does not answer any more")]),
@@ -39,6 +39,7 @@ CASES = {
     "low battery": (wren(battery=12), [("#1 VoxMouse Wren", "its battery is at 12 %")]),
     "no voice channel": (fault("voice-open", "refuse"), [("#1 VoxMouse Wren", "its voice channel does not open"),
                                                         ("#1 VoxMouse Wren", "VoiceOpenReply: refused")]),
+    "voice channel stays": (fault("voice-stop", "silent"), [("#1 VoxMouse Wren", "VoiceStop: no answer")]),
     "muted": ({"devices": wren()["devices"],
                "sound": {**SOUND, "endpoints": [{"name": "Microphone (VoxMouse Tern)", "muted": True}]}},
               [("Microphone (VoxMouse Tern)", "it is muted")]),
@@ -58,7 +59,9 @@ def main() -> int:
             found = [(e["about"], e["what"]) for e in events if e["event"] == "finding"]
             count = len(expected)
             said = "" if count == 0 else f"voxdesk: there {'is' if count == 1 else 'are'} {count} finding"
-            good = (len(found) == count and ended.returncode == (count > 0) and said in ended.stderr and
+            # An interface is called as its device is.
+            names = [{e["model"] for e in events if e["event"] == kind and e["device"] > 0} for kind in ("interface", "health")]
+            good = (names[0] == names[1] and len(found) == count and ended.returncode == (count > 0) and said in ended.stderr and
                     all(json.dumps(e[1])[1:-1] in page.read_text() for e in found) and all(e.get("advice") for e in events if e["event"] == "finding") and
                     all(f[0] == e[0] and f[1].startswith(e[1]) for f, e in zip(found, expected)))
             if not good:

@@ -39,7 +39,7 @@ struct Options {
   std::string second;
   bool yes = false;  // without asking
   int dpi = 0;
-  std::string url;
+  std::string url;        // empty: none
   int function = 0;       // of the M key
   std::string capture;    // where everything that passes is recorded; empty: nowhere
   bool noSpeech = false;  // ... but for speech, serial numbers and addresses
@@ -73,6 +73,8 @@ void updateFirmware(const Options& options);
 void rehearseUpdate(const Options& options);
 void setDpi(const Options& options);
 void setUrl(const Options& options);
+// Throws when the URL has a character that cannot be sent.
+void checkUrl(const std::string& url);
 void listMKey(const Options& options);
 void setMKey(const Options& options);
 void showState(const Options& options);

@@ -1,4 +1,5 @@
 // docs/protocol.md as rules, tried with a device: what it answers, how fast, and what it sends unasked.
+#include <fmt/format.h>
 #include <algorithm>
 #include <limits>
 #include <map>
@@ -23,8 +24,9 @@ using capture::Time;
 constexpr double kHeartbeatSeconds = 5;
 constexpr double kPatienceSeconds = 1.2;  // a little more than the library waits
 constexpr double kSpeechSeconds = 2;
-constexpr Time kSlowest = 250'000;   // microseconds
-constexpr Time kOnItsWay = 200'000;  // speech, when the channel is closed
+constexpr Time kSlowest = 250'000;       // microseconds
+constexpr Time kOnItsWay = 200'000;      // speech, when the channel is closed
+constexpr std::size_t kUntilAsleep = 3;  // heartbeats in a row that stay unanswered
 constexpr Time kMicrosecondsOfMillisecond = 1000;
 
 struct Passed {
@@ -52,9 +54,17 @@ struct Answers {
   std::vector<Time> delays;
 };
 
+struct Sleep {
+  Time from = 0;     // its first unanswered heartbeat
+  Time deepest = 0;  // its last one
+  Time to = 0;
+  bool woke = false;
+};
+
 class Judge {
  public:
-  Judge(std::vector<Passed> passed, const ModelSheet& model) : passed_(std::move(passed)), model_(model) {}
+  Judge(std::vector<Passed> passed, const ModelSheet& model)
+      : passed_(std::move(passed)), model_(model), sleeps_(sleeps()) {}
 
   std::vector<Result> judge(const VoxSpeechCounts& counts);
 
@@ -62,9 +72,11 @@ class Judge {
   bool is(const Passed& each, bool sent, std::uint8_t code) const {
     return each.sent == sent && each.report.form == capture::Form::Frame && each.report.code == code;
   }
+  std::vector<Sleep> sleeps() const;
   Answers answersTo(const capture::Request& request) const;
   void judgeAnswers();
   void judgeIdentity();
+  void judgeSleep();
   void judgeSpeech(const VoxSpeechCounts& counts);
   void add(const std::string& rule, bool good, const std::string& note = {}) {
     results_.push_back({rule, good ? Outcome::passed : Outcome::failed, note});
@@ -73,18 +85,46 @@ class Judge {
 
   const std::vector<Passed> passed_;
   const ModelSheet& model_;
+  const std::vector<Sleep> sleeps_;
   std::vector<Result> results_;
 };
+
+std::vector<Sleep> Judge::sleeps() const {
+  std::vector<Sleep> sleeps;
+  Sleep sleep;
+  std::size_t unanswered = 0;
+  for (const Passed& each : passed_) {
+    if (is(each, true, Heartbeat)) {
+      // The last one may be answered yet.
+      if (unanswered > 0) sleep.deepest = sleep.to;
+      if (++unanswered == 1) sleep.from = each.time;
+      sleep.to = each.time;
+    } else if (is(each, false, HeartbeatReply)) {
+      if (unanswered > kUntilAsleep) sleeps.push_back({sleep.from, sleep.deepest, each.time, true});
+      unanswered = 0;
+    }
+  }
+  if (unanswered > kUntilAsleep) sleeps.push_back({sleep.from, sleep.deepest, passed_.back().time, false});
+  return sleeps;
+}
 
 Answers Judge::answersTo(const capture::Request& request) const {
   Answers answers;
   const Time end = passed_.empty() ? 0 : passed_.back().time;
   for (std::size_t i = 0; i < passed_.size(); ++i) {
-    if (!is(passed_[i], true, request.code)) continue;
+    const bool sleeping = std::any_of(sleeps_.begin(), sleeps_.end(), [&](const Sleep& sleep) {
+      return passed_[i].time >= sleep.from && passed_[i].time < sleep.to;
+    });
+    if (!is(passed_[i], true, request.code) || sleeping) continue;
     ++answers.sent;
     std::size_t count = 0;
     bool damaged = false;
-    for (std::size_t j = i + 1; j < passed_.size() && !is(passed_[j], true, request.code); ++j) {
+    // Until the next request that is answered so.
+    const auto asksAgain = [&](const Passed& each) {
+      const capture::Request* next = capture::requestOf(each.report.code);
+      return each.sent && each.report.form == capture::Form::Frame && next && next->firstAnswer == request.firstAnswer;
+    };
+    for (std::size_t j = i + 1; j < passed_.size() && !asksAgain(passed_[j]); ++j) {
       const Passed& each = passed_[j];
       const Time delay = each.time - passed_[i].time;
       damaged = damaged || (each.report.form == capture::Form::Damaged && delay < kSlowest);
@@ -93,7 +133,10 @@ Answers Judge::answersTo(const capture::Request& request) const {
         continue;
       }
       if (++count == 1) answers.delays.push_back(delay);
-      if (each.report.refuses) answers.refusal = each.report.words;
+      const auto& [wanted, got] = std::tie(passed_[i].report.payload, each.report.payload);
+      if (each.report.refuses ||
+          (request.code == SetMKeyType && !wanted.empty() && !got.empty() && wanted[0] != got[0]))
+        answers.refusal = each.report.words;
     }
     const bool over = end - passed_[i].time >= request.patience * kMicrosecondsOfMillisecond;
     if (count == 0 && damaged) ++answers.spoilt;
@@ -149,6 +192,22 @@ void Judge::judgeIdentity() {
     const ModelSheet& model = *FindByIdentifyReply(named->report.code);
     add(rule, model.number == model_.number, sim::utf8(model.name));
   }
+}
+
+void Judge::judgeSleep() {
+  const std::string rule = "is silent while it sleeps";
+  if (sleeps_.empty()) return skip(rule, "it did not fall asleep");
+  for (const Sleep& sleep : sleeps_) {
+    const auto count = std::count_if(passed_.begin(), passed_.end(), [&](const Passed& each) {
+      return !each.sent && each.time > sleep.from + kSlowest && each.time < sleep.deepest;
+    });
+    if (count > 0)
+      return add(rule, false,
+                 capture::plural(static_cast<std::size_t>(count), "report") + ", but no answer to a heartbeat");
+  }
+  if (!sleeps_.back().woke) return skip(rule, "it did not wake again: press one of its keys, and try once more");
+  const Time slept = sleeps_.back().to - sleeps_.back().from;
+  add(rule, true, "it woke after " + capture::milliseconds(slept));
 }
 
 void Judge::judgeSpeech(const VoxSpeechCounts& counts) {
@@ -207,14 +266,16 @@ std::vector<Result> Judge::judge(const VoxSpeechCounts& counts) {
   add("sends whole frames of the lengths that are known", damaged.empty(), damaged);
   judgeIdentity();
   judgeAnswers();
+  judgeSleep();
   judgeSpeech(counts);
   return std::move(results_);
 }
 
 // Nothing is changed without being asked for.
-bool maySetDpi(const Options& options, int dpi) {
+bool maySet(const Options& options, bool mKeys) {
   if (options.yes || !isScreen(stdin)) return options.yes;
-  std::fprintf(stderr, "May the DPI be set to what it is (%d), to see whether that is answered? [y/N] ", dpi);
+  fmt::print(stderr, "May the DPI be set to what it is{}? [y/N] ",
+             mKeys ? ", and the M key to another function and back" : "");
   char line[16] = "";
   return waitForLine(line, sizeof line) && (line[0] == 'y' || line[0] == 'Y');
 }
@@ -247,8 +308,28 @@ void writeJunit(const std::string& path, const std::string& device, const std::v
   writeOutput(path, file.str());
 }
 
-// Asks the device for everything that changes nothing.
-VoxSpeechCounts exercise(Session& session, const DeviceView& device, const ModelSheet& model, bool setsDpi) {
+// Gives the M key the next of its functions, and what it had. Nothing where it tells no list, or one function alone.
+void setMKey(Session& session, const DeviceView& device) {
+  CAudioHidCenter& hub = session.client->hub();
+  hub.getMKeyTypeList_Key1(device.number);
+  const auto list = session.waitFor(kPatienceSeconds, [&](const ClientEvent& event) {
+    return event.name == "mkey-list" && event.fields["device"] == device.number;
+  });
+  session.failIfInterrupted("before all rules were tried");
+  if (!list) return;
+  const int had = list->fields["current"];
+  for (const int other : list->fields["supported"]) {
+    if (other == had) continue;
+    hub.setMKeyType_Key1(device.number, static_cast<MouseMKeyType>(other));
+    hub.setMKeyType_Key1(device.number, static_cast<MouseMKeyType>(had));
+    return;
+  }
+}
+
+// Asks the device for everything that changes nothing; sets (sets) what is as it was in the end, and the URL that was
+// given.
+VoxSpeechCounts exercise(Session& session, const DeviceView& device, const ModelSheet& model, bool setsDpi,
+                         bool setsMKey, const std::string& url) {
   CAudioHidCenter& hub = session.client->hub();
   const auto wait = [&session](double seconds) {
     session.runUntil(seconds, {"none"}, [] { return false; });
@@ -258,12 +339,19 @@ VoxSpeechCounts exercise(Session& session, const DeviceView& device, const Model
   hub.GetMouseState(device.number);
   hub.GetDongleState(device.number);
   wait(kPatienceSeconds);
-  if (model.hasMKeys) {
+  if (setsMKey) {
+    setMKey(session, device);
+  } else if (model.hasMKeys) {
     hub.getMKeyTypeList_Key1(device.number);
     wait(kPatienceSeconds);
   }
   if (setsDpi) {
     hub.SetDpi(device.number, static_cast<short>(device.dpi));
+    wait(kPatienceSeconds);
+  }
+  if (!url.empty()) {
+    std::vector<unsigned char> bytes(url.begin(), url.end());  // replaced by the codes that are sent
+    hub.SetDownloadURL(device.number, bytes.data(), static_cast<int>(bytes.size()));
     wait(kPatienceSeconds);
   }
   hub.ChooseWorkHidDevice(device.number);
@@ -293,6 +381,7 @@ std::vector<Passed> whatPassed(const capture::Capture& seen, const ModelSheet& m
 
 void conform(const Options& options) {
   checkOutput(options.junit);
+  checkUrl(options.url);
   Survey survey;
   Session session(options, false, &survey);
   session.discover({"none"});
@@ -303,16 +392,22 @@ void conform(const Options& options) {
   if (model == sheets.end()) throw Failure("there are no rules for a " + device.model);
   // The library sets a signed one: what is larger would become another.
   const bool canSetDpi = device.dpi >= 0 && device.dpi <= std::numeric_limits<short>::max();
-  const bool setsDpi = canSetDpi && maySetDpi(options, device.dpi);
+  const bool sets = maySet(options, model->hasMKeys);
+  const bool setsDpi = canSetDpi && sets;
+  const bool setsMKey = model->hasMKeys && sets;
   const std::string title = "#" + std::to_string(device.number) + " " + device.model + ", " + device.link;
   session.terminal.say("Trying " + title + "; this takes about 15 s.");
-  const VoxSpeechCounts counts = exercise(session, device, *model, setsDpi);
+  const VoxSpeechCounts counts = exercise(session, device, *model, setsDpi, setsMKey, options.url);
   Judge judge(whatPassed(survey.capture(sim::utf8(session.client->pathOf(device.number))), *model), *model);
   std::vector<Result> results = judge.judge(counts);
   if (!setsDpi) {
     results.push_back({"answers SetDpi", Outcome::skipped,
                        canSetDpi ? "it would write a setting; --yes allows it" : "its DPI is not one that can be set"});
   }
+  if (model->hasMKeys && !setsMKey)
+    results.push_back({"answers SetMKeyType", Outcome::skipped, "it would write a setting; --yes allows it"});
+  if (options.url.empty())
+    results.push_back({"answers SetDownloadUrl", Outcome::skipped, "its URL would be lost; --url URL sends another"});
   std::size_t failed = 0;
   Table table({{"outcome"}, {"rule"}, {"note"}});
   for (const Result& each : results) {

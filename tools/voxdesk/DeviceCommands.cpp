@@ -47,17 +47,21 @@ void setDpi(const Options& options) {
   if (event.fields["ok"] != true) throw Failure("the device refused the DPI " + std::to_string(options.dpi));
 }
 
-void setUrl(const Options& options) {
+void checkUrl(const std::string& url) {
   const auto cannotBeSent = [](unsigned char c) {
     return c > 0x7F || (std::isalnum(c) == 0 && !std::strchr("-=./", c));
   };
-  const auto bad = std::find_if(options.url.begin(), options.url.end(), cannotBeSent);
-  if (bad != options.url.end()) {
+  const auto bad = std::find_if(url.begin(), url.end(), cannotBeSent);
+  if (bad != url.end()) {
     // All bytes of it.
-    const auto next = std::find_if(bad + 1, options.url.end(), [](unsigned char c) { return (c & 0xC0) != 0x80; });
+    const auto next = std::find_if(bad + 1, url.end(), [](unsigned char c) { return (c & 0xC0) != 0x80; });
     throw Failure("a URL can be sent in letters, digits, - = . and / only, not with '" + std::string(bad, next) + "'" +
                   (*bad == ':' ? "; leave out the scheme and its colon" : ""));
   }
+}
+
+void setUrl(const Options& options) {
+  checkUrl(options.url);
   DeviceSession session(options);
   std::vector<unsigned char> url(options.url.begin(), options.url.end());  // replaced by the codes that are sent
   session.hub().SetDownloadURL(session.chosen.number, url.data(), static_cast<int>(url.size()));

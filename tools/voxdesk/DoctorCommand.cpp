@@ -15,6 +15,7 @@ namespace {
 constexpr double kLeastSeconds = 4;
 constexpr double kLookSeconds = 10;
 constexpr double kVoiceSeconds = 2;
+constexpr double kLastAnswerSeconds = 1.2;      // a little more than the library waits
 constexpr int kLowBattery = 20;                 // percent
 constexpr capture::Time kSlowAnswer = 250'000;  // microseconds
 
@@ -76,7 +77,9 @@ void Doctor::lookAtInterfaces() {
                       : "close other programs that use it, and plug it in again");
     }
   }
-  if (!any) find("devices", "none of ours is plugged in", "plug one in, or pair it in the Bluetooth settings");
+  if (!any)
+    find("devices", "no HID device of ours is plugged in",
+         "plug one in, or pair it in the Bluetooth settings; the oldest mice are none, and voxdesk legacy shows them");
 }
 
 void Doctor::listen() {
@@ -101,6 +104,7 @@ void Doctor::listen() {
     counts.unasked = 0;  // what was on its way when the channel was closed
     speech_.emplace_back(device.number, counts);
   }
+  session_.runUntil(kLastAnswerSeconds, {"none"}, [] { return false; });
 }
 
 void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {
@@ -131,12 +135,7 @@ void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {
 
 void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
   const capture::Story story = capture::tell(survey_.capture(hid.path), kSlowAnswer);
-  // By what it has said, whether it still answers or not: its path may be another model's, too.
-  const auto told = std::find_if(story.devices.begin(), story.devices.end(), [&hid](const capture::Device& each) {
-    return each.number == hid.device && !each.model.empty();
-  });
-  const std::string model = told == story.devices.end() ? hid.model : "VoxMouse " + told->model;
-  const std::string about = "#" + std::to_string(hid.device) + " " + model;
+  const std::string about = "#" + std::to_string(hid.device) + " " + hid.model;
   capture::RequestCount beats;
   for (const auto& request : story.requests) {
     if (request.name == "Heartbeat") beats = request;
@@ -156,7 +155,7 @@ void Doctor::lookAt(const SurveyedInterface& hid, const DeviceView* device) {
                     capture::milliseconds(beats.median()), capture::milliseconds(beats.slowest()));
   }
   session_.terminal.tell(fmt::format("    {} in {:.1f} s, {}", capture::plural(beats.sent, "heartbeat"), age, answers));
-  Json fields{{"device", hid.device}, {"model", model},           {"connected", device != nullptr},
+  Json fields{{"device", hid.device}, {"model", hid.model},       {"connected", device != nullptr},
               {"seconds", age},       {"heartbeats", beats.sent}, {"heartbeats_unanswered", beats.unanswered}};
   fields["answer_median_ms"] = never ? Json() : Json(static_cast<double>(beats.median()) / 1000);
   fields["answer_worst_ms"] = never ? Json() : Json(static_cast<double>(beats.slowest()) / 1000);

@@ -80,11 +80,6 @@ bool hasLink(const sim::ModelSheet& sheet, sim::Link link) {
   return (link == sim::Link::usb ? sheet.usb : sheet.bluetooth).has_value();
 }
 
-std::string lower(std::string text) {
-  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  return text;
-}
-
 sim::DeskDevice healthy(const std::string& model, sim::Link link) {
   sim::DeskDevice device;
   device.model = model;

@@ -12,6 +12,11 @@
 #include "platform/os.h"
 #include "sim/Text.h"
 
+std::string lower(std::string text) {
+  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return text;
+}
+
 namespace {
 
 constexpr std::chrono::milliseconds kLook{10};  // how often the client looks at what has happened
@@ -19,11 +24,6 @@ constexpr double kQuietSeconds = 1;             // devices that are there are an
 constexpr double kMegabyte = 1024 * 1024;
 const std::string kMaker = "voxmouse ";                            // what every model's name begins with
 constexpr std::int64_t kVirtualBeginning = 1'767'225'600'000'000;  // microseconds since 1970: 2026-01-01
-
-std::string lower(std::string text) {
-  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  return text;
-}
 
 std::string listOf(const std::vector<DeviceView>& devices) {
   std::string text;

@@ -23,6 +23,9 @@ class Watcher {
   virtual void observe(const VoxObservation& observation, std::int64_t microseconds) = 0;
 };
 
+// With small letters, of a to z alone.
+std::string lower(std::string text);
+
 class Session {
  public:
   // busy: somebody uses a simulated desk.

@@ -114,7 +114,11 @@ void recordMicrophone(const Options& options) {
   Session session(options);
   failWithoutSound(session);
   if (!options.microphone.empty()) {
-    CDeviceData::Instance()->SetRecordName(sim::wide(options.microphone));
+    std::string name = options.microphone;
+    for (const SoundSource& known : session.desk->microphones()) {
+      if (lower(known.name).find(lower(name)) != std::string::npos) name = known.name;
+    }
+    CDeviceData::Instance()->SetRecordName(sim::wide(name));
     CDeviceData::Instance()->SetRecordByName(true);
   }
   Inbox inbox;

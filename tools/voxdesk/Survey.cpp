@@ -5,11 +5,13 @@
 #include "hid/HidFrame.h"
 #include "models/Models.h"
 #include "sim/Text.h"
+#include "tools/capture/Story.h"
 
 namespace {
 
 constexpr std::uint32_t kSharedByNobody = 32;  // ERROR_SHARING_VIOLATION
 constexpr std::uint32_t kAccessDenied = 5;
+constexpr capture::Time kAnySlowness = 1'000'000;  // not asked for here
 
 const char* const kFamilies[] = {"Tern", "Standard", "Zh"};  // as FirmwareFamily
 
@@ -103,7 +105,10 @@ void Survey::observe(const VoxObservation& observation, std::int64_t microsecond
 
 capture::Capture Survey::capture(const std::string& path) const {
   const std::lock_guard lock(mutex_);
-  if (path.empty()) return seen_;
+  return path.empty() ? seen_ : captureOf(path);
+}
+
+capture::Capture Survey::captureOf(const std::string& path) const {
   capture::Capture some;
   some.interfaces = seen_.interfaces;
   std::copy_if(seen_.events.begin(), seen_.events.end(), std::back_inserter(some.events), [&](const auto& event) {
@@ -146,6 +151,12 @@ std::vector<SurveyedInterface> Survey::interfaces(Desk& desk) const {
         hid.error = event.error;
       }
       if (event.device > 0) hid.device = event.device;
+    }
+    // By what it has said, whether it still answers or not: its path may be another model's, too.
+    if (hid.device > 0) {
+      for (const capture::Device& told : capture::tell(captureOf(hid.path), kAnySlowness).devices) {
+        if (told.number == hid.device && !told.model.empty()) hid.model = "VoxMouse " + told.model;
+      }
     }
     // Nobody has tried to open an older device here.
     const bool asked = hid.error == kAccessDenied || !hid.older.empty();

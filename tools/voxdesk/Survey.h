@@ -17,7 +17,7 @@ struct SurveyedInterface {
   std::string path;
   std::string vendor;   // four hexadecimal digits, by the path; empty: it has none
   std::string product;  // likewise
-  std::string model;    // by the path; empty: none of ours
+  std::string model;    // by the path, or what it calls itself; empty: none of ours
   std::string older;    // likewise, of the HID devices from before the hub: what it is
   std::string family;   // of its firmware: "Tern", "Standard", "Zh"
   DataChannel link = DataChannel_Unknown;
@@ -39,6 +39,8 @@ class Survey final : public Watcher {
   capture::Capture capture(const std::string& path) const;
 
  private:
+  capture::Capture captureOf(const std::string& path) const;  // under the lock
+
   mutable std::mutex mutex_;
   capture::Capture seen_;
 };

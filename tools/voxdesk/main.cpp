@@ -46,36 +46,37 @@ std::string notACommand(const CLI::App& app, const std::string& word) {
          (near ? "\"; the nearest is \"" + nearest + '"' : "\"; voxdesk --help lists them");
 }
 
+// "mkey set".
+std::string wholeName(const CLI::App& command) {
+  const CLI::App* above = command.get_parent();
+  return (above && above->get_parent() ? wholeName(*above) + ' ' : "") + command.get_name();
+}
+
 // What is wrong with the arguments.
 std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app) {
   const auto given = app.get_subcommands();
   const auto extras = app.remaining(true);
   const CLI::App* command = given.empty() ? nullptr : given.front();
+  if (command && !command->get_subcommands().empty()) command = command->get_subcommands().front();
+  const std::string called = command ? wholeName(*command) : "";
   if (dynamic_cast<const CLI::ExtrasError*>(&error) && !extras.empty()) {
     if (!command) return notACommand(app, extras.front());
     const auto option =
         std::find_if(extras.begin(), extras.end(), [](const std::string& word) { return word.starts_with('-'); });
     const std::string& first = option == extras.end() ? extras.front() : *option;
     const std::string name = first.substr(0, first.find('='));
-    const auto below = command->get_subcommands();
-    if (name.starts_with("--") && (below.empty() ? command : below.front())->get_option_no_throw(name)) {
-      return name + ": stands behind its command, as in voxdesk " + command->get_name() + ' ' +
-             (below.empty() ? "" : below.front()->get_name() + ' ') + name;
-    }
-    return command->get_name() + " does not take \"" + first + "\"; voxdesk " + command->get_name() +
-           " --help says what it takes";
+    if (name.starts_with("--") && command->get_option_no_throw(name))
+      return name + ": stands behind its command, as in voxdesk " + called + ' ' + name;
+    return called + " does not take \"" + first + "\"; voxdesk " + called + " --help says what it takes";
   }
-  if (command && command->get_subcommands().empty() && dynamic_cast<const CLI::RequiredError*>(&error) &&
-      command->get_require_subcommand_min() > 0) {
-    return command->get_name() + ": expected one of its commands; voxdesk " + command->get_name() +
-           " --help lists them";
-  }
+  if (command && dynamic_cast<const CLI::RequiredError*>(&error) && command->get_require_subcommand_min() > 0)
+    return called + ": expected one of its commands; voxdesk " + called + " --help lists them";
   std::string what = error.what();
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
     const bool tooMany = what.find("At Most") != what.npos;
     what = what.substr(0, what.find(':')) + (tooMany ? ": given more than once" : ": a value is missing");
   }
-  return what + "; see voxdesk " + (command ? command->get_name() + " " : "") + "--help";
+  return what + "; see voxdesk " + (command ? called + " " : "") + "--help";
 }
 
 std::string checkDevice(const std::string& name) {
@@ -221,7 +222,11 @@ int main(int argc, char** argv) {
   examine->add_flag("--no-voice", options.noVoice, "Do not open the devices' voice channels");
   examine->add_option("--out", options.reportPage, "What passed meanwhile, as a page")->type_name("REPORT.html");
   auto* rules = needsDevice(command(app, "conform", "Try whether a device keeps the protocol's rules", &conform));
-  rules->add_flag("--yes", options.yes, "Set the DPI to what it is, without asking; else that rule is left out");
+  rules->add_flag(
+      "--yes", options.yes,
+      "Set the DPI to what it is, and an M key to another function and back, without asking; else these are left out");
+  rules->add_option("--url", options.url, "Send it this download URL, too, which replaces the one it has")
+      ->type_name("URL");
   rules->add_option("--junit", options.junit, "The results as JUnit XML")->type_name("FILE.xml");
   auto* watch = command(app, "monitor", "Show every callback, button, message and log line, until Ctrl-C", &monitor);
   takesSeconds(*watch, "Stop after so long; needed with --virtual-time");
@@ -321,7 +326,7 @@ int main(int argc, char** argv) {
       if (!candidate.app->parsed()) continue;
       run = candidate.run;
       records = candidate.app->get_option_no_throw("--picture") != nullptr;
-      const std::string name = candidate.app->get_name();
+      const std::string name = wholeName(*candidate.app);
       for (const CLI::Option* given : app.get_options()) {
         const bool takes = std::find(candidate.takes.begin(), candidate.takes.end(), given) != candidate.takes.end();
         if (given->count() == 0 || takes) continue;
@@ -334,6 +339,13 @@ int main(int argc, char** argv) {
   };
   try {
     try {
+      for (int i = 1; i < argc; ++i) {
+        // The next word would be taken for what is missing.
+        const std::string word = argv[i];
+        if (word == "--") break;
+        if (word.starts_with("--") && word.ends_with('='))
+          throw CLI::ArgumentMismatch(word, CLI::ExitCodes::ArgumentMismatch);
+      }
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
       if (error.get_exit_code() != 0) chooseCommand();
