@@ -69,8 +69,8 @@ def main() -> int:
             expect(f"{command} {answer}", {"model": "Swift", "link": "usb", "faults": [{"command": command, "answer": answer}]},
                    {f"answers {rule}" if rule else "answers once"}, 10)
         # Who sleeps need not answer; who presses a key is awake.
-        naps = [{"at": 6, "sleep": True}, {"at": 12.5, "sleep": False}]
-        for pressed, broken in (([], set()), ([{"at": 8.5, "key": "0"}], {"is silent while it sleeps"})):
+        naps = [{"at": 3.2, "sleep": True}, {"at": 8.2, "sleep": False}]
+        for pressed, broken in (([], set()), ([{"at": 5.5, "key": "0"}], {"is silent while it sleeps"})):
             expect(f"sleep {pressed}", {"model": "Wren", "timeline": naps + pressed}, broken, 8)
             _, rules, events = run({"model": "Wren", "timeline": naps + pressed})
             if rules["is silent while it sleeps"] != ("failed" if broken else "passed"):

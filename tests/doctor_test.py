@@ -29,7 +29,7 @@ CASES = {
                              [("#1 VoxMouse Swift", "it does not answer any more")]),
     "late heartbeats": (fault("heartbeat", "late", delay_ms=2500),
                         [("#1 VoxMouse Wren", "2 heartbeats unanswered"),
-                         ("#1 VoxMouse Wren", "Heartbeat answered after 502.0 ms (7 times)")]),
+                         ("#1 VoxMouse Wren", "Heartbeat answered after 502.0 ms (8 times)")]),
     "slow": (fault("mouse-state", "late", delay_ms=400), [("#1 VoxMouse Wren", "GetMouseState answered after 402")]),
     "damaged": (fault("mouse-state", "garbled"), [("#1 VoxMouse Wren", "")] * 2),
     "gone": ({"devices": wren(timeline=[{"at": 6, "unplug": True}])["devices"] + [{"model": "Tern"}]},

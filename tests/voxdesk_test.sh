@@ -146,7 +146,7 @@ expect 0 --virtual-time sound
 out "  2  Microphone (VoxMouse Lark)   the voice keyboard's, as there is no mouse's"
 out "Sound card: VoxMouse Pipit"
 out "Speaker: 16000 Hz, 1 channel"
-expect 0 --virtual-time mic --device Pipit --out mic.wav --seconds 2 --json
+expect 0 --virtual-time mic --device pipit --out mic.wav --seconds 2 --json
 out '"event":"recorded","file":"mic.wav"'
 expect 1 --virtual-time mic --device Tape --out mic.wav
 err 'no name contains "Tape"; there are: Line In (HD Audio), Microphone (VoxMouse Pipit), Microphone (VoxMouse Lark)'
@@ -348,7 +348,9 @@ mic --out x.wav --format mp3|--format: expected wav or raw, not "mp3"
 dpi abc|DPI: expected a whole number from 1 to 32767, not "abc"
 dpi 0800|not "0800"
 devices --seconds 3|--seconds: devices does not take this option
-mkey list --out x.wav|--out: list does not take this option
+--out= devices|--out: a value is missing
+mkey set 3 4|mkey set does not take "4"; voxdesk mkey set --help says what it takes
+mkey list --out x.wav|--out: mkey list does not take this option
 report case.pcapng --virtual-time|--virtual-time: report does not take this option
 report case.pcapng --text --json|--json excludes --text
 REFUSED

@@ -344,7 +344,7 @@ int main(int argc, char** argv) {
         const std::string word = argv[i];
         if (word == "--") break;
         if (word.starts_with("--") && word.ends_with('='))
-          throw CLI::ArgumentMismatch(word, CLI::ExitCodes::ArgumentMismatch);
+          throw CLI::ArgumentMismatch(word.substr(0, word.size() - 1), CLI::ExitCodes::ArgumentMismatch);
       }
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
