@@ -5,19 +5,11 @@
 #include <cmath>
 #include <vector>
 
-#include "sim/Wav.h"
 #include "sim/devices/SbcReference.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
 
 namespace {
-
-std::vector<std::int16_t> sampleSentence() {
-  std::string error;
-  auto speech = sim::readSpeech(std::string(VOXDEVICE_SAMPLES) + "/sentence.wav", error);
-  EXPECT_TRUE(error.empty()) << error;
-  return speech;
-}
 
 // Mean over 16 ms segments that carry speech of the signal to noise ratio, in dB; `lag` is the delay of `received`.
 double segmentalSnr(const std::vector<std::int16_t>& spoken, const std::vector<double>& received, std::size_t lag) {
@@ -54,11 +46,10 @@ constexpr std::size_t kCodecDelay = 73;
 class Speech : public ::testing::TestWithParam<sim::Link> {};
 
 TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
-  const std::vector<std::int16_t> spoken = sampleSentence();
+  const std::vector<std::int16_t> spoken = spokenSentence();
   ASSERT_GT(spoken.size(), 32000U);
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren", GetParam());
+  auto wren = desk.openWith("Wren", GetParam());
   wren->hear(spoken);
   wren->pressVoiceKey();
   desk.run(10ms);
@@ -114,10 +105,9 @@ TEST_P(Speech, SpokenIntoAWrenComesOutAsTheCodecAllows) {
 }
 
 TEST_P(Speech, SpokenIntoATernComesThroughTheLoadedCodec) {
-  const std::vector<std::int16_t> spoken = sampleSentence();
+  const std::vector<std::int16_t> spoken = spokenSentence();
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern", GetParam());
+  auto tern = desk.openWith("Tern", GetParam());
   tern->hear(spoken);
   desk.hub->ChooseWorkHidDevice(1);
   ASSERT_TRUE(desk.hub->OpenHidRecord());
@@ -150,9 +140,8 @@ INSTANTIATE_TEST_SUITE_P(Links, Speech, ::testing::Values(sim::Link::usb, sim::L
 
 TEST(Audio, OpeningAgainBeginsAFreshHistory) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
-  wren->hear(sampleSentence());
+  auto wren = desk.openWith("Wren");
+  wren->hear(spokenSentence());
   desk.hub->ChooseWorkHidDevice(1);
   std::vector<std::int16_t> first;
   for (int round = 0; round < 3; ++round) {
@@ -170,8 +159,7 @@ TEST(Audio, OpeningAgainBeginsAFreshHistory) {
 
 TEST(Audio, VoiceRequestsEndByTheirBounds) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   desk.hub->ChooseWorkHidDevice(1);
   const struct {
     std::uint8_t code;  // open or close
@@ -196,8 +184,7 @@ TEST(Audio, VoiceRequestsEndByTheirBounds) {
 
 TEST(Audio, PayloadsThatAreNoPacketsYieldNothing) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   // A framed reply can carry the audio codes with any length.
   for (const std::size_t length : {0U, 20U, 54U}) wren->reply(0xC2, sim::Bytes(length, 0x11));
   desk.run(10ms);
@@ -229,8 +216,7 @@ TEST(Audio, WithoutTheWholeCodecLibraryATernIsMute) {
       sim::ascReportSamples(319);
     }
     desk.machine.install(L"asc_lib.dll", library);
-    desk.open();
-    auto tern = desk.connect("Tern");
+    auto tern = desk.openWith("Tern");
     for (int i = 0; i < 10; ++i) tern->send({0x1A, 0xFF, 0xF1});
     desk.run(10ms);
     desk.hub->CloseHidRecord();

@@ -1,12 +1,11 @@
 // Capture files, of whatever program: what is read of them, and what of bytes that are none.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "tests/Desk.h"
+#include "tests/Folder.h"
 #include "tools/capture/Capture.h"
 
 namespace {
@@ -330,16 +329,13 @@ TEST(CaptureReader, KeepsWhatCameBeforeAProblem) {
 }
 
 TEST(CaptureReader, ReadsWhatContinuesAFile) {
-  const auto folder =
-      std::filesystem::temp_directory_path() / ("CaptureReaderTest-" + std::to_string(std::random_device{}()));
-  std::filesystem::create_directory(folder);
+  Folder folder;
   int part = 0;
   for (const auto& [name, cut] :
        {std::pair("a.pcapng", 0U), {"a-2.pcapng", 2U}, {"a-3.pcapng", 0U}, {"b.pcapng", ~0U}}) {
     const Bytes bytes = recording(false, ++part).bytes;
     const std::size_t length = cut < bytes.size() ? bytes.size() - cut : 0;
-    std::ofstream(folder / name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(length));
+    folder.with(std::span(bytes).first(length), name);
   }
   const Capture capture = capture::readFile(folder / "a.pcapng");
   EXPECT_EQ(capture.interfaces.size(), 1U);
@@ -347,8 +343,7 @@ TEST(CaptureReader, ReadsWhatContinuesAFile) {
   EXPECT_TRUE(capture.problem.starts_with("a-2.pcapng at ")) << capture.problem;
   EXPECT_THROW(capture::readFile(folder / "b.pcapng"), std::runtime_error);
   EXPECT_THROW(capture::readFile(folder / "c.pcapng"), std::runtime_error);
-  EXPECT_THROW(capture::readFile(folder), std::runtime_error);
-  std::filesystem::remove_all(folder);
+  EXPECT_THROW(capture::readFile(folder / ""), std::runtime_error);
 }
 
 }  // namespace

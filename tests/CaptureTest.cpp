@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "Desk.h"
+#include "Folder.h"
 #include "sim/Replay.h"
 #include "sim/Text.h"
 #include "sim/devices/Legacy.h"
@@ -16,27 +17,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
-
-// A folder of the test's own.
-class Folder {
- public:
-  Folder() {
-    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string("voxdevice-") + test->test_suite_name() + '-' + test->name();
-    std::replace(name.begin(), name.end(), '/', '-');
-    path_ = fs::path(testing::TempDir()) / name;
-    fs::remove_all(path_);
-    fs::create_directories(path_);
-  }
-  ~Folder() { fs::remove_all(path_); }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  fs::path operator/(const std::string& name) const { return path_ / name; }
-
- private:
-  fs::path path_;
-};
 
 // Records what passes at a desk while it lives.
 class Recorded {
@@ -64,7 +44,7 @@ class Recorded {
 class Player {
  public:
   // mouse: null at a recording.
-  Player(Desk& atDesk, std::shared_ptr<sim::VirtualMouse> itsMouse, const Folder& itsFolder)
+  Player(Desk& atDesk, std::shared_ptr<sim::VirtualMouse> itsMouse, Folder& itsFolder)
       : desk(atDesk), mouse(std::move(itsMouse)), folder(itsFolder) {}
 
   void play(const Lines& script) {
@@ -97,11 +77,9 @@ class Player {
       return say("CloseHidRecord", hub.CloseHidRecord());
     }
     if (what == "update") {
-      std::string image(static_cast<std::size_t>(number), 'v');
-      for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<char>(i * 7);
-      const fs::path file = folder / "image.bin";
-      std::ofstream(file, std::ios::binary) << image;
-      return hub.StartOTA(hub.GetEffectiveDevice(), FwUpdate_First, file.string(), "");
+      sim::Bytes image(static_cast<std::size_t>(number));
+      for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::uint8_t>(i * 7);
+      return hub.StartOTA(hub.GetEffectiveDevice(), FwUpdate_First, folder.with(image), "");
     }
     if (!mouse) return;
     if (what == "key") return mouse->key(argument[0]);
@@ -124,7 +102,7 @@ class Player {
 
   Desk& desk;
   const std::shared_ptr<sim::VirtualMouse> mouse;
-  const Folder& folder;
+  Folder& folder;
   VoxButtonState left_ = ButtonUp;
   VoxButtonState right_ = ButtonUp;
 };
@@ -146,8 +124,8 @@ std::vector<std::int16_t> speech(std::size_t count) {
   return samples;
 }
 
-Result live(const std::string& model, sim::Link link, const Lines& script, const Folder& folder,
-            const std::string& file, const capture::RecorderOptions& options = {}) {
+Result live(const std::string& model, sim::Link link, const Lines& script, Folder& folder, const std::string& file,
+            const capture::RecorderOptions& options = {}) {
   Desk desk;
   Result result;
   {
@@ -165,7 +143,7 @@ Result live(const std::string& model, sim::Link link, const Lines& script, const
   return result;
 }
 
-Result replayed(const fs::path& file, const Lines& script, const Folder& folder) {
+Result replayed(const fs::path& file, const Lines& script, Folder& folder) {
   Desk desk;
   Result result;
   const sim::Replay replay = sim::readReplay(file.string());
@@ -196,16 +174,11 @@ const Lines kEverything{"open",     "run 2500",   "key 0",     "run 100", "key 9
 const Lines kOtherwise{"open",    "run 4000", "voice 1200", "run 1700", "mkeys", "run 300",  "url a.b/c",  "run 100",
                        "dpi 800", "run 600",  "mkey 3",     "run 250",  "state", "run 5000", "update 700", "run 8000"};
 
-struct Case {
-  const char* model;
-  sim::Link link;
-};
-
-class RoundTrip : public testing::TestWithParam<Case> {};
+class RoundTrip : public testing::TestWithParam<ModelOnLink> {};
 
 TEST_P(RoundTrip, ARecordingTellsTheClientTheSame) {
   const auto [model, link] = GetParam();
-  const Folder folder;
+  Folder folder;
   const Result was = live(model, link, kEverything, folder, "a.pcapng");
   EXPECT_FALSE(was.pcm.empty());
   const Result again = replayed(folder / "a.pcapng", kEverything, folder);
@@ -219,15 +192,6 @@ TEST_P(RoundTrip, ARecordingTellsTheClientTheSame) {
   EXPECT_TRUE(otherwise.pcm == was.pcm);
 }
 
-std::vector<Case> everyModelOnEachLink() {
-  std::vector<Case> cases;
-  for (const sim::ModelSheet& sheet : sim::modelSheets()) {
-    if (sheet.usb) cases.push_back({sheet.name, sim::Link::usb});
-    if (sheet.bluetooth) cases.push_back({sheet.name, sim::Link::bluetooth});
-  }
-  return cases;
-}
-
 INSTANTIATE_TEST_SUITE_P(EveryModel, RoundTrip, testing::ValuesIn(everyModelOnEachLink()), [](const auto& test) {
   std::string name = std::string(test.param.model) + (test.param.link == sim::Link::usb ? "Usb" : "Bluetooth");
   std::erase(name, ' ');
@@ -238,38 +202,25 @@ INSTANTIATE_TEST_SUITE_P(EveryModel, RoundTrip, testing::ValuesIn(everyModelOnEa
 // Beside each stands what its client does (lines that begin with "> ") and what it was told. A capture is added as
 // NAME.pcapng with a NAME.txt that has the first part; VOXDEVICE_WRITE_EXPECTED=1 writes the second.
 
-struct Made {
+// Those that this program has made; VOXDEVICE_MAKE_CAPTURES=1 does it again, by the script that stands beside.
+const struct {
   const char* name;
   const char* model;
   sim::Link link;
-  Lines script;
-};
-
-// How those that are there were made; VOXDEVICE_MAKE_CAPTURES=1 does it again.
-std::vector<Made> captures() {
-  using sim::Link;
-  const Lines use{"open", "run 2500", "key 0", "run 100", "key 9", "voice 300", "key 1", "run 90", "key @", "run 500"};
-  const Lines settings{"open",  "run 2500", "state",  "dpi 1200", "url vox.example/a",
-                       "mkeys", "run 300",  "mkey 3", "run 300"};
-  const Lines updated{"open", "run 2500", "update 330", "run 4000"};
-  return {{"tern-usb", "Tern", Link::usb, use},
-          {"wren-usb", "Wren", Link::usb, use},
-          {"finch-bluetooth", "Finch", Link::bluetooth, use},
-          {"robin-bluetooth", "Robin", Link::bluetooth, use},
-          {"heron-bluetooth", "Heron", Link::bluetooth, use},
-          {"egret-bluetooth", "Egret", Link::bluetooth, settings},
-          {"heron-plus-usb", "Heron Plus", Link::usb, use},
-          {"swift-usb", "Swift", Link::usb, settings},
-          {"update-tern", "Tern", Link::usb, updated},
-          {"update-wren", "Wren", Link::usb, updated},
-          {"update-swift", "Swift", Link::bluetooth, updated},
-          {"asleep", "Finch", Link::bluetooth, {"open", "run 2500", "sleep 1", "run 6000", "sleep 0", "run 3000"}},
-          {"pulled-out", "Wren", Link::usb, {"open", "run 2500", "out", "run 1500", "in", "run 3000", "key 0"}},
-          {"damaged",
-           "Wren",
-           Link::usb,
-           {"open", "run 2500", "damage 1", "state", "dpi 400", "run 300", "damage 0", "dpi 500", "run 300"}}};
-}
+} kMade[] = {{"tern-usb", "Tern", sim::Link::usb},
+             {"wren-usb", "Wren", sim::Link::usb},
+             {"finch-bluetooth", "Finch", sim::Link::bluetooth},
+             {"robin-bluetooth", "Robin", sim::Link::bluetooth},
+             {"heron-bluetooth", "Heron", sim::Link::bluetooth},
+             {"egret-bluetooth", "Egret", sim::Link::bluetooth},
+             {"heron-plus-usb", "Heron Plus", sim::Link::usb},
+             {"swift-usb", "Swift", sim::Link::usb},
+             {"update-tern", "Tern", sim::Link::usb},
+             {"update-wren", "Wren", sim::Link::usb},
+             {"update-swift", "Swift", sim::Link::bluetooth},
+             {"asleep", "Finch", sim::Link::bluetooth},
+             {"pulled-out", "Wren", sim::Link::usb},
+             {"damaged", "Wren", sim::Link::usb}};
 
 bool asked(const char* variable) {
   const char* const value = std::getenv(variable);
@@ -289,16 +240,7 @@ std::string textOf(const Lines& script, const Result& result) {
 
 TEST(Captures, TellTheClientWhatStandsBesideThem) {
   const fs::path place = VOXDEVICE_CAPTURES;
-  const Folder folder;
-  if (asked("VOXDEVICE_MAKE_CAPTURES")) {
-    for (const Made& made : captures()) {
-      const std::string file = std::string(made.name) + ".pcapng";
-      live(made.model, made.link, made.script, folder, file);
-      fs::copy_file(folder / file, place / file, fs::copy_options::overwrite_existing);
-      std::ofstream text(place / (std::string(made.name) + ".txt"), std::ios::binary);
-      for (const std::string& line : made.script) text << "> " << line << '\n';
-    }
-  }
+  Folder folder;
   int count = 0;
   for (const auto& entry : fs::directory_iterator(place)) {
     if (entry.path().extension() != ".pcapng") continue;
@@ -310,6 +252,11 @@ TEST(Captures, TellTheClientWhatStandsBesideThem) {
     Lines script;
     std::istringstream lines(expected);
     for (std::string line; std::getline(lines, line) && line.starts_with("> ");) script.push_back(line.substr(2));
+    for (const auto& [name, model, link] : kMade) {
+      if (entry.path().stem() != name || !asked("VOXDEVICE_MAKE_CAPTURES")) continue;
+      live(model, link, script, folder, "made.pcapng");
+      fs::copy_file(folder / "made.pcapng", entry.path(), fs::copy_options::overwrite_existing);
+    }
     const std::string told = textOf(script, replayed(entry.path(), script, folder));
     if (asked("VOXDEVICE_WRITE_EXPECTED")) std::ofstream(beside, std::ios::binary) << told;
     EXPECT_EQ(told, asked("VOXDEVICE_WRITE_EXPECTED") ? told : expected);
@@ -428,7 +375,7 @@ TEST(Observer, SeesOlderDevicesToo) {
 }
 
 TEST(Recorder, GoesOnInFurtherFiles) {
-  const Folder folder;
+  Folder folder;
   const Lines script{"open", "run 2500", "voice 900", "run 100"};
   std::ofstream(folder / "a-9.pcapng") << "an old one";
   const Result was = live("Wren", sim::Link::usb, script, folder, "a.pcapng", {.fileBytes = 4000});
@@ -447,7 +394,7 @@ TEST(Recorder, GoesOnInFurtherFiles) {
 }
 
 TEST(Recorder, KeepsToItselfWhatIsPrivate) {
-  const Folder folder;
+  Folder folder;
   const Lines script{"open", "run 2500", "voice 300", "run 100"};
   for (const auto link : {sim::Link::usb, sim::Link::bluetooth}) {
     for (const char* model : {"Wren", "Tern"}) {

@@ -9,8 +9,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class Commands : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -236,8 +234,7 @@ TEST(Lifecycle, HubWithoutDevicesAnswersEverything) {
 
 TEST(Lifecycle, ThreadIsClosedKeepsItsInvertedRule) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   EXPECT_FALSE(desk.hub->ThreadIsClosed()) << "discovery runs";
   desk.record.during = [&](const std::string&) { desk.run(500ms); };
   wren->reportPower(1);
@@ -251,8 +248,7 @@ TEST(Lifecycle, ThreadIsClosedKeepsItsInvertedRule) {
 TEST(Lifecycle, SecondOpenDeviceAndCopiesAreHarmless) {
   Desk desk;
   desk.open();
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   EXPECT_EQ(desk.record.lines("HidConnect").size(), 1U) << "two discovery threads, one device";
   {
     CAudioHidCenter copy(*desk.hub);
@@ -268,8 +264,7 @@ TEST(Lifecycle, ReleaseFromACallbackLeavesOneThreadToTheEnd) {
   Desk desk;
   static CAudioHidCenter* hub;
   hub = desk.hub.get();
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   auto tern = desk.connect("Tern");
   hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) {
                                  hub->CloseDevice();

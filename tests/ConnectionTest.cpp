@@ -8,8 +8,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 TEST(Connection, RunsThroughTheWholeSequence) {
   Desk desk;
   desk.machine.record(true);
@@ -46,8 +44,7 @@ TEST(Connection, RunsThroughTheWholeSequence) {
 
 TEST(Connection, OverBluetoothUsesTheSamePrefixAndAnswersWithout) {
   Desk desk;
-  desk.open();
-  auto heron = desk.connect("Heron Plus", sim::Link::bluetooth);
+  auto heron = desk.openWith("Heron Plus", sim::Link::bluetooth);
   EXPECT_EQ(frames(heron->received()), "f1:05 f1:0f(32) f1:11 f1:01 f1:0c f0:0d f1:05");
   EXPECT_EQ(desk.record.lines("MouseState"), Lines{"MouseState 1 7 1 1 1600 80"});
   EXPECT_TRUE(desk.record.lines("DongleState").empty()) << "no receiver over Bluetooth LE";
@@ -120,8 +117,7 @@ TEST(Connection, IdentifyAnswersOfOtherFamiliesAndSecondOnesAreIgnored) {
 
 TEST(Connection, SleepIsNoticedAfterFourSecondsAndWakingAnnouncesAgain) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   desk.run(3s);
   wren->forget();
   desk.record.clear();
@@ -162,8 +158,7 @@ TEST(Connection, DeviceThatNeverAnswersIsNeitherAnnouncedNorAsleep) {
 
 TEST(Connection, ReplugReusesTheReaderOfTheSameModel) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   auto wren = desk.connect("Wren");
   wren->pressVoiceKey();
   desk.run(10ms);
@@ -196,8 +191,7 @@ TEST(Connection, ReplugReusesTheReaderOfTheSameModel) {
 TEST(Connection, AReplugThatIsFoundAtOnceIsServedAtOnce) {
   // Before the next tick of the heartbeat thread, which has ended all the same.
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   ASSERT_TRUE(desk.machine.waitFor([&] { return desk.milliseconds() % 1000 == 940; }, 2s));
   desk.record.clear();
   desk.machine.unplug(tern);
@@ -214,8 +208,7 @@ TEST(Connection, AReplugThatIsFoundAtOnceIsServedAtOnce) {
 
 TEST(Connection, ADeviceIsServedAgainWhileItsEndIsStillBeingTold) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   desk.record.during = [&](const std::string& message) {
     if (message == "HidDisconnect") desk.run(6s);
   };
@@ -231,8 +224,7 @@ TEST(Connection, ADeviceIsServedAgainWhileItsEndIsStillBeingTold) {
 
 TEST(Connection, HandlesThatDieAreReplacedWithoutAReplug) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   desk.record.clear();
   desk.machine.locked([&]() REQUIRES(sim::gate) { wren->loseHandles(); });
   desk.run(5s);
@@ -243,8 +235,7 @@ TEST(Connection, HandlesThatDieAreReplacedWithoutAReplug) {
 
 TEST(Connection, ReaderServesTheModelItHasSettledOn) {
   Desk desk;
-  desk.open();
-  auto finch = desk.connect("Finch", sim::Link::bluetooth);
+  auto finch = desk.openWith("Finch", sim::Link::bluetooth);
   desk.machine.unplug(finch);
   desk.run(2s);
   desk.record.clear();
@@ -352,8 +343,7 @@ TEST(Connection, ADeviceThatGoesIsToldAfterWhatIsBeingToldOfIt) {
 
 TEST(Connection, ADeviceThatHasGoneIsClosedThoughACopyHasIt) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   const CAudioHidCenter copy(*desk.hub);
   const auto handles = desk.machine.balance().handles;
   desk.machine.unplug(wren);

@@ -182,6 +182,15 @@ void Desk::onAudio(const unsigned char* data, int byteCount, void* desk) {
   if (data) self->audio.insert(self->audio.end(), data, data + byteCount);
 }
 
+std::vector<ModelOnLink> everyModelOnEachLink() {
+  std::vector<ModelOnLink> all;
+  for (const sim::ModelSheet& sheet : sim::modelSheets()) {
+    if (sheet.usb) all.push_back({sheet.name, sim::Link::usb});
+    if (sheet.bluetooth) all.push_back({sheet.name, sim::Link::bluetooth});
+  }
+  return all;
+}
+
 bool hasCoarseTimer() { return std::getenv("VOXDEVICE_COARSE_TIMER") != nullptr; }
 
 Took timeOf(Desk& desk, const std::function<void()>& action) {

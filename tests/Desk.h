@@ -19,6 +19,8 @@
 
 using namespace std::chrono_literals;
 
+using Lines = std::vector<std::string>;
+
 // What the client has been told, a line each: "MouseState 1 2 2 1 1600 80", "Log 43 ...", "HidConnect 1", ...
 class Record : public VoxMessageSink {
  public:
@@ -72,6 +74,11 @@ class Desk {
 
   // Plugs a device in and waits until it is announced and has been asked for its state.
   std::shared_ptr<sim::VirtualMouse> connect(const std::string& model, sim::Link link = sim::Link::usb);
+  // The first one, with which the hub is opened.
+  std::shared_ptr<sim::VirtualMouse> openWith(const std::string& model, sim::Link link = sim::Link::usb) {
+    open();
+    return connect(model, link);
+  }
   std::shared_ptr<sim::VirtualMouse> make(const std::string& model, sim::Link link = sim::Link::usb);
   void open() { hub->OpenDevice(reinterpret_cast<void*>(&Desk::onAudio), this); }
   void run(sim::Time time) { machine.sleep(time); }
@@ -102,6 +109,12 @@ class Desk {
   std::deque<Teller> tellers_;
   int instances_ = 0;
 };
+
+struct ModelOnLink {
+  const char* model;
+  sim::Link link;
+};
+std::vector<ModelOnLink> everyModelOnEachLink();
 
 constexpr std::int64_t kBound = 2000;  // ms in which everything ends
 

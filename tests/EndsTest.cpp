@@ -16,8 +16,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 using Ending = void (*)(Desk&);
 constexpr Ending kEndings[] = {[](Desk& desk) { desk.hub->CloseDevice(); }, [](Desk& desk) { desk.hub->Release(); },
                                [](Desk& desk) { desk.hub.reset(); }};
@@ -39,8 +37,7 @@ TEST(Ends, EveryWaitingOperationReturnsWhenTheHubStops) {
   for (const Ending ending : kEndings) {
     for (const Waiting& waiting : waitings) {
       Desk desk;
-      desk.open();
-      auto swift = desk.connect("Swift");
+      auto swift = desk.openWith("Swift");
       desk.hub->ChooseWorkHidDevice(1);
       if (waiting.command == 0x04) {
         ASSERT_TRUE(desk.hub->OpenHidRecord());
@@ -69,8 +66,7 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
   for (const bool ignoreCancel : {false, true}) {
     for (const int end : {0, 1, 2}) {
       Desk desk;
-      desk.open();
-      auto wren = desk.connect("Wren");
+      auto wren = desk.openWith("Wren");
       auto tern = desk.connect("Tern");
       ASSERT_TRUE(desk.machine.waitFor([&] { return desk.milliseconds() % 1000 == 500; }, 2s));  // between heartbeats
       wren->faults.writeTime = 10s;
@@ -100,8 +96,7 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
 
 TEST(Ends, ADriverThatKeepsAReadIsLeftAlone) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   wren->faults.ignoreCancel = true;
   wren->reportPower(1);
   desk.run(10ms);  // the next read is the one that is kept
@@ -159,8 +154,7 @@ TEST(Ends, EndsThatMeetTakeAMomentAndNoForce) {
     for (const bool release : {false, true}) {
       for (const bool inCallback : {false, true}) {
         Desk desk;
-        desk.open();
-        auto wren = desk.connect("Wren");
+        auto wren = desk.openWith("Wren");
         auto tern = desk.connect("Tern");
         CAudioHidCenter* hub = desk.hub.get();
         const auto second = [&] { release ? hub->Release() : hub->CloseDevice(); };
@@ -192,8 +186,7 @@ TEST(Ends, EndsThatMeetTakeAMomentAndNoForce) {
 TEST(Ends, ADeviceThatAReleaseInACallbackCouldNotAwaitIsAwaitedByAStop) {
   for (const sim::Time begins : {20ms, 500ms}) {  // before and after that Release
     Desk desk;
-    desk.open();
-    auto wren = desk.connect("Wren");
+    auto wren = desk.openWith("Wren");
     auto tern = desk.connect("Tern");
     int calls = 0;
     bool inside = false;
@@ -288,8 +281,7 @@ TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
 // as nobody sends it anything any more.
 TEST(Ends, AReadThatCannotBeCancelledYetIsCancelledAgain) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   wren->faults.readEntry = 20ms;
   wren->reportPower(50);  // the read thread comes back, and reads again
   desk.run(5ms);
@@ -375,8 +367,7 @@ TEST(Ends, ADeviceThatGoesWhileItIsAnnouncedLeavesNoGhost) {
 
 TEST(Ends, ASilentDeviceThatComesBackIsNotLiveForAnInstant) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   desk.machine.unplug(tern);
   desk.run(2s);
   tern->sleep(true);
@@ -392,8 +383,7 @@ TEST(Ends, ASilentDeviceThatComesBackIsNotLiveForAnInstant) {
 // own.
 TEST(Ends, ReplugsOfASwiftKeepNothing) {
   Desk desk;
-  desk.open();
-  auto swift = desk.connect("Swift");
+  auto swift = desk.openWith("Swift");
   std::size_t handles = 0;
   for (int i = 0; i < 20; ++i) {
     desk.machine.unplug(swift);
@@ -412,8 +402,7 @@ TEST(Ends, ReplugsOfASwiftKeepNothing) {
 
 TEST(Ends, ACopyMayOutliveItsOriginal) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   wren->hear(std::vector<std::int16_t>(16000, 1000));
   desk.hub->ChooseWorkHidDevice(1);
   ASSERT_TRUE(desk.hub->OpenHidRecord());
@@ -439,8 +428,7 @@ TEST(Ends, AHubThatIsAssignedToEndsItsOwnDevices) {
   for (const bool inCallback : {false, true}) {
     Desk desk;
     const CAudioHidCenter other;
-    desk.open();
-    auto wren = desk.connect("Wren");
+    auto wren = desk.openWith("Wren");
     desk.record.during = [&](const std::string& what) {
       if (what == "PowerReport") *desk.hub = other;
     };
@@ -458,8 +446,7 @@ TEST(Ends, AHubThatIsAssignedToEndsItsOwnDevices) {
 
 TEST(Ends, OneHubsReleaseLeavesTheOthersCodecAlone) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   CAudioHidCenter other;
   other.OpenDevice(nullptr, nullptr);  // the same device, opened once more
   desk.run(3s);
@@ -489,8 +476,7 @@ TEST(Ends, AShortPacketReachesTheCodecFilledWithSilence) {
   };
   codec["ASC_Decoder"] = reinterpret_cast<FARPROC>(reinterpret_cast<void*>(spy));
   desk.machine.install(L"asc_lib.dll", codec);
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   tern->reply(0xC1, sim::Bytes(38, 0xAA));
   tern->reply(0xC1, {1, 2, 3});
   desk.run(10ms);

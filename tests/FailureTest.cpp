@@ -2,12 +2,9 @@
 // failing, for every n.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <new>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -15,6 +12,7 @@
 #include "sim/Memory.h"
 #include "sim/devices/Legacy.h"
 #include "tests/Desk.h"
+#include "tests/Folder.h"
 #include "tests/RecorderClients.h"
 
 namespace {
@@ -140,9 +138,7 @@ Outcome recordSpeaker(Desk& desk, WindowsVersion version) {
 
 Outcome updateFirmware(Desk& desk, const char* model) {
   const std::vector<std::uint8_t> image(100, 0x5A);
-  const auto path = std::filesystem::path(::testing::TempDir()) / ("failure_" + std::to_string(std::random_device()()));
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
+  Folder folder;
   if (!makeHub(desk)) return Outcome::failed;
   const auto mouse = desk.make(model);
   mouse->update(sim::VirtualMouse::Updated::mouse, {.size = image.size()});
@@ -152,7 +148,8 @@ Outcome updateFirmware(Desk& desk, const char* model) {
   desk.run(500ms);
   desk.record.clear();
   const int updated = desk.hub->GetEffectiveDevice();
-  call([&, first = path.string()]() mutable { desk.hub->StartOTA(updated, FwUpdate_First, std::move(first), {}); });
+  call(
+      [&, first = folder.with(image)]() mutable { desk.hub->StartOTA(updated, FwUpdate_First, std::move(first), {}); });
   const std::string over = "FwOtaResult " + std::to_string(updated) + " 0 11";
   const auto isOver = [&] { return !desk.record.lines(over).empty(); };
   EXPECT_TRUE(updated < 0 || desk.machine.waitFor(isOver, 30s)) << "an update always comes to its end";
@@ -163,7 +160,6 @@ Outcome updateFirmware(Desk& desk, const char* model) {
   }
   call([&] { desk.close(); });
   desk.machine.unplug(mouse);
-  std::filesystem::remove(path);
   return finished ? Outcome::good : Outcome::failed;
 }
 

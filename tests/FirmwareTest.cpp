@@ -13,11 +13,11 @@
 
 #include "platform/os.h"
 #include "tests/Desk.h"
+#include "tests/Folder.h"
 #include "tools/explore/Explore.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
 using sim::Bytes;
 using sim::UpdateStep;
 using Updated = sim::VirtualMouse::Updated;
@@ -28,24 +28,6 @@ Bytes pattern(std::size_t size, unsigned seed = 1) {
   for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
   return bytes;
 }
-
-// Files of the test's own, gone with it.
-class Files {
- public:
-  Files() { std::filesystem::create_directories(folder_); }
-  ~Files() { std::filesystem::remove_all(folder_); }
-  std::string path(const std::string& name) const { return (folder_ / name).string(); }
-  std::string with(const Bytes& bytes) {
-    std::string name = path(std::to_string(++count_) + ".bin");
-    std::ofstream(name, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return name;
-  }
-
- private:
-  const std::filesystem::path folder_ = ::testing::TempDir() + "firmware_" + std::to_string(std::random_device()());
-  int count_ = 0;
-};
 
 // A desk with one device at the hub.
 struct UpdateDesk : Desk {
@@ -78,7 +60,7 @@ struct UpdateDesk : Desk {
   }
 
   std::shared_ptr<sim::VirtualMouse> device;
-  Files files;
+  Folder files;
 };
 
 Lines results(Lines ends) {
@@ -269,11 +251,11 @@ TEST(Firmware, ATernCountsBothImagesAndListensToTheRightChannel) {
 
 TEST(Firmware, FilesThatCannotBeReadLeaveTheirImageEmpty) {
   UpdateDesk desk("Wren");
-  const std::string huge = desk.files.path("huge.bin");
+  const std::string huge = (desk.files / "huge.bin").string();
   std::ofstream(huge).put('x');
   std::filesystem::resize_file(huge, std::uintmax_t{3} << 30);  // sparse
   for (const std::string& file :
-       {std::string(), desk.files.path("missing.bin"), desk.files.with({}), desk.files.path("."), huge}) {
+       {std::string(), (desk.files / "missing.bin").string(), desk.files.with({}), (desk.files / ".").string(), huge}) {
     SCOPED_TRACE(file);
     desk.fresh();
     desk.device->update(Updated::mouse, {.refuseAt = UpdateStep::open});
@@ -342,7 +324,7 @@ TEST(Firmware, RequestsThatLeadOutOfTheImageGetNothing) {
     desk.start(FwUpdate_First, desk.files.with(pattern(1000)));
     desk.finish();
     desk.fresh();
-    desk.start(FwUpdate_First, desk.files.path("missing.bin"));
+    desk.start(FwUpdate_First, (desk.files / "missing.bin").string());
     desk.finish();
     EXPECT_TRUE(desk.device->received(0x09).empty()) << model;
     EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"})) << model;
@@ -354,7 +336,7 @@ TEST(Firmware, RequestsThatLeadOutOfTheImageGetNothing) {
   desk.machine.plug(plus);
   desk.open();
   desk.run(3s);
-  Files files;
+  Folder files;
   desk.hub->StartOTA(1, FwUpdate_First, files.with(pattern(100)), "");
   desk.run(8s);
   EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 5", "0 11"}));

@@ -10,14 +10,11 @@
 #include "bindings/c/Objects.h"
 #include "fuzz/AnyCall.h"
 #include "sim/Memory.h"
-#include "sim/Wav.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
 #include "tools/explore/Explore.h"
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 const char* const kEvents[] = {"",       "connect", "disconnect", "mouse-connect", "voice",      "dpi",   "state",
                                "dongle", "power",   "url",        "update",        "progress",   "mkeys", "menu",
@@ -61,6 +58,10 @@ class FlatDesk {
     machine.sleep(6s);
     return device;
   }
+  std::shared_ptr<sim::VirtualMouse> openWith(const std::string& model, sim::Link link = sim::Link::usb) {
+    open();
+    return connect(model, link);
+  }
   // The events since the last look, of this beginning.
   Lines events(const std::string& beginning = {}) {
     Lines lines;
@@ -80,11 +81,8 @@ class FlatDesk {
 };
 
 TEST(Flat, AHeldVoiceKeyIsAskedForAndRecorded) {
-  std::string error;
-  const auto sentence = sim::readSpeech(std::string(VOXDEVICE_SAMPLES) + "/sentence.wav", error);
   FlatDesk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   EXPECT_EQ(desk.events(), (Lines{"connect 1", "mouse-connect 1 1", "state 1 2 2 1 1600 80", "dongle 1 2 2 4660 1"}));
   int32_t device = 0;
   EXPECT_EQ(vox_hub_devices(desk.hub, &device, 1), 1);
@@ -92,7 +90,7 @@ TEST(Flat, AHeldVoiceKeyIsAskedForAndRecorded) {
   EXPECT_EQ(vox_hub_model(desk.hub, 1), 2);
   EXPECT_EQ(vox_hub_link(desk.hub, 1), 2);
   EXPECT_EQ(vox_record_start(desk.hub), VOX_ERROR_NO_DEVICE) << "no work device is chosen";
-  wren->hear(sentence);
+  wren->hear(spokenSentence());
   wren->pressVoiceKey();
   vox_event event{sizeof event, 0, 0, {}};
   EXPECT_EQ(vox_next_event(&event, 1000), 1) << "it waits";
@@ -183,8 +181,7 @@ TEST(Flat, AudioGoesToItsCallbackAndEndsOnce) {
 
 TEST(Flat, ButtonsAreToldWhateverBecomesOfThem) {
   FlatDesk desk({}, 2);
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   const auto press = [&](const std::string& keys) {
     for (const char key : keys) tern->key(key);
     desk.machine.sleep(1ms);
@@ -253,8 +250,7 @@ TEST(Flat, CommandsSayWhatBecomesOfThem) {
 
 TEST(Flat, TextsFitOrStay) {
   FlatDesk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   char text[80] = "?";
   int32_t kind = 0, category = 0;
   const vox_result needed = vox_next_text(&kind, &category, text, 4, 0);
@@ -284,8 +280,7 @@ TEST(Flat, TextsFitOrStay) {
 
 TEST(Flat, WhatIsNotReadGivesWayAndIsCounted) {
   FlatDesk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   desk.events();
   for (int i = 0; i < 1100; ++i) {
     wren->reportPower(static_cast<std::uint8_t>(i));
@@ -326,8 +321,7 @@ TEST(Flat, ARecordingEndsOnceWhateverBecomesOfIt) {
     int blocks = 0, ends = 0, afterEnd = 0;
   };
   FlatDesk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   wren->hear(std::vector<std::int16_t>(16000 * 60, 7));
   std::int16_t sample = 0;
   EXPECT_EQ(vox_hub_choose(desk.hub, 1), VOX_OK);
@@ -436,8 +430,7 @@ TEST(Flat, AHubIsDestroyedInItsOwnCallback) {
           EXPECT_EQ(vox_destroy(it.desk.hub), VOX_OK);
         },
         &client);
-    desk.open();
-    auto wren = desk.connect("Wren");
+    auto wren = desk.openWith("Wren");
     wren->pressVoiceKey();
     desk.machine.sleep(3s);
     EXPECT_TRUE(client.gone);

@@ -9,8 +9,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // A client that is busy in its audio callback once, for a second.
 struct Busy {
   sim::Machine& machine;
@@ -73,8 +71,7 @@ TEST(Hardening, ADeviceThatDoesNotTakeHeartbeatsIsOpenedAnew) {
   for (const VoxHardening hardening : {VoxHardening_None, VoxHardening_DeadHandles}) {
     Desk desk;
     desk.hub->SetHardening(hardening);
-    desk.open();
-    auto wren = desk.connect("Wren");
+    auto wren = desk.openWith("Wren");
     desk.record.clear();
     desk.machine.locked([&] { wren->loseWrites(); });
     // Asleep after its third unanswered heartbeat; the tenth after that is the last.
@@ -94,8 +91,7 @@ TEST(Hardening, ADeviceThatDoesNotTakeHeartbeatsIsOpenedAnew) {
 TEST(Hardening, ADeviceThatSleepsIsLeftAsItIs) {
   Desk desk;
   desk.hub->SetHardening(VoxHardening_All);
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   wren->sleep(true);
   desk.run(60s);
   wren->sleep(false);
@@ -107,8 +103,7 @@ TEST(Hardening, SpeechThatAKilledClientHasLeftIsLeftOutAndStopped) {
   for (const VoxHardening hardening : {VoxHardening_None, VoxHardening_StaleSpeech}) {
     const bool hardened = hardening != VoxHardening_None;
     Desk desk;
-    desk.open();
-    auto wren = desk.connect("Wren");
+    auto wren = desk.openWith("Wren");
     desk.hub->ChooseWorkHidDevice(1);
     ASSERT_TRUE(desk.hub->OpenHidRecord());
     desk.hub->CloseDevice();  // and Release: neither stops the voice channel

@@ -12,8 +12,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 sim::Bytes keyFrame(std::uint8_t key) { return {0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x9F, 1, key, 0xEF}; }
 
 constexpr std::uint8_t kCodes[] = {0x69, 0x6A, 0x6F, 0x96, 0x98, 0x99, 0x9C, 0x9D, 0x9E, 0x9F, 0xA0, 0xB1, 0xB3};
@@ -42,8 +40,7 @@ TEST(HostileDevice, LengthBytesCannotLeaveTheReport) {
 
 TEST(HostileDevice, AShortReadDoesNotShowTheReportBeforeIt) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   const sim::Bytes power{0x05, 0xFF, 0xF1, 0xFE, 0xC0, 0x6F, 1, 50, 0xEF};
   wren->send(power);
   desk.run(1ms);
@@ -106,8 +103,7 @@ TEST(HostileDevice, LogLinesFitTheirBuffers) {
 TEST(HostileDevice, RandomReportsAreHarmless) {
   for (const char* model : {"Tern", "Wren", "Swift"}) {
     Desk desk;
-    desk.open();
-    auto device = desk.connect(model);
+    auto device = desk.openWith(model);
     std::mt19937 random(7);
     for (int i = 0; i < 20'000; ++i) {
       sim::Bytes report(64);
@@ -132,8 +128,7 @@ TEST(HostileDevice, RandomReportsAreHarmless) {
 
 TEST(HostileDevice, AHangingWriteIsCancelledWhenTheDeviceGoes) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   tern->faults.hangWrites = true;
   desk.run(1500ms);
   tern->faults.hangWrites = false;
@@ -148,9 +143,8 @@ TEST(HostileDevice, AHangingWriteIsCancelledWhenTheDeviceGoes) {
 
 TEST(HostileDevice, ACallbackThatHangsInAnotherDevicesWriteDoesNotHoldUpRelease) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");  // 1
-  auto tern = desk.connect("Tern");  // 2
+  auto wren = desk.openWith("Wren");  // 1
+  auto tern = desk.connect("Tern");   // 2
   desk.record.during = [&](const std::string&) { desk.hub->SetDpi(1, 800); };
   ASSERT_TRUE(desk.machine.waitFor([&] { return desk.milliseconds() % 1000 == 500; }, 2s));  // between two heartbeats
   wren->faults.hangWrites = true;
@@ -162,8 +156,7 @@ TEST(HostileDevice, ACallbackThatHangsInAnotherDevicesWriteDoesNotHoldUpRelease)
 
 TEST(HostileDevice, FailedWritesAreIgnored) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   desk.hub->ChooseWorkHidDevice(1);
   wren->faults.failWrites = true;
   EXPECT_EQ(timeOf(desk, [&] { EXPECT_FALSE(desk.hub->OpenHidRecord()); }), 1000);

@@ -9,8 +9,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // The four buttons and the actions since the last look, as "L R - - | MainMenu 16".
 std::string look(Desk& desk) {
   std::string text;
@@ -55,8 +53,7 @@ TEST(Keys, EveryCellOfEveryLayout) {
     for (std::string cell; std::getline(cells, cell, ';');) {
       const std::size_t colon = cell.find(':');
       Desk desk;
-      desk.open();
-      auto device = desk.connect(model.model, model.link);
+      auto device = desk.openWith(model.model, model.link);
       look(desk);
       EXPECT_EQ(press(desk, *device, cell.substr(0, colon)), cell.substr(colon + 1)) << model.model << " " << cell;
     }
@@ -65,8 +62,7 @@ TEST(Keys, EveryCellOfEveryLayout) {
 
 TEST(Keys, TernLongPressReleasesTheVoiceKeyWhenThePreferenceSaysSo) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   CPreferences::Instance()->SetVoxButtonLongDown(1);
   EXPECT_EQ(press(desk, *tern, "1"), "L");
   EXPECT_EQ(press(desk, *tern, "Z"), "");
@@ -74,8 +70,7 @@ TEST(Keys, TernLongPressReleasesTheVoiceKeyWhenThePreferenceSaysSo) {
 
 TEST(Keys, OneButtonIsDownAtATimeAndItsOwnerReleasesIt) {
   Desk desk;
-  desk.open();
-  auto a = desk.connect("Robin", sim::Link::bluetooth);       // 1
+  auto a = desk.openWith("Robin", sim::Link::bluetooth);      // 1
   auto b = desk.connect("Heron Plus", sim::Link::bluetooth);  // 2
   EXPECT_EQ(press(desk, *a, "1"), "R");
   EXPECT_EQ(press(desk, *b, "0"), "R");
@@ -94,8 +89,7 @@ TEST(Keys, OneButtonIsDownAtATimeAndItsOwnerReleasesIt) {
 
 TEST(Keys, ADeviceThatGoesReleasesWhatItHeldAndNothingElse) {
   Desk desk;
-  desk.open();
-  auto a = desk.connect("Robin", sim::Link::bluetooth);
+  auto a = desk.openWith("Robin", sim::Link::bluetooth);
   auto b = desk.connect("Heron Plus", sim::Link::bluetooth);
   for (const std::string key : {"0", "1"}) {
     const std::string down = key == "0" ? "L" : "R";
@@ -115,8 +109,7 @@ TEST(Keys, ADeviceThatGoesReleasesWhatItHeldAndNothingElse) {
 
 TEST(Keys, PollingChoosesTheWorkDevice) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");                          // 1
+  auto wren = desk.openWith("Wren");                         // 1
   auto robin = desk.connect("Robin", sim::Link::bluetooth);  // 2
   EXPECT_FALSE(desk.hub->OpenHidRecord()) << "no work device yet";
   press(desk, *wren, "09");
@@ -133,8 +126,7 @@ TEST(Keys, PollingChoosesTheWorkDevice) {
 
 TEST(Keys, CompletedPressIsSeenOnce) {
   Desk desk;
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   EXPECT_FALSE(desk.hub->LeftKeyDown_Up());
   press(desk, *wren, "0");
   EXPECT_FALSE(desk.hub->LeftKeyDown_Up());
@@ -145,8 +137,7 @@ TEST(Keys, CompletedPressIsSeenOnce) {
 
 TEST(Keys, AnUnreadShortPressIsForgottenWithTheTern) {
   Desk desk;
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   for (const int chosen : {1, -1}) {
     tern->key('3');
     desk.run(1ms);
@@ -218,8 +209,7 @@ TEST(DoubleClick, ReachesTheClientThroughTheHub) {
   Desk desk;
   CPreferences::Instance()->SetVoiceClickTimes(2);
   desk.makeHub();  // takes the preferences
-  desk.open();
-  auto tern = desk.connect("Tern");
+  auto tern = desk.openWith("Tern");
   // What was told, and the outcome.
   const auto send = [&](const std::string& keys) {
     desk.record.clear();

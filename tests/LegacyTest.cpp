@@ -18,7 +18,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
 using sim::LegacyKind;
 
 constexpr int kXButton1 = 0x05, kXButton2 = 0x06, kF9 = 0x78, kF15 = 0x7E, kF19 = 0x82, kF20 = 0x83, kF23 = 0x86;
@@ -440,8 +439,7 @@ TEST(ModeSwitch, FollowsTheUserForAnHour) {
 
   // A current model's voice key counts, too, beside a pen.
   usb->unplug();
-  desk.open();
-  auto wren = desk.connect("Wren");
+  auto wren = desk.openWith("Wren");
   desk.run(16s);
   wren->pressVoiceKey();
   EXPECT_EQ(happens(110ms), toMouse + " -> 1");

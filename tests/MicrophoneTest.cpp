@@ -13,8 +13,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 std::vector<std::int16_t> ramp(std::size_t samples) {
   std::vector<std::int16_t> all(samples);
   for (std::size_t i = 0; i < samples; ++i) all[i] = static_cast<std::int16_t>(i * 7919);

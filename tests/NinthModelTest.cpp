@@ -1,18 +1,14 @@
 // A ninth model, which NinthModel.patch adds: a number, a sheet, and the sheet of the other side.
 #include <gtest/gtest.h>
 
-#include "sim/Wav.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 TEST(NinthModel, IsFoundIdentifiedAndNamed) {
   Desk desk;
-  desk.open();
-  auto plover = desk.connect("Plover");
+  auto plover = desk.openWith("Plover");
   EXPECT_EQ(desk.record.lines("MouseState"), Lines{"MouseState 1 18 2 1 1600 80"});
   EXPECT_EQ(frames(plover->received()), "f1:05 f1:0f(32) f1:11 f1:01 f1:0c f0:0d f1:14 f1:05");
   std::vector<int> numbers;
@@ -23,15 +19,13 @@ TEST(NinthModel, IsFoundIdentifiedAndNamed) {
 }
 
 TEST(NinthModel, ItsKeysAreDecodedAndItsSpeechIsHeard) {
-  std::string error;
   Desk desk;
-  desk.open();
-  auto plover = desk.connect("Plover");
-  plover->hear(sim::readSpeech(std::string(VOXDEVICE_SAMPLES) + "/sentence.wav", error));
+  auto plover = desk.openWith("Plover");
+  plover->hear(spokenSentence());
   plover->pressVoiceKey();
   desk.run(10ms);
   EXPECT_EQ(desk.hub->GetButtonState_Left(), ButtonDown);
-  ASSERT_TRUE(desk.hub->OpenHidRecord()) << error;
+  ASSERT_TRUE(desk.hub->OpenHidRecord());
   desk.run(2s);
   EXPECT_TRUE(desk.hub->CloseHidRecord());
   const auto pcm = desk.pcm();

@@ -2,13 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/Desk.h"
+#include "tests/Folder.h"
 #include "tests/RandomClients.h"
 
 namespace {
@@ -73,10 +72,9 @@ TEST(RealClock, ConnectsRecordsAndStopsUnderManyThreads) {
 
 TEST(RealClock, UpdatesFirmwareWhileClientsAsk) {
   Desk desk({.clock = sim::Clock::realTime});
-  desk.open();
-  auto wren = desk.connect("Wren");
-  const std::string file = ::testing::TempDir() + "real_clock_firmware.bin";
-  std::ofstream(file, std::ios::binary) << std::string(2000, 'f');
+  auto wren = desk.openWith("Wren");
+  Folder folder;
+  const std::string file = folder.with(sim::Bytes(2000, 'f'));
   for (const auto which : {sim::VirtualMouse::Updated::mouse, sim::VirtualMouse::Updated::receiver}) {
     wren->update(which, {.size = 2000, .silentAt = sim::UpdateStep::complete});
   }
@@ -92,7 +90,6 @@ TEST(RealClock, UpdatesFirmwareWhileClientsAsk) {
   desk.hub->StartOTA(1, FwUpdate_First, file, "");
   desk.run(20ms);
   desk.close();
-  std::remove(file.c_str());
 }
 
 TEST(RealClock, RecordsMicrophoneAndSpeakerAtOnce) {

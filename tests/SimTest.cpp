@@ -11,6 +11,7 @@
 #include "sim/Text.h"
 #include "sim/Wav.h"
 #include "tests/Desk.h"
+#include "tests/Folder.h"
 
 namespace {
 
@@ -201,6 +202,11 @@ struct Seam {
     os::waveInPrepareHeader(handle, &header, sizeof header);
     return handle;
   }
+  HWAVEIN queued() {
+    const HWAVEIN handle = prepared();
+    os::waveInAddBuffer(handle, &header, sizeof header);
+    return handle;
+  }
   HMIXEROBJ mixer() {
     HMIXER handle = nullptr;
     os::mixerOpen(&handle, 0, 0, 0, MIXER_OBJECTF_MIXER);
@@ -256,21 +262,16 @@ struct Seam {
   DWORD flags = 0;
 };
 
-MIXERCONTROLDETAILS detailsOf(MIXERCONTROLDETAILS_UNSIGNED& value) {
+// Gets the details with one of them changed.
+template <class Change>
+std::int64_t getDetails(Seam& seam, Change change) {
+  MIXERCONTROLDETAILS_UNSIGNED value{};
   MIXERCONTROLDETAILS details{};
   details.cbStruct = sizeof details;
   details.dwControlID = 1;
   details.cChannels = 1;
   details.cbDetails = sizeof value;
   details.paDetails = &value;
-  return details;
-}
-
-// Gets the details with one of them changed.
-template <class Change>
-std::int64_t getDetails(Seam& seam, Change change) {
-  MIXERCONTROLDETAILS_UNSIGNED value{};
-  MIXERCONTROLDETAILS details = detailsOf(value);
   change(details);
   return os::mixerGetControlDetailsW(seam.mixer(), &details, MIXER_OBJECTF_HMIXER | MIXER_GETCONTROLDETAILSF_VALUE);
 }
@@ -378,17 +379,9 @@ const struct {
     {"waveInAddBuffer: it is not prepared", WAVERR_UNPREPARED,
      [](Seam& s) { return std::int64_t{os::waveInAddBuffer(s.wave(), &s.header, sizeof s.header)}; }},
     {"waveInAddBuffer: it is in the queue already", WAVERR_STILLPLAYING,
-     [](Seam& s) {
-       const HWAVEIN handle = s.prepared();
-       os::waveInAddBuffer(handle, &s.header, sizeof s.header);
-       return std::int64_t{os::waveInAddBuffer(handle, &s.header, sizeof s.header)};
-     }},
+     [](Seam& s) { return std::int64_t{os::waveInAddBuffer(s.queued(), &s.header, sizeof s.header)}; }},
     {"waveInUnprepareHeader: it is in the queue", WAVERR_STILLPLAYING,
-     [](Seam& s) {
-       const HWAVEIN handle = s.prepared();
-       os::waveInAddBuffer(handle, &s.header, sizeof s.header);
-       return std::int64_t{os::waveInUnprepareHeader(handle, &s.header, sizeof s.header)};
-     }},
+     [](Seam& s) { return std::int64_t{os::waveInUnprepareHeader(s.queued(), &s.header, sizeof s.header)}; }},
     {"waveInAddBuffer: a header whose data was changed while it was prepared", 0,
      [](Seam& s) {
        const HWAVEIN handle = s.prepared();
@@ -402,11 +395,7 @@ const struct {
        return std::int64_t{os::waveInUnprepareHeader(handle, &moved, sizeof moved)};
      }},
     {"waveInClose: buffers are in its queue", WAVERR_STILLPLAYING,
-     [](Seam& s) {
-       const HWAVEIN handle = s.prepared();
-       os::waveInAddBuffer(handle, &s.header, sizeof s.header);
-       return std::int64_t{os::waveInClose(handle)};
-     }},
+     [](Seam& s) { return std::int64_t{os::waveInClose(s.queued())}; }},
     {"waveInClose: headers are still prepared", 0, [](Seam& s) { return std::int64_t{os::waveInClose(s.prepared())}; }},
     // Mixers.
     {"mixerGetLineInfoW: not an open handle of its kind", MMSYSERR_INVALHANDLE,
@@ -625,7 +614,8 @@ TEST(Text, IsUtf8OrWideInEitherWidth) {
 }
 
 TEST(Wav, IsReadWrittenAndExplained) {
-  const std::string path = ::testing::TempDir() + "wav_test.wav";
+  const Folder folder;
+  const std::string path = (folder / "test.wav").string();
   std::string error;
   const std::vector<std::int16_t> samples{0, 1, -1, 32767, -32768};
   ASSERT_TRUE(sim::writeWav(path, samples, 16000, error)) << error;
@@ -648,7 +638,6 @@ TEST(Wav, IsReadWrittenAndExplained) {
     EXPECT_EQ(read.empty(), !error.empty()) << size;
     EXPECT_EQ(read.size(), size < 46 ? 0 : (size - 44) / 2) << size;
   }
-  std::remove(path.c_str());
 }
 
 }  // namespace

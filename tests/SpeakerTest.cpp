@@ -15,8 +15,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // Frames of a 1 kHz tone; the channels differ by their level and have the same mean.
 std::vector<std::int16_t> tone(int rate, int channels, double seconds, double level = 8000) {
   std::vector<std::int16_t> samples;
