@@ -320,27 +320,6 @@ TEST(Discovery, PathsAreParsedByTheirForm) {
   }
 }
 
-TEST(Connection, ADeviceThatGoesIsToldAfterWhatIsBeingToldOfIt) {
-  Desk desk;
-  auto wren = desk.make("Wren");
-  bool inside = false;
-  desk.record.during = [&](const std::string& message) {
-    if (message == "HidConnect") {
-      inside = true;
-      desk.machine.unplug(wren);
-      desk.run(300ms);
-      inside = false;
-    }
-    if (message == "HidDisconnect") {
-      EXPECT_FALSE(inside);
-    }
-  };
-  desk.machine.plug(wren);
-  desk.open();
-  desk.run(5s);
-  EXPECT_EQ(desk.record.lines("Hid"), (std::vector<std::string>{"HidConnect 1", "HidDisconnect 1"}));
-}
-
 TEST(Connection, ADeviceThatHasGoneIsClosedThoughACopyHasIt) {
   Desk desk;
   auto wren = desk.openWith("Wren");

@@ -350,19 +350,26 @@ TEST(Ends, NothingIsToldAfterCloseDevice) {
 // ---- Devices that go and come ----
 
 TEST(Ends, ADeviceThatGoesWhileItIsAnnouncedLeavesNoGhost) {
-  Desk desk;
-  auto wren = desk.make("Wren");
-  desk.record.during = [&](const std::string& message) {
-    if (message != "Log 43") return;
-    desk.machine.unplug(wren);
-    desk.run(100ms);
-  };
-  desk.machine.plug(wren);
-  desk.open();
-  desk.run(4s);
-  EXPECT_EQ(desk.record.lines("Hid"), Lines{"HidDisconnect 1"});
-  EXPECT_EQ(desk.record.last(), "HidDisconnect 1");
-  EXPECT_FALSE(desk.hub->IsConnect());
+  for (const std::string message : {"Log 43", "HidConnect"}) {
+    Desk desk;
+    auto wren = desk.make("Wren");
+    bool inside = false;
+    desk.record.during = [&](const std::string& what) {
+      EXPECT_FALSE(inside) << "its end is told after what is being told of it";
+      if (what != message) return;
+      inside = true;
+      desk.machine.unplug(wren);
+      desk.run(300ms);
+      inside = false;
+    };
+    desk.machine.plug(wren);
+    desk.open();
+    desk.run(5s);
+    EXPECT_EQ(desk.record.lines("HidConnect").size(), message == "HidConnect" ? 1U : 0U);
+    EXPECT_EQ(desk.record.lines("HidDisconnect"), Lines{"HidDisconnect 1"});
+    EXPECT_EQ(desk.record.last(), "HidDisconnect 1");
+    EXPECT_FALSE(desk.hub->IsConnect());
+  }
 }
 
 TEST(Ends, ASilentDeviceThatComesBackIsNotLiveForAnInstant) {
