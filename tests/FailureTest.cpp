@@ -100,6 +100,13 @@ Outcome record(Desk& desk, const std::vector<unsigned>& stopResults) {
   if (started == 1 || !delivered.sizes.empty()) {
     EXPECT_EQ(delivered.sizes.back(), 0) << "the end is marked";
   }
+  if (started == 0 && stopped == 0) {
+    constexpr bool isSpeaker = std::is_same_v<Recorder, CVoxSpeakerRecord>;
+    auto left = desk.machine.balance().sound;
+    EXPECT_LE(std::exchange(left.comReferences, 0), isSpeaker ? 1U : 0U) << "the device, deliberately";
+    EXPECT_EQ(left, sim::SoundSystem::Open{});
+    EXPECT_TRUE(!isSpeaker || delivered.sizes.empty());
+  }
   const auto said = delivered.sizes;
   desk.run(1s);
   EXPECT_EQ(delivered.sizes, said) << "nothing after a stop";
@@ -130,6 +137,7 @@ Outcome recordSpeaker(Desk& desk, WindowsVersion version) {
   all.speaker.plays = sound(200'000);
   all.speaker.played = 0;
   const Outcome outcome = record<CVoxSpeakerRecord>(desk, {0});
+  EXPECT_EQ(desk.record.lines("Log 6"), Lines{});
   // The device of every start is deliberately never released; nothing else is left.
   desk.leftOpen.sound.comReferences = desk.machine.balance().sound.comReferences;
   for (sim::ComObject* object : all.objects) EXPECT_STREQ(object->name, "IMMDevice");

@@ -306,25 +306,6 @@ TEST(Microphone, AStopWaitsForWhatTheDriverHasAndNoMore) {
   EXPECT_EQ(desk.leftOpen, (sim::Balance{.handles = 1, .sound = {.preparedHeaders = 1}})) << "the one that is kept";
 }
 
-TEST(Microphone, FailedStartsKeepNoThread) {
-  for (const char* call : {"waveInOpen", "_beginthreadex", "CreateEventW"}) {
-    RecordDesk desk;
-    desk.sound().endpoints = {{L"VoxMouse Tern"}};
-    const auto before = desk.machine.balance();
-    desk.machine.faults().fail(call, 4);
-    EXPECT_EQ(desk.recorder->StartRecord(), 0);
-    // The handle and the stop event of the thread that ended last may be kept until the next start.
-    const std::size_t kept = desk.machine.balance().handles - before.handles;
-    EXPECT_LE(kept, 2U);
-    for (int i = 1; i < 50; ++i) EXPECT_EQ(desk.recorder->StartRecord(), 0);
-    EXPECT_EQ(desk.machine.balance(), (sim::Balance{.handles = before.handles + kept})) << call;
-    EXPECT_EQ(desk.record.lines("Tray 1 打开录音设备失败").size(), 50U);
-    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
-    desk.machine.faults().repair();
-    EXPECT_EQ(desk.recorder->StartRecord(), 1);
-  }
-}
-
 TEST(Microphone, ADriverThatKeepsTheBuffersKeepsNobodyElse) {
   // What it refuses, or does not come back from for 10 s. The destructor returns; the memory is not freed under it.
   const struct {
@@ -355,17 +336,7 @@ TEST(Microphone, ADriverThatKeepsTheBuffersKeepsNobodyElse) {
   for (const char* call : {"waveInGetDevCapsW", "waveInOpen", "waveInPrepareHeader", "waveInStart", "waveInStop"}) {
     SCOPED_TRACE(call);
     RecordDesk desk;
-    auto* recorder = desk.recorder.get();
-    desk.machine.faults().stall(call, 10s);
-    auto client = desk.machine.spawn([&] {
-      recorder->StartRecord();
-      if (desk.recorder) recorder->StopRecord();
-    });
-    desk.run(100ms);
-    EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
-    desk.machine.faults().repair();
-    client.join();
-    EXPECT_EQ(desk.sizes, std::vector<int>{});
+    aCallIsKept(desk, call);
   }
 }
 
@@ -402,31 +373,6 @@ TEST(Microphone, AnythingMayBeDoneInACallback) {
       EXPECT_EQ(desk.machine.balance().sound, sim::SoundSystem::Open{});
     }
   }
-}
-
-TEST(Microphone, OneRecordingRecorderMayBeAssignedToAnotherInItsCallback) {
-  static Recorder* first;
-  static Recorder* second;
-  static int calls;
-  calls = 0;
-  RecordDesk desk;
-  Recorder other;
-  first = desk.recorder.get();
-  second = &other;
-  const auto assign = [](const char*, int, void*) {
-    if (++calls == 1) *first = *second;
-  };
-  other.Init(reinterpret_cast<void*>(&Deliveries::onData), static_cast<Deliveries*>(&desk));
-  first->Init(reinterpret_cast<void*>(+assign), nullptr);
-  ASSERT_EQ(first->StartRecord(), 1);
-  desk.run(60ms);
-  ASSERT_EQ(other.StartRecord(), 1);
-  desk.run(140ms);
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(desk.machine.balance().threads, 1U) << "the first's recording has ended";
-  EXPECT_EQ(first->StopRecord(), 0U) << "stops the one that it shares now";
-  EXPECT_EQ(desk.sizes.front(), 4096);
-  EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
 
 // By each other's callback, by its own while another thread stops it, inside the first message of a failed start.
@@ -516,29 +462,6 @@ TEST(SoundCard, IsFoundByItsNameAndRecorded) {
     RecordDesk desk(c.names);
     EXPECT_EQ(CVoxRecord::VoxCheckSoundCard(), c.index);
     EXPECT_EQ(CVoxDeviceInfo::Instance()->GetFormerDeviceName(), c.recorded);
-  }
-}
-
-// Counts its messages.
-class Counter : public CThread {
- public:
-  ~Counter() { EndThreads(); }
-  unsigned long ThreadProc() override {
-    for (Message message; NextMessage(message);) ++count;
-    return 0;
-  }
-  int count = 0;
-};
-
-TEST(Messages, PostedRightAfterTheStartOfAThreadAreNotLost) {
-  for (std::uint64_t seed = 0; seed < 20; ++seed) {
-    Desk desk({.seed = seed});
-    Counter counter;
-    ASSERT_TRUE(counter.StartThread());
-    desk.machine.locked(
-        [&]() REQUIRES(sim::gate) { EXPECT_TRUE(desk.machine.kernel().post(counter.GetThreadID(), MSG{})) << seed; });
-    desk.run(1ms);
-    EXPECT_EQ(counter.count, 1) << seed;
   }
 }
 

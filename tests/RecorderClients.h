@@ -48,6 +48,24 @@ void aCallbackIsKept(RecorderDesk& desk, DWORD milliseconds) {
   desk.run(10ms);  // the device is closed by now
 }
 
+// The recorder is destroyed while its driver does not come back from this call: of a recording that runs, or of another
+// client's that just starts or stops one.
+template <class RecorderDesk>
+void aCallIsKept(RecorderDesk& desk, const char* call, bool runs = false) {
+  auto* recorder = desk.recorder.get();
+  desk.machine.faults().stall(call, 10s);
+  auto client = desk.machine.spawn([&] {
+    if (runs) return;
+    recorder->StartRecord();
+    if (desk.recorder) recorder->StopRecord();
+  });
+  desk.run(100ms);
+  EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
+  desk.machine.faults().repair();
+  client.join();
+  EXPECT_EQ(desk.sizes, std::vector<int>{});
+}
+
 // Records, and calls `action` inside the first delivery, or inside the end mark of a stop on this thread.
 template <class RecorderDesk>
 void actInACallback(RecorderDesk& desk, bool atMark, void (*action)(RecorderDesk&)) {

@@ -250,45 +250,6 @@ TEST(Speaker, StopDeliversTheRestOrSilenceAndThenTheEndMark) {
   EXPECT_EQ(desk.machine.balance().threads, 0U);
 }
 
-TEST(Speaker, FailuresOfEveryStepLeaveOnlyTheDeviceOpen) {
-  const struct {
-    const char* call;
-    bool timerOnly;
-    std::size_t devices;  // references that stay
-  } cases[] = {
-      {"CoCreateInstance", false, 0},
-      {"IMMDeviceEnumerator::GetDefaultAudioEndpoint", false, 0},
-      {"IMMDevice::Activate", false, 1},
-      {"IAudioClient::GetDevicePeriod", false, 1},
-      {"IAudioClient::GetMixFormat", false, 1},
-      {"CreateEventExW", false, 1},
-      {"CreateWaitableTimerW", true, 1},
-      {"IAudioClient::Initialize", false, 1},
-      {"IAudioClient::GetService", false, 1},
-      {"IAudioClient::SetEventHandle", false, 1},
-      {"AvSetMmThreadCharacteristicsW", false, 1},
-      {"SetWaitableTimer", true, 1},
-      {"IAudioClient::Start", false, 1},
-      {"_beginthreadex", false, 1},
-      {"CreateEventW", false, 1},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.call);
-    SpeakerDesk desk;
-    CEnvironmentMonitor::SetOsVersion(c.timerOnly ? WindowsVersion_TimerCapture : WindowsVersion_Current);
-    const sim::Balance kept{.handles = desk.machine.balance().handles, .sound = {.comReferences = c.devices}};
-    desk.machine.faults().fail(c.call, E_FAIL);
-    EXPECT_EQ(desk.start(), 0);
-    EXPECT_TRUE(desk.record.lines("Log 6").empty());
-    EXPECT_EQ(desk.recorder->StopRecord(), 0U);
-    EXPECT_EQ(desk.machine.balance(), kept);
-    EXPECT_TRUE(desk.sizes.empty());
-    desk.machine.faults().repair();
-    EXPECT_EQ(desk.start(), 1);
-    desk.recorder->StopRecord();
-  }
-}
-
 TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {
   // The thread has ended, without a last delivery; an end mark comes from a stop alone.
   for (const char* call : {"IAudioCaptureClient::GetNextPacketSize", "IAudioCaptureClient::GetBuffer"}) {
@@ -310,21 +271,6 @@ TEST(Speaker, AfterAFailureOfTheEngineItStartsAnew) {
     desk.recorder->StopRecord();
     EXPECT_EQ(desk.sizes, (std::vector{0, 5 * 320, 0}));
   }
-}
-
-TEST(Speaker, AnEngineThatDoesNotStopIsLetGoOfAllTheSame) {
-  SpeakerDesk desk;
-  desk.sound().speaker.plays = tone(48000, 2, 2);
-  ASSERT_EQ(desk.start(), 1);
-  desk.run(55ms);
-  desk.machine.faults().fail("IAudioClient::Stop", E_FAIL);
-  EXPECT_EQ(desk.recorder->StopRecord(), 0U);
-  EXPECT_EQ(desk.sizes, (std::vector{5 * 320, 0}));
-  const std::size_t played = desk.sound().speaker.played;
-  desk.run(1s);
-  EXPECT_EQ(desk.sound().speaker.played, played) << "nobody listens any more";
-  desk.machine.faults().repair();
-  EXPECT_EQ(desk.start(), 1);
 }
 
 // ---- How recordings end ----
@@ -372,20 +318,10 @@ TEST(Speaker, AnEngineThatDoesNotComeBackKeepsNoDestructor) {
     const bool captures = std::string(call).find("Capture") != std::string::npos;
     SpeakerDesk desk;
     desk.sound().speaker.plays = tone(48000, 2, 1);
-    auto* recorder = desk.recorder.get();
     if (captures) {
       ASSERT_EQ(desk.start(), 1);
     }
-    desk.machine.faults().stall(call, 10s);
-    auto client = desk.machine.spawn([&] {
-      if (captures) return;
-      recorder->StartRecord();
-      if (desk.recorder) recorder->StopRecord();
-    });
-    desk.run(100ms);
-    EXPECT_LE(timeOf(desk, [&] { const auto going = std::move(desk.recorder); }), kBound);
-    desk.machine.faults().repair();
-    client.join();
+    aCallIsKept(desk, call, captures);
     desk.run(20s);
     EXPECT_EQ(desk.sizes, std::vector<int>{});
     EXPECT_EQ(desk.machine.balance().threads, 0U);
