@@ -260,21 +260,4 @@ TEST(Lifecycle, SecondOpenDeviceAndCopiesAreHarmless) {
   EXPECT_EQ(desk.hub->GetEffectiveDevice(), 1);
 }
 
-TEST(Lifecycle, ReleaseFromACallbackLeavesOneThreadToTheEnd) {
-  Desk desk;
-  static CAudioHidCenter* hub;
-  hub = desk.hub.get();
-  auto wren = desk.openWith("Wren");
-  auto tern = desk.connect("Tern");
-  hub->SetCallback_PowerReport(reinterpret_cast<void*>(+[](int, int, void*) {
-                                 hub->CloseDevice();
-                                 hub->Release();
-                               }),
-                               nullptr);
-  wren->reportPower(1);
-  desk.run(3s);
-  EXPECT_EQ(hub->GetEffectiveDevice(), -1);
-  EXPECT_EQ(desk.machine.balance().threads, 0U);
-}
-
 }  // namespace

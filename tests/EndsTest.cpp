@@ -94,22 +94,6 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
   }
 }
 
-TEST(Ends, ADriverThatKeepsAReadIsLeftAlone) {
-  Desk desk;
-  auto wren = desk.openWith("Wren");
-  wren->faults.ignoreCancel = true;
-  wren->reportPower(1);
-  desk.run(10ms);  // the next read is the one that is kept
-  EXPECT_LE(timeOf(desk, [&] { desk.hub->Release(); }), kBound);
-  EXPECT_EQ(desk.machine.balance().threads, 1U);
-  desk.hub.reset();
-  desk.record.clear();
-  wren->reportPower(2);
-  desk.run(10ms);
-  EXPECT_EQ(desk.record.lines(), Lines{}) << "nobody is told any more";
-  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
-}
-
 // ---- Clients that stop inside what they are told ----
 
 TEST(Ends, AHubMayBeStoppedOrDestroyedInsideAnyMessageAndTellsNothingMore) {
@@ -323,28 +307,6 @@ TEST(Ends, ACallbackAndItsContextAreOnePair) {
     }
     writer.join();
   }
-}
-
-TEST(Ends, NothingIsToldAfterCloseDevice) {
-  // A receiver that is just being told when it is called: on the heartbeat thread, which has more to say.
-  Desk desk;
-  bool inside = false;
-  desk.record.during = [&](const std::string& message) {
-    if (message != "HidConnect") return;
-    inside = true;
-    desk.run(300ms);
-    inside = false;
-  };
-  auto wren = desk.make("Wren");
-  desk.machine.plug(wren);
-  desk.open();
-  ASSERT_TRUE(desk.machine.waitFor([&] { return inside; }, 5s));
-  desk.hub->CloseDevice();
-  EXPECT_FALSE(inside);
-  desk.record.clear();
-  desk.machine.unplug(wren);
-  desk.run(3s);
-  EXPECT_EQ(desk.record.lines(), Lines{});
 }
 
 // ---- Devices that go and come ----

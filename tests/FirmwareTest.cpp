@@ -365,44 +365,6 @@ TEST(Firmware, ADeviceThatIsPulledOutEndsItsUpdateWithResults) {
   }
 }
 
-TEST(Firmware, AnswerAndTimeOutMayMeetInAnyOrder) {
-  for (std::uint64_t seed = 1; seed <= 200 && !::testing::Test::HasFailure(); ++seed) {
-    const char* const models[] = {"Wren", "Swift", "Tern"};
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    UpdateDesk desk(models[seed % 3], sim::Link::usb, {.seed = seed});
-    for (const Updated which : {Updated::mouse, Updated::receiver}) {
-      desk.device->update(which, {.size = 33, .thinking = 3098ms});  // every answer comes with the time-out
-    }
-    desk.start(FwUpdate_Both, desk.files.with(pattern(33)), desk.files.with(pattern(33)));
-    desk.finish(120s);
-    desk.run(10s);
-    for (const Updated which : {Updated::mouse, Updated::receiver}) desk.device->update(which, {.size = 33});
-    desk.fresh();
-    desk.start(FwUpdate_Both, desk.files.with(pattern(33)), desk.files.with(pattern(33)));
-    desk.finish(10s);
-    EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 8", "3 8", "0 11"})) << "the next one is not disturbed";
-    EXPECT_EQ(desk.machine.balance().threads, 4U);
-  }
-}
-
-TEST(Firmware, AClientMayStartAgainFromItsCallbackOrHaveNone) {
-  UpdateDesk desk("Wren");
-  const std::string file = desk.files.with(pattern(33));
-  desk.device->update(Updated::mouse, {.size = 33});
-  int ends = 0;
-  desk.record.during = [&](const std::string&) {
-    if (desk.over() && ++ends < 4) desk.start(FwUpdate_First, file);
-  };
-  desk.start(FwUpdate_First, file);
-  desk.run(5s);
-  EXPECT_EQ(ends, 4);
-  desk.hub->SetCallback_FwOtaResult(nullptr, nullptr);
-  desk.start(FwUpdate_First, file);
-  desk.run(5s);
-  EXPECT_EQ(desk.device->firmware(Updated::mouse).completed(), 5U);
-  EXPECT_EQ(desk.machine.balance().threads, 4U);
-}
-
 // ---- A start while another update runs: the later one wins whole ----
 
 TEST(Firmware, ARetryFromAResultIsTheUpdateThatRuns) {

@@ -67,21 +67,6 @@ TEST(Stress, ReadsThatFailAtOnceLeaveNothingRunning) {
   }
 }
 
-TEST(Stress, NothingIsReadAfterCloseDevice) {
-  for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    Desk desk({.seed = seed});
-    desk.machine.plug(desk.make("Tern"));
-    desk.machine.plug(desk.make("Wren"));
-    desk.open();
-    desk.run(950ms);  // the first pass begins at this moment, too
-    desk.hub->CloseDevice();
-    desk.run(3s);
-    EXPECT_TRUE(desk.record.lines().empty());
-    EXPECT_EQ(desk.machine.balance().threads, 0U);
-  }
-}
-
 // Pulled out and put back faster than anything can settle, in shuffled schedules.
 TEST(Stress, QuickReplugsAlwaysEndWithOneLiveDevice) {
   for (std::uint64_t seed = 1; seed <= 200 && !HasFailure(); ++seed) {
