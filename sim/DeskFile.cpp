@@ -114,7 +114,7 @@ class Place {
     return value_.get<bool>();
   }
   std::string text(const std::string& what) const {
-    if (!value_.is_string()) expected(what);
+    if (!value_.is_string() || value_.get_ref<const std::string&>().empty()) expected(what);
     return value_.get<std::string>();
   }
 
@@ -280,7 +280,8 @@ void readModel(const Place& place, DeskDevice& device) {
     return;
   }
   const std::string link = place["link"].text(links);
-  if (link != "bluetooth" && (link != "usb" || !sheet->usb)) place["link"].expected(links + " for a " + device.model);
+  if (link != "bluetooth" && (link != "usb" || !sheet->usb))
+    place["link"].expected(links + " for a " + device.model);
   device.link = link == "usb" ? Link::usb : Link::bluetooth;
 }
 

@@ -14,14 +14,21 @@ FAULTS = [
     ("mouse-state", "silent", {"answers GetMouseState"}),
     ("mouse-state", "garbled", {"sends whole frames of the lengths that are known"}),
     ("mouse-state", "twice", {"answers once"}),
-    ("mouse-state", "late", {"answers within 250 ms"}),
+    ("mouse-state", "late 400", set()),
+    ("mouse-state", "late 1500", {"answers in time"}),
     ("identify", "silent", {"answers Identify"}),
     ("dongle-state", "silent", set()),  # as without a receiver
-    ("dongle-state", "late", {"answers within 250 ms"}),
+    ("dongle-state", "late 1500", {"answers in time"}),
     ("voice-open", "silent", {"answers VoiceOpen"}),
     ("voice-open", "refuse", {"answers VoiceOpen"}),
     ("voice-open", "twice", {"answers once"}),
-    ("voice-stop", "silent", {"answers VoiceStop"}),
+    ("voice-open", "late 700", set()),
+    ("voice-open", "late 1500", {"answers in time"}),
+    # It has not heard that it should close.
+    ("voice-stop", "silent", {"answers VoiceStop", "sends no speech while its voice channel is closed"}),
+    ("voice-stop", "late 700", set()),
+    ("heartbeat", "late 1100", {"answers in time"}),
+    ("identify", "late 3000", {"answers in time"}),
     ("heartbeat", "twice", {"answers once"}),
     ("set-dpi", "silent", {"answers SetDpi"}),
     ("set-dpi", "refuse", {"answers SetDpi"}),
@@ -57,8 +64,9 @@ def main() -> int:
             for link in ["bluetooth"] + (["usb"] if model not in BLUETOOTH_ONLY else []):
                 expect(f"{model}, {link}", {"model": model, "link": link}, set(), 11)
         for command, answer, broken in FAULTS:
-            fault = {"command": command, "answer": answer, **({"delay_ms": 400} if answer == "late" else {})}
-            expect(f"{command} {answer}", {"model": "Wren", "faults": [fault]}, broken, 6)
+            answer, _, delay = answer.partition(" ")
+            fault = {"command": command, "answer": answer, **({"delay_ms": int(delay)} if answer == "late" else {})}
+            expect(f"{command} {answer} {delay}", {"model": "Wren", "faults": [fault]}, broken, 6)
         # A DPI that the library cannot set stays what it is.
         _, rules, events = run({"model": "Wren", "dpi": 40000})
         if rules.get("answers SetDpi") != "skipped":
@@ -68,13 +76,25 @@ def main() -> int:
                                       ("mkey-set", "refuse", "SetMKeyType"), ("mkey-set", "twice", "")):
             expect(f"{command} {answer}", {"model": "Swift", "link": "usb", "faults": [{"command": command, "answer": answer}]},
                    {f"answers {rule}" if rule else "answers once"}, 10)
-        # Who sleeps need not answer; who presses a key is awake.
-        naps = [{"at": 3.2, "sleep": True}, {"at": 8.2, "sleep": False}]
-        for pressed, broken in (([], set()), ([{"at": 5.5, "key": "0"}], {"is silent while it sleeps"})):
-            expect(f"sleep {pressed}", {"model": "Wren", "timeline": naps + pressed}, broken, 8)
-            _, rules, events = run({"model": "Wren", "timeline": naps + pressed})
-            if rules["is silent while it sleeps"] != ("failed" if broken else "passed"):
-                wrong.append(f"sleep: {events}")
+        # Who sleeps need not answer, whenever it falls asleep; who presses a key is awake.
+        for at in range(10, 140, 5):
+            for wakes in ([], [{"at": at / 10 + 6.3, "sleep": False}]):
+                timeline = [{"at": at / 10, "sleep": True}, *wakes]
+                expect(f"sleep {timeline}", {"model": "Wren", "timeline": timeline}, set(), 3)
+        nap = [{"at": 3.2, "sleep": True}, {"at": 8.2, "sleep": False}]
+        for pressed, outcome in (([], "passed"), ([{"at": 5.5, "key": "0"}], "failed")):
+            _, rules, events = run({"model": "Wren", "timeline": nap + pressed})
+            if rules["is silent while it sleeps"] != outcome:
+                wrong.append(f"nap, {pressed}: {events}")
+        # One that goes is not judged.
+        for back in ([], [{"at": 7.25, "plug": True}]):
+            code, rules, _ = run({"model": "Wren", "timeline": [{"at": 5.25, "unplug": True}, *back]})
+            if code != 1 or rules:
+                wrong.append(f"gone, {back}: exit code {code}, {rules}")
+        # It is called what it calls itself, however late.
+        run({"model": "Swift", "link": "usb", "faults": [{"command": "identify", "answer": "late", "delay_ms": 3000}]})
+        if "Swift" not in xml.etree.ElementTree.parse(junit).getroot().get("name"):
+            wrong.append("a Swift that is late to say so has another name")
     print("\n".join(line[:600] for line in wrong))
     return len(wrong) > 0
 

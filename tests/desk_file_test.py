@@ -30,6 +30,7 @@ CASES = [
     ({"legacy": [{"kind": "hid-mouse", "timeline": [{"at": 1, "key": 33}]}]}, None),
     (wren(serial="!" * 18), '.devices[0].serial: expected 18 letters and digits, found "!!!'),
     (wren(serial="WR0123456789ABCDE"), ".devices[0].serial: expected 18 letters and digits"),
+    (wren(speech=""), '.devices[0].speech: expected the name of a WAV file, found ""'),
     (wren(link="infrared"), '.devices[0].link: expected "usb" or "bluetooth" for a Wren'),
     (fault(command="voice-open", answer="silent", delay_ms=5), '.faults[0]: no entry is called "delay_ms"'),
     (fault(command="voice-open", answer="late"), '.faults[0]: "delay_ms" is missing'),

@@ -107,7 +107,10 @@ void VirtualMouse::reportPower(std::uint8_t level) {
 }
 
 void VirtualMouse::sleep(bool asleep) {
-  Machine::current().locked([&]() REQUIRES(gate) { asleep_ = asleep; });
+  Machine::current().locked([&]() REQUIRES(gate) {
+    asleep_ = asleep;
+    if (asleep) endVoice();
+  });
 }
 
 void VirtualMouse::answer(std::uint8_t code, Answering answering) {
@@ -197,7 +200,9 @@ void VirtualMouse::onOutput(std::span<const std::uint8_t> report) {
   obey(frame, how.refuse);
 }
 
-void VirtualMouse::onUnplugged() {
+void VirtualMouse::onUnplugged() { endVoice(); }
+
+void VirtualMouse::endVoice() {
   streaming_ = false;
   ++stream_;
 }
@@ -214,8 +219,7 @@ void VirtualMouse::obey(const HostFrame& frame, bool refuse) {
       if (!refuse) openVoice();
       break;
     case voiceStop:
-      streaming_ = false;
-      ++stream_;
+      endVoice();
       respond(frame, voiceStopReply, {});
       break;
     case heartbeat:

@@ -109,6 +109,7 @@ class VirtualMouse : public HidDevice {
   void respond(const HostFrame& frame, std::uint8_t code, Bytes payload) REQUIRES(gate);
   Bytes frameFor(std::uint8_t code, std::span<const std::uint8_t> payload, std::uint8_t prefix) const;
   void openVoice() REQUIRES(gate);
+  void endVoice() REQUIRES(gate);
   void streamNext(unsigned stream) REQUIRES(gate);
   Bytes nextAudioReport() REQUIRES(gate);
 

@@ -10,8 +10,9 @@
 
 namespace {
 
-constexpr double kAnswerSeconds = 1;  // devices answer within some ms
-constexpr double kMKeySeconds = 2.5;  // the library's own bound
+constexpr double kAnswerSeconds = 1;     // devices answer within some ms
+constexpr double kConnectSeconds = 0.5;  // a little more than the requests of a connection take
+constexpr double kMKeySeconds = 2.5;     // the library's own bound
 
 // A session in which the chosen device has been found.
 struct DeviceSession : Session {
@@ -79,6 +80,8 @@ void listMKey(const Options& options) {
 
 void setMKey(const Options& options) {
   DeviceSession session(options);
+  // Connecting asks for the list, too; its answer would be taken for this one's.
+  session.runUntil(kConnectSeconds, {"none"}, [] { return false; });
   // Only a function that the device has listed can be set.
   session.hub().getMKeyTypeList_Key1(session.chosen.number);
   const ClientEvent list = session.answer("mkey-list");

@@ -15,6 +15,7 @@ namespace {
 constexpr double kLeastSeconds = 4;
 constexpr double kLookSeconds = 10;
 constexpr double kVoiceSeconds = 2;
+constexpr double kMomentSeconds = 0.2;
 constexpr double kLastAnswerSeconds = 1.2;      // a little more than the library waits
 constexpr int kLowBattery = 20;                 // percent
 constexpr capture::Time kSlowAnswer = 250'000;  // microseconds
@@ -95,6 +96,9 @@ void Doctor::listen() {
     hub.ChooseWorkHidDevice(device.number);
     if (!hub.OpenHidRecord()) {
       silent_.push_back(device.number);
+      // It may have opened its channel all the same, and nobody would close it.
+      session_.runUntil(kMomentSeconds, {"none"}, [] { return false; });
+      if (hub.GetSpeechCounts(device.number, counts) && counts.unasked > 0) hub.CloseHidRecord();
       continue;
     }
     session_.runUntil(kVoiceSeconds, {"none"}, [] { return false; });

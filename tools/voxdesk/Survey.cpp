@@ -5,13 +5,11 @@
 #include "hid/HidFrame.h"
 #include "models/Models.h"
 #include "sim/Text.h"
-#include "tools/capture/Story.h"
 
 namespace {
 
 constexpr std::uint32_t kSharedByNobody = 32;  // ERROR_SHARING_VIOLATION
 constexpr std::uint32_t kAccessDenied = 5;
-constexpr capture::Time kAnySlowness = 1'000'000;  // not asked for here
 
 const char* const kFamilies[] = {"Tern", "Standard", "Zh"};  // as FirmwareFamily
 
@@ -117,6 +115,19 @@ capture::Capture Survey::captureOf(const std::string& path) const {
   return some;
 }
 
+const ModelSheet* namedModel(const capture::Capture& passed) {
+  const ModelSheet* model = nullptr;
+  for (const capture::Event& event : passed.events) {
+    CHidData reply;
+    if (event.kind != capture::Kind::Received || event.hid < 0 ||
+        !ParseReport(event.report, passed.interfaces[static_cast<std::size_t>(event.hid)].link, reply)) {
+      continue;
+    }
+    if (const ModelSheet* named = FindByIdentifyReply(reply.code)) model = named;
+  }
+  return model;
+}
+
 std::string modelOf(const std::string& path) {
   SurveyedInterface hid;
   hid.path = path;
@@ -153,11 +164,7 @@ std::vector<SurveyedInterface> Survey::interfaces(Desk& desk) const {
       if (event.device > 0) hid.device = event.device;
     }
     // By what it has said, whether it still answers or not: its path may be another model's, too.
-    if (hid.device > 0) {
-      for (const capture::Device& told : capture::tell(captureOf(hid.path), kAnySlowness).devices) {
-        if (told.number == hid.device && !told.model.empty()) hid.model = "VoxMouse " + told.model;
-      }
-    }
+    if (const ModelSheet* named = namedModel(captureOf(hid.path))) hid.model = sim::utf8(named->name);
     // Nobody has tried to open an older device here.
     const bool asked = hid.error == kAccessDenied || !hid.older.empty();
     const std::string denied = asked ? desk.denied(hid.path) : "";

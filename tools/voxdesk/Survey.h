@@ -8,6 +8,7 @@
 
 #include "Session.h"
 #include "VoxDevice/VoxDevice.h"
+#include "models/Models.h"
 #include "tools/capture/Capture.h"
 
 class Desk;
@@ -45,6 +46,8 @@ class Survey final : public Watcher {
   capture::Capture seen_;
 };
 
+// The model that a device has called itself, the last time; null: it has not.
+const ModelSheet* namedModel(const capture::Capture& passed);
 // The model that a path names; empty: none of ours.
 std::string modelOf(const std::string& path);
 // "older mouse" or "older voice keyboard" where a path names one; else empty.

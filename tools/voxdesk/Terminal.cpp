@@ -120,7 +120,11 @@ std::size_t Terminal::roomForLine() const {
 void Terminal::print(const std::string& line) {
   if (progressShown_) std::fputs("\n", out_);
   progressShown_ = false;
-  std::fprintf(out_, "%s\n", line.c_str());
+  // A device's name may be meant to command the terminal.
+  std::string safe = line + '\n';
+  std::replace_if(
+      safe.begin(), safe.end(), [](unsigned char c) { return (c < ' ' && c != '\n') || c == 0x7F; }, '?');
+  std::fputs(safe.c_str(), out_);
   flush();
 }
 
