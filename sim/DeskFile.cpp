@@ -280,8 +280,7 @@ void readModel(const Place& place, DeskDevice& device) {
     return;
   }
   const std::string link = place["link"].text(links);
-  if (link != "bluetooth" && (link != "usb" || !sheet->usb))
-    place["link"].expected(links + " for a " + device.model);
+  if (link != "bluetooth" && (link != "usb" || !sheet->usb)) place["link"].expected(links + " for a " + device.model);
   device.link = link == "usb" ? Link::usb : Link::bluetooth;
 }
 
