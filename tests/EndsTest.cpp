@@ -94,6 +94,22 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
   }
 }
 
+TEST(Ends, ADriverThatKeepsAReadIsLeftAlone) {
+  Desk desk;
+  auto wren = desk.openWith("Wren");
+  wren->faults.ignoreCancel = true;
+  wren->reportPower(1);
+  desk.run(10ms);  // the next read is the one that is kept
+  EXPECT_LE(timeOf(desk, [&] { desk.hub->Release(); }), kBound);
+  EXPECT_EQ(desk.machine.balance().threads, 1U);
+  desk.hub.reset();
+  desk.record.clear();
+  wren->reportPower(2);
+  desk.run(10ms);
+  EXPECT_EQ(desk.record.lines(), Lines{}) << "nobody is told any more";
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+}
+
 // ---- Clients that stop inside what they are told ----
 
 TEST(Ends, AHubMayBeStoppedOrDestroyedInsideAnyMessageAndTellsNothingMore) {

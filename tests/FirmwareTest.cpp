@@ -365,6 +365,24 @@ TEST(Firmware, ADeviceThatIsPulledOutEndsItsUpdateWithResults) {
   }
 }
 
+TEST(Firmware, AClientMayStartAgainFromItsCallbackOrHaveNone) {
+  UpdateDesk desk("Wren");
+  const std::string file = desk.files.with(pattern(33));
+  desk.device->update(Updated::mouse, {.size = 33});
+  int ends = 0;
+  desk.record.during = [&](const std::string&) {
+    if (desk.over() && ++ends < 4) desk.start(FwUpdate_First, file);
+  };
+  desk.start(FwUpdate_First, file);
+  desk.run(5s);
+  EXPECT_EQ(ends, 4);
+  desk.hub->SetCallback_FwOtaResult(nullptr, nullptr);
+  desk.start(FwUpdate_First, file);
+  desk.run(5s);
+  EXPECT_EQ(desk.device->firmware(Updated::mouse).completed(), 5U);
+  EXPECT_EQ(desk.machine.balance().threads, 4U);
+}
+
 // ---- A start while another update runs: the later one wins whole ----
 
 TEST(Firmware, ARetryFromAResultIsTheUpdateThatRuns) {

@@ -554,6 +554,28 @@ TEST(LegacyThreads, AStopInsideAMessageOfThePollersLeavesNoKeyDown) {
   EXPECT_EQ(desk.keys(), "--");
 }
 
+TEST(LegacyThreads, TwoMessagesThatReleaseEachOthersThreadsBothReturn) {
+  BusyDesk desk;
+  auto second = desk.device(LegacyKind::voiceKeyboard, "second");
+  second->plug();
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  int released = 0;
+  desk.record.during = [&, mouse = &*desk.mouse](const std::string&) {
+    desk.run(10ms);
+    EXPECT_EQ(timeOf(desk, [&] { mouse->Release(); }), 100);
+    ++released;
+  };
+  desk.lark->hid()->key(0x65);
+  second->hid()->key(0x65);
+  desk.run(1ms);
+  EXPECT_LE(timeOf(desk, [&] { desk.mouse.reset(); }), 120);
+  EXPECT_EQ(released, 2);
+  EXPECT_EQ(desk.threads(), 0U);
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U);
+  desk.leftOpen.handles += 2;
+}
+
 TEST(LegacyThreads, StartRightAfterTheyWereStopped) {
   using Stop = void (*)(CFormerMouse&);
   const Stop stops[] = {[](CFormerMouse& mouse) { mouse.StopCheck(); },
