@@ -153,6 +153,12 @@ err 'no name contains "Tape"; there are: Line In (HD Audio), Microphone (VoxMous
 expect 0 --virtual-time speaker --out speaker.wav
 cmp speaker.wav "$sample" || fail "16 kHz mono is recorded as it is played"
 expect 2 mic
+# Names command no terminal, and break no line.
+printf '{"sound": {"microphones": [{"name": "A\\u001b[31m\\u009b1mB\\nC"}]}}' >named.json
+expect 0 --virtual-time --desk named.json sound
+out "  0  A?[31m?1mB?C"
+expect 1 --virtual-time --desk named.json mic --device=no= --out mic.wav
+err 'no name contains "no="; there are: A?[31m?1mB'
 cat >sound.json <<'JSON'
 {"sound": {"microphones": [{"name": "VoxMouse Tern", "hears": "speaker.wav"}],
            "endpoints": [{"name": "VoxMouse Tern", "volume": 20, "muted": true}],

@@ -136,7 +136,7 @@ Answers Judge::answersTo(const capture::Request& request) const {
     if (each.report.form != capture::Form::Frame || inSleep(each)) continue;
     const capture::Request* const sent = each.sent ? capture::requestOf(each.report.code) : nullptr;
     if (sent && sent->firstAnswer == request.firstAnswer) last = sent->code;
-    if (sent == &request || (sent && sent->code == request.code)) {
+    if (sent && sent->code == request.code) {
       asked.push_back(i);
       onItsWay += end - each.time < patience ? 1 : 0;
     } else if (!each.sent && each.report.code >= request.firstAnswer && each.report.code <= request.lastAnswer &&
@@ -151,19 +151,15 @@ Answers Judge::answersTo(const capture::Request& request) const {
   for (std::size_t k = 0; k < asked.size(); ++k) {
     const Passed& question = passed_[asked[k]];
     const std::size_t until = k + 1 < asked.size() ? asked[k + 1] : passed_.size();
-    const auto answer = [&](std::size_t reply) {
-      const Passed& each = passed_[reply];
-      answers.delays.push_back(each.time - question.time);
+    const bool answered = next < replies.size() && replies[next] > asked[k] && (inTurn || replies[next] < until);
+    if (answered) {
+      const Passed& reply = passed_[replies[next++]];
+      answers.delays.push_back(reply.time - question.time);
       const auto& wanted = question.report.payload;
-      const auto& got = each.report.payload;
+      const auto& got = reply.report.payload;
       const bool other = request.code == SetMKeyType && !wanted.empty() && !got.empty() && wanted[0] != got[0];
-      if (other) answers.refusal = "asked for " + question.report.words + ", and has ";
-      if (each.report.refuses || other) answers.refusal += each.report.words;
-    };
-    bool answered = false;
-    if (next < replies.size() && replies[next] > asked[k] && (inTurn || replies[next] < until)) {
-      answer(replies[next++]);
-      answered = true;
+      if (reply.report.refuses) answers.refusal = reply.report.words;
+      if (other) answers.refusal = "asked for " + question.report.words + ", and has " + reply.report.words;
     }
     // Before the next request, and what answers that is still to come.
     std::size_t more = 0;
@@ -228,8 +224,7 @@ void Judge::judgeIdentity() {
     skip(rule, "it has not answered Identify");
   } else {
     const ModelSheet& model = *FindByIdentifyReply(named->report.code);
-    // One whose answer was late is announced as another model of its family.
-    add(rule, model.firmware == model_.firmware, sim::utf8(model.name));
+    add(rule, model.number == model_.number, sim::utf8(model.name));
   }
 }
 
@@ -254,6 +249,7 @@ void Judge::judgeSpeech(const VoxSpeechCounts& counts) {
   Time asked = -1;
   Time closed = -kOnItsWay;  // before it is opened for the first time, too
   std::size_t unasked = 0;
+  std::size_t early = 0;  // before the answer that opens the channel
   std::size_t reports = 0;
   std::size_t otherCodec = 0;
   Time first = -1;
@@ -270,6 +266,7 @@ void Judge::judgeSpeech(const VoxSpeechCounts& counts) {
     if (opened >= 0 || opens) {
       if (first < 0) first = opened < 0 ? 0 : each.time - opened;
       ++reports;
+      early += opened < 0 ? 1 : 0;
       const bool sbc = each.report.code == AudioDataWren;
       otherCodec += (model_.codec == SpeechCodec::Sbc && !sbc) || (model_.codec == SpeechCodec::Closed && sbc) ? 1 : 0;
     } else if (each.time - closed > kOnItsWay) {
@@ -287,7 +284,9 @@ void Judge::judgeSpeech(const VoxSpeechCounts& counts) {
     return;
   }
   add("sends speech", reports > 0 && first <= kFirstSpeech,
-      reports == 0 ? "none" : "the first report after " + capture::milliseconds(first));
+      reports == 0 ? "none"
+      : early > 0  ? capture::plural(early, "report") + " before the channel was confirmed"
+                   : "the first report after " + capture::milliseconds(first));
   if (reports == 0) {
     skip("sends speech at an even pace", "none came");
     return skip("speaks its model's codec", "none came");
@@ -381,6 +380,7 @@ class Exercise {
   }
   // The library sets a signed one: what is larger would become another.
   bool canSetDpi() const { return device_.dpi >= 0 && device_.dpi <= std::numeric_limits<short>::max(); }
+  void follow();
   bool setMKey();
   bool settled() const;
 
@@ -399,6 +399,12 @@ const ModelSheet& Exercise::model() const {
                                   [&](const ModelSheet& sheet) { return sim::utf8(sheet.name) == device_.model; });
   if (model == sheets.end()) throw Failure("there are no rules for a " + device_.model);
   return *model;
+}
+
+// What it calls itself, however late: the client is told at once, or never.
+void Exercise::follow() {
+  const ModelSheet* const named = namedModel(seen());
+  if (named && named->firmware == model().firmware) device_.model = sim::utf8(named->name);
 }
 
 // Gives the M key the next of its functions, and what it had. Nothing where it tells no list, or one function alone.
@@ -439,9 +445,7 @@ void Exercise::run() {
   CAudioHidCenter& hub = session_.client->hub();
   const int number = device_.number;
   if (!wait(kHeartbeatSeconds)) return;
-  // By now it has said which model it is. The client is told at once, or never.
-  const ModelSheet* const named = namedModel(seen());
-  if (named && named->firmware == model().firmware) device_.model = sim::utf8(named->name);
+  follow();
   hub.GetMouseState(number);
   hub.GetDongleState(number);
   if (!wait(kPatienceSeconds) || (model().hasMKeys && !setMKey())) return;
@@ -463,6 +467,7 @@ void Exercise::run() {
   for (int i = 0; i < kSettleSeconds && !settled(); ++i) {
     if (!wait(1)) return;
   }
+  follow();
 }
 
 std::string Exercise::failure() const {

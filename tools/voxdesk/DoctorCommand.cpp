@@ -108,7 +108,7 @@ void Doctor::listen() {
     counts.unasked = 0;  // what was on its way when the channel was closed
     speech_.emplace_back(device.number, counts);
   }
-  session_.runUntil(kLastAnswerSeconds, {"none"}, [] { return false; });
+  if (!session_.client->devices().empty()) session_.runUntil(kLastAnswerSeconds, {"none"}, [] { return false; });
 }
 
 void Doctor::lookAtSpeech(const std::string& about, int device, Json& fields) {

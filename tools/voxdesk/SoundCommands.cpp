@@ -114,9 +114,16 @@ void recordMicrophone(const Options& options) {
   Session session(options);
   failWithoutSound(session);
   if (!options.microphone.empty()) {
+    // Of one that is spelled otherwise, the first.
     std::string name = options.microphone;
-    for (const SoundSource& known : session.desk->microphones()) {
-      if (lower(known.name).find(lower(name)) != std::string::npos) name = known.name;
+    const auto all = session.desk->microphones();
+    const auto has = [](const std::string& text, const std::string& part) {
+      return text.find(part) != std::string::npos;
+    };
+    if (std::none_of(all.begin(), all.end(), [&](const SoundSource& known) { return has(known.name, name); })) {
+      const auto other = std::find_if(all.begin(), all.end(),
+                                      [&](const SoundSource& known) { return has(lower(known.name), lower(name)); });
+      if (other != all.end()) name = other->name;
     }
     CDeviceData::Instance()->SetRecordName(sim::wide(name));
     CDeviceData::Instance()->SetRecordByName(true);

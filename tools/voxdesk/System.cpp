@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr char kEndedAtOnce[] = "\nvoxdesk: ended at once\n";
+constexpr char kEndedAtOnce[] = "voxdesk: ended at once\n";
 
 }  // namespace
 
@@ -73,7 +73,7 @@ void onRequestToEnd(void (*handler)()) {
 
 void endAtOnce(int exitCode) {
   DWORD written = 0;
-  WriteFile(GetStdHandle(STD_ERROR_HANDLE), kEndedAtOnce + 1, sizeof kEndedAtOnce - 2, &written, nullptr);
+  WriteFile(GetStdHandle(STD_ERROR_HANDLE), kEndedAtOnce, sizeof kEndedAtOnce - 1, &written, nullptr);
   std::_Exit(exitCode);
 }
 
@@ -158,8 +158,8 @@ void onRequestToEnd(void (*handler)()) {
 
 void endAtOnce(int exitCode) {
   // On a screen, a line may have begun.
-  const std::size_t first = isatty(STDERR_FILENO) != 0 ? 0 : 1;
-  [[maybe_unused]] const auto written = write(STDERR_FILENO, kEndedAtOnce + first, sizeof kEndedAtOnce - 1 - first);
+  [[maybe_unused]] auto written = isatty(STDERR_FILENO) != 0 ? write(STDERR_FILENO, "\n", 1) : 0;
+  written = write(STDERR_FILENO, kEndedAtOnce, sizeof kEndedAtOnce - 1);
   std::_Exit(exitCode);
 }
 

@@ -120,17 +120,23 @@ std::size_t Terminal::roomForLine() const {
 void Terminal::print(const std::string& line) {
   if (progressShown_) std::fputs("\n", out_);
   progressShown_ = false;
-  // A device's name may be meant to command the terminal.
-  std::string safe = line + '\n';
-  std::replace_if(
-      safe.begin(), safe.end(), [](unsigned char c) { return (c < ' ' && c != '\n') || c == 0x7F; }, '?');
-  std::fputs(safe.c_str(), out_);
+  std::fprintf(out_, "%s\n", printable(line).c_str());
   flush();
 }
 
 void Terminal::flush() {
   const bool whole = std::fflush(out_) == 0 && std::ferror(out_) == 0;
   if (!whole && out_ == output_) outputFailed(errno);
+}
+
+std::string printable(std::string text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+    const bool second = c == 0xC2 && next >= 0x80 && next < 0xA0;  // U+0080 to U+009F
+    if ((c < ' ' && c != '\n') || c == 0x7F || second) text.replace(i, second ? 2 : 1, "?");
+  }
+  return text;
 }
 
 void catchInterrupts() { onRequestToEnd(&noteRequest); }

@@ -50,6 +50,9 @@ class Terminal {
   double lastProgress_ = -1;
 };
 
+// Without what commands a terminal, as a device's name may be meant to; lines stay.
+std::string printable(std::string text);
+
 // Ctrl-C, and what else asks a program to end, is noted from now on: work ends at the next look, as if its time were
 // over. Once more, a little later, and the program ends at once.
 void catchInterrupts();

@@ -16,7 +16,6 @@ namespace {
 
 constexpr double kGoneSeconds = 10;
 constexpr double kGlanceSeconds = 0.2;
-constexpr std::size_t kBlockBytes = 16;
 constexpr std::size_t kBlocksEnd = 65536 * kBlockBytes;  // what a 16-bit index reaches
 
 // The library takes any file name; what cannot be sent is said here.

@@ -1,6 +1,7 @@
 // A firmware update from its first message to its last result: what the update of a device and its rehearsal share.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -12,6 +13,8 @@
 
 #include "Session.h"
 #include "models/Models.h"
+
+constexpr std::size_t kBlockBytes = 16;  // of the standard and Zh families
 
 // A frame of an update, in either direction.
 struct UpdateFrame {

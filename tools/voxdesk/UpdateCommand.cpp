@@ -63,13 +63,12 @@ class UpdateView {
 
 // What is going to be sent, a line for each image.
 std::string planOf(const std::vector<Image>& images, const DeviceView& device) {
-  constexpr std::size_t kInBlock = 16;
   std::string text =
       "Device " + std::to_string(device.number) + " (" + device.model + ", " + device.link + ") gets new firmware:\n";
   for (const Image& image : images) {
     text += std::string("  the ") + image.name + " image, " + image.file + ", " + capture::plural(image.size, "byte");
     if (familyOf(device) != FirmwareFamily::Tern) {
-      text += " in " + capture::plural((image.size + kInBlock - 1) / kInBlock, "block");
+      text += " in " + capture::plural((image.size + kBlockBytes - 1) / kBlockBytes, "block");
     }
     text += image.receiver ? ", for its receiver\n" : ", for the device itself\n";
   }

@@ -96,7 +96,7 @@ int conclude(int exitCode, std::string sentence) {
     sentence = std::string("standard output: ") + std::strerror(problem) + (sentence.empty() ? "" : "; ") + sentence;
   }
   std::fflush(stdout);
-  if (!sentence.empty()) std::fprintf(stderr, "voxdesk: %s\n", sentence.c_str());
+  if (!sentence.empty()) std::fprintf(stderr, "voxdesk: %s\n", printable(sentence).c_str());
   return exitCode;
 }
 
@@ -343,7 +343,7 @@ int main(int argc, char** argv) {
         // The next word would be taken for what is missing.
         const std::string word = argv[i];
         if (word == "--") break;
-        if (word.starts_with("--") && word.ends_with('='))
+        if (word.starts_with("--") && word.find('=') == word.size() - 1)
           throw CLI::ArgumentMismatch(word.substr(0, word.size() - 1), CLI::ExitCodes::ArgumentMismatch);
       }
       app.parse(argc, argv);
