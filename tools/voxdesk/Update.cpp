@@ -194,7 +194,7 @@ UpdateRun runUpdate(Session& session, const DeviceView& device, std::vector<Imag
   std::string files[2];
   for (const Image& image : images) files[image.receiver ? 1 : 0] = image.file;
   const FwUpdateType type = images.size() == 2 ? FwUpdate_Both : images[0].receiver ? FwUpdate_Second : FwUpdate_First;
-  const double begin = session.desk->seconds();
+  const double started = session.desk->seconds();
   session.client->hub().StartOTA(device.number, type, files[0], files[1]);
   // A device that goes is told of within 3.1 s; one that went before its update began is not.
   double patience = kGoneSeconds;
@@ -205,7 +205,7 @@ UpdateRun runUpdate(Session& session, const DeviceView& device, std::vector<Imag
   }
   run.begun = patience > 0;
   run.whole = over && std::all_of(images.begin(), images.end(), [](const Image& image) { return image.done(); });
-  run.seconds = session.desk->seconds() - begin;
+  run.seconds = session.desk->seconds() - started;
   run.messages = traffic.messages();
   for (const UpdateMessage& message : run.messages) {
     for (Image& image : images) {
