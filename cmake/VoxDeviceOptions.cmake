@@ -54,7 +54,8 @@ endfunction()
 # namespaces then meets always or never, and not when a new file moves others to another group.
 set(CMAKE_UNITY_BUILD_BATCH_SIZE 0)
 
-# Tests with sanitizers spend most of their time in a few targets. Where a build is made once, nobody debugs it.
+# Tests with sanitizers, and fuzzers, spend most of their time in a few targets. Where a build is made once, nobody
+# debugs it.
 function(voxdevice_hot target)
   if(VOXDEVICE_SANITIZE AND CMAKE_UNITY_BUILD)
     target_compile_options(${target} PRIVATE -O1)
