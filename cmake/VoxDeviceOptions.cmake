@@ -62,6 +62,13 @@ function(voxdevice_hot target)
   endif()
 endfunction()
 
+# What waits for devices and people: making it faster takes longer than it ever runs.
+function(voxdevice_unhurried target)
+  if(CMAKE_BUILD_TYPE STREQUAL Release AND NOT MSVC)
+    target_compile_options(${target} PRIVATE -O1)
+  endif()
+endfunction()
+
 # These are compiled alone, since they have names that others use, too.
 macro(voxdevice_alone)
   set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
