@@ -18,11 +18,19 @@ voxdesk --desk hardware --json devices >/dev/null
 bash -c '. /usr/share/bash-completion/completions/voxdesk; COMP_WORDS=(voxdesk mo); COMP_CWORD=1; _voxdesk
   [ "${COMPREPLY[*]}" = monitor ] || exit 1
   COMP_WORDS=(voxdesk --device mo) COMP_CWORD=2; _voxdesk; [ "${COMPREPLY[*]}" = "" ] || exit 1
+  COMP_WORDS=(voxdesk mkey s) COMP_CWORD=2; _voxdesk; [ "${COMPREPLY[*]}" = set ] || exit 1
+  COMP_WORDS=(voxdesk mkey set mo) COMP_CWORD=3; _voxdesk; [ "${COMPREPLY[*]}" = "" ] || exit 1
   cd /etc; COMP_WORDS=(voxdesk --desk = debian_v) COMP_CWORD=3; _voxdesk; [ "${COMPREPLY[*]}" = debian_version ]'
 [ "$(fish -c 'complete -C "voxdesk mo"')" = monitor ]
+[ "$(fish -c 'complete -C "voxdesk mkey s"')" = set ]
+[ "$(fish -c 'complete -C "voxdesk mkey set s"')" = "" ]
 zsh -fc 'words=(voxdesk mo) CURRENT=2; compadd() print -l -- $*; complete() . /usr/share/zsh/vendor-completions/_voxdesk
   complete' >"$work/words"
 grep -qx monitor "$work/words"
+zsh -fc 'words=(voxdesk mkey set "") CURRENT=4; compadd() print -l -- $*; complete() . /usr/share/zsh/vendor-completions/_voxdesk
+  complete' >"$work/behind"
+grep -qx -e --desk "$work/behind"
+[ "$(grep -cv ^- "$work/behind")" -eq 0 ]
 { voxdesk --help; for each in $(grep -v '^-' "$work/words"); do voxdesk "$each" --help; done; } |
   sed -n 's/^ *\(-[a-zA-Z], *\)\{0,1\}\(--[a-z-]*\).*/\2/p' | sort -u >"$work/options"
 grep '^--.' "$work/words" | sort | diff "$work/options" -

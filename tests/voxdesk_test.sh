@@ -342,6 +342,9 @@ while IFS='|' read -r arguments option; do
   err "$option"
 done <<'REFUSED'
 moniter|there is no command "moniter"; the nearest is "monitor"
+mkey lst|there is no command "mkey lst"; the nearest is "mkey list"
+mkey --bogus|mkey: expected one of its commands
+devices --verbose=|--verbose: takes no value
 foo|there is no command "foo"; voxdesk --help lists them
 --bogus devices|devices does not take "--bogus"; voxdesk devices --help
 --out x.wav devices|--out: devices does not take this option

@@ -32,9 +32,10 @@ std::size_t distance(const std::string& a, const std::string& b) {
   return row.back();
 }
 
-// What to say of a word that is no command.
-std::string notACommand(const CLI::App& app, const std::string& word) {
-  if (word.starts_with('-')) return "there is no option \"" + word + "\"; voxdesk --help lists them";
+// What to say of a word that is no command of voxdesk, or of one of its commands ("mkey ").
+std::string notACommand(const CLI::App& app, const std::string& above, const std::string& word) {
+  const std::string list = "\"; voxdesk " + above + "--help lists them";
+  if (word.starts_with('-')) return "there is no option \"" + word + list;
   const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
   const auto further = [&](const CLI::App* a, const CLI::App* b) {
     return distance(word, a->get_name()) < distance(word, b->get_name());
@@ -42,8 +43,7 @@ std::string notACommand(const CLI::App& app, const std::string& word) {
   const std::string nearest = (*std::min_element(commands.begin(), commands.end(), further))->get_name();
   // A letter in three may be wrong.
   const bool near = 3 * distance(word, nearest) <= std::max(word.size(), nearest.size());
-  return "there is no command \"" + word +
-         (near ? "\"; the nearest is \"" + nearest + '"' : "\"; voxdesk --help lists them");
+  return "there is no command \"" + above + word + (near ? "\"; the nearest is \"" + above + nearest + '"' : list);
 }
 
 // "mkey set".
@@ -60,7 +60,7 @@ std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app) {
   if (command && !command->get_subcommands().empty()) command = command->get_subcommands().front();
   const std::string called = command ? wholeName(*command) : "";
   if (dynamic_cast<const CLI::ExtrasError*>(&error) && !extras.empty()) {
-    if (!command) return notACommand(app, extras.front());
+    if (!command) return notACommand(app, "", extras.front());
     const auto option =
         std::find_if(extras.begin(), extras.end(), [](const std::string& word) { return word.starts_with('-'); });
     const std::string& first = option == extras.end() ? extras.front() : *option;
@@ -69,8 +69,10 @@ std::string sentenceOf(const CLI::ParseError& error, const CLI::App& app) {
       return name + ": stands behind its command, as in voxdesk " + called + ' ' + name;
     return called + " does not take \"" + first + "\"; voxdesk " + called + " --help says what it takes";
   }
-  if (command && dynamic_cast<const CLI::RequiredError*>(&error) && command->get_require_subcommand_min() > 0)
+  if (command && dynamic_cast<const CLI::RequiredError*>(&error) && command->get_require_subcommand_min() > 0) {
+    if (!extras.empty() && !extras.front().starts_with('-')) return notACommand(*command, called + ' ', extras.front());
     return called + ": expected one of its commands; voxdesk " + called + " --help lists them";
+  }
   std::string what = error.what();
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error)) {
     const bool tooMany = what.find("At Most") != what.npos;
@@ -343,8 +345,14 @@ int main(int argc, char** argv) {
         // The next word would be taken for what is missing.
         const std::string word = argv[i];
         if (word == "--") break;
-        if (word.starts_with("--") && word.find('=') == word.size() - 1)
-          throw CLI::ArgumentMismatch(word.substr(0, word.size() - 1), CLI::ExitCodes::ArgumentMismatch);
+        if (!word.starts_with("--") || word.find('=') != word.size() - 1) continue;
+        const std::string name = word.substr(0, word.size() - 1);
+        const bool flag = std::any_of(all.begin(), all.end(), [&name](const CLI::App* each) {
+          const CLI::Option* option = each->get_option_no_throw(name);
+          return option && option->get_items_expected_max() == 0;
+        });
+        if (flag) throw CLI::ValidationError(name, "takes no value");
+        throw CLI::ArgumentMismatch(name, CLI::ExitCodes::ArgumentMismatch);
       }
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
