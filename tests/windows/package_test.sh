@@ -62,7 +62,8 @@ wait $plug || { cat "$work/plug.log"; exit 1; }
 
 # What was recorded there is a desk here, with the same results.
 voxdesk=$build/../dev/bin/voxdesk
-[ -x "$voxdesk" ] || { echo "the captures are not replayed on Linux: there is no $voxdesk" >&2; exit 1; }
+[ -x "$voxdesk" ] || voxdesk=$build/../client/bin/voxdesk
+[ -x "$voxdesk" ] || { echo "the captures are not replayed on Linux: there is no $voxdesk; ./run makes it" >&2; exit 1; }
 expect "wrote $work/again.wav: [12]\.[0-9]+ s, 16 kHz" "$voxdesk" --desk "$work/client.pcapng" --virtual-time --out "$work/again.wav"
 expect "Recorded device 1" "$voxdesk" --desk "$work/monitor.pcapng" --virtual-time monitor --seconds 9
 said() { sed -nE 's/^ *[0-9.]+ s  //p' "$1" | tr -d '\r' | grep -v "^Recorded device"; }
