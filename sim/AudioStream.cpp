@@ -52,6 +52,7 @@ class Stream final : public std::enable_shared_from_this<Stream> {
 
   void start(Machine& machine) REQUIRES(gate) {
     running = true;
+    stopCalled = false;
     began_ = machine.kernel().now();
     periods_ = 0;
     passed_ = 0;
@@ -60,6 +61,11 @@ class Stream final : public std::enable_shared_from_this<Stream> {
   void stop() {
     running = false;
     ++generation_;
+  }
+  void leave(Kernel& kernel) REQUIRES(gate) {
+    if (--clients > 0) return;
+    if (running && !stopCalled && event && !kernel.find<Event>(event)) eventIsClosed(kernel);
+    stop();
   }
   // The speaker has been pulled out since the client was made, or its service has failed.
   bool isInvalid() const { return failed || pulls_ != sound().speaker.pulls; }
@@ -73,6 +79,7 @@ class Stream final : public std::enable_shared_from_this<Stream> {
   DWORD flags = 0;
   REFERENCE_TIME bufferDuration = 0;
   bool running = false;
+  bool stopCalled = false;  // also when it has failed
   bool failed = false;
   bool taken = false;  // the first packet is with the client, between GetBuffer and ReleaseBuffer
   std::size_t delivered = 0;
@@ -110,8 +117,11 @@ class Stream final : public std::enable_shared_from_this<Stream> {
     if (const auto object = machine.kernel().find<Event>(event)) {
       object->set(machine.kernel());
     } else {
-      machine.kernel().misused("IAudioClient::SetEventHandle: the event was closed while the stream runs");
+      eventIsClosed(machine.kernel());
     }
+  }
+  static void eventIsClosed(Kernel& kernel) REQUIRES(gate) {
+    kernel.misused("IAudioClient::SetEventHandle: the event was closed while the stream runs");
   }
   // The backlog is as long as the buffer that was asked for. The packet that the client has stays.
   void dropOldest(REFERENCE_TIME period) {
@@ -159,9 +169,7 @@ class StreamObject : public Com<Interface> {
       : Com<Interface>(interfaceName), stream_(std::move(stream)) {
     ++stream_->clients;
   }
-  void released() override {
-    if (--stream_->clients == 0) stream_->stop();
-  }
+  void released() override REQUIRES(gate) { stream_->leave(Machine::current().kernel()); }
 
  protected:
   const std::shared_ptr<Stream> stream_;
@@ -278,6 +286,7 @@ class AudioClient final : public StreamObject<IAudioClient> {
   }
   HRESULT STDMETHODCALLTYPE Stop() override {
     StreamMethod call(*this, "IAudioClient::Stop", *stream_);
+    stream_->stopCalled = true;
     if (const HRESULT error = call.refusedOrNotInitialized(); FAILED(error)) return error;
     if (!stream_->running) return S_FALSE;
     stream_->stop();

@@ -89,7 +89,7 @@ class ComObject {
   virtual ~ComObject() = default;
   ComObject(const ComObject&) = delete;
   ComObject& operator=(const ComObject&) = delete;
-  virtual void released() {}  // for the last time
+  virtual void released() REQUIRES(gate) {}  // for the last time
 
   const char* const name;
   ULONG references = 1;
