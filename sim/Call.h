@@ -14,6 +14,7 @@ struct SCOPED_CAPABILITY Call {
   explicit Call(const char* called) ACQUIRE(gate)
       : name(called), machine(Machine::current()), kernel(machine.kernel()) {
     kernel.enter();
+    kernel.self().lastError = 0;  // that of the call before is lost, even when this one succeeds
   }
   ~Call() RELEASE() { gate.unlock(); }
   Call(const Call&) = delete;

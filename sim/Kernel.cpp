@@ -194,11 +194,11 @@ bool Kernel::cancel(Thread& thread) {
   return true;
 }
 
-void*& Kernel::local(DWORD index) {
-  if (virtualTime()) return current_->locals.at(index);
-  if (standing.generation == generation_) return standing.thread->locals.at(index);
+Thread& Kernel::own() {
+  if (virtualTime()) return *current_;
+  if (standing.generation == generation_) return *standing.thread;
   const Inside inside;
-  return self().locals.at(index);
+  return self();
 }
 
 void Kernel::suspendSelf(Thread& me, std::optional<Time> until) {

@@ -200,8 +200,8 @@ class Kernel {
   // The thread that runs, with the virtual clock; needs no lock.
   Thread* runningFiber() noexcept NO_THREAD_SAFETY_ANALYSIS { return virtualTime() ? current_ : nullptr; }
 
-  // A value of the calling thread's own; needs no lock.
-  void*& local(DWORD index) NO_THREAD_SAFETY_ANALYSIS;
+  // The calling thread, for what only itself looks at; needs no lock.
+  Thread& own() NO_THREAD_SAFETY_ANALYSIS;
 
   // ---- With the lock held ----
   Thread& self() REQUIRES(gate);

@@ -82,10 +82,15 @@ DWORD TlsAlloc() {
   return indexes++;
 }
 
-void* TlsGetValue(DWORD index) { return sim::Machine::current().kernel().local(index); }
+// Tells by an error of 0 that a null pointer is a value.
+void* TlsGetValue(DWORD index) {
+  sim::Thread& thread = sim::Machine::current().kernel().own();
+  thread.lastError = 0;
+  return thread.locals.at(index);
+}
 
 BOOL TlsSetValue(DWORD index, void* value) {
-  sim::Machine::current().kernel().local(index) = value;
+  sim::Machine::current().kernel().own().locals.at(index) = value;
   return TRUE;
 }
 
