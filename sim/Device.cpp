@@ -73,7 +73,7 @@ void HidOpen::leave() {
 }
 
 void HidOpen::handleClosed(Kernel& kernel) {
-  if (reads > 0) kernel.misused("CloseHandle: a read of it is in progress");
+  if (calls > 0) kernel.misused("CloseHandle: a read or a write is in progress");
   leave();
   gone = true;
   reports.clear();

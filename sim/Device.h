@@ -121,7 +121,7 @@ class HidOpen final : public Object {
   std::size_t reportsKept = 32;  // the driver's default
   bool writesFail = false;       // and nothing comes
   bool gone = false;             // pulled out, dead, or closed while somebody reads
-  int reads = 0;                 // in progress: the real system would keep whoever closes the handle waiting for them
+  int calls = 0;                 // in progress: the real system would keep whoever closes the handle waiting for them
 
  private:
   void leave() NO_THREAD_SAFETY_ANALYSIS;  // also as the machine goes, when nobody else is left

@@ -115,11 +115,11 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, OV
   if (bytesToRead < open->device->inputLength) return call.failed(ERROR_INVALID_USER_BUFFER, FALSE);
   if (open->device->faults.failReads) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
   sim::Object* const object = open;
-  ++open->reads;
+  ++open->calls;
   if (const sim::Time entry = open->device->faults.readEntry; entry.count() > 0) call.kernel.waitAny({}, entry);
   const int by = open->device->faults.ignoreCancel ? call.kernel.waitAny({&object, 1}, std::nullopt)
                                                    : call.kernel.waitCancellable({&object, 1}, std::nullopt);
-  --open->reads;
+  --open->calls;
   if (by == Kernel::kCancelled) return call.failed(ERROR_OPERATION_ABORTED, FALSE);
   if (open->gone || open->reports.empty()) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
   const sim::Bytes report = std::move(open->reports.front());
@@ -139,7 +139,9 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
   const sim::HidFaults& faults = open->device->faults;
   if (faults.hangWrites || faults.writeTime.count() > 0) {
     const auto time = faults.hangWrites ? std::nullopt : std::optional(faults.writeTime);
+    ++open->calls;
     const int by = faults.ignoreCancel ? call.kernel.waitAny({}, time) : call.kernel.waitCancellable({}, time);
+    --open->calls;
     if (by == Kernel::kCancelled) return call.failed(ERROR_OPERATION_ABORTED, FALSE);
   }
   if (open->gone) return call.failed(ERROR_DEVICE_NOT_CONNECTED, FALSE);
@@ -150,7 +152,10 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
   if (call.machine.recording())
     call.machine.noteLocked("write " + hex(report.data(), report.size()), open->device.get(), file);
   const auto taken = sim::HidBus::deliver(*open->device, report);
-  if (const DWORD error = outcome(call, taken); error != 0) return call.failed(error, FALSE);
+  ++open->calls;
+  const DWORD error = outcome(call, taken);
+  --open->calls;
+  if (error != 0) return call.failed(error, FALSE);
   *bytesWritten = bytesToWrite;
   return TRUE;
 }

@@ -105,6 +105,7 @@ namespace {
 sim::MachineOptions withTimer(sim::MachineOptions options) {
   if (hasCoarseTimer() && options.clock == sim::Clock::virtualTime) {
     options.timerPeriod = std::chrono::microseconds(15'625);
+    if (options.firstTick == sim::MachineOptions{}.firstTick) options.firstTick = DWORD{0} - 4'000;
   }
   return options;
 }

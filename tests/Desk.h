@@ -119,7 +119,7 @@ std::vector<ModelOnLink> everyModelOnEachLink();
 constexpr std::int64_t kBound = 2000;  // ms in which everything ends
 
 // With VOXDEVICE_COARSE_TIMER in the environment, waits with a limit end at multiples of 15.625 ms, as on a real
-// system.
+// system, and GetTickCount begins anew after four seconds, as after 49 days.
 bool hasCoarseTimer();
 
 // Milliseconds that something took; up to two periods more where the timer is coarse.
