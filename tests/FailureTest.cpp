@@ -110,8 +110,9 @@ Outcome record(Desk& desk, const std::vector<unsigned>& stopResults) {
   const auto said = delivered.sizes;
   desk.run(1s);
   EXPECT_EQ(delivered.sizes, said) << "nothing after a stop";
-  // The same object works again.
+  // The same object works again, and only one thing fails.
   const bool again = call(start) == 1;
+  EXPECT_TRUE(again || call(start) == 1);
   desk.run(200ms);
   const bool stoppedAgain = call(stop) == 0;
   call([&] { recorder.reset(); });
