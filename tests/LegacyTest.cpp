@@ -362,6 +362,21 @@ TEST(LegacyHid, RefusedDevicesAreForgottenAtTheNextStart) {
   desk.run(100ms);
 }
 
+TEST(LegacyHid, ADeviceWhoseReaderDoesNotStartIsTriedAgain) {
+  LegacyDesk desk;
+  auto device = desk.device(LegacyKind::hidMouse);
+  device->plug();
+  desk.machine.faults().fail("_beginthreadex", 1, 1);  // the rescan's starts
+  desk.mouse->StartCheck();
+  desk.run(1s);
+  desk.machine.faults().repair();
+  desk.run(3s);
+  device->hid()->key(0x21);
+  desk.run(20ms);
+  EXPECT_EQ(desk.keys(), "L-");
+  desk.leftOpen.handles += 1;
+}
+
 TEST(LegacyHid, AStartIsNeverLost) {
   for (std::uint64_t seed = 1; seed <= 300 && !::testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
