@@ -337,6 +337,14 @@ TEST(Observer, IsToldOfEverythingThatPasses) {
   EXPECT_EQ(seen.lines, expected);
 }
 
+TEST(Observer, MayTakeAwayTheSinkThatIsAboutToBeTold) {
+  Desk desk;
+  VoxObserver::SetCallback([](const VoxObservation&, void*) { VoxMessage::SetSink(nullptr); }, nullptr);
+  for (const wchar_t* text : {L"told", L"not told"}) VoxMessage::Log(text, LogType_Recording);
+  VoxObserver::SetCallback(nullptr, nullptr);
+  EXPECT_EQ(desk.record.lines(), Lines{"Log 6 told"});
+}
+
 // Older hardware: its file opens once, and its keys come without any command.
 TEST(Observer, SeesOlderDevicesToo) {
   const Folder folder;
