@@ -87,6 +87,34 @@ TEST(Hardening, ADeviceThatDoesNotTakeHeartbeatsIsOpenedAnew) {
   }
 }
 
+// The read is cancelled 16.25 s after the start. A thread that has just left it is in the client's code all the same.
+TEST(Hardening, AReportThatMeetsTheCancellingOfItsReadIsToldAsAny) {
+  std::uint64_t told = 0;
+  for (std::uint64_t seed = 1; seed <= 500 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Desk desk({.seed = seed});
+    desk.hub->SetHardening(VoxHardening_DeadHandles);
+    auto wren = desk.openWith("Wren");
+    const auto runUntil = [&](sim::Time time) { desk.run(time - desk.machine.now()); };
+    runUntil(4s);
+    wren->faults.failWrites = true;
+    desk.record.during = [&](const std::string& what) {
+      if (what != "PowerReport") return;
+      ++told;
+      desk.run(1h);
+    };
+    auto user = desk.machine.spawn([&] {
+      runUntil(16'250ms);
+      wren->reportPower(1);
+    });
+    runUntil(16'255ms);
+    desk.hub->CloseDevice();
+    user.join();
+    EXPECT_EQ(desk.machine.balance().threads, 0U) << "what is kept in a message is ended by force";
+  }
+  EXPECT_GT(told, 100U) << "the others came too late";
+}
+
 // Whoever takes heartbeats and does not answer is asleep, as ever.
 TEST(Hardening, ADeviceThatSleepsIsLeftAsItIs) {
   Desk desk;
