@@ -233,6 +233,19 @@ TEST(Connection, HandlesThatDieAreReplacedWithoutAReplug) {
   EXPECT_TRUE(desk.hub->OpenHidRecord());
 }
 
+TEST(Connection, OfAReaderWhoseThreadsDoNotAllStartNoneGoesOn) {
+  Desk desk;
+  auto tern = desk.make("Tern");
+  desk.machine.plug(tern);
+  desk.open();
+  desk.machine.faults().fail("_beginthreadex", 1, 2);
+  desk.run(1500ms);
+  EXPECT_EQ(desk.record.lines(), Lines{}) << "what has not come in does not go";
+  desk.machine.faults().repair();
+  desk.run(3s);
+  EXPECT_EQ(desk.record.lines("HidConnect"), Lines{"HidConnect 2"});
+}
+
 TEST(Connection, ReaderServesTheModelItHasSettledOn) {
   Desk desk;
   auto finch = desk.openWith("Finch", sim::Link::bluetooth);

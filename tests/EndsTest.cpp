@@ -61,6 +61,35 @@ TEST(Ends, EveryWaitingOperationReturnsWhenTheHubStops) {
   }
 }
 
+TEST(Ends, HoweverManyWaitForADriverAllReturnWhenTheHubStops) {
+  Desk desk;
+  auto wren = desk.openWith("Wren");
+  ASSERT_TRUE(desk.machine.waitFor([&] { return desk.milliseconds() % 1000 == 500; }, 2s));  // between heartbeats
+  wren->faults.writeTime = 10s;
+  wren->faults.ignoreCancel = true;
+  std::int64_t returned = 0;
+  std::vector<sim::Machine::Spawned> clients;
+  for (int i = 0; i < 6; ++i) {
+    clients.push_back(desk.machine.spawn([&] {
+      desk.hub->SetDpi(1, 800);
+      returned = desk.milliseconds();
+    }));
+  }
+  desk.run(100ms);
+  const auto began = desk.milliseconds();
+  desk.hub->CloseDevice();
+  for (auto& client : clients) client.join();
+  EXPECT_LE(returned - began, 50);
+  desk.run(10s);
+}
+
+// Whether anybody has a handle of it: nobody else may open it alone then.
+bool isOpen(const sim::HidDevice& device) {
+  const HANDLE alone = os::CreateFileW(device.path().c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (alone != INVALID_HANDLE_VALUE) os::CloseHandle(alone);
+  return alone == INVALID_HANDLE_VALUE;
+}
+
 TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
   // A write that comes back when it is cancelled, and one whose driver lets go of nothing for 10 s.
   for (const bool ignoreCancel : {false, true}) {
@@ -87,6 +116,7 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
       EXPECT_LE(took, kBound);
       EXPECT_EQ(tern->received(0x02).size(), end == 0 ? 1U : 0U) << "AppExit, where something is live";
       EXPECT_EQ(desk.machine.balance().threads, ignoreCancel ? 1U : 0U) << "the one inside the driver";
+      EXPECT_EQ(isOpen(*wren), ignoreCancel) << "that one closes its handle when it comes back";
       desk.run(10s);
       EXPECT_EQ(desk.machine.balance().threads, 0U) << "it has freed what it held";
       EXPECT_EQ(desk.machine.forcedEnds(), 0U);
@@ -271,6 +301,11 @@ TEST(Ends, AMessageThatIsKeptTooLongIsEndedWithItsThreadAndNothingElse) {
       desk.hub->Release();
       EXPECT_EQ(finished, milliseconds < kBound);
       EXPECT_EQ(desk.machine.forcedEnds(), milliseconds < kBound ? 0U : 1U);
+      tern->faults.refuseOpen = nullptr;
+      if (!tern->plugged()) desk.machine.plug(tern);
+      desk.open();
+      desk.run(3s);
+      EXPECT_TRUE(desk.hub->IsConnect()) << "and discovery begins anew";
       desk.hub.reset();
       EXPECT_EQ(desk.machine.balance(), sim::Balance{});
     }
@@ -307,6 +342,21 @@ TEST(Ends, ADeviceThatIsStillBeingOpenedDoesNotComeInAfterAStop) {
     desk.run(6s);
     EXPECT_EQ(desk.record.lines("HidConnect"), Lines{"HidConnect 1"});
   }
+}
+
+// A pass that a driver keeps comes back while the next discovery, of two threads that take turns, is at its own.
+TEST(Ends, APassThatComesBackLateLeavesTheNextOneAlone) {
+  Desk desk;
+  auto wren = desk.make("Wren");
+  wren->faults.openTime = 4s;
+  desk.machine.plug(wren);
+  desk.open();
+  desk.run(1500ms);
+  desk.hub->CloseDevice();
+  desk.open();
+  desk.open();
+  desk.run(20s);
+  EXPECT_EQ(desk.record.lines("HidConnect"), Lines{"HidConnect 1"});
 }
 
 TEST(Ends, ACallbackAndItsContextAreOnePair) {
