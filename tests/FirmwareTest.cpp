@@ -4,6 +4,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <random>
@@ -266,6 +267,19 @@ TEST(Firmware, FilesThatCannotBeReadLeaveTheirImageEmpty) {
   }
 }
 
+TEST(Firmware, OfAFileThatHasLessThanItSaysOnlyThatIsSent) {
+  const std::string file = "/sys/class/net/lo/mtu";  // says that it has 4096 bytes
+  if (!std::filesystem::exists(file)) GTEST_SKIP() << "every file here has what it says";
+  std::ifstream text(file);
+  const Bytes whole{std::istreambuf_iterator<char>(text), {}};
+  UpdateDesk desk("Wren");
+  desk.device->update(Updated::mouse, {.size = whole.size()});
+  desk.start(FwUpdate_First, file);
+  desk.finish();
+  EXPECT_EQ(desk.device->received(0x08).front().payload, whole);
+  EXPECT_EQ(desk.image(Updated::mouse), whole);
+}
+
 TEST(Firmware, WithoutAThreadThatSeesTimeOutsNoneIsBegun) {
   UpdateDesk desk("Wren");
   desk.device->update(Updated::mouse, {.size = 10});
@@ -365,6 +379,17 @@ TEST(Firmware, ADeviceThatIsPulledOutEndsItsUpdateWithResults) {
   }
 }
 
+TEST(Firmware, AnUpdateThatMeetsTheEndOfItsDeviceIsOneOfNoImage) {
+  for (std::uint64_t seed = 1; seed <= seeds(60) && !HasFailure(); ++seed) {
+    UpdateDesk desk("Wren", sim::Link::usb, {.seed = seed});
+    auto hand = desk.machine.spawn([&] { desk.machine.unplug(desk.device); });
+    desk.start(FwUpdate_First, desk.files.with(pattern(40)));
+    hand.join();
+    desk.run(5s);
+    EXPECT_EQ(desk.record.lines("FwOtaResult 1 2"), Lines{}) << "seed " << seed;
+  }
+}
+
 TEST(Firmware, AClientMayStartAgainFromItsCallbackOrHaveNone) {
   UpdateDesk desk("Wren");
   const std::string file = desk.files.with(pattern(33));
@@ -422,6 +447,21 @@ TEST(Firmware, ARetryFromAResultIsTheUpdateThatRuns) {
       EXPECT_EQ(desk.machine.balance().threads, 4U);
     }
   }
+}
+
+TEST(Firmware, AStartFromItsProgressAwaitsItsOwnStage) {
+  UpdateDesk desk("Wren");
+  const std::string file = desk.files.with(pattern(40));
+  desk.device->update(Updated::mouse, {.size = 40});
+  bool again = false;
+  desk.record.during = [&](const std::string&) {
+    if (desk.record.last() != "OtaProgress 16 40" || std::exchange(again, true)) return;
+    desk.device->update(Updated::mouse, {.size = 40, .silentAt = UpdateStep::open});
+    desk.start(FwUpdate_First, file);
+  };
+  desk.start(FwUpdate_First, file);
+  desk.finish(20s);
+  EXPECT_EQ(desk.record.lines("FwOtaResult"), results({"2 3", "0 11"}));
 }
 
 TEST(Firmware, AStartThatMeetsATimeOutOrAnotherStartWinsWhole) {
@@ -514,6 +554,21 @@ TEST(Firmware, AnUpdateThatEndsInsideWhatItTellsTellsNothingMore) {
       }
     }
   }
+}
+
+TEST(Firmware, ARequestThatWaitsForItsTurnIsDroppedForALaterUpdate) {
+  UpdateDesk desk("Wren");
+  const std::string files[] = {desk.files.with(pattern(16, 1)), desk.files.with(pattern(16, 2)),
+                               desk.files.with(pattern(16, 3))};
+  desk.device->faults.writeTime = 100ms;
+  std::vector<sim::Machine::Spawned> clients;
+  for (const std::string& file : files) {
+    clients.push_back(desk.machine.spawn([&] { desk.start(FwUpdate_First, file); }));
+    desk.run(20ms);
+  }
+  for (auto& client : clients) client.join();
+  EXPECT_EQ(desk.frames(), "f1:08" + hex(pattern(16, 1)) + " f1:08" + hex(pattern(16, 3)));
+  desk.run(10s);
 }
 
 TEST(Firmware, NoFrameOfAnUpdateFollowsTheFirstOneOfALater) {
