@@ -8,6 +8,7 @@
 #include "sim/devices/SbcReference.h"
 #include "tests/Desk.h"
 #include "tests/Sentence.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 
@@ -180,6 +181,33 @@ TEST(Audio, VoiceRequestsEndByTheirBounds) {
   wren->forget();
   EXPECT_EQ(timeOf(desk, [&] { EXPECT_TRUE(desk.hub->CloseHidRecord()); }), 0) << "nothing is open, nothing is sent";
   EXPECT_TRUE(wren->received(0x04).empty());
+}
+
+TEST(Audio, AnAnswerThatComesAtOnceCounts) {
+  for (std::uint64_t seed = 1; seed <= seeds(30) && !HasFailure(); ++seed) {
+    Desk desk({.seed = seed});
+    auto wren = desk.make("Wren");
+    wren->latency = 0ms;
+    desk.machine.plug(wren);
+    desk.open();
+    desk.run(3s);
+    desk.hub->ChooseWorkHidDevice(1);
+    EXPECT_TRUE(desk.hub->OpenHidRecord()) << "seed " << seed;
+  }
+}
+
+TEST(Audio, EveryDeviceIsAskedToCloseItsChannel) {
+  Desk desk;
+  auto wren = desk.openWith("Wren");
+  auto tern = desk.connect("Tern");
+  for (const int device : {1, 2}) {
+    desk.hub->ChooseWorkHidDevice(device);
+    ASSERT_TRUE(desk.hub->OpenHidRecord());
+  }
+  desk.hub->ChooseWorkHidDevice(-1);
+  wren->answer(0x04, {.silent = true});
+  EXPECT_FALSE(desk.hub->CloseHidRecord());
+  EXPECT_FALSE(tern->streaming()) << "also after one that does not confirm";
 }
 
 TEST(Audio, PayloadsThatAreNoPacketsYieldNothing) {

@@ -6,6 +6,7 @@
 
 #include "sim/Text.h"
 #include "tests/Desk.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 
@@ -129,6 +130,10 @@ TEST_F(Commands, MKeyFunctionIsListedSetAndConfirmed) {
   wren->reply(0xB3, {4});
   desk.run(10ms);
   EXPECT_EQ(hub.GetMKeyType_Key1(1, 1), 3);
+
+  // A driver that keeps the request takes no longer.
+  wren->faults.hangWrites = true;
+  EXPECT_EQ(timeOf(desk, [&] { EXPECT_EQ(set(), SetMKeyType_NoAnswer); }), 2500);
 }
 
 TEST_F(Commands, SerialNumbersAreCheckedCharacterByCharacter) {
@@ -213,6 +218,18 @@ TEST_F(Commands, CallbacksCanBeTakenAwayAndMayCallTheHub) {
   hub->SetDpi(1, 900);
   desk.run(10ms);
   EXPECT_EQ(desk.record.lines("DpiSet").size(), 1U);
+}
+
+TEST(Lifecycle, AnAnswerThatComesJustWhenItIsLookedForIsWhole) {
+  for (std::uint64_t seed = 1; seed <= seeds(30) && !HasFailure(); ++seed) {
+    Desk desk({.seed = seed});
+    auto swift = desk.openWith("Swift");
+    for (int i = 0; i < 20; ++i) {
+      const MouseMKeyType type = i % 2 == 0 ? MouseMKeyType_Screenshot : MouseMKeyType_HeldButton;
+      swift->answer(0x15, {.delay = 48ms});
+      EXPECT_EQ(desk.hub->setMKeyType_Key1(1, type), SetMKeyType_Confirmed) << "seed " << seed;
+    }
+  }
 }
 
 TEST(Lifecycle, HubWithoutDevicesAnswersEverything) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tests/Desk.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 
@@ -133,6 +134,26 @@ TEST(Keys, CompletedPressIsSeenOnce) {
   press(desk, *wren, "9");
   EXPECT_TRUE(desk.hub->LeftKeyDown_Up());
   EXPECT_FALSE(desk.hub->LeftKeyDown_Up());
+}
+
+TEST(Keys, AShortPressThatComesJustWhenItIsAskedForIsToldOnce) {
+  for (std::uint64_t seed = 1; seed <= seeds(20) && !HasFailure(); ++seed) {
+    Desk desk({.seed = seed});
+    auto tern = desk.openWith("Tern");
+    auto hand = desk.machine.spawn([&] {
+      for (int i = 0; i < 20; ++i) {
+        tern->key('3');
+        desk.run(50ms);
+      }
+    });
+    int told = 0;
+    for (int i = 0; i < 1200; ++i) {
+      told += desk.hub->Tern_IsShortPress_R() ? 1 : 0;
+      desk.run(1ms);
+    }
+    hand.join();
+    EXPECT_EQ(told, 20) << "seed " << seed;
+  }
 }
 
 TEST(Keys, AnUnreadShortPressIsForgottenWithTheTern) {
