@@ -13,6 +13,7 @@
 #include "sim/devices/Legacy.h"
 #include "tools/capture/Capture.h"
 #include "tools/capture/Recorder.h"
+#include "tools/explore/Explore.h"
 
 namespace {
 
@@ -265,6 +266,28 @@ TEST(Captures, TellTheClientWhatStandsBesideThem) {
 }
 
 // ---- The observer and the recorder ----
+
+TEST(Observer, MayBeTakenAwayWhileItIsTold) {
+  int told = 0;
+  const auto callback = [](const VoxObservation&, void* count) { ++*static_cast<int*>(count); };
+  const auto tell = [] { VoxMessage::PostMainMenu(OpenNavigation); };
+  for (std::uint64_t seed = 1; seed <= seeds(30); ++seed) {
+    sim::Machine machine({.seed = seed});
+    Record record;
+    VoxMessage::SetSink(&record);
+    auto client = machine.spawn([&] {
+      for (int i = 0; i < 20; ++i) {
+        VoxObserver::SetCallback(callback, &told);
+        tell();
+        VoxObserver::SetCallback(nullptr, nullptr);
+      }
+    });
+    for (int i = 0; i < 20; ++i) tell();
+    client.join();
+    VoxMessage::SetSink(nullptr);
+  }
+  EXPECT_GT(told, 0);
+}
 
 TEST(Observer, IsToldOfEverythingThatPasses) {
   struct Seen {

@@ -73,6 +73,10 @@ Outcome speak(Desk& desk, const char* model) {
   desk.run(500ms);
   desk.audio.clear();
   desk.deliveries.clear();
+  std::vector<int> numbers;
+  std::vector<std::wstring> names;
+  call([&] { desk.hub->GetValidHidList(numbers, names); });
+  EXPECT_EQ(numbers.size(), names.size()) << "all of the list, or nothing";
   call([&] { desk.hub->ChooseWorkHidDevice(desk.hub->GetEffectiveDevice()); });
   const bool opened = call([&] { return desk.hub->OpenHidRecord(); });
   desk.run(300ms);
