@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/os.h"
+#include "support/CLock.h"
 #include "support/CallbackSlot.h"
 #include "tests/Desk.h"
 #include "tests/RandomClients.h"
@@ -375,6 +376,20 @@ TEST(Ends, ACallbackAndItsContextAreOnePair) {
       ASSERT_EQ(pair.function == first, pair.context == &one) << "seed " << seed;
     }
     writer.join();
+  }
+}
+
+TEST(Ends, ALockGoesOnFromAHolderThatHasEnded) {
+  sim::Machine machine;
+  CLock lock;
+  machine.spawn([&] { EXPECT_TRUE(lock.Lock()); }).join();
+  for (int i = 0; i < 2; ++i) {
+    machine
+        .spawn([&] {
+          ASSERT_TRUE(lock.Lock(0)) << i;
+          lock.Unlock();
+        })
+        .join();
   }
 }
 
