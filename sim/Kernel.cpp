@@ -18,8 +18,8 @@ struct Standing {
 };
 thread_local Standing standing;
 
-// A run that has simulated this long has lost its way.
-constexpr Time kLongestRun = std::chrono::hours(24 * 60);
+constexpr Time kTermination{100};                          // until a thread that is ended by force has ended
+constexpr Time kLongestRun = std::chrono::hours(24 * 60);  // one that has simulated this long has lost its way
 
 }  // namespace
 
@@ -145,13 +145,19 @@ void Kernel::resume(Thread& thread) {
 
 void Kernel::terminate(Thread& thread) {
   if (thread.state == Thread::State::ended) return;
-  if (&thread == &self()) endSelf(thread);
-  if (virtualTime() || thread.state == Thread::State::suspended) {
-    cancelWait(thread);
-    std::erase(ready_, &thread);
-    finish(thread);
-    return;
-  }
+  if (!virtualTime() && thread.state != Thread::State::suspended) return kill(thread);
+  cancelWait(thread);
+  std::erase(ready_, &thread);
+  finish(thread);
+}
+
+void Kernel::terminateSoon(std::shared_ptr<Thread> thread) {
+  if (thread.get() == &self()) endSelf(*thread);
+  if (thread->state == Thread::State::suspended) return terminate(*thread);
+  after(kTermination, [this, thread]() REQUIRES(gate) { kill(*thread); });
+}
+
+void Kernel::kill(Thread& thread) {
   thread.killed = true;
   if (thread.state == Thread::State::waiting) wakeUp(thread, kTimeOut);
 }

@@ -209,8 +209,10 @@ class Kernel {
   DWORD acting() REQUIRES(gate) { return firing_ ? 0 : self().id; }
   std::shared_ptr<Thread> createThread(std::function<void()> entry, bool suspended) REQUIRES(gate);
   void resume(Thread& thread) REQUIRES(gate);
-  // Ends a thread at the call in which it waits, or at its next one. Ends the caller at once.
+  // Ends a thread where it is, or, with the real clock, as `terminateSoon` does.
   void terminate(Thread& thread) REQUIRES(gate);
+  // Ends a thread after a moment, at the call in which it waits, or at its next one. Ends the caller at once.
+  void terminateSoon(std::shared_ptr<Thread> thread) REQUIRES(gate);
 
   // Waits for the first of `objects` that is signalled, at most `limit` (none: for ever). Returns its index, or
   // kTimeOut.
@@ -277,6 +279,7 @@ class Kernel {
   void ready(Thread& thread) REQUIRES(gate);
   void wakeUp(Thread& thread, int by) REQUIRES(gate);
   void cancelWait(Thread& thread) REQUIRES(gate);
+  void kill(Thread& thread) REQUIRES(gate);
   void suspendSelf(Thread& me, std::optional<Time> until) REQUIRES(gate);
   // goesOn: in order, `me` does, which is the first of those that are ready.
   void switchAway(Thread& me, bool goesOn = false) REQUIRES(gate);

@@ -85,7 +85,9 @@ HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD shareMode, SECURITY_AT
   const auto device =
       std::find_if(usb.begin(), usb.end(), [&](const sim::UsbDevice& known) { return known.path == text; });
   if (device != usb.end()) {
-    if (!device->answers) return call.failed(ERROR_GEN_FAILURE, INVALID_HANDLE_VALUE);
+    const bool answers = device->answers;
+    if (const sim::Time openTime = device->openTime; openTime.count() > 0) call.kernel.waitAny({}, openTime);
+    if (!answers) return call.failed(ERROR_GEN_FAILURE, INVALID_HANDLE_VALUE);
     return call.kernel.open(std::make_shared<sim::Event>(true, false));
   }
   DWORD error = ERROR_FILE_NOT_FOUND;

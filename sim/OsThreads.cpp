@@ -60,11 +60,11 @@ DWORD ResumeThread(HANDLE thread) {
 
 BOOL TerminateThread(HANDLE thread, DWORD) {
   Call call("TerminateThread");
-  auto* object = call.object<sim::Thread>(thread);
-  if (!object) return FALSE;
+  if (!call.object<sim::Thread>(thread)) return FALSE;
+  auto object = call.kernel.find<sim::Thread>(thread);
   note(call, *object, "ended by force");
   call.kernel.countForcedEnd();
-  call.kernel.terminate(*object);
+  call.kernel.terminateSoon(std::move(object));
   return TRUE;
 }
 

@@ -7,12 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "sim/Kernel.h"
+
 namespace sim {
 
 // An entry of the list of USB devices.
 struct UsbDevice {
   std::wstring path;
   bool answers = true;  // can be opened
+  Time openTime{0};     // that this takes
 };
 
 // An entry of the media device class.

@@ -84,13 +84,6 @@ TEST(Ends, HoweverManyWaitForADriverAllReturnWhenTheHubStops) {
   desk.run(10s);
 }
 
-// Whether anybody has a handle of it: nobody else may open it alone then.
-bool isOpen(const sim::HidDevice& device) {
-  const HANDLE alone = os::CreateFileW(device.path().c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-  if (alone != INVALID_HANDLE_VALUE) os::CloseHandle(alone);
-  return alone == INVALID_HANDLE_VALUE;
-}
-
 TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
   // A write that comes back when it is cancelled, and one whose driver lets go of nothing for 10 s.
   for (const bool ignoreCancel : {false, true}) {
@@ -117,7 +110,6 @@ TEST(Ends, ADriverThatKeepsAWriteKeepsNobodyElse) {
       EXPECT_LE(took, kBound);
       EXPECT_EQ(tern->received(0x02).size(), end == 0 ? 1U : 0U) << "AppExit, where something is live";
       EXPECT_EQ(desk.machine.balance().threads, ignoreCancel ? 1U : 0U) << "the one inside the driver";
-      EXPECT_EQ(isOpen(*wren), ignoreCancel) << "that one closes its handle when it comes back";
       desk.run(10s);
       EXPECT_EQ(desk.machine.balance().threads, 0U) << "it has freed what it held";
       EXPECT_EQ(desk.machine.forcedEnds(), 0U);
@@ -382,15 +374,12 @@ TEST(Ends, ACallbackAndItsContextAreOnePair) {
 TEST(Ends, ALockGoesOnFromAHolderThatHasEnded) {
   sim::Machine machine;
   CLock lock;
-  machine.spawn([&] { EXPECT_TRUE(lock.Lock()); }).join();
-  for (int i = 0; i < 2; ++i) {
-    machine
-        .spawn([&] {
-          ASSERT_TRUE(lock.Lock(0)) << i;
-          lock.Unlock();
-        })
-        .join();
-  }
+  machine.spawn([&]() NO_THREAD_SAFETY_ANALYSIS { EXPECT_TRUE(lock.Lock()); }).join();
+  const auto another = [&]() NO_THREAD_SAFETY_ANALYSIS {
+    ASSERT_TRUE(lock.Lock(0));
+    lock.Unlock();
+  };
+  for (int i = 0; i < 2; ++i) machine.spawn(another).join();
 }
 
 // ---- Devices that go and come ----

@@ -652,6 +652,23 @@ TEST(LegacyThreads, EndWithin50MillisecondsFromWhereverTheyWait) {
   }
 }
 
+TEST(LegacyThreads, OfAModeSwitchTouchNothingOnceItIsReleased) {
+  LegacyDesk desk;
+  CPreferences::Instance()->SetHardWare(HardWare_LaserPen);
+  auto usb = desk.device(LegacyKind::usbMouse);
+  auto pen = desk.device(LegacyKind::laserPen);
+  usb->plug();
+  pen->plug();
+  for (sim::UsbDevice& each : desk.peripherals().usb) each.openTime = 5s;
+  CFormerLaserPen keys;
+  CSoftModeSwitch modes;
+  modes.StartCheck(nullptr, nullptr, &*desk.mouse, desk.hub.get(), &keys);
+  desk.run(10'200ms);
+  EXPECT_EQ(timeOf(desk, [&] { modes.Release(); }), 2000) << "the first look at the devices is not over";
+  desk.run(10s);
+  EXPECT_EQ(desk.machine.balance().threads, 1U) << "the poller, as ever: the older mouse is not started any more";
+}
+
 TEST(LegacyThreads, AreSharedByCopiesAndEndWithTheLast) {
   BusyDesk desk;
   desk.mouse->Release();  // the poller

@@ -76,7 +76,8 @@ TEST(Machine, EventsAndMutexesKeepTheirRules) {
   EXPECT_EQ(os::WaitForSingleObject(mutex, 100), WAIT_TIMEOUT);
   EXPECT_EQ(os::ReleaseMutex(mutex), FALSE) << "not ours";
   EXPECT_EQ(os::TerminateThread(holder, 0), TRUE);
-  EXPECT_EQ(os::WaitForSingleObject(holder, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(os::WaitForSingleObject(mutex, 0), WAIT_TIMEOUT) << "it is not ended at once";
+  EXPECT_EQ(os::WaitForSingleObject(holder, 1), WAIT_OBJECT_0);
   EXPECT_EQ(os::WaitForSingleObject(mutex, 0), WAIT_ABANDONED);
   EXPECT_EQ(os::ReleaseMutex(mutex), TRUE);
   EXPECT_EQ(os::WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
