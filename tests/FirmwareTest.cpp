@@ -662,7 +662,7 @@ void updateClients(Trial& random) {
   }
   for (auto& client : clients) client.join();
   if (early) {
-    EXPECT_EQ(desk.machine.balance().threads, 0U);
+    EXPECT_EQ(desk.machine.balance().threads, 0U) << desk.machine.waiting();
     return;
   }
   desk.run(60s);

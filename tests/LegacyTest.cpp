@@ -785,6 +785,31 @@ TEST(LegacyThreads, ADriverOrAClientThatDoesNotReturnIsLeftOrEnded) {
   desk.leftOpen.handles += 2;
 }
 
+TEST(LegacyThreads, AReleaseEndsNobodyWhoWasAskedOnlyJustNow) {
+  BusyDesk desk;
+  auto stuck = desk.device(LegacyKind::hidMouse);
+  stuck->plug();
+  stuck->hid()->faults.ignoreCancel = true;
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  const auto release = [&] { desk.mouse->Release(); };
+  auto first = desk.machine.spawn(release);  // waits two seconds for the driver
+  desk.run(1900ms);
+  desk.mouse->StartCheck();
+  desk.run(20ms);
+  desk.record.during = [&](const std::string&) { desk.run(300ms); };
+  desk.lark->hid()->key(0x65);
+  desk.run(20ms);
+  auto second = desk.machine.spawn(release);
+  first.join();
+  second.join();
+  EXPECT_EQ(desk.machine.forcedEnds(), 0U) << "the client had no more than a tenth of a second";
+  stuck->unplug();
+  desk.run(1ms);
+  EXPECT_EQ(desk.threads(), 0U);
+  desk.leftOpen.handles += 2;
+}
+
 // Clients that call anything, on threads of their own and inside messages, while devices come and go.
 struct Turmoil {
   explicit Turmoil(Trial& run) : random(run), desk(run.machine) {

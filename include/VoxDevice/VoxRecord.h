@@ -72,5 +72,7 @@ class VOXDEVICE_API CVoxRecord : public CThread {
   class Recording;
   struct Recorder;
 
+  explicit CVoxRecord(std::shared_ptr<Recorder> original);  // a copy
+
   const std::shared_ptr<Recorder> m_pRecorder;
 };

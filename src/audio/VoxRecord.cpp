@@ -220,13 +220,12 @@ CVoxRecord::~CVoxRecord() {
   EndThreads(deadline.Left());
 }
 
-CVoxRecord::CVoxRecord(const CVoxRecord& other)
-    // The original may go while it is copied: a reference to what stands behind it is taken first.
-    : CThread(other), m_pRecorder([this, original = other.m_pRecorder] {
-        auto copy = MakeWhole<Recorder>(this, threads_);
-        copy->CopyFrom(original);
-        return copy;
-      }()) {}
+// The original may go while it is copied: a reference to what stands behind it is taken before anything else.
+CVoxRecord::CVoxRecord(const CVoxRecord& other) : CVoxRecord(other.m_pRecorder) {}
+
+CVoxRecord::CVoxRecord(std::shared_ptr<Recorder> original) : m_pRecorder(MakeWhole<Recorder>(this, threads_)) {
+  m_pRecorder->CopyFrom(original);
+}
 
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): what stands behind the two is compared.
 CVoxRecord& CVoxRecord::operator=(const CVoxRecord& other) {

@@ -145,8 +145,13 @@ void CHub::ForEachLeaving(Call call) {
 void CHub::Stop(CDeadline deadline) {
   stopDetection = true;
   AskDetections();
-  // All are asked before one is waited for: they end at the same time.
-  ForEachToEnd([](CDeviceReader& reader) { reader.Ask(); });
+  // All are asked before one is waited for: they end at the same time. None is let go of by the last of its threads
+  // before that has ended.
+  std::vector<std::shared_ptr<CDeviceReader>> asked;
+  ForEachToEnd([&](CDeviceReader& reader) {
+    HadMemory([&] { asked.push_back(reader.shared_from_this()); });
+    reader.Ask();
+  });
   EndDetections(deadline);
   ForEachToEnd([&](CDeviceReader& reader) { reader.End(deadline); });
 }

@@ -160,7 +160,7 @@ void CFormerMouse::State::Release(bool forGood) {
     hid->Release();
     qlChecks.Release();
   }
-  CTasks::End({&usb->pollers, &hid->reChecks, &hid->readers, &qlChecks});
+  CTasks::Present({&usb->pollers, &hid->reChecks, &hid->readers, &qlChecks}).End();
 }
 
 void CFormerMouse::Init() { owner_->Share()->Init(); }

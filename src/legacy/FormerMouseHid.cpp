@@ -59,7 +59,7 @@ void CFormerMouse_Hid::State::Release() {
 
 void CFormerMouse_Hid::State::End() {
   Release();
-  CTasks::End({&reChecks, &readers});
+  CTasks::Present({&reChecks, &readers}).End();
 }
 
 void CFormerMouse_Hid::State::EndForGood() {
@@ -85,7 +85,7 @@ void CFormerMouse_Hid::State::OnThreadReCheckHidProc(const std::shared_ptr<Run>&
   }
   if (!thread.IsReleased()) DoubleClick.SetKeyState(ButtonUp);
   // Nobody else asks again when one was on its way into its read.
-  CTasks::Await({&readers}, CDeadline(kEndWait));
+  CTasks::Present({&readers}).Await(CDeadline(kEndWait));
 }
 
 void CFormerMouse_Hid::State::OpenHidDevice(const std::shared_ptr<Run>& run, const std::wstring& path,

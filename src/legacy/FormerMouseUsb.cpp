@@ -71,7 +71,7 @@ void CFormerMouse_Usb::State::StopCheck() {
 
 void CFormerMouse_Usb::State::End() {
   pollers.Release();
-  CTasks::End({&pollers});
+  CTasks::Present({&pollers}).End();
 }
 
 void CFormerMouse_Usb::State::OnThreadCheckButtonProc(CWorker& thread) {

@@ -75,7 +75,7 @@ void CSoftModeSwitch::State::StartCheck(const Run& run) {
 void CSoftModeSwitch::State::Release(bool forGood) {
   if (forGood) switches.Close();
   switches.Release();
-  CTasks::End({&switches});
+  CTasks::Present({&switches}).End();
 }
 
 namespace {

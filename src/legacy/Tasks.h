@@ -1,6 +1,8 @@
 // The threads of the older hardware's objects.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <initializer_list>
 #include <memory>
 #include <utility>
@@ -13,6 +15,12 @@
 // Threads of one kind: each start gets one of its own, so that none is lost while an earlier one is about to end.
 // Ending them needs no memory.
 class CTasks {
+  struct Task {
+    explicit Task(HANDLE stop) : worker(stop) {}
+    CWorker worker;
+    std::shared_ptr<Task> before;  // another one of the kind
+  };
+
  public:
   // lock: the owner's, which it also holds when it decides on more than one call.
   explicit CTasks(CLock& lock) noexcept : lock_(lock) {}
@@ -62,34 +70,50 @@ class CTasks {
     closed_ = true;
   }
 
-  // Without a lock. Asks those again that have been asked, since a thread may have been on its way into a blocking
-  // call, until they are gone or the deadline has passed.
-  static void Await(std::initializer_list<CTasks*> kinds, CDeadline deadline) {
-    for (;;) {
-      bool gone = true;
-      ForEachAsked(kinds, [&](CWorker& task) {
-        if (task.IsCurrent() || task.HasEnded()) return;
-        task.Ask();
-        gone = false;
-      });
-      if (gone || deadline.HasPassed()) return;
-      os::Sleep(1);
+  // Those of some kinds, at most four, that are there now. One that starts later is not meant, also when somebody else
+  // asks it to end: he waits for it.
+  class Present {
+   public:
+    Present(std::initializer_list<CTasks*> kinds) {
+      std::size_t i = 0;
+      for (const CTasks* kind : kinds) latest_.at(i++) = {kind, kind->Before(nullptr)};
     }
-  }
-  // Without a lock.
-  static void End(std::initializer_list<CTasks*> kinds) {
-    const CDeadline deadline = CWorker::Patience();
-    Await(kinds, deadline);
-    ForEachAsked(kinds, [&](CWorker& task) { task.End(deadline); });
-  }
+    // Without a lock. Asks those again that have been asked, since a thread may have been on its way into a blocking
+    // call, until they are gone or the deadline has passed.
+    void Await(CDeadline deadline) const {
+      for (;;) {
+        bool gone = true;
+        ForEachAsked([&](CWorker& task) {
+          if (task.IsCurrent() || task.HasEnded()) return;
+          task.Ask();
+          gone = false;
+        });
+        if (gone || deadline.HasPassed()) return;
+        os::Sleep(1);
+      }
+    }
+    // Without a lock.
+    void End() const {
+      const CDeadline deadline = CWorker::Patience();
+      Await(deadline);
+      ForEachAsked([&](CWorker& task) { task.End(deadline); });
+    }
 
- private:
-  struct Task {
-    explicit Task(HANDLE stop) : worker(stop) {}
-    CWorker worker;
-    std::shared_ptr<Task> before;  // another one of the kind
+   private:
+    // One that is taken out meanwhile still leads to those before it.
+    template <class Visit>
+    void ForEachAsked(Visit visit) const {
+      for (const auto& [kind, latest] : latest_) {
+        for (auto each = latest; each; each = kind->Before(each.get())) {
+          if (each->worker.IsAsked()) visit(each->worker);
+        }
+      }
+    }
+
+    std::array<std::pair<const CTasks*, std::shared_ptr<Task>>, 4> latest_;
   };
 
+ private:
   template <class Condition>
   bool Any(Condition condition) const {
     const CAutoLock lock(lock_);
@@ -97,15 +121,6 @@ class CTasks {
       if (condition(each->worker)) return true;
     }
     return false;
-  }
-  // One that is taken out meanwhile still leads to those before it.
-  template <class Visit>
-  static void ForEachAsked(std::initializer_list<CTasks*> kinds, Visit visit) {
-    for (CTasks* kind : kinds) {
-      for (auto each = kind->Before(nullptr); each; each = kind->Before(each.get())) {
-        if (each->worker.IsAsked()) visit(each->worker);
-      }
-    }
   }
   std::shared_ptr<Task> Before(const Task* task) const {
     const CAutoLock lock(lock_);
