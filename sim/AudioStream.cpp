@@ -64,7 +64,7 @@ class Stream final : public std::enable_shared_from_this<Stream> {
   }
   void leave(Kernel& kernel) REQUIRES(gate) {
     if (--clients > 0) return;
-    if (running && !stopCalled && event && !kernel.find<Event>(event)) eventIsClosed(kernel);
+    if (running && event && !kernel.find<Event>(event)) eventIsClosed(kernel);
     stop();
   }
   // The speaker has been pulled out since the client was made, or its service has failed.
@@ -120,8 +120,9 @@ class Stream final : public std::enable_shared_from_this<Stream> {
       eventIsClosed(machine.kernel());
     }
   }
-  static void eventIsClosed(Kernel& kernel) REQUIRES(gate) {
-    kernel.misused("IAudioClient::SetEventHandle: the event was closed while the stream runs");
+  // Who has tried to stop it can do no more.
+  void eventIsClosed(Kernel& kernel) const REQUIRES(gate) {
+    if (!stopCalled) kernel.misused("IAudioClient::SetEventHandle: the event was closed while the stream runs");
   }
   // The backlog is as long as the buffer that was asked for. The packet that the client has stays.
   void dropOldest(REFERENCE_TIME period) {
