@@ -113,16 +113,18 @@ class RecorderClients {
         }
       }));
     }
+    bool stalls = false;
     for (int n = 0; n < 4; ++n) {
       desk_.run(std::chrono::milliseconds(below(700)));
       const char* call = calls_[below(calls_.size())];
       switch (below(4)) {
         case 0:
-          // Where there is no thread to leave it to, a driver that stalls keeps who destroys.
-          if (std::string(call) == "_beginthreadex") desk_.machine.faults().repair();
+          // Where there is no thread to leave it to, a driver that stalls, or still does, keeps who destroys.
+          if (std::string(call) == "_beginthreadex" && stalls) break;
           desk_.machine.faults().fail(call, -1, static_cast<int>(below(4)));
           break;
         case 1:
+          stalls = true;
           desk_.machine.faults().repair();
           desk_.machine.faults().stall(call, std::chrono::milliseconds(below(5000)));
           break;
