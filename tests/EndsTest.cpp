@@ -69,12 +69,12 @@ TEST(Ends, HoweverManyWaitForADriverAllReturnWhenTheHubStops) {
   wren->faults.writeTime = 10s;
   wren->faults.ignoreCancel = true;
   std::int64_t returned = 0;
-  std::vector<sim::Machine::Spawned> clients;
-  for (int i = 0; i < 6; ++i) {
-    clients.push_back(desk.machine.spawn([&] {
+  std::vector<sim::Machine::Spawned> clients(6);
+  for (auto& client : clients) {
+    client = desk.machine.spawn([&] {
       desk.hub->SetDpi(1, 800);
       returned = desk.milliseconds();
-    }));
+    });
   }
   desk.run(100ms);
   const auto began = desk.milliseconds();
