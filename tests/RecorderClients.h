@@ -1,6 +1,7 @@
 // Clients of a recorder at random: threads that call anything on objects that they share, copy, assign and destroy.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <functional>
@@ -113,23 +114,30 @@ class RecorderClients {
         }
       }));
     }
-    bool stalls = false;
+    sim::Time stalls{0}, kept{0};  // how long a driver keeps a call now; until when it may keep one
+    const auto repair = [&] {
+      kept = std::max(kept, desk_.machine.now() + std::exchange(stalls, sim::Time{0}));
+      desk_.machine.faults().repair();
+    };
     for (int n = 0; n < 4; ++n) {
       desk_.run(std::chrono::milliseconds(below(700)));
       const char* call = calls_[below(calls_.size())];
       switch (below(4)) {
         case 0:
           // Where there is no thread to leave it to, a driver that stalls, or still does, keeps who destroys.
-          if (std::string(call) == "_beginthreadex" && stalls) break;
+          if (std::string(call) == "_beginthreadex") {
+            repair();
+            if (desk_.machine.now() < kept) break;
+          }
           desk_.machine.faults().fail(call, -1, static_cast<int>(below(4)));
           break;
         case 1:
-          stalls = true;
-          desk_.machine.faults().repair();
-          desk_.machine.faults().stall(call, std::chrono::milliseconds(below(5000)));
+          repair();
+          stalls = std::chrono::milliseconds(below(5000));
+          desk_.machine.faults().stall(call, stalls);
           break;
         default:
-          desk_.machine.faults().repair();
+          repair();
       }
     }
     if (below(2) == 0) {

@@ -71,7 +71,7 @@ class CTasks {
   }
 
   // Those of some kinds, at most four, that are there now. One that starts later is not meant, also when somebody else
-  // asks it to end: he waits for it.
+  // asks it to end: who asks it waits for it.
   class Present {
    public:
     Present(std::initializer_list<CTasks*> kinds) {
